@@ -83,3 +83,12 @@ build_preset() {
   fi
   cmake --build --preset "$preset"
 }
+
+# The same, silent unless it fails.
+build_quietly() {
+  local output
+  output=$(build_preset "$1" 2>&1) || {
+    printf '%s\n' "$output" >&2
+    die "the build of $1 failed"
+  }
+}
