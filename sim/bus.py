@@ -142,6 +142,7 @@ class Bus:
                 ),
                 stdout=subprocess.PIPE,
                 stderr=errors,
+                start_new_session=True,
             )  # fmt: skip
         if not self.process.stdout.readline():
             raise AssertionError(f"the private bus did not start: {log.read_text()}")

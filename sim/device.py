@@ -119,6 +119,11 @@ class Device:
             path.write_text(text)
         return path
 
+    def poke(self, inside, text):
+        """Overwrites the start of a file in one go, so that a reader never finds it empty."""
+        with open(self.path(inside), "r+b", buffering=0) as file:
+            file.write(text.encode())
+
     def read(self, inside):
         return self.path(inside).read_text()
 
@@ -174,6 +179,7 @@ class Device:
                 stderr=err,
                 env=self._environment(environment),
                 pass_fds=(info_write,),
+                start_new_session=True,  # an interrupt from the terminal is for the caller alone
             )
         os.close(info_write)
         with os.fdopen(info_read) as info:

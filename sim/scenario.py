@@ -32,7 +32,7 @@ def expect(holds, what):
 
 def an_input_flips(device, changes, names):
     with step("The door opens: its file turns to 1") as tell:
-        device.write(f"{show.INPUTS}/door", "1\n")
+        device.poke(f"{show.INPUTS}/door", "1\n")
         tell(show.describe(changes.wait_for(PortChanged, port=0, state=True, input=True), names))
         expect(device.state.GetState(0) is True, "GetState agrees with the signal")
 
