@@ -87,8 +87,8 @@ def an_optional_port_goes_and_comes(device, _changes, _names):
 
 def a_lamp_blinks(device, changes, names):
     with step("The lamp blinks; a second blink meanwhile is refused") as tell:
-        device.state.StartActionSequence(4, False, BLINK)
         started = time.monotonic()
+        device.state.StartActionSequence(4, False, BLINK)
         try:
             device.state.StartActionSequence(4, False, BLINK)
         except BusError as error:

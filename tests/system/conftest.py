@@ -37,11 +37,27 @@ def binary(pytestconfig):
     return pathlib.Path(pytestconfig.getoption("--binary")).resolve()
 
 
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item):
+    outcome = yield
+    if outcome.get_result().failed:
+        item.has_failed = True
+
+
 @pytest.fixture
-def make_device(binary):
+def make_device(binary, request):
     """Makes devices with options of their own; each is checked and removed after the test."""
     with contextlib.ExitStack() as stack:
-        yield lambda **options: stack.enter_context(Device(binary, **options))
+        devices = []
+
+        def make(**options):
+            devices.append(stack.enter_context(Device(binary, **options)))
+            return devices[-1]
+
+        yield make
+        for device in devices:
+            # One failure is enough to tell; the end of a device amid a failed test proves nothing.
+            device.abandoned = getattr(request.node, "has_failed", False)
 
 
 @pytest.fixture

@@ -3,17 +3,18 @@
 from xml.sax.saxutils import quoteattr
 
 
-def attributes(**values):
-    """name="value" pairs; an underscore at the end of a Python name is dropped."""
+def attributes(values):
+    """name="value" pairs, in the order given."""
     return "".join(
-        f" {name.rstrip('_')}={quoteattr(str(value))}"
+        f" {name}={quoteattr(str(value))}"
         for name, value in values.items()
         if value is not None
     )
 
 
-def element(name, inside="", **values):
-    return f"<{name}{attributes(**values)}>{inside}</{name}>"
+def element(tag, inside="", /, **values):
+    """An element with attributes; those that are None are left out."""
+    return f"<{tag}{attributes(values)}>{inside}</{tag}>"
 
 
 def port(

@@ -411,7 +411,12 @@ def test_a_backend_child_before_any_name_is_refused_with_file_line_and_element(d
 
 def test_events_and_their_values_are_accepted_wherever_they_stand(device):
     event = element("event", declaration="Port", input="TRUE", output="maybe", declare_only="false")
-    values = element("keyvalue", key="k", value="v", type="int", property="TRUE") + "<keyvalue/>"
-    start_with(device, event + bare("<event/>" + event + values) + event + values)
+    values = element("keyvalue", key="k", value="v", type="string", property="TRUE")
+    start_with(device, event + bare(event + values) + event + values)
     assert names(device) == ["a"]
     assert device.log_count("WARNING") == 0
+
+
+def test_a_bare_event_harms_nothing(device):
+    start_with(device, bare("<event/>"))
+    assert names(device) == ["a"]
