@@ -391,8 +391,11 @@ def test_backend_attributes_before_its_name_are_refused_with_file_line_and_eleme
         '<properties ioport="true"/></port></config>',
     )
     device.start()
-    # The first attribute only opens the element for the backend; nothing was there to take it.
-    assert names(device) in (["a"], []), "the daemon lives"
+    # The first attribute opens the element for the backend, but nothing is there yet to take it.
+    assert names(device) == ["a"]
+    warnings = [line for line in device.log if line.startswith("WARNING: ") and "backend" in line]
+    assert warnings
+    assert all(DESCRIPTION in line and "4" in line for line in warnings)
 
 
 def test_a_backend_child_before_any_name_is_refused_with_file_line_and_element(device):

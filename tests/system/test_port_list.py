@@ -305,3 +305,13 @@ def test_a_virtual_port_gets_a_default_name_but_is_not_saved_at_the_start(device
     device.state.SetVirtual(0, True)
     device.sync()
     assert device.saved["v"]["output_name"] == "Port 1"
+
+
+def test_hundreds_of_ports_are_served_and_saved(device):
+    count = 300
+    device.describe("".join(port(f"p{number}", number) for number in range(count)))
+    device.start()
+    assert device.state.GetNbrPorts() == (0, count)
+    assert [entry.number for entry in device.port_list()] == list(reversed(range(count)))
+    assert device.state.GetNames(count - 1) == ("", f"Port {count}")
+    assert list(device.saved) == [f"p{number}" for number in reversed(range(count))]

@@ -340,3 +340,22 @@ def test_set_virtual_on_any_other_port_is_refused(running, number):
 def test_the_answer_comes_for_each_of_many_calls_in_flight(running):
     calls = [running.state.begin("GetState", n % 3) for n in range(300)]
     assert all(call.wait() is False for call in calls)
+
+
+@pytest.mark.parametrize(
+    "path, interface, method, signature, arguments",
+    [
+        pytest.param(STATE_PATH, STATE_NAME, "GetState", "i", (0,), id="wrong type"),
+        pytest.param(STATE_PATH, STATE_NAME, "GetState", "", (), id="too little"),
+        pytest.param(STATE_PATH, STATE_NAME, "GetState", "uu", (0, 0), id="too much"),
+        pytest.param(STATE_PATH, STATE_NAME, "Nonsense", "", (), id="no such method"),
+        pytest.param(STATE_PATH, "com.norv.Nonsense", "GetState", "u", (0,), id="no such interface"),
+        pytest.param("/com/norv/Nonsense", STATE_NAME, "GetState", "u", (0,), id="no such object"),
+    ],
+)
+def test_a_call_that_does_not_fit_is_refused_and_harms_nothing(
+    running, path, interface, method, signature, arguments
+):
+    with pytest.raises(BusError, match=r"^org\.freedesktop\.DBus\.Error\."):
+        running.first_client.call(STATE_NAME, path, interface, method, signature, *arguments)
+    assert running.state.GetState(0) is False
