@@ -41,7 +41,7 @@ UNWANTED = re.compile(
 )
 
 VALGRIND = (
-    "valgrind", "--quiet", "--error-exitcode=99", "--leak-check=full", "--show-leak-kinds=definite",
+    "valgrind", "--quiet", "--vgdb=no", "--error-exitcode=99", "--leak-check=full", "--show-leak-kinds=definite",
     "--errors-for-leak-kinds=definite", "--child-silent-after-fork=yes",
 )  # fmt: skip
 
@@ -65,6 +65,7 @@ class Device:
         self.quiet = quiet
         if user is not None:
             os.chmod(self.scratch, 0o711)
+        self.abandoned = False  # set it to leave the device without any check
         self.process = None
         self.lives = 0
         self._init_pid = None
@@ -83,19 +84,16 @@ class Device:
         return self
 
     def __exit__(self, kind, *_):
+        orderly = kind in (None, KeyboardInterrupt) and not self.abandoned
         try:
-            if self.running:
-                if kind in (None, KeyboardInterrupt):
-                    self.stop()
-                else:
-                    self.kill()
-            if kind is None:
+            if orderly and self.running:
+                self.stop()
+            if orderly:
                 self.assert_clean_log()
         finally:
-            if not self.quiet or kind not in (None, KeyboardInterrupt):
+            if not (orderly and self.quiet):
                 self.print_log()
-            if self.running:
-                self.kill()
+            self.kill()
             self._closers.close()
             shutil.rmtree(self.scratch, ignore_errors=True)
 
@@ -118,6 +116,11 @@ class Device:
         else:
             path.write_text(text)
         return path
+
+    def poke(self, inside, text):
+        """Overwrites the start of a file in one go, so that a reader never finds it empty."""
+        with open(self.path(inside), "r+b", buffering=0) as file:
+            file.write(text.encode())
 
     def read(self, inside):
         return self.path(inside).read_text()
@@ -174,6 +177,7 @@ class Device:
                 stderr=err,
                 env=self._environment(environment),
                 pass_fds=(info_write,),
+                start_new_session=True,  # an interrupt from the terminal is for the caller alone
             )
         os.close(info_write)
         with os.fdopen(info_read) as info:

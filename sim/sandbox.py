@@ -35,7 +35,7 @@ class Sandbox:
     """A scratch folder laid out as the device's file system, and the way into it.
 
     user: numeric id of an ordinary user to run as; None keeps the caller's identity. Only root can
-    choose one. without_capabilities: names such as "cap_setgid" that root is to lack inside.
+    choose one. without_capabilities: names such as "setgid" that root is to lack inside.
     """
 
     def __init__(self, root, user=None, without_capabilities=()):
@@ -92,11 +92,12 @@ class Sandbox:
             return [*become, *bwrap, "--", *argv]
         if os.getuid() != 0:
             return [*bwrap, "--", *argv]
-        bwrap += ["--cap-add", "ALL"]
-        for capability in self.without_capabilities:
-            bwrap += ["--cap-drop", capability.upper()]
-        # bubblewrap may pass capabilities on as inheritable ones; a freshly booted root has none.
-        return [*bwrap, "--", "setpriv", "--inh-caps=-all", "--ambient-caps=-all", *argv]
+        # bubblewrap drops root's capabilities unless told, and may pass them on as inheritable; a
+        # freshly booted root has them all and none to inherit. Root gets on exec what its bounding
+        # set holds, so that is the place to take some away.
+        bounds = [f"--bounding-set=-{name}" for name in self.without_capabilities]
+        plain_root = ["setpriv", "--inh-caps=-all", "--ambient-caps=-all", *bounds]
+        return [*bwrap, "--cap-add", "ALL", "--", *plain_root, *argv]
 
     def bus_command(self, argv):
         """The command line that runs a message bus inside, as the caller.
