@@ -2,6 +2,7 @@
 #include "core/conf-reader.h"
 #include "core/privileges.h"
 #include "dbus/iocontrol.h"
+#include "dbus/iosupervised.h"
 #include "param/param.h"
 #include "platform/handles.h"
 #include "platform/log.h"
@@ -104,9 +105,11 @@ bool read_user_params() {
 
 void start_services() {
   iocontrol_init_dbus();
+  iosupervised_init_dbus();
 }
 
 void stop_services() {
+  iosupervised_unreg_dbus();
   iocontrol_unreg_dbus();
 }
 

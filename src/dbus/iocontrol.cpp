@@ -2,6 +2,7 @@
 // port when it was configured. Every invocation is answered exactly once.
 #include "dbus/iocontrol.h"
 
+#include "dbus/connector.h"
 #include "dbus/dbus-handles.h"
 #include "dbus/iocontrol-state-gen.h"
 #include "param/param.h"
@@ -20,6 +21,7 @@ constexpr const char* state_path = "/com/norv/IOControl/State";
 
 SharedSkeleton<IOControlState> state_interface;
 guint state_owner_id = 0;
+guint connector_owner_id = 0;
 bool legacy_interface = true;
 
 constexpr std::array error_entries{
@@ -392,6 +394,9 @@ bool iocontrol_init_dbus() {
   port_observer.sequence_done = iocontrol_emit_action_sequence_done;
   state_owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, state_name, G_BUS_NAME_OWNER_FLAGS_NONE,
                                   iocontrol_on_bus_acquired, nullptr, nullptr, nullptr, nullptr);
+  connector_owner_id =
+      g_bus_own_name(G_BUS_TYPE_SYSTEM, connector_name, G_BUS_NAME_OWNER_FLAGS_NONE,
+                     connector_on_bus_acquired, nullptr, nullptr, nullptr, nullptr);
   return true;
 }
 
@@ -400,6 +405,8 @@ bool iocontrol_unreg_dbus() {
   port_observer.sequence_done = nullptr;
   state_interface.reset();
   g_bus_unown_name(std::exchange(state_owner_id, 0));
+  connector_unpublish();
+  g_bus_unown_name(std::exchange(connector_owner_id, 0));
   return true;
 }
 
