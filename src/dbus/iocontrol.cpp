@@ -4,7 +4,9 @@
 
 #include "dbus/connector.h"
 #include "dbus/dbus-handles.h"
+#include "dbus/iocontrol-conf-legacy-dbus.h"
 #include "dbus/iocontrol-state-gen.h"
+#include "dbus/service-registry.h"
 #include "param/param.h"
 #include "platform/log.h"
 #include "port/action-sequence.h"
@@ -322,6 +324,11 @@ gboolean on_handle_start_action_sequence(IOControlState* object, GDBusMethodInvo
 
 // After ports came or went: whoever shows the port set learns of it, new ports are watched.
 void serve_changed_port_set() {
+  if (use_legacy_interface()) {
+    iocontrol_conf_legacy_dbus_destroy();
+    generate_service_registry();
+    iocontrol_conf_legacy_dbus_create();
+  }
   io_port_list_set_watch();
   io_port_list_declare_events();
 }
