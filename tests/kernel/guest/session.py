@@ -78,7 +78,7 @@ def run(arguments):
     import pytest  # pylint: disable=import-outside-toplevel
 
     return pytest.main(
-        ["-p", "no:cacheprovider", f"--junitxml={OUT}/kernel.xml", "--tb=short", "-v", *arguments]
+        ["-p", "no:cacheprovider", "--timeout=60", f"--junitxml={OUT}/kernel.xml", "--tb=short", "-v", *arguments]
     )
 
 

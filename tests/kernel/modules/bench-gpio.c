@@ -85,6 +85,7 @@ static const struct chip_plan plans[] = {
 };
 
 static struct platform_device *devices[ARRAY_SIZE(plans)];
+static struct fwnode_handle *names_node;
 static struct dentry *debug_root;
 
 static bool wire_level(const struct bench_line *line)
@@ -440,12 +441,16 @@ static struct platform_device *add_device(const struct chip_plan *plan, int id)
 		PROPERTY_ENTRY_STRING_ARRAY("gpio-line-names", labelled),
 		{}
 	};
-	struct platform_device_info info = {
-		.name = "bench-gpio",
-		.id = id,
-		.properties = plan->in_descriptors ? properties : NULL,
-	};
+	struct platform_device_info info = { .name = "bench-gpio", .id = id };
 
+	if (plan->in_descriptors) {
+		/* A node of our own outlives the chip's going; one that the
+		 * device manages is put once too often then. */
+		names_node = fwnode_create_software_node(properties, NULL);
+		if (IS_ERR(names_node))
+			return ERR_CAST(names_node);
+		info.fwnode = names_node;
+	}
 	return platform_device_register_full(&info);
 }
 
@@ -456,6 +461,7 @@ static void remove_devices(void)
 	for (i = 0; i < ARRAY_SIZE(plans); i++)
 		if (!IS_ERR_OR_NULL(devices[i]))
 			platform_device_unregister(devices[i]);
+	fwnode_remove_software_node(names_node);
 }
 
 static int __init bench_init(void)
