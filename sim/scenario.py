@@ -1,0 +1,135 @@
+"""The story that scripts/run --scenario plays: each step says what happened, or fails the story."""
+
+import contextlib
+import time
+
+from sim import show
+from sim.bus import ActionSequenceDone, BusError, PortChanged
+
+BLINK = [(True, 150), (False, 150), (True, 150), (False, 150)]
+
+
+@contextlib.contextmanager
+def step(title):
+    """Announces a step; the facts that it collects are printed below it."""
+    facts = []
+    started = time.monotonic()
+    try:
+        yield facts.append
+    except Exception:
+        print(f"{show.red('✗')} {show.bold(title)}", flush=True)
+        raise
+    took = f"{(time.monotonic() - started) * 1000:.0f} ms"
+    print(f"{show.green('✓')} {show.bold(title)}  {show.dim(took)}")
+    for fact in facts:
+        print(f"    {fact}")
+
+
+def expect(holds, what):
+    if not holds:
+        raise AssertionError(what)
+
+
+def an_input_flips(device, changes, names):
+    with step("The door opens: its file turns to 1") as tell:
+        device.write(f"{show.INPUTS}/door", "1\n")
+        tell(show.describe(changes.wait_for(PortChanged, port=0, state=True, input=True), names))
+        expect(device.state.GetState(0) is True, "GetState agrees with the signal")
+
+
+def an_output_is_driven(device, changes, names):
+    with step("A client switches the relay on") as tell:
+        device.state.SetState(3, True)
+        tell(show.describe(changes.wait_for(PortChanged, port=3, state=True, input=False), names))
+        expect(device.state.GetState(3) is True, "GetState agrees with the signal")
+
+
+def a_port_is_renamed(device, _changes, _names):
+    with step("A client renames the relay") as tell:
+        before = device.state.GetNames(3)[1]
+        device.state.SetName(3, False, "Garage gate")
+        expect(device.state.GetNames(3) == ("", "Garage gate"), "the name is answered")
+        device.sync()
+        expect(device.saved["relay"]["output_name"] == "Garage gate", "the name is saved")
+        tell(f"{before} is now Garage gate, and saved as such")
+
+
+def a_read_only_port_refuses(device, _changes, _names):
+    with step("The tamper switch is read-only and keeps its name") as tell:
+        try:
+            device.state.SetName(2, True, "Nothing to see")
+        except BusError as error:
+            tell(str(error))
+        else:
+            raise AssertionError("the new name was accepted")
+        expect(device.state.GetNames(2) == ("Tamper switch", ""), "the name is the old one")
+
+
+def active_low_is_switched(device, changes, names):
+    with step("The relay becomes active low; its logical state stays") as tell:
+        expect(device.state.GetActive(3)[1] == "closed", "the relay was active high")
+        device.state.SetActive(3, False, "open")
+        tell(show.describe(changes.wait_for(PortChanged, port=3, state=True, activelow=True), names))
+        expect(device.state.GetActive(3)[1] == "open", "the relay is active low")
+        expect(device.state.GetState(3) is True, "the logical state is kept")
+
+
+def an_optional_port_goes_and_comes(device, _changes, _names):
+    with step("The extension is dropped, then found again") as tell:
+        dropped = device.state.DropIOPorts(["extension", "relay", "no such port"])
+        expect(dropped == ["extension"], "only the optional port is dropped")
+        expect(7 not in device.ports(), "the port is out of service")
+        tell(f"dropped {dropped}, {len(device.ports())} ports left")
+        device.state.RefreshIOPorts()
+        expect(7 in device.ports(), "the port is back")
+        tell(f"refreshed, {len(device.ports())} ports again")
+
+
+def a_lamp_blinks(device, changes, names):
+    with step("The lamp blinks; a second blink meanwhile is refused") as tell:
+        device.state.StartActionSequence(4, False, BLINK)
+        started = time.monotonic()
+        try:
+            device.state.StartActionSequence(4, False, BLINK)
+        except BusError as error:
+            refusal = str(error)
+        else:
+            raise AssertionError("the second sequence was accepted")
+        for state, _ in BLINK:
+            change = changes.wait_for(PortChanged, port=4, state=state)
+            tell(f"{(change.at - started) * 1000:4.0f} ms  {show.describe(change, names)}")
+        done = changes.wait_for(ActionSequenceDone, port=4)
+        tell(f"{(done.at - started) * 1000:4.0f} ms  {show.describe(done, names)}")
+        expect(done.at - started > 0.5, "the steps were held")
+        tell(f"the second: {refusal}")
+        expect("The port is busy." in refusal, "the refusal says why")
+
+
+def a_restart_keeps_settings(device, _changes, _names):
+    with step("The daemon is restarted and remembers") as tell:
+        device.restart()
+        names = device.state.GetNames(3)
+        expect(names == ("", "Garage gate"), f"the name is still there, not {names}")
+        expect(device.state.GetActive(3)[1] == "open", "the relay is still active low")
+        tell("the relay is still called Garage gate and active low")
+
+
+STORY = (
+    an_input_flips,
+    an_output_is_driven,
+    a_port_is_renamed,
+    a_read_only_port_refuses,
+    active_low_is_switched,
+    an_optional_port_goes_and_comes,
+    a_lamp_blinks,
+    a_restart_keeps_settings,
+)
+
+
+def play(device):
+    """Plays the whole story on a furnished, started device; raises where it goes wrong."""
+    changes = device.signals()
+    names = {number: port.name for number, port in device.ports().items()}
+    for part in STORY:
+        part(device, changes, names)
+    changes.close()

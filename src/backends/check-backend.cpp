@@ -1,0 +1,72 @@
+#include "backends/check-backend.h"
+
+#include "backends/backend-data.h"
+
+#include <algorithm>
+
+namespace {
+
+struct CheckPortData {
+  // Set by action-sequence threads, read by the main thread.
+  std::atomic<gint> state{0};
+  bool setup_result = false;
+  bool watching = false;
+  bool direction = false;
+  /// Latest first.
+  std::list<IoPort::BackendAttribute> attributes;
+};
+
+bool asks_for_failure(const IoPort::BackendAttribute& attribute) {
+  return attribute.key == "setup" && attribute.value == "fail";
+}
+
+gboolean check_setup(IoPort* port, gboolean /*activelow_output*/) {
+  auto* data = backend_data_ensure<CheckPortData>(port);
+  data->setup_result = std::ranges::none_of(data->attributes, asks_for_failure);
+  return data->setup_result;
+}
+
+guint check_get_state(IoPort* port) {
+  const auto* data = backend_data<CheckPortData>(port);
+  return data != nullptr ? static_cast<guint>(data->state.load()) : 0;
+}
+
+void check_set_state(IoPort* port, gint state) {
+  backend_data_ensure<CheckPortData>(port)->state = state;
+}
+
+gboolean check_set_watch(IoPort* port) {
+  backend_data_ensure<CheckPortData>(port)->watching = true;
+  return TRUE;
+}
+
+void check_set_direction(IoPort* port, gboolean input) {
+  backend_data_ensure<CheckPortData>(port)->direction = input;
+}
+
+void check_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
+  backend_data_ensure<CheckPortData>(port)->attributes.push_front(
+      {.element = element, .key = key, .value = value});
+}
+
+void check_free(IoPort* port) {
+  backend_data_free<CheckPortData>(port);
+}
+
+constexpr PortFunctions functions{
+    .setup = check_setup,
+    .get_state = check_get_state,
+    .set_state = check_set_state,
+    .set_watch = check_set_watch,
+    .set_direction = check_set_direction,
+    .parse_data = check_parse_data,
+    .free = check_free,
+};
+static_assert(port_functions_valid(functions));
+
+} // namespace
+
+const PortFunctions* check_setup_functions(IoPort* port) {
+  backend_data_ensure<CheckPortData>(port);
+  return &functions;
+}

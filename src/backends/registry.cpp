@@ -1,0 +1,25 @@
+// The list of backends: one line per kind of hardware, in the order of their numbers.
+#include "port/backend-registry.h"
+
+#include "backends/check-backend.h"
+#include "backends/null-backend.h"
+#include "backends/sysfs-backend.h"
+#include "backends/virtual-backend.h"
+#include "port/ioport.h"
+
+#include <array>
+
+namespace {
+
+constexpr std::array backends{
+    BackendEntry{BACKEND_VIRTUAL, "virtual", virtual_setup_functions},
+    BackendEntry{BACKEND_SYSFS, "sysfs", sysfs_setup_functions},
+    BackendEntry{BACKEND_NULL, "null", [](IoPort*) { return null_setup_functions(); }},
+    BackendEntry{BACKEND_CHECK, "check", check_setup_functions},
+};
+
+} // namespace
+
+std::span<const BackendEntry> backend_registry() {
+  return backends;
+}

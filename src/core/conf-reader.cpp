@@ -1,0 +1,227 @@
+// A port is built up by the elements that follow it: nesting is not checked, every element applies
+// to the port created last, even one from an earlier file. What each attribute does is in
+// conf-vocabulary.cpp.
+#include "core/conf-reader.h"
+
+#include "core/conf-vocabulary.h"
+#include "event/event.h"
+#include "peers/bootblock.h"
+#include "platform/log.h"
+#include "port/ioport-list.h"
+
+#include <algorithm>
+#include <memory>
+#include <string_view>
+
+namespace {
+
+// Kept across files: a file that ends inside a skipped port or a backend leaves its flag set.
+bool ignore_elements = false;
+bool backend_data = false;
+
+struct GFree {
+  void operator()(gchar* text) const { g_free(text); }
+};
+
+// One file being read.
+struct Reading {
+  const char* file_name;
+  /// The device's hardware id, once asked for and answered.
+  std::unique_ptr<gchar, GFree> hwid_value;
+};
+
+// Where the parser stands, for messages.
+struct Place {
+  const char* file_name;
+  gint line;
+  const char* element;
+};
+
+std::string_view view(const char* text) {
+  return text;
+}
+
+bool hwid_matches(const char* hwid_value, const char* prefixes) {
+  g_auto(GStrv) pieces = g_strsplit(prefixes, ":", -1);
+  for (gchar** piece = pieces; *piece != nullptr; piece++) {
+    if (g_str_has_prefix(hwid_value, *piece)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Whether the device has the hardware that the port is meant for. Without an id to compare, a
+// port too many is better than a door that does not open.
+bool hardware_accepted(Reading& reading, const char* prefixes) {
+  if (reading.hwid_value == nullptr) {
+    gchar* value = nullptr;
+    bootblock_read_param("HWID", &value);
+    reading.hwid_value.reset(value);
+    if (value != nullptr && *value == '\0') {
+      reading.hwid_value.reset();
+    }
+  }
+  if (reading.hwid_value == nullptr || *prefixes == '\0') {
+    g_warning("%sCould not get the hardware id", log_prefix);
+    return true;
+  }
+  return hwid_matches(reading.hwid_value.get(), prefixes);
+}
+
+// Creates the port of a "port" element, unless its hardware is absent. Consumes the leading
+// hardware filter from the attributes.
+IoPortRef start_port(Reading& reading, const Place& place, const gchar**& names,
+                     const gchar**& values) {
+  if (*names != nullptr && view(*names) == "hwid") {
+    if (!hardware_accepted(reading, *values)) {
+      ignore_elements = true;
+      return nullptr;
+    }
+    names++;
+    values++;
+  }
+  if (*names != nullptr && view(*names) == "name") {
+    io_port_list_free_by_name(*values);
+  }
+  IoPortRef port(io_port_new());
+  port->origin = std::string(place.file_name) + ':' + std::to_string(place.line);
+  io_port_list_add(port.get());
+  return port;
+}
+
+void refuse(const Place& place, const char* reason) {
+  g_warning("%s%s:%d: element '%s' %s", log_prefix, place.file_name, place.line, place.element,
+            reason);
+}
+
+// The event that the element belongs to, created by the element itself if it is one.
+IoEvent* current_event(IoPort* port, std::string_view element) {
+  if (element == "event") {
+    port->events.emplace_front(new IoEvent);
+  }
+  return port->events.empty() ? nullptr : port->events.front().get();
+}
+
+void hand_to_backend(IoPort* port, const Place& place, const char* key, const char* value) {
+  if (port->functions != nullptr) {
+    io_port_parse_backend_data(port, place.element, key, value);
+  }
+}
+
+bool lost_for_backend(const IoPort* port, std::string_view element, std::string_view key) {
+  const bool meant_for_backend = backend_data || element == "backend";
+  const bool selects_backend = element == "backend" && key == "name";
+  return meant_for_backend && !selects_backend && port->functions == nullptr;
+}
+
+void apply_attribute(IoPort* port, IoEvent* event, const Place& place, const char* key,
+                     const char* value) {
+  if (lost_for_backend(port, place.element, key)) {
+    refuse(place, "has data for a backend that is not known yet; the attribute is ignored");
+  }
+  if (backend_data) {
+    hand_to_backend(port, place, key, value);
+  }
+  conf_apply_attribute({.port = port, .event = event}, place.element, key, value);
+  if (view(place.element) == "backend") {
+    backend_data = true;
+  }
+}
+
+Place place_of(GMarkupParseContext* context, const Reading& reading, const char* element) {
+  gint line = 0;
+  g_markup_parse_context_get_position(context, &line, nullptr);
+  return {.file_name = reading.file_name, .line = line, .element = element};
+}
+
+void start_element(GMarkupParseContext* context, const gchar* element, const gchar** names,
+                   const gchar** values, gpointer user_data, GError** /*error*/) {
+  auto& reading = *static_cast<Reading*>(user_data);
+  if (ignore_elements) {
+    return;
+  }
+  const Place place = place_of(context, reading, element);
+  const IoPortRef port = view(element) == "port" ? start_port(reading, place, names, values)
+                                                 : IoPortRef(io_port_list_nth_data(0));
+  if (port == nullptr) {
+    return;
+  }
+  IoEvent* const event = current_event(port.get(), element);
+  if (view(element) == "keyvalue") {
+    if (event == nullptr) {
+      refuse(place, "belongs to no event; it is ignored");
+      return;
+    }
+    event->key_values.emplace_front();
+  }
+  for (; *names != nullptr; names++, values++) {
+    apply_attribute(port.get(), event, place, *names, *values);
+  }
+}
+
+void end_element(GMarkupParseContext* /*context*/, const gchar* element, gpointer /*user_data*/,
+                 GError** /*error*/) {
+  if (view(element) == "backend") {
+    backend_data = false;
+  } else if (view(element) == "port") {
+    ignore_elements = false;
+  }
+}
+
+constexpr GMarkupParser parser{
+    .start_element = start_element,
+    .end_element = end_element,
+    .text = nullptr,
+    .passthrough = nullptr,
+    .error = nullptr,
+};
+
+void report_dropped(const IoPort* port) {
+  g_warning("%s%s: port '%s' (number %d) names no known backend, dropping it", log_prefix,
+            port->origin.c_str(), port->name ? port->name->c_str() : "", port->number);
+}
+
+} // namespace
+
+bool conf_read_configuration(const char* file_name) {
+  Reading reading{.file_name = file_name, .hwid_value = nullptr};
+  g_autoptr(GMarkupParseContext) context =
+      g_markup_parse_context_new(&parser, static_cast<GMarkupParseFlags>(0), &reading, nullptr);
+
+  g_autofree gchar* text = nullptr;
+  gsize length = 0;
+  g_autoptr(GError) error = nullptr;
+  if (!g_file_get_contents(file_name, &text, &length, &error)) {
+    g_critical("%sCouldn't load XML (%s)\n", log_prefix, file_name);
+    return false;
+  }
+  // The context is not ended, so a document that is merely cut short counts as far as it goes.
+  if (!g_markup_parse_context_parse(context, text, static_cast<gssize>(length), &error)) {
+    g_critical("%sCouldn't parse markup file (%s)\n", log_prefix, file_name);
+    g_warning("%s%s: %s", log_prefix, file_name, error->message);
+    return false;
+  }
+  return true;
+}
+
+bool conf_read_drop_dir(const char* directory) {
+  if (!g_file_test(directory, G_FILE_TEST_IS_DIR)) {
+    return false;
+  }
+  g_autoptr(GDir) dir = g_dir_open(directory, 0, nullptr);
+  if (dir == nullptr) {
+    return false;
+  }
+  while (const gchar* entry = g_dir_read_name(dir)) {
+    g_autofree gchar* path = g_strdup_printf("%s/%s", directory, entry);
+    if (!conf_read_configuration(path)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void conf_finish_reading() {
+  io_port_list_drop_without_backend(report_dropped);
+}

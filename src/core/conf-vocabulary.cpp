@@ -1,0 +1,189 @@
+#include "core/conf-vocabulary.h"
+
+#include "event/event.h"
+#include "platform/log.h"
+#include "port/action-sequence.h"
+#include "port/backend-registry.h"
+#include "port/ioport.h"
+
+#include <array>
+#include <span>
+#include <string_view>
+
+namespace {
+
+using Apply = void (*)(const ConfTarget& target, const char* key, const char* value);
+
+struct Row {
+  const char* element;
+  /// nullptr: any attribute.
+  const char* key;
+  Apply apply;
+};
+
+struct Word {
+  const char* word;
+  guint value;
+};
+
+bool same_word(const char* a, const char* b) {
+  return g_ascii_strcasecmp(a, b) == 0;
+}
+
+// Sets `target` to the value of the word (any letter case); an unknown word changes nothing.
+template <typename Target>
+void set_by_word(std::span<const Word> words, const char* text, Target& target) {
+  for (const auto& entry : words) {
+    if (same_word(entry.word, text)) {
+      target = static_cast<Target>(entry.value);
+    }
+  }
+}
+
+constexpr std::array direction_words{Word{"input", 1}, Word{"output", 0}};
+constexpr std::array mode_words{Word{"bistable", PORT_MODE_BISTABLE},
+                                Word{"monostable", PORT_MODE_MONOSTABLE}};
+constexpr std::array button_words{Word{"none", BUTTON_NONE}, Word{"pulse", BUTTON_PULSE},
+                                  Word{"actinact", BUTTON_ACTINACT}};
+constexpr std::array flag_words{Word{"true", 1}, Word{"false", 0}};
+
+// Exact, unlike the words above.
+constexpr std::array type_words{Word{"input", PORT_INPUT}, Word{"output", PORT_OUTPUT},
+                                Word{"io_ctrl", PORT_IO_CTRL}};
+
+// Ports from here on may meet the virtual inputs of video channels.
+constexpr gint first_virtual_port = 6;
+
+void set_number(const ConfTarget& target, const char* /*key*/, const char* value) {
+  // The number stored so far is what is looked at: only a second number for a port can warn.
+  if (target.port->number >= first_virtual_port) {
+    g_warning("%sYou have a port with higher number than FIRST_VIRTUAL_PORT this might lead to "
+              "unexpected behaviour",
+              log_prefix);
+  }
+  target.port->number = static_cast<gint32>(g_ascii_strtoll(value, nullptr, 10));
+}
+
+void set_type(const ConfTarget& target, const char* /*key*/, const char* value) {
+  IoPort* const port = target.port;
+  bool known = false;
+  for (const auto& entry : type_words) {
+    if (g_str_equal(entry.word, value)) {
+      port->type = entry.value;
+      known = true;
+    }
+  }
+  if (!known) {
+    g_critical("%sUnsupported port type %s\n", log_prefix, value);
+  }
+  if (port->type != PORT_IO_CTRL) {
+    port->direction = port->type == PORT_INPUT;
+  }
+}
+
+void set_pulse_time(const ConfTarget& target, const char* /*key*/, const char* value) {
+  gchar* end = nullptr;
+  const guint64 pulse_time = g_ascii_strtoull(value, &end, 10);
+  if (end != value) {
+    target.port->pulse_time = static_cast<guint32>(pulse_time);
+  }
+}
+
+void select_backend(const ConfTarget& target, const char* /*key*/, const char* value) {
+  if (const auto* entry = backend_registry_find(value)) {
+    io_port_set_backend(target.port, entry->kind);
+  }
+}
+
+// The first value wins.
+void set_default_name(OptionalText& name, const char* value) {
+  if (!name) {
+    name = value;
+  }
+}
+
+template <OptionalText EventKeyValue::*Field>
+void set_key_value(const ConfTarget& target, const char* /*key*/, const char* value) {
+  target.event->key_values.front().*Field = value;
+}
+
+template <bool IoEvent::*Flag>
+void set_event_flag(const ConfTarget& target, const char* /*key*/, const char* value) {
+  set_by_word(flag_words, value, target.event->*Flag);
+}
+
+constexpr std::array rows{
+    Row{"port", "name",
+        [](const ConfTarget& target, const char*, const char* value) {
+          target.port->name = value;
+        }},
+    Row{"port", "optional",
+        [](const ConfTarget& target, const char*, const char* value) {
+          target.port->optional = g_str_equal(value, "true");
+        }},
+    Row{"port_no", "nbr", set_number},
+    Row{"port_type", "type", set_type},
+    Row{"param_defaults", "dir",
+        [](const ConfTarget& target, const char*, const char* value) {
+          set_by_word(direction_words, value, target.port->direction);
+        }},
+    Row{"param_defaults", "port_mode",
+        [](const ConfTarget& target, const char*, const char* value) {
+          set_by_word(mode_words, value, target.port->mode);
+        }},
+    Row{"param_defaults", "button_type",
+        [](const ConfTarget& target, const char*, const char* value) {
+          set_by_word(button_words, value, target.port->button_type);
+        }},
+    Row{"param_defaults", "pulse_time", set_pulse_time},
+    Row{"param_defaults", "usage",
+        [](const ConfTarget& target, const char*, const char* value) {
+          target.port->usage = value;
+        }},
+    Row{"param_default_name", "input",
+        [](const ConfTarget& target, const char*, const char* value) {
+          set_default_name(target.port->input_name, value);
+        }},
+    Row{"param_default_name", "output",
+        [](const ConfTarget& target, const char*, const char* value) {
+          set_default_name(target.port->output_name, value);
+        }},
+    Row{"properties", nullptr,
+        [](const ConfTarget& target, const char* key, const char* value) {
+          io_port_add_property(target.port, key, value);
+        }},
+    Row{"backend", "name", select_backend},
+    Row{"event", "declaration",
+        [](const ConfTarget& target, const char*, const char* value) {
+          target.event->declaration = value;
+        }},
+    Row{"event", "input", set_event_flag<&IoEvent::input>},
+    Row{"event", "output", set_event_flag<&IoEvent::output>},
+    Row{"event", "supervised_input", set_event_flag<&IoEvent::supervised_input>},
+    Row{"event", "declare_only", set_event_flag<&IoEvent::declare_only>},
+    Row{"keyvalue", "key", set_key_value<&EventKeyValue::key>},
+    Row{"keyvalue", "value", set_key_value<&EventKeyValue::value>},
+    Row{"keyvalue", "key-nice-name", set_key_value<&EventKeyValue::key_nice_name>},
+    Row{"keyvalue", "value-nice-name", set_key_value<&EventKeyValue::value_nice_name>},
+    Row{"keyvalue", "type", set_key_value<&EventKeyValue::type>},
+    Row{"keyvalue", "property",
+        [](const ConfTarget& target, const char*, const char* value) {
+          set_by_word(flag_words, value, target.event->key_values.front().property);
+        }},
+    Row{"first_virtual_input", "nbr",
+        [](const ConfTarget&, const char*, const char* value) {
+          virtual_input_set_first_port_no(static_cast<gint>(g_ascii_strtoll(value, nullptr, 10)));
+        }},
+};
+
+} // namespace
+
+void conf_apply_attribute(const ConfTarget& target, const char* element, const char* key,
+                          const char* value) {
+  for (const auto& row : rows) {
+    if (g_str_equal(row.element, element) && (row.key == nullptr || g_str_equal(row.key, key))) {
+      row.apply(target, key, value);
+      return;
+    }
+  }
+}

@@ -1,0 +1,18 @@
+// What each element and attribute of the hardware description does.
+#pragma once
+
+#include <glib.h>
+
+struct IoEvent;
+struct IoPort;
+
+/// What an attribute applies to.
+struct ConfTarget {
+  IoPort* port;
+  /// The port's newest event, or nullptr.
+  IoEvent* event;
+};
+
+/// Applies one attribute; unknown elements and attributes are ignored.
+void conf_apply_attribute(const ConfTarget& target, const char* element, const char* key,
+                          const char* value);

@@ -1,0 +1,142 @@
+// The daemon's life: what is started in which order, and what is stopped in which.
+#include "core/conf-reader.h"
+#include "core/privileges.h"
+#include "dbus/iocontrol.h"
+#include "param/param.h"
+#include "platform/handles.h"
+#include "platform/log.h"
+#include "port/ioport-list.h"
+
+#include <glib-unix.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+constexpr const char* hardware_description = "/usr/share/wexd/conf.xml";
+constexpr const char* drop_directory = "/etc/wexd.d/";
+constexpr const char* old_param_file = "/etc/dynamic/wexd/params.conf";
+
+struct MainLoopUnref {
+  void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
+};
+
+std::unique_ptr<GMainLoop, MainLoopUnref> main_loop;
+guint term_source = 0;
+guint hup_source = 0;
+/// Cleared when SIGTERM arrives, for threads that want to notice.
+guint running = 1;
+
+gboolean handle_signal(gpointer user_data) {
+  switch (GPOINTER_TO_INT(user_data)) {
+  case SIGHUP:
+    g_info("%sGot SIGHUP", log_prefix);
+    break;
+  case SIGTERM:
+    g_info("%sGot SIGTERM", log_prefix);
+    g_main_loop_quit(main_loop.get());
+    running = 0;
+    break;
+  default:
+    break;
+  }
+  return G_SOURCE_CONTINUE;
+}
+
+void install_signal_sources() {
+  term_source = g_unix_signal_add(SIGTERM, handle_signal, GINT_TO_POINTER(SIGTERM));
+  hup_source = g_unix_signal_add(SIGHUP, handle_signal, GINT_TO_POINTER(SIGHUP));
+}
+
+void remove_signal_sources() {
+  for (guint* source : {&term_source, &hup_source}) {
+    if (*source != 0) {
+      g_source_remove(std::exchange(*source, 0));
+    }
+  }
+}
+
+void read_hardware_description() {
+  conf_read_configuration(hardware_description);
+  conf_read_drop_dir(drop_directory);
+  conf_finish_reading();
+}
+
+bool is_present_file(const char* path) {
+  return g_file_test(path, G_FILE_TEST_EXISTS) && g_file_test(path, G_FILE_TEST_IS_REGULAR);
+}
+
+void apply_loaded_params() {
+  io_port_list_read_params(param_get_conf_vals);
+  param_close_file();
+}
+
+// Devices that were updated still have the settings where an older layout kept them.
+void migrate_old_params() {
+  if (!is_present_file(old_param_file) || !param_read_configuration(old_param_file)) {
+    return;
+  }
+  apply_loaded_params();
+  errno = 0;
+  if (remove(old_param_file) != 0) {
+    g_warning("%sCould not remove %s: %s", log_prefix, old_param_file, strerror(errno));
+  }
+}
+
+bool read_user_params() {
+  if (!param_read_configuration(param_file)) {
+    g_warning("%sCould not read configuration file\n", log_prefix);
+    return false;
+  }
+  apply_loaded_params();
+  if (access(param_file, F_OK) == 0) {
+    param_set_owner_group(param_file);
+  }
+  return true;
+}
+
+void start_services() {
+  iocontrol_init_dbus();
+}
+
+void stop_services() {
+  iocontrol_unreg_dbus();
+}
+
+} // namespace
+
+int main(int argc, char* argv[]) {
+  set_use_legacy_interface(g_strcmp0(argc > 1 ? argv[1] : nullptr, "--disable_legacy_interface")
+                           != 0);
+  nv_log_stdout();
+  main_loop.reset(g_main_loop_new(nullptr, FALSE));
+  install_signal_sources();
+
+  read_hardware_description();
+  migrate_old_params();
+  if (!read_user_params()) {
+    return EXIT_FAILURE;
+  }
+  io_port_list_update_names();
+  param_save_all(param_file);
+  io_port_list_setup();
+  // Backends have opened their devices by now; everything later is done as an ordinary user.
+  drop_privileges();
+  start_services();
+  io_port_list_set_watch();
+  io_port_list_declare_events();
+
+  g_main_loop_run(main_loop.get());
+
+  stop_services();
+  remove_signal_sources();
+  io_port_list_free();
+  return EXIT_SUCCESS;
+}

@@ -1,0 +1,57 @@
+#include "core/privileges.h"
+
+#include <grp.h>
+#include <linux/capability.h>
+#include <pwd.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr const char* identity = "wxd";
+
+// Leaving uid 0 empties every capability set but the inheritable one, which a careless starter may
+// have filled.
+void drop_inheritable_capabilities() {
+  __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+  std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};
+  if (syscall(SYS_capset, &header, none.data()) != 0) {
+    fprintf(stderr, "Failed dropping capabilities: %s\n", strerror(errno));
+  }
+}
+
+} // namespace
+
+void drop_privileges() {
+  const auto* user = getpwnam(identity);
+  if (user == nullptr) {
+    fprintf(stderr, "Couldn't get uid for user \"%s\".\n", identity);
+    return;
+  }
+  const uid_t uid = user->pw_uid;
+  const auto* group = getgrnam(identity);
+  if (group == nullptr) {
+    fprintf(stderr, "Couldn't get gid for group \"%s\".\n", identity);
+    return;
+  }
+  const gid_t gid = group->gr_gid;
+  if (setgid(gid) != 0) {
+    fprintf(stderr, "Failed setting gid to %d: %s\n", static_cast<int>(gid), strerror(errno));
+    return;
+  }
+  if (initgroups(identity, gid) != 0) {
+    fprintf(stderr, "Unable to run initgroups() with username: %s, gid: %d: %s\n", identity,
+            static_cast<int>(gid), strerror(errno));
+    return;
+  }
+  if (setuid(uid) != 0) {
+    fprintf(stderr, "Failed setting uid to %d: %s\n", static_cast<int>(uid), strerror(errno));
+    return;
+  }
+  drop_inheritable_capabilities();
+}

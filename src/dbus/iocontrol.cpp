@@ -1,0 +1,427 @@
+// A thin layer: each handler looks a port up, calls one operation of it, answers, and saves the
+// port when it was configured. Every invocation is answered exactly once.
+#include "dbus/iocontrol.h"
+
+#include "dbus/dbus-handles.h"
+#include "dbus/iocontrol-state-gen.h"
+#include "param/param.h"
+#include "platform/log.h"
+#include "port/action-sequence.h"
+#include "port/errors.h"
+#include "port/ioport-list.h"
+#include "port/port-observer.h"
+
+#include <array>
+
+namespace {
+
+constexpr const char* state_name = "com.norv.IOControl.State";
+constexpr const char* state_path = "/com/norv/IOControl/State";
+
+SharedSkeleton<IOControlState> state_interface;
+guint state_owner_id = 0;
+bool legacy_interface = true;
+
+constexpr std::array error_entries{
+    GDBusErrorEntry{IO_CONTROL_ERROR_GENERIC, "com.norv.IOControl.Error.Generic"},
+    GDBusErrorEntry{IO_CONTROL_ERROR_NO_PORT, "com.norv.IOControl.Error.No_port"},
+    GDBusErrorEntry{IO_CONTROL_ERROR_BUSY, "com.norv.IOControl.Error.Busy"},
+    GDBusErrorEntry{IO_CONTROL_ERROR_NOT_OUTPUT, "com.norv.IOControl.Error.Not_output"},
+    GDBusErrorEntry{IO_CONTROL_ERROR_NOT_INPUT, "com.norv.IOControl.Error.Not_input"},
+    GDBusErrorEntry{IO_CONTROL_ERROR_NOT_CONFIGURABLE, "com.norv.IOControl.Error.Not_configurable"},
+    GDBusErrorEntry{IO_CONTROL_ERROR_INCORRECT_PORT_TYPE,
+                    "com.norv.IOControl.Error.Incorrect_Port_Type"},
+};
+
+void register_errors() {
+  static gsize quark = 0;
+  g_dbus_error_register_error_domain("io-control-error-quark", &quark, error_entries.data(),
+                                     error_entries.size());
+}
+
+void answer_error(GDBusMethodInvocation* invocation, IoControlError code, const char* message) {
+  g_dbus_method_invocation_return_error_literal(invocation, io_control_error_quark(), code,
+                                                message);
+}
+
+void save(IoPort* port) {
+  param_save_for_port(port, param_file);
+}
+
+IoPortRef find_port(guint number) {
+  return IoPortRef(io_port_list_get_port(static_cast<gint>(number)));
+}
+
+// The port of that number if it is published here; otherwise the call is answered and the result
+// is empty.
+IoPortRef published_port(GDBusMethodInvocation* invocation, guint number) {
+  auto port = find_port(number);
+  if (port == nullptr || !io_port_get_property(port.get(), "ioport")) {
+    answer_error(invocation, IO_CONTROL_ERROR_NO_PORT, "No such port.");
+    return nullptr;
+  }
+  return port;
+}
+
+bool configurable(const IoPort* port) {
+  return port->type == PORT_IO_CTRL;
+}
+
+const char* open_or_closed(bool activelow) {
+  return activelow ? "open" : "closed";
+}
+
+gboolean on_handle_get_state(IOControlState* object, GDBusMethodInvocation* invocation,
+                             guint number, gpointer /*user_data*/) {
+  if (const auto port = published_port(invocation, number)) {
+    iocontrol_state_complete_get_state(object, invocation, io_port_get_state(port.get()));
+  }
+  return TRUE;
+}
+
+gboolean on_handle_set_state(IOControlState* object, GDBusMethodInvocation* invocation,
+                             guint number, gboolean active, gpointer /*user_data*/) {
+  const auto port = published_port(invocation, number);
+  if (port == nullptr) {
+    return TRUE;
+  }
+  if (!io_port_set_state(port.get(), active)) {
+    answer_error(invocation, IO_CONTROL_ERROR_NOT_OUTPUT, "Port not output.");
+    return TRUE;
+  }
+  iocontrol_state_complete_set_state(object, invocation);
+  save(port.get());
+  return TRUE;
+}
+
+gboolean on_handle_get_nbr_ports(IOControlState* object, GDBusMethodInvocation* invocation,
+                                 gpointer /*user_data*/) {
+  iocontrol_state_complete_get_nbr_ports(object, invocation,
+                                         static_cast<guint>(io_port_list_nbr_inputs()),
+                                         static_cast<guint>(io_port_list_nbr_outputs()));
+  return TRUE;
+}
+
+gboolean on_handle_is_configurable(IOControlState* object, GDBusMethodInvocation* invocation,
+                                   guint number, gpointer /*user_data*/) {
+  if (const auto port = published_port(invocation, number)) {
+    iocontrol_state_complete_is_configurable(object, invocation, configurable(port.get()));
+  }
+  return TRUE;
+}
+
+gboolean on_handle_get_direction(IOControlState* object, GDBusMethodInvocation* invocation,
+                                 guint number, gpointer /*user_data*/) {
+  if (const auto port = published_port(invocation, number)) {
+    iocontrol_state_complete_get_direction(object, invocation,
+                                           io_port_input(port.get()) ? "input" : "output");
+  }
+  return TRUE;
+}
+
+gboolean on_handle_set_direction(IOControlState* object, GDBusMethodInvocation* invocation,
+                                 guint number, const gchar* direction, gpointer /*user_data*/) {
+  const auto port = published_port(invocation, number);
+  if (port == nullptr) {
+    return TRUE;
+  }
+  const bool input = g_str_equal(direction, "input");
+  if (!input && !g_str_equal(direction, "output")) {
+    answer_error(invocation, IO_CONTROL_ERROR_GENERIC,
+                 "Incorrect input to set_direction eiter use 'input' or 'output'");
+  } else if (!io_port_set_direction(port.get(), input)) {
+    answer_error(invocation, IO_CONTROL_ERROR_NOT_CONFIGURABLE, "Port not configurable.");
+  } else {
+    iocontrol_state_complete_set_direction(object, invocation);
+  }
+  // Refused or not: the file then says what the port really is.
+  save(port.get());
+  return TRUE;
+}
+
+gboolean on_handle_get_active(IOControlState* object, GDBusMethodInvocation* invocation,
+                              guint number, gpointer /*user_data*/) {
+  if (const auto port = published_port(invocation, number)) {
+    iocontrol_state_complete_get_active(object, invocation,
+                                        open_or_closed(io_port_get_activelow(port.get(), true)),
+                                        open_or_closed(io_port_get_activelow(port.get(), false)));
+  }
+  return TRUE;
+}
+
+gboolean on_handle_set_active(IOControlState* object, GDBusMethodInvocation* invocation,
+                              guint number, gboolean input, const gchar* state,
+                              gpointer /*user_data*/) {
+  const auto port = published_port(invocation, number);
+  if (port == nullptr) {
+    return TRUE;
+  }
+  const bool open = g_str_equal(state, "open");
+  if (!open && !g_str_equal(state, "closed")) {
+    answer_error(invocation, IO_CONTROL_ERROR_GENERIC,
+                 "Incorrect input to set_active eiter use 'open' or 'closed'");
+  } else if (!io_port_set_activelow(port.get(), open, input)) {
+    answer_error(invocation, IO_CONTROL_ERROR_GENERIC,
+                 open ? "Could not set port to open." : "Could not set port to closed.");
+  } else {
+    iocontrol_state_complete_set_active(object, invocation);
+  }
+  save(port.get());
+  return TRUE;
+}
+
+gboolean on_handle_get_names(IOControlState* object, GDBusMethodInvocation* invocation,
+                             guint number, gpointer /*user_data*/) {
+  if (const auto port = published_port(invocation, number)) {
+    g_autofree gchar* input = nullptr;
+    g_autofree gchar* output = nullptr;
+    io_port_get_names(port.get(), &input, &output);
+    iocontrol_state_complete_get_names(object, invocation, input != nullptr ? input : "",
+                                       output != nullptr ? output : "");
+  }
+  return TRUE;
+}
+
+gboolean on_handle_set_name(IOControlState* object, GDBusMethodInvocation* invocation, guint number,
+                            gboolean input, const gchar* name, gpointer /*user_data*/) {
+  const auto port = published_port(invocation, number);
+  if (port == nullptr) {
+    return TRUE;
+  }
+  const bool renamed =
+      input ? io_port_set_input_name(port.get(), name) : io_port_set_output_name(port.get(), name);
+  if (!renamed) {
+    g_dbus_method_invocation_return_error(
+        invocation, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC,
+        "Could not set %s name for the port.", input ? "input" : "output");
+    return TRUE;
+  }
+  iocontrol_state_complete_set_name(object, invocation);
+  save(port.get());
+  return TRUE;
+}
+
+gboolean on_handle_get_usage(IOControlState* object, GDBusMethodInvocation* invocation,
+                             guint number, gpointer /*user_data*/) {
+  if (const auto port = published_port(invocation, number)) {
+    g_autofree gchar* usage = io_port_get_usage(port.get());
+    iocontrol_state_complete_get_usage(object, invocation, usage != nullptr ? usage : "");
+  }
+  return TRUE;
+}
+
+gboolean on_handle_set_usage(IOControlState* object, GDBusMethodInvocation* invocation,
+                             guint number, const gchar* usage, gpointer /*user_data*/) {
+  const auto port = published_port(invocation, number);
+  if (port == nullptr) {
+    return TRUE;
+  }
+  if (!io_port_set_usage(port.get(), usage)) {
+    answer_error(invocation, IO_CONTROL_ERROR_GENERIC, "Could not set usage for the port.");
+    return TRUE;
+  }
+  iocontrol_state_complete_set_usage(object, invocation);
+  save(port.get());
+  return TRUE;
+}
+
+gboolean on_handle_set_virtual(IOControlState* object, GDBusMethodInvocation* invocation,
+                               guint number, gboolean state, gpointer /*user_data*/) {
+  // Whatever the look-up by number finds is an I/O port or a virtual port.
+  const auto port = find_port(number);
+  if (port == nullptr) {
+    answer_error(invocation, IO_CONTROL_ERROR_NO_PORT, "No such port.");
+    return TRUE;
+  }
+  if (!io_port_set_virtual(port.get(), state)) {
+    answer_error(invocation, IO_CONTROL_ERROR_GENERIC, "Could not set port.");
+    return TRUE;
+  }
+  iocontrol_state_complete_set_virtual(object, invocation);
+  save(port.get());
+  return TRUE;
+}
+
+GVariant* port_properties(IoPort* port) {
+  g_autoptr(GList) keys = io_port_get_property_keys(port);
+  g_autoptr(GList) values = io_port_get_property_values(port);
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE("a(sb)"));
+  for (const GList *key = keys, *value = values; key != nullptr;
+       key = key->next, value = value->next) {
+    g_variant_builder_add(&builder, "(sb)", static_cast<const char*>(key->data),
+                          GPOINTER_TO_INT(value->data));
+  }
+  return g_variant_builder_end(&builder);
+}
+
+GVariant* port_props(IoPort* port) {
+  return g_variant_new("(sibbbb@a(sb))", port->name ? port->name->c_str() : "", port->number,
+                       static_cast<gboolean>(io_port_get_state(port)),
+                       static_cast<gboolean>(io_port_direction_input(port)),
+                       static_cast<gboolean>(configurable(port)),
+                       static_cast<gboolean>(io_port_get_activelow(port, io_port_input(port))),
+                       port_properties(port));
+}
+
+gboolean on_handle_get_port_props(IOControlState* object, GDBusMethodInvocation* invocation,
+                                  gpointer /*user_data*/) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE("a(sibbbba(sb))"));
+  gint count = 0;
+  {
+    const IoPortListLock list_lock;
+    for (IoPort* entry : io_port_list_get()) {
+      const IoPortRef port(io_port_ref(entry));
+      g_variant_builder_add_value(&builder, port_props(port.get()));
+      count++;
+    }
+  }
+  iocontrol_state_complete_get_port_props(object, invocation, count,
+                                          g_variant_builder_end(&builder));
+  return TRUE;
+}
+
+ActionSequence action_steps(IoPort* port, gboolean is_virtual, GVariant* seq) {
+  ActionSequence steps;
+  GVariantIter iter;
+  g_variant_iter_init(&iter, seq);
+  gboolean state = FALSE;
+  gint32 duration_ms = 0;
+  while (g_variant_iter_next(&iter, "(bi)", &state, &duration_ms)) {
+    steps.push_back({.port = port,
+                     .is_virtual = is_virtual != FALSE,
+                     .state = state != FALSE,
+                     .duration_ms = duration_ms});
+  }
+  return steps;
+}
+
+gboolean on_handle_start_action_sequence(IOControlState* object, GDBusMethodInvocation* invocation,
+                                         guint number, gboolean is_virtual, GVariant* seq,
+                                         gpointer /*user_data*/) {
+  const auto port = find_port(number);
+  if (port == nullptr) {
+    answer_error(invocation, IO_CONTROL_ERROR_NO_PORT, "No such port.");
+    return TRUE;
+  }
+  auto steps = action_steps(port.get(), is_virtual, seq);
+  if (steps.empty()) {
+    answer_error(invocation, IO_CONTROL_ERROR_GENERIC, "The action sequence has no steps.");
+  } else if (io_port_lock_taken(port.get())) {
+    answer_error(invocation, IO_CONTROL_ERROR_BUSY, "The port is busy.");
+  } else if (!io_port_run_action_sequence(port.get(), std::move(steps))) {
+    answer_error(invocation, IO_CONTROL_ERROR_NOT_OUTPUT, "Port not output.");
+  } else {
+    iocontrol_state_complete_start_action_sequence(object, invocation);
+  }
+  return TRUE;
+}
+
+// After ports came or went: whoever shows the port set learns of it, new ports are watched.
+void serve_changed_port_set() {
+  io_port_list_set_watch();
+  io_port_list_declare_events();
+}
+
+gboolean on_handle_drop_io_ports(IOControlState* object, GDBusMethodInvocation* invocation,
+                                 const gchar* const* names, gpointer /*user_data*/) {
+  g_autoptr(GStrvBuilder) dropped = g_strv_builder_new();
+  bool any = false;
+  for (; *names != nullptr; names++) {
+    const IoPortRef port(io_port_list_get_by_name(*names));
+    if (port == nullptr || !port->optional) {
+      continue;
+    }
+    io_port_close(port.get());
+    io_port_list_move_to_dynamic(port.get());
+    g_strv_builder_add(dropped, *names);
+    any = true;
+  }
+  if (any) {
+    serve_changed_port_set();
+  }
+  g_auto(GStrv) answer = g_strv_builder_end(dropped);
+  iocontrol_state_complete_drop_ioports(object, invocation, answer);
+  return TRUE;
+}
+
+gboolean on_handle_refresh_io_ports(IOControlState* object, GDBusMethodInvocation* invocation,
+                                    gpointer /*user_data*/) {
+  if (io_port_list_setup_dynamic_ports() > 0) {
+    serve_changed_port_set();
+  }
+  iocontrol_state_complete_refresh_ioports(object, invocation);
+  return TRUE;
+}
+
+const std::array<MethodHandler, 17> handlers{{
+    {"handle-start-action-sequence", G_CALLBACK(on_handle_start_action_sequence)},
+    {"handle-drop-ioports", G_CALLBACK(on_handle_drop_io_ports)},
+    {"handle-refresh-ioports", G_CALLBACK(on_handle_refresh_io_ports)},
+    {"handle-get-nbr-ports", G_CALLBACK(on_handle_get_nbr_ports)},
+    {"handle-get-state", G_CALLBACK(on_handle_get_state)},
+    {"handle-set-state", G_CALLBACK(on_handle_set_state)},
+    {"handle-set-virtual", G_CALLBACK(on_handle_set_virtual)},
+    {"handle-is-configurable", G_CALLBACK(on_handle_is_configurable)},
+    {"handle-set-direction", G_CALLBACK(on_handle_set_direction)},
+    {"handle-get-direction", G_CALLBACK(on_handle_get_direction)},
+    {"handle-get-active", G_CALLBACK(on_handle_get_active)},
+    {"handle-set-active", G_CALLBACK(on_handle_set_active)},
+    {"handle-get-names", G_CALLBACK(on_handle_get_names)},
+    {"handle-set-name", G_CALLBACK(on_handle_set_name)},
+    {"handle-get-usage", G_CALLBACK(on_handle_get_usage)},
+    {"handle-set-usage", G_CALLBACK(on_handle_set_usage)},
+    {"handle-get-port-props", G_CALLBACK(on_handle_get_port_props)},
+}};
+
+void iocontrol_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*/,
+                               gpointer /*user_data*/) {
+  IOControlState* const skeleton = iocontrol_state_skeleton_new();
+  state_interface.reset(skeleton);
+  if (!export_skeleton(skeleton, handlers, connection, state_path)) {
+    g_warning("%sFailed to register IOControl state dbus interface", log_prefix);
+  }
+}
+
+} // namespace
+
+bool iocontrol_init_dbus() {
+  register_errors();
+  port_observer.port_changed = iocontrol_emit_port_changed;
+  port_observer.sequence_done = iocontrol_emit_action_sequence_done;
+  state_owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, state_name, G_BUS_NAME_OWNER_FLAGS_NONE,
+                                  iocontrol_on_bus_acquired, nullptr, nullptr, nullptr, nullptr);
+  return true;
+}
+
+bool iocontrol_unreg_dbus() {
+  port_observer.port_changed = nullptr;
+  port_observer.sequence_done = nullptr;
+  state_interface.reset();
+  g_bus_unown_name(std::exchange(state_owner_id, 0));
+  return true;
+}
+
+void iocontrol_emit_port_changed(gint port_number, gboolean is_virtual, gboolean hidden,
+                                 gboolean input, gboolean virtual_trig, gboolean state,
+                                 gboolean activelow) {
+  state_interface.with([=](IOControlState* skeleton) {
+    iocontrol_state_emit_port_changed(skeleton, port_number, is_virtual, hidden, input,
+                                      virtual_trig, state, activelow);
+  });
+}
+
+void iocontrol_emit_action_sequence_done(gint port_number) {
+  state_interface.with([=](IOControlState* skeleton) {
+    iocontrol_state_emit_action_sequence_done(skeleton, port_number);
+  });
+}
+
+bool use_legacy_interface() {
+  return legacy_interface;
+}
+
+void set_use_legacy_interface(bool use) {
+  legacy_interface = use;
+}

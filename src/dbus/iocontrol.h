@@ -1,0 +1,22 @@
+// The port control service: com.norv.IOControl.State on the system bus.
+#pragma once
+
+#include <glib.h>
+
+/// Takes the service's bus names and publishes it once the bus is there; always true.
+bool iocontrol_init_dbus();
+
+/// Takes the service off the bus and releases its names; always true.
+bool iocontrol_unreg_dbus();
+
+/// Emits PortChanged; does nothing while the service is not published. Any thread.
+void iocontrol_emit_port_changed(gint port_number, gboolean is_virtual, gboolean hidden,
+                                 gboolean input, gboolean virtual_trig, gboolean state,
+                                 gboolean activelow);
+
+/// Emits ActionSequenceDone; does nothing while the service is not published. Any thread.
+void iocontrol_emit_action_sequence_done(gint port_number);
+
+/// Whether the legacy configuration interface is in use; true unless switched off at start.
+bool use_legacy_interface();
+void set_use_legacy_interface(bool use);

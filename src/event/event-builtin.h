@@ -1,0 +1,14 @@
+// The declarations that the daemon builds itself: IOPort, PortAny and SupervisedPort.
+#pragma once
+
+#include "event/event.h"
+#include "platform/event-library.h"
+
+/// Whether the name is one of the built-in declarations.
+bool event_builtin_known(const char* type_name);
+
+/// A new declaration of a built-in type for the port.
+NvEventDeclaration* event_builtin_declaration(IoPort* port, const char* type_name);
+
+/// Whether the state means that someone has cut or shorted the line.
+bool event_tampered(guint supervised_state);

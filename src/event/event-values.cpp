@@ -1,0 +1,92 @@
+#include "event/event-values.h"
+
+#include "port/ioport.h"
+
+#include <array>
+
+namespace {
+
+struct TypeWord {
+  const char* word;
+  NvEventType type;
+};
+
+constexpr std::array type_words{
+    TypeWord{.word = "int", .type = NV_EVENT_INT},
+    TypeWord{.word = "bool", .type = NV_EVENT_BOOL},
+    TypeWord{.word = "double", .type = NV_EVENT_DOUBLE},
+    TypeWord{.word = "string", .type = NV_EVENT_STRING},
+};
+
+// A placeholder that stands for the port's state, in the form of each type.
+struct StateWords {
+  const char* placeholder;
+  std::array<const char*, 2> number;
+  std::array<const char*, 2> text;
+};
+
+constexpr std::array state_placeholders{
+    StateWords{.placeholder = "PORT_STATUS", .number = {"0", "1"}, .text = {"false", "true"}},
+    StateWords{.placeholder = "PORT_ACTIVE", .number = {"0", "1"}, .text = {"inactive", "active"}},
+    StateWords{
+        .placeholder = "PORT_INACTIVE", .number = {"1", "0"}, .text = {"active", "inactive"}},
+};
+
+constexpr const char* supervised_placeholder = "PORT_SUPERVISED_STATUS";
+
+std::string state_text(IoPort* port, const StateWords& words, NvEventType type) {
+  const gsize active = io_port_get_state(port) ? 1 : 0;
+  switch (type) {
+  case NV_EVENT_INT:
+  case NV_EVENT_BOOL:
+    return words.number[active];
+  case NV_EVENT_STRING:
+    return words.text[active];
+  case NV_EVENT_DOUBLE:
+    break;
+  }
+  g_assert_not_reached();
+}
+
+std::string supervised_text(IoPort* port, NvEventType type) {
+  const auto state = io_port_get_supervised_state(port);
+  switch (type) {
+  case NV_EVENT_INT:
+    return std::to_string(static_cast<gint>(state));
+  case NV_EVENT_BOOL:
+    return state == SUPERVISED_CLOSED ? "1" : "0";
+  case NV_EVENT_STRING:
+    return supervised_range_state2string(state);
+  case NV_EVENT_DOUBLE:
+    break;
+  }
+  g_assert_not_reached();
+}
+
+} // namespace
+
+NvEventType event_value_type(const EventKeyValue& key_value) {
+  for (const auto& entry : type_words) {
+    if (key_value.type == entry.word) {
+      return entry.type;
+    }
+  }
+  g_assert_not_reached();
+}
+
+std::string event_value_text(IoPort* port, const EventKeyValue& key_value) {
+  const auto type = event_value_type(key_value);
+  const std::string value = key_value.value.value_or("");
+  for (const auto& words : state_placeholders) {
+    if (value == words.placeholder) {
+      return state_text(port, words, type);
+    }
+  }
+  if (value == supervised_placeholder) {
+    return supervised_text(port, type);
+  }
+  if (type == NV_EVENT_BOOL) {
+    return value == "true" || value == "1" ? "1" : "0";
+  }
+  return value;
+}

@@ -1,0 +1,61 @@
+// A port's event records and their way into the device's event system.
+#pragma once
+
+#include <glib.h>
+
+#include <list>
+#include <mutex>
+#include <optional>
+#include <string>
+
+struct IoPort;
+
+/// One key of an event, from the hardware description.
+struct EventKeyValue {
+  std::optional<std::string> key;
+  std::optional<std::string> value;
+  std::optional<std::string> key_nice_name;
+  std::optional<std::string> value_nice_name;
+  /// "int", "bool", "double" or "string".
+  std::optional<std::string> type;
+  /// Marks the key that carries the event's data.
+  bool property = false;
+};
+
+/// One event record of a port.
+struct IoEvent {
+  std::optional<std::string> declaration;
+  /// Id from the event library; 0 while not declared.
+  guint id = 0;
+  /// Whether the event applies while the port is an output, an input, a supervised input.
+  bool output = true;
+  bool input = true;
+  bool supervised_input = false;
+  /// Declare, but never send.
+  bool declare_only = false;
+  /// The next send goes out even if the value is unchanged.
+  bool filter_reset = false;
+  /// Value of the last send.
+  gint last_value = 0;
+  /// Newest first.
+  std::list<EventKeyValue> key_values;
+};
+
+inline constexpr const char* event_io_port = "IOPort";
+inline constexpr const char* event_port_any = "PortAny";
+inline constexpr const char* event_supervised_port = "com.norv.Event.Wxd.SupervisedPort";
+
+/// Whether the event fits what the port currently is (output, input, supervised input).
+bool io_event_currently_applicable(IoPort* port, const IoEvent* event);
+/// Declares the event if it applies and is not declared; always true, failures are logged.
+bool io_event_declare_event(IoPort* port, IoEvent* event);
+/// Sends the event with `value`; true when the event system took it.
+bool io_event_send_event(IoPort* port, IoEvent* event, gint value);
+/// Withdraws and declares again, so that new names reach the declaration.
+void io_event_redeclare_port(IoPort* port, IoEvent* event);
+/// Withdraws the declaration; the shared any-port declaration stays.
+void io_event_undeclare_event(IoEvent* event);
+/// Lets the next send pass the duplicate filter.
+void io_event_reset_filter(IoEvent* event);
+/// Withdraws and frees; NULL is allowed.
+void io_event_free(IoEvent* event);

@@ -1,0 +1,300 @@
+#include "param/param-port-group.h"
+
+#include "platform/log.h"
+#include "port/ioport.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+enum class Outcome {
+  Ok,
+  /// The rest of the group is left unread, which counts as success.
+  Enough,
+  /// `GroupReader::error` says why.
+  Failed,
+};
+
+bool has_input_side(const IoPort* port) {
+  return port->type == PORT_INPUT || port->type == PORT_IO_CTRL;
+}
+
+bool has_output_side(const IoPort* port) {
+  return port->type == PORT_OUTPUT || port->type == PORT_IO_CTRL;
+}
+
+// Typed reads from one group; each returns false with `error` set when the key is missing or
+// malformed, and leaves its target untouched then.
+class GroupReader {
+public:
+  GroupReader(GKeyFile* file, const char* group) : file_(file), group_(group) {}
+  ~GroupReader() { g_clear_error(&error); }
+  GroupReader(const GroupReader&) = delete;
+  GroupReader& operator=(const GroupReader&) = delete;
+
+  template <typename Flag>
+  bool boolean(const char* key, Flag& value) {
+    const gboolean read = g_key_file_get_boolean(file_, group_, key, &error);
+    if (error != nullptr) {
+      return false;
+    }
+    value = read != FALSE;
+    return true;
+  }
+
+  // The file holds 64 bits; what does not fit is cut off, which brings negative times back.
+  template <typename Number>
+  bool number(const char* key, Number& value) {
+    const guint64 read = g_key_file_get_uint64(file_, group_, key, &error);
+    if (error != nullptr) {
+      return false;
+    }
+    value = static_cast<Number>(read);
+    return true;
+  }
+
+  bool text(const char* key, std::string& value) {
+    g_autofree gchar* read = g_key_file_get_string(file_, group_, key, &error);
+    if (read == nullptr) {
+      return false;
+    }
+    value = read;
+    return true;
+  }
+
+  bool has(const char* key) const { return g_key_file_has_key(file_, group_, key, nullptr); }
+
+  GError* error = nullptr;
+
+private:
+  GKeyFile* file_;
+  const char* group_;
+};
+
+Outcome outcome(bool read) {
+  return read ? Outcome::Ok : Outcome::Failed;
+}
+
+bool read_name(GroupReader& reader, const IoPort* port, const char* key, const char* side,
+               OptionalText& name) {
+  std::string text;
+  if (!reader.text(key, text)) {
+    if (g_error_matches(reader.error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_KEY_NOT_FOUND)) {
+      printf("No %s name for port %s:%d\n", side, c_str_or_null(port->name), port->number);
+    }
+    return false;
+  }
+  name = text;
+  return true;
+}
+
+Outcome read_input_side(GroupReader& reader, IoPort* port) {
+  return outcome(read_name(reader, port, "input_name", "input", port->input_name)
+                 && reader.boolean("input_activelow", port->activelow_input));
+}
+
+// A port without a button type keeps its own; an unknown word ends the reading of the group.
+Outcome read_button_type(GroupReader& reader, IoPort* port) {
+  if (!reader.has("button_type")) {
+    return Outcome::Ok;
+  }
+  std::string word;
+  if (!reader.text("button_type", word)) {
+    return Outcome::Failed;
+  }
+  const auto found = std::ranges::find(button_type_string, word);
+  if (found == button_type_string.end()) {
+    return Outcome::Enough;
+  }
+  port->button_type = static_cast<guint>(found - button_type_string.begin());
+  return Outcome::Ok;
+}
+
+bool read_mode(GroupReader& reader, IoPort* port) {
+  std::string word;
+  if (!reader.text("port_mode", word)) {
+    return false;
+  }
+  port->mode =
+      word == port_mode_string[PORT_MODE_BISTABLE] ? PORT_MODE_BISTABLE : PORT_MODE_MONOSTABLE;
+  return true;
+}
+
+Outcome read_output_side(GroupReader& reader, IoPort* port) {
+  if (!read_name(reader, port, "output_name", "output", port->output_name)
+      || !reader.boolean("output_activelow", port->activelow_output)) {
+    return Outcome::Failed;
+  }
+  if (const auto button = read_button_type(reader, port); button != Outcome::Ok) {
+    return button;
+  }
+  return outcome(reader.number("pulse_time", port->pulse_time) && read_mode(reader, port)
+                 && reader.number("delay_time", port->delay_time));
+}
+
+GVariant* parse_ranges(const std::string& text, GError** error) {
+  g_autoptr(GVariant) value = g_variant_parse(nullptr, text.c_str(), nullptr, nullptr, error);
+  if (value == nullptr) {
+    return nullptr;
+  }
+  if (!g_variant_is_of_type(value, G_VARIANT_TYPE("a(suu)"))) {
+    g_set_error(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE,
+                "Supervised ranges of type '%s', expected 'a(suu)'",
+                g_variant_get_type_string(value));
+    return nullptr;
+  }
+  return g_steal_pointer(&value);
+}
+
+bool read_ranges(GroupReader& reader, IoPort* port) {
+  std::string text;
+  if (!reader.text("supervised_input_ranges", text)) {
+    return false;
+  }
+  g_autoptr(GVariant) value = parse_ranges(text, &reader.error);
+  if (value == nullptr) {
+    return false;
+  }
+  GList* const ranges = supervised_gvariant2ranges(value);
+  if (!io_port_set_supervised_ranges(port, ranges, &reader.error)) {
+    supervised_ranges_free(ranges);
+    return false;
+  }
+  return true;
+}
+
+Outcome read_supervision(GroupReader& reader, IoPort* port) {
+  // Only the flag: pins, watches and timers follow it when the port is set up and watched.
+  return outcome(read_ranges(reader, port) && reader.boolean("supervised_input", port->supervised));
+}
+
+Outcome read_usage(GroupReader& reader, IoPort* port) {
+  if (!reader.has("usage")) {
+    port->usage.clear();
+    return Outcome::Ok;
+  }
+  return outcome(reader.text("usage", port->usage));
+}
+
+struct Section {
+  bool (*applies)(IoPort* port);
+  Outcome (*read)(GroupReader& reader, IoPort* port);
+};
+
+bool always(IoPort* /*port*/) {
+  return true;
+}
+
+constexpr std::array sections{
+    Section{.applies = [](IoPort* port) { return port->type == PORT_IO_CTRL; },
+            .read = [](GroupReader& reader,
+                       IoPort* port) { return outcome(reader.boolean("input", port->direction)); }},
+    Section{.applies = [](IoPort* port) { return has_input_side(port); }, .read = read_input_side},
+    Section{.applies = [](IoPort* port) { return has_output_side(port); },
+            .read = read_output_side},
+    Section{.applies = io_port_is_supervisable, .read = read_supervision},
+    Section{.applies = always, .read = read_usage},
+};
+
+bool report_nameless() {
+  fputs("Port does not have a name!\n", stderr);
+  return false;
+}
+
+// Key files cannot hold every text as a group name, and GLib only complains about its own code.
+bool valid_group_name(const std::string& name) {
+  return !name.empty() && std::ranges::none_of(name, [](char c) {
+    return c == '[' || c == ']' || g_ascii_iscntrl(c);
+  });
+}
+
+void write_text(GKeyFile* file, const char* group, const char* key, const OptionalText& text) {
+  // A missing key would make the next start lose the rest of the group.
+  g_key_file_set_string(file, group, key, text.value_or("").c_str());
+}
+
+void write_input_side(GKeyFile* file, const char* group, const IoPort* port) {
+  write_text(file, group, "input_name", port->input_name);
+  g_key_file_set_boolean(file, group, "input_activelow", port->activelow_input);
+}
+
+void write_output_side(GKeyFile* file, const char* group, const IoPort* port) {
+  write_text(file, group, "output_name", port->output_name);
+  g_key_file_set_boolean(file, group, "output_activelow", port->activelow_output);
+  if (port->button_type < button_type_string.size()) {
+    g_key_file_set_string(file, group, "button_type", button_type_string[port->button_type]);
+  }
+  g_key_file_set_uint64(file, group, "pulse_time", port->pulse_time);
+  g_key_file_set_string(file, group, "port_mode",
+                        port->mode < port_mode_string.size() ? port_mode_string[port->mode] : "");
+  // Sign-extended on purpose: a negative time is a very large number in the file.
+  g_key_file_set_uint64(file, group, "delay_time",
+                        static_cast<guint64>(static_cast<gint64>(port->delay_time)));
+}
+
+void write_supervision(GKeyFile* file, const char* group, IoPort* port) {
+  GList* ranges = nullptr;
+  io_port_get_supervised_ranges(port, &ranges);
+  g_autoptr(GVariant) value = g_variant_ref_sink(supervised_ranges2gvariant(ranges));
+  g_autofree gchar* text = g_variant_print(value, TRUE);
+  g_key_file_set_string(file, group, "supervised_input_ranges", text);
+  g_key_file_set_boolean(file, group, "supervised_input", port->supervised);
+}
+
+} // namespace
+
+bool param_group_read(GKeyFile* file, IoPort* port) {
+  if (!port->name) {
+    return report_nameless();
+  }
+  const char* const group = port->name->c_str();
+  if (!g_key_file_has_group(file, group)) {
+    return false;
+  }
+  GroupReader reader(file, group);
+  for (const auto& section : sections) {
+    if (!section.applies(port)) {
+      continue;
+    }
+    switch (section.read(reader, port)) {
+    case Outcome::Ok:
+      break;
+    case Outcome::Enough:
+      return true;
+    case Outcome::Failed:
+      fprintf(stderr, "Error parsing param file: %s\n",
+              reader.error != nullptr ? reader.error->message : "value refused by the port");
+      return false;
+    }
+  }
+  return true;
+}
+
+bool param_group_write(GKeyFile* file, IoPort* port) {
+  if (!port->name) {
+    return report_nameless();
+  }
+  const char* const group = port->name->c_str();
+  if (!valid_group_name(*port->name)) {
+    g_warning("%sSettings of port %d are not saved: its name '%s' cannot head a group of the key "
+              "file",
+              log_prefix, port->number, group);
+    return false;
+  }
+  if (port->type == PORT_IO_CTRL) {
+    g_key_file_set_boolean(file, group, "input", port->direction);
+  }
+  if (has_input_side(port)) {
+    write_input_side(file, group, port);
+  }
+  if (has_output_side(port)) {
+    write_output_side(file, group, port);
+  }
+  if (io_port_is_supervisable(port)) {
+    write_supervision(file, group, port);
+  }
+  g_key_file_set_string(file, group, "usage", port->usage.c_str());
+  return true;
+}

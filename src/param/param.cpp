@@ -1,0 +1,122 @@
+// Loading, storing and handing over the key file. What a port's group holds is in
+// param-port-group.cpp.
+#include "param/param.h"
+
+#include "param/param-port-group.h"
+#include "platform/checks.h"
+#include "platform/file-sync.h"
+#include "platform/log.h"
+#include "port/ioport-list.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+namespace {
+
+constexpr const char* user_name = "wxd";
+
+struct KeyFileFree {
+  void operator()(GKeyFile* file) const { g_key_file_free(file); }
+};
+
+/// Guards `key_file` and its contents; the last lock in the order.
+std::mutex key_mutex;
+std::unique_ptr<GKeyFile, KeyFileFree> key_file;
+
+} // namespace
+
+bool param_read_configuration(const char* path) {
+  const std::lock_guard guard(key_mutex);
+  key_file.reset(g_key_file_new());
+  if (access(path, F_OK) != 0) {
+    return true;
+  }
+  g_autoptr(GError) error = nullptr;
+  if (!g_key_file_load_from_file(key_file.get(), path, G_KEY_FILE_KEEP_COMMENTS, &error)) {
+    fprintf(stderr, "Could not read key file: %s\n", error->message);
+    key_file.reset();
+    return false;
+  }
+  return true;
+}
+
+bool param_store_key_file(const char* path) {
+  const std::lock_guard guard(key_mutex);
+  WEXD_RETURN_VAL_IF_FAIL(key_file != NULL, false);
+  gsize length = 0;
+  g_autofree gchar* text = g_key_file_to_data(key_file.get(), &length, nullptr);
+  g_autoptr(GError) error = nullptr;
+  if (!file_set_contents_synced(path, {text, length}, &error)) {
+    fprintf(stderr, "Failed to store key file %s: %s\n", path, error->message);
+    return false;
+  }
+  return true;
+}
+
+void param_close_file() {
+  const std::lock_guard guard(key_mutex);
+  key_file.reset();
+}
+
+bool param_get_conf_vals(IoPort* port) {
+  WEXD_RETURN_VAL_IF_FAIL(key_file != NULL, false);
+  const std::lock_guard guard(key_mutex);
+  return param_group_read(key_file.get(), port);
+}
+
+bool param_set_conf_vals(IoPort* port) {
+  WEXD_RETURN_VAL_IF_FAIL(key_file != NULL, false);
+  const std::lock_guard guard(key_mutex);
+  return param_group_write(key_file.get(), port);
+}
+
+void param_save_for_port(IoPort* port, const char* file) {
+  g_assert(port != NULL);
+  const bool loaded = key_file != nullptr;
+  if (!loaded) {
+    WEXD_RETURN_IF_FAIL(param_read_configuration(file));
+  }
+  param_set_conf_vals(port);
+  param_store_key_file(file);
+  if (!loaded) {
+    param_close_file();
+  }
+}
+
+void param_save_all(const char* file) {
+  const IoPortListLock list_lock;
+  for (IoPort* port : io_port_list_get()) {
+    if (port->number >= 0 && io_port_get_property(port, "ioport")) {
+      const IoPortRef held(io_port_ref(port));
+      param_save_for_port(port, file);
+    }
+  }
+}
+
+void param_set_owner_group(const char* file) {
+  constexpr auto unchanged = static_cast<gid_t>(-1);
+  const auto* user = getpwnam(user_name);
+  if (user == nullptr) {
+    g_warning("%sFailed to get uid", log_prefix);
+    return;
+  }
+  const uid_t uid = user->pw_uid;
+  const auto* group = getgrnam(user_name);
+  if (group == nullptr) {
+    g_warning("%sFailed to get gid", log_prefix);
+  }
+  if (chown(file, uid, group != nullptr ? group->gr_gid : unchanged) != 0) {
+    const int saved_errno = errno;
+    std::array<char, 128> buffer{};
+    g_warning("%schown failed on file '%s': (%d) %s", log_prefix, file, saved_errno,
+              strerror_r(saved_errno, buffer.data(), buffer.size()));
+  }
+}

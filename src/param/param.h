@@ -1,0 +1,28 @@
+// The user's port settings in one GLib key file: a group per port, named after the port.
+#pragma once
+
+#include <glib.h>
+
+struct IoPort;
+
+/// The user configuration.
+inline constexpr const char* param_file = "/etc/wexd/wexd.conf";
+
+/// Loads `path` into the module's key file; a missing file is an empty one. False when the file
+/// cannot be read or parsed; nothing is loaded then.
+bool param_read_configuration(const char* path);
+/// Writes the loaded key file to `path` and syncs it; false when that fails.
+bool param_store_key_file(const char* path);
+/// Forgets the loaded key file.
+void param_close_file();
+/// Reads the port's group of the loaded key file into the port; false when the group is absent or
+/// broken (values before the broken key stay set).
+bool param_get_conf_vals(IoPort* port);
+/// Writes the port's settings into its group of the loaded key file; does not store the file.
+bool param_set_conf_vals(IoPort* port);
+/// Saves one port: reads, changes and stores the whole file, so that foreign changes are kept.
+void param_save_for_port(IoPort* port, const char* file);
+/// Saves every I/O port of the list, one by one.
+void param_save_all(const char* file);
+/// Hands the file to the user and group `wxd`.
+void param_set_owner_group(const char* file);

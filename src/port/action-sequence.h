@@ -1,0 +1,38 @@
+// Timed sequences of states on one port, and the manual-trigger ports that stand for video
+// channels.
+#pragma once
+
+#include <glib.h>
+
+#include "port/ioport.h"
+
+#include <vector>
+
+/// One step: set a state, hold it.
+struct ActionStep {
+  /// Borrowed from the sequence's own reference; the same port in every step.
+  IoPort* port;
+  /// Announce as a virtual state instead of writing the hardware; the same in every step.
+  bool is_virtual;
+  bool state;
+  gint32 duration_ms;
+};
+
+using ActionSequence = std::vector<ActionStep>;
+
+/// Runs `steps` on the port in a detached thread of its own, which owns `steps` and a reference of
+/// the port from then on. False, with a warning in the log, when the port cannot run the sequence.
+/// `steps` must not be empty and the port not be busy (io_port_lock_taken).
+bool io_port_run_action_sequence(IoPort* ioport, ActionSequence steps);
+
+/// Cancels whatever sequence still runs, on any port, and waits until all have ended.
+void action_sequences_stop();
+
+/// A new manual-trigger port for a video channel (1-based), disabled, with one reference.
+IoPort* io_port_create_manual_trigger(gint channel);
+
+/// Number of the port of channel 1; also switches the virtual inputs on.
+void virtual_input_set_first_port_no(gint port_no);
+gint virtual_input_get_first_port_no();
+/// Whether the hardware description asked for virtual inputs.
+bool virtual_input_in_use();

@@ -1,0 +1,165 @@
+// Birth, locking, backend attachment and death of a port.
+#include "port/ioport.h"
+
+#include "event/event.h"
+#include "port/backend-registry.h"
+
+#include <chrono>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// How long a canceller waits before it looks again. A wake-up may be missed (the sequence can be
+/// just about to wait), and the end of a sequence releases `lock` a moment after it says so.
+constexpr auto cancel_retry = 1ms;
+
+// Tells a fresh backend record what the hardware description said. Ranges are user settings by
+// now and must not be added once more.
+void describe_to_backend(IoPort* ioport) {
+  GList* const ranges = std::exchange(ioport->ranges, nullptr);
+  for (const auto& attribute : ioport->backend_description) {
+    ioport->functions->parse_data(ioport, attribute.element.c_str(), attribute.key.c_str(),
+                                  attribute.value.c_str());
+  }
+  supervised_ranges_free(std::exchange(ioport->ranges, ranges));
+}
+
+void ensure_backend_record(IoPort* ioport) {
+  if (ioport->backend_private != nullptr) {
+    return;
+  }
+  if (const auto* entry = backend_registry_find(ioport->backend)) {
+    entry->setup_functions(ioport);
+    describe_to_backend(ioport);
+  }
+}
+
+} // namespace
+
+void IoPortUnref::operator()(IoPort* port) const {
+  io_port_unref(port);
+}
+
+PortConfigLock::PortConfigLock(IoPort* port)
+    : port_(port), nested_(port->config_owner == std::this_thread::get_id()) {
+  if (nested_) {
+    return;
+  }
+  std::unique_lock guard(port->sequence_lock);
+  while (true) {
+    if (port->sequence_running) {
+      port->cancel_sequence = true;
+      port->sequence_wake.notify_all();
+    } else if (port->lock.try_lock()) {
+      break;
+    }
+    port->sequence_done.wait_for(guard, cancel_retry);
+  }
+  port->config_owner = std::this_thread::get_id();
+}
+
+PortConfigLock::~PortConfigLock() {
+  if (!nested_) {
+    port_->config_owner = std::thread::id();
+    port_->lock.unlock();
+  }
+}
+
+IoPort* io_port_new() {
+  auto* port = new IoPort;
+  port->properties = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, nullptr);
+  return port;
+}
+
+IoPort* io_port_ref(IoPort* ioport) {
+  if (ioport != nullptr) {
+    ioport->refcount.fetch_add(1);
+  }
+  return ioport;
+}
+
+void io_port_unref(IoPort* ioport) {
+  if (ioport != nullptr && ioport->refcount.fetch_sub(1) == 1) {
+    io_port_free(ioport);
+  }
+}
+
+void io_port_free(IoPort* ioport) {
+  g_assert_nonnull(ioport);
+  {
+    const PortConfigLock config_lock(ioport);
+    ioport->events.clear();
+    supervised_ranges_free(std::exchange(ioport->ranges, nullptr));
+  }
+  g_clear_pointer(&ioport->properties, g_hash_table_unref);
+  if (ioport->functions != nullptr) {
+    ioport->functions->free(ioport);
+  }
+  delete ioport;
+}
+
+const PortFunctions* io_port_set_backend(IoPort* ioport, guint kind) {
+  const auto* entry = backend_registry_find(kind);
+  if (entry == nullptr) {
+    return nullptr;
+  }
+  if (ioport->functions != nullptr && ioport->backend != kind) {
+    // The record belongs to the backend that is being replaced.
+    ioport->functions->free(ioport);
+    ioport->backend_description.clear();
+  }
+  ioport->backend = kind;
+  ioport->functions = entry->setup_functions(ioport);
+  return ioport->functions;
+}
+
+bool io_port_setup(IoPort* ioport) {
+  g_assert_nonnull(ioport);
+  g_assert_nonnull(ioport->functions);
+  ensure_backend_record(ioport);
+  if (!ioport->functions->setup(ioport, ioport->activelow_output)) {
+    return false;
+  }
+  ioport->is_setup = true;
+  return true;
+}
+
+void io_port_close(IoPort* ioport) {
+  g_assert_nonnull(ioport);
+  if (ioport->functions == nullptr) {
+    return;
+  }
+  const PortConfigLock config_lock(ioport);
+  ioport->is_setup = false;
+  if (ioport->functions->close != nullptr) {
+    ioport->functions->close(ioport);
+  } else {
+    ioport->functions->free(ioport);
+  }
+}
+
+void io_port_parse_backend_data(IoPort* ioport, const char* element, const char* key,
+                                const char* value) {
+  g_assert_nonnull(ioport);
+  g_assert_nonnull(ioport->functions);
+  ioport->backend_description.push_back({.element = element, .key = key, .value = value});
+  ioport->functions->parse_data(ioport, element, key, value);
+}
+
+bool io_port_set_watch(IoPort* ioport) {
+  g_assert_nonnull(ioport);
+  if (!ioport->enabled || !io_port_input(ioport)) {
+    return false;
+  }
+  return ioport->functions->set_watch(ioport);
+}
+
+bool io_port_lock_taken(IoPort* ioport) {
+  const std::unique_lock guard(ioport->lock, std::try_to_lock);
+  if (!guard.owns_lock()) {
+    return true;
+  }
+  const std::unique_lock sequence_guard(ioport->sequence_lock, std::try_to_lock);
+  return !sequence_guard.owns_lock() || ioport->sequence_running;
+}

@@ -1,0 +1,23 @@
+// State of the port list, shared by its source files only.
+#pragma once
+
+#include "port/ioport.h"
+
+#include <deque>
+#include <mutex>
+
+namespace port_list {
+
+/// Guards both lists. Taken before any port's lock, never the other way round.
+extern std::mutex mutex;
+/// Ports in service, newest first; one reference per port.
+extern std::deque<IoPort*> io_port_list;
+/// Optional ports not in service, latest first; holds the reference the main list held.
+extern std::deque<IoPort*> io_port_dynamic_list;
+
+/// Whether the port can be found by its number.
+bool addressable(IoPort* port);
+/// Tells the observer whether there is an output-capable port. With the mutex held.
+void update_action_registration_internal();
+
+} // namespace port_list

@@ -1,0 +1,131 @@
+// What is done to all ports in turn: set-up, watches, events, default names.
+#include "port/ioport-list.h"
+
+#include "event/event.h"
+#include "platform/log.h"
+#include "port/ioport-list-internal.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+using namespace port_list;
+
+namespace {
+
+void remove_from_main_list(const std::vector<IoPort*>& ports) {
+  const std::unordered_set<IoPort*> leaving(ports.begin(), ports.end());
+  std::erase_if(io_port_list, [&](IoPort* port) { return leaving.contains(port); });
+}
+
+// Whether an addressable port of that number is in service.
+bool number_in_service(gint number) {
+  return std::ranges::any_of(
+      io_port_list, [number](IoPort* port) { return port->number == number && addressable(port); });
+}
+
+std::string default_name(const IoPort* port) {
+  return "Port " + std::to_string(port->number + 1);
+}
+
+void set_default_input_name(IoPort* port) {
+  if (port->input_name) {
+    return;
+  }
+  const bool pir = port->name == "pir_detector";
+  io_port_set_input_name(port, pir ? "PIR sensor" : default_name(port).c_str());
+}
+
+void set_default_output_name(IoPort* port) {
+  if (!port->output_name) {
+    io_port_set_output_name(port, default_name(port).c_str());
+  }
+}
+
+} // namespace
+
+void io_port_list_setup() {
+  const std::lock_guard guard(mutex);
+  std::unordered_set<gint> numbers_taken;
+  std::vector<IoPort*> to_destroy;
+  std::vector<IoPort*> waiting;
+  for (IoPort* port : io_port_list) {
+    if (io_port_setup(port)) {
+      // The walk meets the newest definition of a number first; only that one stays. A port that
+      // cannot be addressed never takes a number away from another.
+      if (numbers_taken.contains(port->number)) {
+        to_destroy.push_back(port);
+      } else if (addressable(port)) {
+        numbers_taken.insert(port->number);
+      }
+    } else if (port->optional) {
+      io_port_dynamic_list.push_front(port);
+      waiting.push_back(port);
+    } else {
+      g_log(G_LOG_DOMAIN, log_level_user, "%sSetup failed for port %d, removing from list",
+            log_prefix, port->number);
+      to_destroy.push_back(port);
+    }
+  }
+
+  remove_from_main_list(to_destroy);
+  std::ranges::for_each(to_destroy, io_port_free);
+  remove_from_main_list(waiting);
+  update_action_registration_internal();
+}
+
+gint io_port_list_setup_dynamic_ports() {
+  const std::lock_guard guard(mutex);
+  gint count = 0;
+  for (gsize i = 0; i < io_port_dynamic_list.size();) {
+    IoPort* const port = io_port_dynamic_list[i];
+    if (number_in_service(port->number) || !io_port_setup(port)) {
+      i++;
+      continue;
+    }
+    io_port_list.push_front(port);
+    io_port_dynamic_list.erase(io_port_dynamic_list.begin() + static_cast<std::ptrdiff_t>(i));
+    count++;
+  }
+  if (count > 0) {
+    update_action_registration_internal();
+  }
+  return count;
+}
+
+void io_port_list_read_params(bool (*read_params)(IoPort* port)) {
+  const std::lock_guard guard(mutex);
+  std::ranges::for_each(io_port_list, read_params);
+}
+
+void io_port_list_set_watch() {
+  const std::lock_guard guard(mutex);
+  std::ranges::for_each(io_port_list, io_port_set_watch);
+}
+
+void io_port_list_declare_events() {
+  const std::lock_guard guard(mutex);
+  for (IoPort* port : io_port_list) {
+    if (!port->enabled) {
+      continue;
+    }
+    for (const auto& event : port->events) {
+      if (!io_event_declare_event(port, event.get())) {
+        g_warning("%sCould not declare event %s", log_prefix, c_str_or_null(event->declaration));
+      }
+    }
+  }
+}
+
+// Walks by number below the count of ports, so a port numbered at or above it keeps no name.
+void io_port_list_update_names() {
+  for (gint number = 0; number < io_port_list_length(); number++) {
+    for (const auto& port : io_port_list_get_port_list(number)) {
+      if (port->type == PORT_INPUT || port->type == PORT_IO_CTRL) {
+        set_default_input_name(port.get());
+      }
+      if (port->type == PORT_OUTPUT || port->type == PORT_IO_CTRL) {
+        set_default_output_name(port.get());
+      }
+    }
+  }
+}

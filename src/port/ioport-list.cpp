@@ -1,0 +1,197 @@
+// The lists and their look-ups. What is done to all ports in turn stands in ioport-list-setup.cpp.
+#include "port/ioport-list.h"
+
+#include "event/event.h"
+#include "port/action-sequence.h"
+#include "port/ioport-list-internal.h"
+#include "port/port-observer.h"
+
+#include <algorithm>
+
+using namespace port_list;
+
+namespace port_list {
+
+std::mutex mutex;
+std::deque<IoPort*> io_port_list;
+std::deque<IoPort*> io_port_dynamic_list;
+
+bool addressable(IoPort* port) {
+  return io_port_get_property(port, "ioport") || io_port_get_property(port, "virtual");
+}
+
+void update_action_registration_internal() {
+  if (port_observer.outputs_wanted == nullptr) {
+    return;
+  }
+  const bool wanted = std::ranges::any_of(io_port_list, [](IoPort* port) {
+    return (port->type == PORT_OUTPUT || port->type == PORT_IO_CTRL)
+           && io_port_get_property(port, "ioport");
+  });
+  announce(port_observer.outputs_wanted, wanted);
+}
+
+} // namespace port_list
+
+namespace {
+
+IoPort* find_by_number(const std::deque<IoPort*>& ports, gint number) {
+  IoPort* candidate = nullptr;
+  for (IoPort* port : ports) {
+    if (port->number == number && addressable(port)) {
+      candidate = port;
+    }
+  }
+  return io_port_ref(candidate);
+}
+
+auto find_by_name(const char* name) {
+  return std::ranges::find_if(io_port_list, [name](const IoPort* port) {
+    return g_strcmp0(c_str_or_null(port->name), name) == 0;
+  });
+}
+
+// Counts ports that are of the fixed type, or configurable and currently that way round.
+gint count_ports(guint type, bool direction_input) {
+  const std::lock_guard guard(mutex);
+  return static_cast<gint>(std::ranges::count_if(io_port_list, [=](IoPort* port) {
+    return (port->type == type
+            || (port->type == PORT_IO_CTRL && port->direction == direction_input))
+           && io_port_get_property(port, "ioport");
+  }));
+}
+
+} // namespace
+
+void io_port_list_add(IoPort* port) {
+  const std::lock_guard guard(mutex);
+  io_port_list.push_front(io_port_ref(port));
+  update_action_registration_internal();
+}
+
+IoPort* io_port_list_nth_data(guint n) {
+  const std::lock_guard guard(mutex);
+  return n < io_port_list.size() ? io_port_ref(io_port_list[n]) : nullptr;
+}
+
+const std::deque<IoPort*>& io_port_list_get() {
+  return io_port_list;
+}
+
+gint io_port_list_length() {
+  const std::lock_guard guard(mutex);
+  return static_cast<gint>(io_port_list.size());
+}
+
+IoPort* io_port_list_get_by_name(const char* name) {
+  const std::lock_guard guard(mutex);
+  const auto found = find_by_name(name);
+  return found != io_port_list.end() ? io_port_ref(*found) : nullptr;
+}
+
+IoPort* io_port_list_get_port(gint number) {
+  const std::lock_guard guard(mutex);
+  return find_by_number(io_port_list, number);
+}
+
+IoPort* io_port_list_get_dynamic_port(gint number) {
+  const std::lock_guard guard(mutex);
+  return find_by_number(io_port_dynamic_list, number);
+}
+
+std::vector<IoPortRef> io_port_list_get_port_list(gint number) {
+  const std::lock_guard guard(mutex);
+  std::vector<IoPortRef> ports;
+  for (IoPort* port : io_port_list) {
+    if (port->number == number && addressable(port)) {
+      ports.emplace_back(io_port_ref(port));
+    }
+  }
+  return ports;
+}
+
+gint io_port_list_nbr_inputs() {
+  return count_ports(PORT_INPUT, true);
+}
+
+gint io_port_list_nbr_outputs() {
+  return count_ports(PORT_OUTPUT, false);
+}
+
+std::vector<gint> io_port_list_get_supervised_port_numbers() {
+  const std::lock_guard guard(mutex);
+  std::vector<gint> numbers;
+  for (IoPort* port : io_port_list) {
+    if (io_port_is_supervisable(port)) {
+      numbers.push_back(port->number);
+    }
+  }
+  return numbers;
+}
+
+gint io_port_list_get_port_any_value() {
+  const std::lock_guard guard(mutex);
+  return std::ranges::any_of(io_port_list, [](IoPort* port) {
+    return io_port_got_port_any(port) && io_port_get_state(port);
+  });
+}
+
+void io_port_list_move_to_dynamic(IoPort* port) {
+  const std::lock_guard guard(mutex);
+  if (!port->optional || std::erase(io_port_list, port) == 0) {
+    return;
+  }
+  io_port_dynamic_list.push_front(port);
+  update_action_registration_internal();
+}
+
+void io_port_list_free_by_name(const char* name) {
+  IoPortRef removed;
+  const std::lock_guard guard(mutex);
+  if (const auto found = find_by_name(name); found != io_port_list.end()) {
+    removed.reset(*found);
+    io_port_list.erase(found);
+  }
+  update_action_registration_internal();
+}
+
+void io_port_list_drop_without_backend(void (*report)(const IoPort* port)) {
+  std::vector<IoPortRef> removed;
+  const std::lock_guard guard(mutex);
+  std::erase_if(io_port_list, [&](IoPort* port) {
+    if (port->functions != nullptr) {
+      return false;
+    }
+    report(port);
+    removed.emplace_back(port);
+    return true;
+  });
+  if (!removed.empty()) {
+    update_action_registration_internal();
+  }
+}
+
+void io_port_list_update_action_registration() {
+  const std::lock_guard guard(mutex);
+  update_action_registration_internal();
+}
+
+void io_port_list_free() {
+  {
+    const std::lock_guard guard(mutex);
+    for (auto* ports : {&io_port_list, &io_port_dynamic_list}) {
+      std::ranges::for_each(*ports, io_port_free);
+      ports->clear();
+    }
+  }
+  // Sequences on ports that left the lists while they ran.
+  action_sequences_stop();
+}
+
+void io_port_list_lock() {
+  mutex.lock();
+}
+
+void io_port_list_unlock() {
+  mutex.unlock();
+}

@@ -1,0 +1,403 @@
+// The port object: state, inversion, direction, names and properties. Its life is in
+// ioport-lifetime.cpp, its supervision in ioport-supervision.cpp.
+#include "port/ioport.h"
+
+#include "event/event.h"
+#include "platform/checks.h"
+#include "platform/log.h"
+#include "port/port-observer.h"
+
+namespace {
+
+const char* open_or_closed(bool activelow) {
+  return activelow ? "open" : "closed";
+}
+
+bool read_only(IoPort* ioport, const char* property) {
+  return io_port_get_property(ioport, "readonly") || io_port_get_property(ioport, property);
+}
+
+bool activelow_of_current_side(IoPort* port) {
+  return io_port_get_activelow(port, io_port_input(port));
+}
+
+// The raw level as the backend gives it, with "unknown" still in it.
+guint raw_level(IoPort* ioport) {
+  return ioport->functions->get_state(ioport);
+}
+
+void report_state(IoPort* ioport) {
+  const bool state = io_port_get_state(ioport);
+  if (ioport->enabled) {
+    io_port_send_events(ioport, state ? 1 : 0);
+    io_port_send_signal(ioport, false, state);
+  }
+}
+
+void apply_input_activelow(IoPort* ioport, bool value) {
+  report_state(ioport);
+  announce(port_observer.setting_changed, "Trig", open_or_closed(value), ioport->number,
+           PortSide::Input);
+}
+
+void apply_output_activelow(IoPort* ioport, bool value) {
+  // With the new sense stored, the unflipped line reads as the opposite logical state; flipping it
+  // restores the old one, which the state setter announces once.
+  const bool level = raw_level(ioport) > 0;
+  io_port_set_state_internal(ioport, value ? level : !level);
+  announce(port_observer.setting_changed, "Active", open_or_closed(value), ioport->number,
+           PortSide::Output);
+}
+
+void redeclare_events(IoPort* ioport) {
+  for (const auto& event : ioport->events) {
+    io_event_redeclare_port(ioport, event.get());
+  }
+}
+
+void copy_text(const OptionalText& text, gchar** copy) {
+  *copy = g_strdup(c_str_or_null(text));
+}
+
+} // namespace
+
+bool io_port_input(IoPort* port) {
+  g_assert(port->functions != NULL);
+  return port->type == PORT_INPUT || (port->type == PORT_IO_CTRL && port->direction);
+}
+
+bool io_port_direction_input(IoPort* ioport) {
+  g_assert_nonnull(ioport);
+  switch (ioport->type) {
+  case PORT_INPUT:
+    return true;
+  case PORT_OUTPUT:
+    return false;
+  case PORT_IO_CTRL:
+    return ioport->direction;
+  default:
+    g_assert_not_reached();
+  }
+}
+
+bool io_port_set_direction(IoPort* ioport, bool input) {
+  g_assert_nonnull(ioport);
+  if (ioport->type != PORT_IO_CTRL) {
+    return false;
+  }
+
+  const PortConfigLock config_lock(ioport);
+  ioport->direction = input;
+  if (ioport->is_setup) {
+    ioport->functions->set_direction(ioport, input);
+    if (input) {
+      io_port_set_watch(ioport);
+    }
+    for (const auto& event : ioport->events) {
+      if (io_event_currently_applicable(ioport, event.get())) {
+        io_event_declare_event(ioport, event.get());
+      } else {
+        io_event_undeclare_event(event.get());
+      }
+    }
+    report_state(ioport);
+    announce(port_observer.setting_changed, "Direction", input ? "input" : "output", ioport->number,
+             PortSide::Port);
+  }
+  return true;
+}
+
+bool io_port_get_state(IoPort* ioport) {
+  g_assert_nonnull(ioport);
+  if (!ioport->is_setup) {
+    return false;
+  }
+  g_assert(ioport->functions != NULL);
+  const guint level = raw_level(ioport);
+  if (level >= 2) {
+    return false;
+  }
+  return (level == 1) != activelow_of_current_side(ioport);
+}
+
+void io_port_set_state_internal(IoPort* ioport, bool state) {
+  const bool before = io_port_get_state(ioport);
+  ioport->functions->set_state(ioport, state != ioport->activelow_output ? 1 : 0);
+  const bool after = io_port_get_state(ioport);
+  if (after == before) {
+    return;
+  }
+  if (ioport->enabled) {
+    io_port_send_events(ioport, after ? 1 : 0);
+  }
+  io_port_send_signal(ioport, false, after);
+}
+
+bool io_port_set_state(IoPort* ioport, bool state) {
+  g_assert_nonnull(ioport);
+  if (io_port_input(ioport) || ioport->backend == BACKEND_VIRTUAL || !ioport->is_setup) {
+    g_warning("%sSet state on incorrect port", log_prefix);
+    return false;
+  }
+  const std::lock_guard guard(ioport->lock);
+  io_port_set_state_internal(ioport, state);
+  return true;
+}
+
+bool io_port_set_virtual(IoPort* ioport, bool state) {
+  g_assert_nonnull(ioport);
+  if (!ioport->enabled) {
+    return true;
+  }
+  g_assert_nonnull(ioport->functions);
+  if (ioport->backend == BACKEND_VIRTUAL && ioport->type == PORT_OUTPUT) {
+    ioport->functions->set_state(ioport, state ? 1 : 0);
+  }
+  io_port_send_events(ioport, state ? 1 : 0);
+  io_port_send_signal(ioport, true, state);
+  return true;
+}
+
+void io_port_trigger(IoPort* ioport, guint state) {
+  g_assert_nonnull(ioport);
+  if (!ioport->enabled) {
+    return;
+  }
+  io_port_send_events(ioport, state);
+  io_port_send_signal(ioport, false, state != 0);
+}
+
+void io_port_send_events(IoPort* ioport, guint state) {
+  const bool input = io_port_input(ioport);
+  const bool supervised_input = io_port_supervised_input(ioport);
+  for (const auto& event : ioport->events) {
+    if ((event->supervised_input && supervised_input) || (event->input && input)
+        || (event->output && !input)) {
+      io_event_send_event(ioport, event.get(), static_cast<gint>(state));
+    }
+  }
+}
+
+void io_port_send_events_if_enabled(IoPort* ioport, guint state) {
+  if (ioport->enabled) {
+    io_port_send_events(ioport, state);
+  }
+}
+
+void io_port_send_signal(IoPort* port, bool virtual_trig, bool state) {
+  g_assert(port->functions != NULL);
+  if (!port->enabled) {
+    return;
+  }
+  announce(port_observer.port_changed, port->number, io_port_get_property(port, "virtual"),
+           io_port_get_property(port, "hidden"), io_port_input(port), virtual_trig, state,
+           activelow_of_current_side(port));
+}
+
+bool io_port_get_activelow(IoPort* ioport, bool input_side) {
+  g_assert_nonnull(ioport);
+  return input_side ? ioport->activelow_input : ioport->activelow_output;
+}
+
+bool io_port_set_activelow(IoPort* ioport, bool value, bool input_side) {
+  g_assert_nonnull(ioport);
+  if (ioport->type == (input_side ? PORT_OUTPUT : PORT_INPUT)) {
+    return false;
+  }
+  bool& activelow = input_side ? ioport->activelow_input : ioport->activelow_output;
+  if (activelow == value) {
+    return true;
+  }
+  if (read_only(ioport, input_side ? "readonly_Trig" : "readonly_Active")) {
+    return false;
+  }
+
+  const PortConfigLock config_lock(ioport);
+  if (activelow == value) {
+    return true;
+  }
+  io_port_reset_event_filters(ioport);
+  activelow = value;
+  if (ioport->is_setup && io_port_input(ioport) == input_side) {
+    if (input_side) {
+      apply_input_activelow(ioport, value);
+    } else {
+      apply_output_activelow(ioport, value);
+    }
+  }
+  return true;
+}
+
+gchar* io_port_get_name(IoPort* ioport) {
+  WEXD_RETURN_VAL_IF_FAIL(ioport, nullptr);
+  switch (ioport->type) {
+  case PORT_INPUT:
+    return g_strdup(c_str_or_null(ioport->input_name));
+  case PORT_OUTPUT:
+    return g_strdup(c_str_or_null(ioport->output_name));
+  case PORT_IO_CTRL:
+    return g_strdup(c_str_or_null(ioport->direction ? ioport->input_name : ioport->output_name));
+  default:
+    return nullptr;
+  }
+}
+
+void io_port_get_names(IoPort* ioport, gchar** input_name, gchar** output_name) {
+  WEXD_RETURN_IF_FAIL(ioport);
+  if (ioport->type == PORT_INPUT || ioport->type == PORT_IO_CTRL) {
+    copy_text(ioport->input_name, input_name);
+  }
+  if (ioport->type == PORT_OUTPUT || ioport->type == PORT_IO_CTRL) {
+    copy_text(ioport->output_name, output_name);
+  }
+}
+
+namespace {
+
+// Both name setters: `side` is the one to rename, a port of type `other` does not have it.
+bool set_name(IoPort* ioport, const char* name, PortSide side, guint other) {
+  if (ioport == nullptr || ioport->type == other) {
+    return false;
+  }
+  const bool input_side = side == PortSide::Input;
+  OptionalText& stored = input_side ? ioport->input_name : ioport->output_name;
+  if (g_strcmp0(name, c_str_or_null(stored)) == 0) {
+    return true;
+  }
+  if (read_only(ioport, "readonly_Name")) {
+    return false;
+  }
+  stored = name != nullptr ? OptionalText(name) : std::nullopt;
+  announce(port_observer.setting_changed, "Name", c_str_or_null(stored), ioport->number, side);
+
+  // Declarations carry the name of the side in use only.
+  if (ioport->type != PORT_IO_CTRL || ioport->direction == input_side) {
+    redeclare_events(ioport);
+  }
+  return true;
+}
+
+} // namespace
+
+bool io_port_set_input_name(IoPort* ioport, const char* name) {
+  return set_name(ioport, name, PortSide::Input, PORT_OUTPUT);
+}
+
+bool io_port_set_output_name(IoPort* ioport, const char* name) {
+  return set_name(ioport, name, PortSide::Output, PORT_INPUT);
+}
+
+gchar* io_port_get_usage(IoPort* ioport) {
+  WEXD_RETURN_VAL_IF_FAIL(ioport, nullptr);
+  return g_strdup(ioport->usage.c_str());
+}
+
+bool io_port_set_usage(IoPort* ioport, const char* usage) {
+  if (ioport == nullptr) {
+    return false;
+  }
+  const std::string text = usage != nullptr ? usage : "";
+  if (text == ioport->usage) {
+    return true;
+  }
+  if (read_only(ioport, "readonly_Usage")) {
+    return false;
+  }
+  ioport->usage = text;
+  announce(port_observer.setting_changed, "Usage", ioport->usage.c_str(), ioport->number,
+           PortSide::Port);
+  return true;
+}
+
+void io_port_add_property(IoPort* ioport, const char* key, const char* value) {
+  g_assert_nonnull(ioport);
+  const gboolean truth = g_ascii_strcasecmp(value, "true") == 0;
+  g_hash_table_replace(ioport->properties, g_strdup(key), GINT_TO_POINTER(truth));
+}
+
+bool io_port_get_property(IoPort* ioport, const char* key) {
+  bool value = false;
+  io_port_lookup_property(ioport, key, &value);
+  return value;
+}
+
+bool io_port_lookup_property(IoPort* ioport, const char* key, bool* value) {
+  gpointer stored = nullptr;
+  if (ioport->properties == nullptr
+      || !g_hash_table_lookup_extended(ioport->properties, key, nullptr, &stored)) {
+    return false;
+  }
+  *value = GPOINTER_TO_INT(stored) != 0;
+  return true;
+}
+
+GList* io_port_get_property_keys(IoPort* ioport) {
+  return g_hash_table_get_keys(ioport->properties);
+}
+
+GList* io_port_get_property_values(IoPort* ioport) {
+  return g_hash_table_get_values(ioport->properties);
+}
+
+void io_port_set_enabled(IoPort* ioport, bool enabled) {
+  g_assert_nonnull(ioport);
+  if (ioport->enabled == enabled) {
+    return;
+  }
+  ioport->enabled = enabled;
+  for (const auto& event : ioport->events) {
+    if (enabled) {
+      io_event_declare_event(ioport, event.get());
+    } else {
+      io_event_undeclare_event(event.get());
+    }
+  }
+}
+
+bool io_port_got_port_any(IoPort* ioport) {
+  if (!ioport->enabled) {
+    return false;
+  }
+  for (const auto& event : ioport->events) {
+    if (event->declaration == event_port_any) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void io_port_reset_event_filters(IoPort* ioport) {
+  for (const auto& event : ioport->events) {
+    io_event_reset_filter(event.get());
+  }
+}
+
+bool io_port_set_mode(IoPort* ioport, guint mode) {
+  if (mode != PORT_MODE_MONOSTABLE && mode != PORT_MODE_BISTABLE) {
+    return false;
+  }
+  ioport->mode = mode;
+  return true;
+}
+
+guint io_port_get_mode(IoPort* ioport) {
+  return ioport != nullptr ? ioport->mode : 0;
+}
+
+void io_port_set_delay_time(IoPort* ioport, gint32 delay_time) {
+  ioport->delay_time = delay_time;
+}
+
+gint32 io_port_get_delay_time(IoPort* ioport) {
+  return ioport != nullptr ? ioport->delay_time : -1;
+}
+
+void io_port_set_spare_count(IoPort* ioport, guint32 count) {
+  if (count != 0) {
+    ioport->spare_count = count;
+  }
+}
+
+guint32 io_port_get_spare_count(IoPort* ioport) {
+  return ioport->spare_count;
+}

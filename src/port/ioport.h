@@ -1,0 +1,304 @@
+// One I/O port: identity, kind, direction, inversion, user settings, events, and the operation
+// table of the backend that drives its hardware.
+//
+// Threads: everything happens on the main thread except action sequences, which run on a thread of
+// their own. `IoPort::lock` serialises state writes and configuration changes against a running
+// sequence. Lock order: port-list mutex, then `sequence_lock` / `lock`, then the key-file mutex. A
+// blocking wait for `lock` is never made while holding `sequence_lock`.
+#pragma once
+
+#include <glib.h>
+
+#include "port/supervised-utils.h"
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+struct IoEvent;
+struct IoPort;
+
+enum PortType : guint { PORT_INPUT = 0, PORT_OUTPUT = 1, PORT_IO_CTRL = 2 };
+
+enum BackendKind : guint {
+  BACKEND_VIRTUAL = 0,
+  BACKEND_GPIO = 1,
+  BACKEND_SPIADC = 2,
+  BACKEND_SPI = 3,
+  BACKEND_IIO = 4,
+  BACKEND_IIO_INTERRUPT = 5,
+  BACKEND_SYSFS = 6,
+  BACKEND_IOBOX = 7,
+  BACKEND_NULL = 8,
+  BACKEND_CHECK = 9,
+  BACKEND_ZWAVE = 10,
+};
+
+enum ButtonType : guint { BUTTON_NONE = 0, BUTTON_PULSE = 1, BUTTON_ACTINACT = 2 };
+enum PortMode : guint { PORT_MODE_MONOSTABLE = 1, PORT_MODE_BISTABLE = 2 };
+
+/// Texts of ButtonType and PortMode, as stored and published. Mode 0 is no mode.
+inline constexpr std::array<const char*, 3> button_type_string{"none", "pulse", "actinact"};
+inline constexpr std::array<const char*, 3> port_mode_string{"", "monostable", "bistable"};
+
+/// A backend's operations. Each backend keeps one static table; empty slots hold nullptr.
+struct PortFunctions {
+  /// Takes the hardware into use; an output starts at the level that `activelow_output` asks for.
+  gboolean (*setup)(IoPort* port, gboolean activelow_output) = nullptr;
+  /// Empty: not supervisable.
+  gboolean (*is_supervisable)(IoPort* port) = nullptr;
+  gboolean (*set_supervised)(IoPort* port, gboolean supervised) = nullptr;
+  /// Lends the range list. Empty: the port has no ranges.
+  GList* (*get_supervised_ranges)(IoPort* port) = nullptr;
+  /// Takes over the list on success.
+  gboolean (*set_supervised_ranges)(IoPort* port, GList* ranges, GError** error) = nullptr;
+  gboolean (*get_supervised_readout)(IoPort* port, guint* state, guint* level,
+                                     GError** error) = nullptr;
+  /// Raw physical level: 0 or 1; 2 or more is unknown.
+  guint (*get_state)(IoPort* port) = nullptr;
+  /// Sets the raw physical level.
+  void (*set_state)(IoPort* port, gint state) = nullptr;
+  /// Starts reporting changes of an input; a watched port keeps the watch it has.
+  gboolean (*set_watch)(IoPort* port) = nullptr;
+  void (*set_direction)(IoPort* port, gboolean input) = nullptr;
+  /// One attribute of the hardware description.
+  void (*parse_data)(IoPort* port, const char* element, const char* key,
+                     const char* value) = nullptr;
+  /// Releases `backend_private`; does nothing when there is none.
+  void (*free)(IoPort* port) = nullptr;
+  /// Stops the hardware, keeping `backend_private`. Empty: `free` does it.
+  void (*close)(IoPort* port) = nullptr;
+};
+
+/// Whether every slot that may not be empty is filled; for a static_assert beside each table.
+constexpr bool port_functions_valid(const PortFunctions& table) {
+  return table.setup && table.get_state && table.set_state && table.set_watch && table.set_direction
+         && table.parse_data && table.free;
+}
+
+void io_event_free(IoEvent* event);
+
+struct IoEventDeleter {
+  void operator()(IoEvent* event) const { io_event_free(event); }
+};
+
+/// A text that may be absent; NULL and absent are the same to `c_str_or_null`.
+using OptionalText = std::optional<std::string>;
+
+/// The text, or NULL when there is none. Valid as long as `text` is unchanged.
+inline const char* c_str_or_null(const OptionalText& text) {
+  return text ? text->c_str() : nullptr;
+}
+
+struct IoPort {
+  guint type = PORT_INPUT;
+  guint backend = BACKEND_VIRTUAL;
+  gpointer backend_private = nullptr;
+  const PortFunctions* functions = nullptr;
+  GHashTable* properties = nullptr;
+  /// Identity in the hardware description; group name in the key file.
+  OptionalText name;
+  OptionalText input_name;
+  OptionalText output_name;
+  std::string usage;
+  /// 0-based; user-facing texts show it plus one.
+  gint32 number = -1;
+  bool activelow_output = false;
+  bool activelow_input = false;
+  /// Only for a configurable port: true is input.
+  bool direction = true;
+  bool supervised = false;
+  guint button_type = BUTTON_NONE;
+  /// Milliseconds.
+  guint32 pulse_time = 0;
+  /// Newest first.
+  std::list<std::unique_ptr<IoEvent, IoEventDeleter>> events;
+  /// List of SupervisedRange; see supervised-utils.h for who owns it.
+  GList* ranges = nullptr;
+  std::atomic<bool> enabled{true};
+  std::atomic<bool> is_setup{false};
+  /// Held while the state is changed, during each step of an action sequence, and by every
+  /// configuration change.
+  std::mutex lock;
+  /// Wakes a sequence that waits between steps.
+  std::condition_variable sequence_wake;
+  /// Guards `cancel_sequence` and `sequence_running`.
+  std::mutex sequence_lock;
+  std::condition_variable sequence_done;
+  std::atomic<bool> cancel_sequence{false};
+  std::atomic<bool> sequence_running{false};
+  std::atomic<guint32> refcount{1};
+  /// May fail its set-up and then waits in the dynamic list.
+  bool optional = false;
+  /// Milliseconds.
+  gint32 delay_time = 0;
+  guint mode = PORT_MODE_BISTABLE;
+  guint32 spare_count = 1;
+
+  /// One attribute that the hardware description gave to the backend.
+  struct BackendAttribute {
+    std::string element;
+    std::string key;
+    std::string value;
+  };
+  /// Everything `parse_data` was told, in order: a port whose hardware was closed is described to
+  /// its backend again before the next set-up.
+  std::vector<BackendAttribute> backend_description;
+  /// File of the hardware description that defined the port, for messages.
+  std::string origin;
+  /// The thread that holds `lock` for a configuration change; backends may then change the
+  /// configuration further from inside an operation.
+  std::atomic<std::thread::id> config_owner{};
+};
+
+/// Owns one reference of a port.
+struct IoPortUnref {
+  void operator()(IoPort* port) const;
+};
+using IoPortRef = std::unique_ptr<IoPort, IoPortUnref>;
+
+/// Holds a port's lock for a configuration change: first cancels a running action sequence and
+/// waits for its end. Nested use on the same thread is allowed and does nothing.
+class PortConfigLock {
+public:
+  explicit PortConfigLock(IoPort* port);
+  ~PortConfigLock();
+  PortConfigLock(const PortConfigLock&) = delete;
+  PortConfigLock& operator=(const PortConfigLock&) = delete;
+
+private:
+  IoPort* port_;
+  bool nested_;
+};
+
+// Creation and lifetime
+
+/// A new port with one reference, which the caller owns.
+IoPort* io_port_new();
+/// Takes a reference (NULL is ignored) and returns the port. Any thread.
+IoPort* io_port_ref(IoPort* ioport);
+/// Drops a reference (NULL is ignored); the last one frees the port. Any thread.
+void io_port_unref(IoPort* ioport);
+/// Ends a running sequence and frees the port, whatever its reference count.
+void io_port_free(IoPort* ioport);
+/// Attaches the backend of that kind and returns its table; nullptr (table unchanged) for an
+/// unknown kind.
+const PortFunctions* io_port_set_backend(IoPort* ioport, guint kind);
+/// Takes the port's hardware into use. False when the backend refuses.
+bool io_port_setup(IoPort* ioport);
+/// Ends a running sequence and releases the hardware; the port can be set up again later.
+void io_port_close(IoPort* ioport);
+/// Hands one attribute of the hardware description to the backend.
+void io_port_parse_backend_data(IoPort* ioport, const char* element, const char* key,
+                                const char* value);
+/// Starts the input watch of an enabled input; false for any other port.
+bool io_port_set_watch(IoPort* ioport);
+
+// Kind and direction
+
+/// True when the port currently is an input.
+bool io_port_input(IoPort* port);
+/// As io_port_input, but an unknown type is a programming error.
+bool io_port_direction_input(IoPort* ioport);
+/// Switches a configurable port; false for any other port. Cancels a running sequence.
+bool io_port_set_direction(IoPort* ioport, bool input);
+
+// State
+
+/// Logical state; 0 for a port that is not set up.
+bool io_port_get_state(IoPort* ioport);
+/// Sets an output's logical state; waits for a running sequence to be between steps. False when
+/// the port is no set-up hardware output.
+bool io_port_set_state(IoPort* ioport, bool state);
+/// The state setter for callers that hold `lock`: writes the hardware, announces a change.
+void io_port_set_state_internal(IoPort* ioport, bool state);
+/// Announces a virtual state (and stores it in a virtual output); always true.
+bool io_port_set_virtual(IoPort* ioport, bool state);
+/// Announces a state that a backend or peer saw: the port's events, then PortChanged. Supervised
+/// states come as their number; where only a boolean fits, all but 0 are true.
+void io_port_trigger(IoPort* ioport, guint state);
+/// Sends the port's applicable events, whether or not the port is enabled.
+void io_port_send_events(IoPort* ioport, guint state);
+/// Sends the port's applicable events if the port is enabled.
+void io_port_send_events_if_enabled(IoPort* ioport, guint state);
+/// Announces PortChanged for an enabled port.
+void io_port_send_signal(IoPort* port, bool virtual_trig, bool state);
+bool io_port_get_activelow(IoPort* ioport, bool input_side);
+/// Sets the inversion of one side. On a set-up output the physical line flips so that the logical
+/// state stays. False when the side does not exist or is read-only. Cancels a running sequence.
+bool io_port_set_activelow(IoPort* ioport, bool value, bool input_side);
+
+// Names and usage
+
+/// Copy of the current side's name (g_free), or NULL.
+gchar* io_port_get_name(IoPort* ioport);
+/// Copies (g_free) of the names of the sides that the port has; the other is left untouched.
+void io_port_get_names(IoPort* ioport, gchar** input_name, gchar** output_name);
+bool io_port_set_input_name(IoPort* ioport, const char* name);
+bool io_port_set_output_name(IoPort* ioport, const char* name);
+/// Copy (g_free), never NULL for a port.
+gchar* io_port_get_usage(IoPort* ioport);
+bool io_port_set_usage(IoPort* ioport, const char* usage);
+
+// Properties
+
+/// Stores true when `value` is "true" in any case, else false; replaces an earlier entry.
+void io_port_add_property(IoPort* ioport, const char* key, const char* value);
+/// False when absent.
+bool io_port_get_property(IoPort* ioport, const char* key);
+/// Whether the key exists; its value goes to `value`, which is untouched otherwise.
+bool io_port_lookup_property(IoPort* ioport, const char* key, bool* value);
+/// Keys (char*, owned by the port) and values (GINT_TO_POINTER), paired by position. The caller
+/// frees the lists, not their contents.
+GList* io_port_get_property_keys(IoPort* ioport);
+GList* io_port_get_property_values(IoPort* ioport);
+
+// Supervision
+
+bool io_port_is_supervisable(IoPort* port);
+/// Switches supervision; false when the port is not supervisable. Cancels a running sequence.
+bool io_port_set_supervised(IoPort* port, bool supervised);
+/// True when the port currently acts as a supervised input.
+bool io_port_supervised_input(IoPort* port);
+/// Lends the port's own list.
+bool io_port_get_supervised_ranges(IoPort* port, GList** ranges);
+/// Hands `ranges` to the port on success; on failure the caller keeps it.
+bool io_port_set_supervised_ranges(IoPort* port, GList* ranges, GError** error);
+/// Appends a range. Limits below 65536, lower strictly below upper.
+bool io_port_add_supervised_range(IoPort* port, const char* state, gint lower, gint upper,
+                                  GError** error);
+bool io_port_get_supervised_readout(IoPort* port, guint* state, guint* level, GError** error);
+/// Never fails: a failed readout is logged and reads SUPERVISED_UNDEFINED.
+SupervisedState io_port_get_supervised_state(IoPort* ioport);
+/// Appends the state names that a supervised port can report (static texts) to `*states`.
+bool io_port_get_supported_states(IoPort* port, GList** states);
+/// Makes `ranges` the port's list and frees the former one, unless it is the same list.
+void io_port_replace_ranges(IoPort* port, GList* ranges);
+
+// Other
+
+/// Switches events and signals on or off, declaring or withdrawing the port's events.
+void io_port_set_enabled(IoPort* ioport, bool enabled);
+/// True when the port is enabled and takes part in the any-port event.
+bool io_port_got_port_any(IoPort* ioport);
+/// True when the port is locked or a sequence runs on it. Never blocks.
+bool io_port_lock_taken(IoPort* ioport);
+void io_port_reset_event_filters(IoPort* ioport);
+/// Accepts 1 and 2 only.
+bool io_port_set_mode(IoPort* ioport, guint mode);
+/// 0 for NULL.
+guint io_port_get_mode(IoPort* ioport);
+void io_port_set_delay_time(IoPort* ioport, gint32 delay_time);
+/// -1 for NULL.
+gint32 io_port_get_delay_time(IoPort* ioport);
+/// Ignores 0.
+void io_port_set_spare_count(IoPort* ioport, guint32 count);
+guint32 io_port_get_spare_count(IoPort* ioport);

@@ -1,0 +1,49 @@
+// Manual-trigger ports: virtual outputs that let a client raise an event for a video channel.
+#include "event/event.h"
+#include "port/action-sequence.h"
+
+namespace {
+
+constexpr gint default_first_port_no = 5;
+
+gint first_port_no = default_first_port_no;
+bool in_use = false;
+
+std::unique_ptr<IoEvent, IoEventDeleter> manual_trigger_event(gint channel) {
+  std::unique_ptr<IoEvent, IoEventDeleter> event(new IoEvent);
+  event->declaration = "com.norv.Event.Wxd.ManualTrigger";
+  event->key_values.push_back(
+      {.key = "state", .value = "PORT_STATUS", .type = "bool", .property = true});
+  event->key_values.push_back(
+      {.key = "port", .value = std::to_string(channel), .type = "int", .property = false});
+  return event;
+}
+
+} // namespace
+
+void virtual_input_set_first_port_no(gint port_no) {
+  in_use = true;
+  first_port_no = port_no;
+}
+
+gint virtual_input_get_first_port_no() {
+  return first_port_no;
+}
+
+bool virtual_input_in_use() {
+  return in_use;
+}
+
+IoPort* io_port_create_manual_trigger(gint channel) {
+  IoPort* const port = io_port_new();
+  port->type = PORT_OUTPUT;
+  port->number = first_port_no + channel - 1;
+  port->name = "manualtrigger" + std::to_string(channel);
+  port->is_setup = true;
+  port->enabled = false;
+  io_port_set_backend(port, BACKEND_VIRTUAL);
+  io_port_add_property(port, "virtual", "true");
+  port->events.push_front(manual_trigger_event(channel));
+  io_port_setup(port);
+  return port;
+}

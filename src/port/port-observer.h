@@ -1,0 +1,45 @@
+// The seam through which the model announces what happened to whoever serves it to the outside.
+//
+// A service installs its callback when it starts and takes it out when it stops; announcements
+// made while a slot is empty go nowhere. Callbacks run on the thread that caused the change, which
+// may be an action-sequence thread, and may be called with a port's lock or the port-list mutex
+// held: they must neither block on ports nor look ports up.
+#pragma once
+
+#include <glib.h>
+
+#include <atomic>
+#include <utility>
+
+/// Selects the side of a port whose setting changed.
+enum class PortSide : guint { Input = 0, Output = 1, Port = 2 };
+
+struct PortObserver {
+  using PortChanged = void (*)(gint port_number, gboolean is_virtual, gboolean hidden,
+                               gboolean input, gboolean virtual_trig, gboolean state,
+                               gboolean activelow);
+  using SequenceDone = void (*)(gint port_number);
+  using SettingChanged = void (*)(const char* property, const char* value, gint port_number,
+                                  PortSide side);
+  using OutputsWanted = void (*)(gboolean wanted);
+
+  /// A port's state was set or seen.
+  std::atomic<PortChanged> port_changed{nullptr};
+  /// An action sequence ended, completed or cancelled.
+  std::atomic<SequenceDone> sequence_done{nullptr};
+  /// A user-visible setting has a new value.
+  std::atomic<SettingChanged> setting_changed{nullptr};
+  /// Whether the device has an output-capable port; told after every change of the port list.
+  std::atomic<OutputsWanted> outputs_wanted{nullptr};
+};
+
+/// The process's one observer.
+inline PortObserver port_observer;
+
+/// Calls the callback in `slot`, if one is installed, with the given arguments.
+template <typename... Parameters, typename... Arguments>
+void announce(const std::atomic<void (*)(Parameters...)>& slot, Arguments&&... arguments) {
+  if (auto* const callback = slot.load()) {
+    callback(std::forward<Arguments>(arguments)...);
+  }
+}
