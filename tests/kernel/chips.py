@@ -13,8 +13,8 @@ DEBUG = pathlib.Path("/sys/kernel/debug")
 GPIO_CLASS = pathlib.Path("/sys/class/gpio")
 # From <linux/gpio.h>
 GET_CHIP_INFO = 0x8044B401
-GET_LINE_HANDLE = 0xC16CB403
-HANDLE_INPUT = 1
+GET_LINE = 0xC250B407
+LINE_FLAG_INPUT = 1 << 2
 IIO_DEVICES = pathlib.Path("/sys/bus/iio/devices")
 
 
@@ -168,10 +168,13 @@ def kernel_gpio_simulator(label, count, names):
 def line_taken_by_another_program(line):
     """Holds a line through the chip's character device."""
     with open(_character_device(line.chip.label), "rb", buffering=0) as chip:
-        # struct gpiohandle_request: 64 offsets, flags, 64 defaults, label, count, descriptor
+        # struct gpio_v2_line_request: 64 offsets, consumer, configuration (flags first), count,
+        # size of the event buffer, descriptor
         offsets = [line.offset] + 63 * [0]
-        request = bytearray(struct.pack("=64II64x32sIi", *offsets, HANDLE_INPUT, b"other", 1, 0))
-        fcntl.ioctl(chip, GET_LINE_HANDLE, request)
+        request = bytearray(
+            struct.pack("=64I32sQ264xI24xi", *offsets, b"other", LINE_FLAG_INPUT, 1, 0)
+        )
+        fcntl.ioctl(chip, GET_LINE, request)
         handle = struct.unpack_from("=i", request, len(request) - 4)[0]
     try:
         yield
