@@ -2,7 +2,9 @@
 #include "port/backend-registry.h"
 
 #include "backends/check-backend.h"
+#include "backends/libugpio-backend.h"
 #include "backends/null-backend.h"
+#include "backends/spiadc-backend.h"
 #include "backends/sysfs-backend.h"
 #include "backends/virtual-backend.h"
 #include "port/ioport.h"
@@ -13,6 +15,8 @@ namespace {
 
 constexpr std::array backends{
     BackendEntry{BACKEND_VIRTUAL, "virtual", virtual_setup_functions},
+    BackendEntry{BACKEND_GPIO, "gpio", libugpio_setup_functions},
+    BackendEntry{BACKEND_SPIADC, "spiadc", spiadc_setup_functions},
     BackendEntry{BACKEND_SYSFS, "sysfs", sysfs_setup_functions},
     BackendEntry{BACKEND_NULL, "null", [](IoPort*) { return null_setup_functions(); }},
     BackendEntry{BACKEND_CHECK, "check", check_setup_functions},
