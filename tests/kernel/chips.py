@@ -63,6 +63,14 @@ class Line:
     def exported(self):
         return self.folder.exists()
 
+    def export(self):
+        """Takes the line for the sysfs interface, as some other program."""
+        (GPIO_CLASS / "export").write_text(str(self.number))
+        return self.folder
+
+    def unexport(self):
+        (GPIO_CLASS / "unexport").write_text(str(self.number))
+
     def refuse_requests(self, refuse=True):
         (self._files / "busy").write_text(str(int(refuse)))
 
@@ -100,8 +108,8 @@ class Chip:
         self._device = f"bench-gpio.{device}"
         self.lines = [Line(self, offset) for offset in range(count)]
 
-    def __getitem__(self, offset):
-        return self.lines[offset]
+    def __getitem__(self, which):
+        return self.lines[which]
 
     @property
     def plugged(self):

@@ -22,14 +22,9 @@ IIO_GET_EVENT_FD = 0x80046990
 ALL_ADCS = pytest.mark.parametrize("adc", chips.ADCS, ids=lambda adc: adc.name)
 
 
-def export(line):
-    (GPIO_CLASS / "export").write_text(str(line.number))
-    return line.folder
-
-
 @pytest.mark.parametrize("chip", [PLAIN, LABELLED, NAMED], ids=lambda chip: chip.label)
 def test_a_chip_decides_the_folder_of_an_exported_line(chip):
-    export(chip[3])
+    chip[3].export()
     assert chip[3].folder.is_dir()
 
 
@@ -37,7 +32,7 @@ def test_a_chip_decides_the_folder_of_an_exported_line(chip):
 def test_an_edge_is_an_exceptional_condition_of_the_value_file(edge, pulls):
     line = PLAIN[0]
     line.pull(pulls[0])
-    folder = export(line)
+    folder = line.export()
     (folder / "edge").write_text(edge)
     with open(folder / "value", "rb", buffering=0) as value:
         value.read()
@@ -54,7 +49,7 @@ def test_an_edge_is_an_exceptional_condition_of_the_value_file(edge, pulls):
 
 def test_a_line_remembers_even_a_short_level():
     line = PLAIN[1]
-    folder = export(line)
+    folder = line.export()
     (folder / "direction").write_text("low")
     (folder / "value").write_text("1")
     (folder / "value").write_text("0")
@@ -67,7 +62,7 @@ def test_a_line_remembers_even_a_short_level():
 
 def test_a_line_can_change_right_behind_a_reading():
     line = PLAIN[2]
-    folder = export(line)
+    folder = line.export()
     line.flip_after_readings(2)
     with open(folder / "value", "rb", buffering=0) as value:
         # One system call each: reading up to the end would ask the chip once more.
@@ -76,20 +71,20 @@ def test_a_line_can_change_right_behind_a_reading():
 
 
 def test_a_chip_vanishes_and_returns():
-    folder = export(NAMED[0])
+    folder = NAMED[0].export()
     NAMED.unplug()
     assert not folder.exists()
     NAMED.plug()
     assert not folder.exists()
-    assert export(NAMED[0]).exists()
+    assert NAMED[0].export().exists()
 
 
 def test_a_line_held_by_another_program_cannot_be_exported():
     with chips.line_taken_by_another_program(PLAIN[4]):
         with pytest.raises(OSError) as refusal:
-            export(PLAIN[4])
+            PLAIN[4].export()
         assert refusal.value.errno == errno.EBUSY
-    export(PLAIN[4])
+    PLAIN[4].export()
 
 
 def test_the_kernels_own_simulator_calls_named_lines_by_number():

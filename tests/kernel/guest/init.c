@@ -54,7 +54,7 @@ static void run_session(void)
   static char* const arguments[] = {"/usr/bin/python3", "/bench/guest/session.py", NULL};
   static char* const environment[] = {
       "PATH=/usr/sbin:/usr/bin", "HOME=/tmp", "LANG=C.UTF-8",
-      "PYTHONPYCACHEPREFIX=/tmp/pycache", NULL,
+      "PYTHONPATH=/bench", "PYTHONPYCACHEPREFIX=/run/pycache", NULL,
   };
   pid_t session = fork();
   if (session == 0) {

@@ -167,14 +167,27 @@ static int bench_direction_output(struct gpio_chip *gc, unsigned int offset,
 	return 0;
 }
 
+/* An input that really changed raises the interrupt of that edge. */
+static int raise_edge(struct bench_line *line, bool before, bool after)
+{
+	unsigned int irq = irq_find_mapping(line->chip->domain, line->offset);
+
+	if (before == after || !irq)
+		return 0;
+	if (!(irq_get_trigger_type(irq) &
+	      (after ? IRQ_TYPE_EDGE_RISING : IRQ_TYPE_EDGE_FALLING)))
+		return 0;
+	return irq_set_irqchip_state(irq, IRQCHIP_STATE_PENDING, true);
+}
+
 /* The reading that uses up `flip_reads` is the last one of the old level: the
- * line changes right behind it, without an interrupt to tell. */
+ * line changes right behind it. */
 static int bench_get(struct gpio_chip *gc, unsigned int offset)
 {
 	struct bench_chip *chip = gpiochip_get_data(gc);
 	struct bench_line *line = &chip->lines[offset];
 	unsigned long flags;
-	bool level;
+	bool level, after;
 
 	spin_lock_irqsave(&chip->lock, flags);
 	level = wire_level(line);
@@ -182,7 +195,9 @@ static int bench_get(struct gpio_chip *gc, unsigned int offset)
 		line->pulled = !line->pulled;
 		record(line, REC_PULL);
 	}
+	after = wire_level(line);
 	spin_unlock_irqrestore(&chip->lock, flags);
+	raise_edge(line, level, after);
 	return level;
 }
 
@@ -239,31 +254,19 @@ static int pull_get(void *data, u64 *value)
 	return 0;
 }
 
-/* An input that really changes raises the interrupt of that edge. */
 static int pull_set(void *data, u64 value)
 {
 	struct bench_line *line = data;
-	struct bench_chip *chip = line->chip;
 	unsigned long flags;
 	bool before, after;
-	unsigned int irq, type;
 
-	spin_lock_irqsave(&chip->lock, flags);
+	spin_lock_irqsave(&line->chip->lock, flags);
 	before = wire_level(line);
 	line->pulled = value;
 	after = wire_level(line);
 	record(line, REC_PULL);
-	spin_unlock_irqrestore(&chip->lock, flags);
-
-	if (before == after)
-		return 0;
-	irq = irq_find_mapping(chip->domain, line->offset);
-	if (!irq)
-		return 0;
-	type = irq_get_trigger_type(irq);
-	if (type & (after ? IRQ_TYPE_EDGE_RISING : IRQ_TYPE_EDGE_FALLING))
-		return irq_set_irqchip_state(irq, IRQCHIP_STATE_PENDING, true);
-	return 0;
+	spin_unlock_irqrestore(&line->chip->lock, flags);
+	return raise_edge(line, before, after);
 }
 DEFINE_DEBUGFS_ATTRIBUTE(pull_ops, pull_get, pull_set, "%llu\n");
 
