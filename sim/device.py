@@ -49,22 +49,21 @@ VALGRIND = (
 class Device:
     """A scratch device: folders, a private bus, and at most one running daemon.
 
-    user, without_capabilities: see sandbox.Sandbox. wrapper: a command that runs the daemon, such
-    as VALGRIND. patience: factor on the deadlines for a daemon that is slowed down. quiet: do not
-    print the log at the end unless something failed.
+    wrapper: a command that runs the daemon, such as VALGRIND. patience: factor on the deadlines for
+    a daemon that is slowed down. quiet: do not print the log at the end unless something failed.
+    All else (user, ...) is for the sandbox, see there.
     """
 
-    def __init__(self, binary, user=None, without_capabilities=(), wrapper=(), patience=1,
-                 quiet=False):
+    def __init__(self, binary, wrapper=(), patience=1, quiet=False, **box):
         self.binary = pathlib.Path(binary).resolve()
         # Short, because the name of a socket may have no more than 107 characters.
         self.scratch = pathlib.Path(tempfile.mkdtemp(prefix="wexd-"))
-        self.sandbox = sandbox.Sandbox(self.scratch / "root", user, without_capabilities)
+        self.sandbox = sandbox.Sandbox(self.scratch / "root", **box)
         self.wrapper = wrapper
         self.patience = patience
         self.quiet = quiet
-        if user is not None:
-            os.chmod(self.scratch, 0o711)
+        if self.sandbox.user is not None:
+            self.scratch.chmod(0o711)
         self.abandoned = False  # set it to leave the device without any check
         self.process = None
         self.lives = 0
@@ -154,11 +153,12 @@ class Device:
     @property
     def pid(self):
         """The process id of the daemon as the host sees it."""
-        return wait_until(
-            lambda: self._init_pid and sandbox.child_of(self._init_pid),
-            "the daemon's process id",
-            self._deadline(),
-        )
+
+        def found():
+            assert self.running, "the daemon does not run"
+            return sandbox.child_of(self._init_pid)
+
+        return wait_until(found, "the daemon's process id", self._deadline())
 
     def start(self, *argv, ready=True, environment=None):
         """Starts the daemon; with ready, returns when it owns its names, so runs its loop."""
@@ -270,8 +270,12 @@ class Device:
         """Waits until that many lines of the log match; returns the last line that does."""
 
         def found():
+            running = self.running  # looked at before the log, for it may say more and end then
             lines = [line for line in self.log if re.search(pattern, line)]
-            return lines if len(lines) >= count else None
+            if len(lines) >= count:
+                return lines
+            assert running, f"the daemon ended without {pattern!r} in its log:\n{self.stdout}"
+            return None
 
         return wait_until(
             found, lambda: f"{pattern!r} in the log:\n{self.stdout}", deadline or self._deadline()

@@ -26,6 +26,7 @@ BINARY = "/app/wexd"
 WRITABLE = (
     "/etc/wexd",
     "/etc/wexd/actions",
+    "/etc/wexd.d",
     "/etc/service_registry/services.d",
     "/etc/legacyconfig/legacymappings.d",
 )
@@ -36,12 +37,14 @@ class Sandbox:
 
     user: numeric id of an ordinary user to run as; None keeps the caller's identity. Only root can
     choose one. without_capabilities: names such as "setgid" that root is to lack inside.
+    inheritable: capabilities that root is to pass on to every program, as a careless starter might.
     """
 
-    def __init__(self, root, user=None, without_capabilities=()):
+    def __init__(self, root, user=None, without_capabilities=(), inheritable=()):
         self.root = pathlib.Path(root)
         self.user = user
         self.without_capabilities = tuple(without_capabilities)
+        self.inheritable = tuple(inheritable)
         for folder in ("/tmp", "/run/dbus", "/sys", "/usr/share/wexd", *WRITABLE):
             self.path(folder).mkdir(parents=True, exist_ok=True)
         self.path("/tmp").chmod(0o1777)
@@ -75,8 +78,8 @@ class Sandbox:
                 for entry in (folder, *(os.path.join(folder, file) for file in files)):
                     os.lchown(entry, self.user, self.user)
             return
-        for folder in WRITABLE:
-            os.chown(self.path(folder), WXD_UID, WXD_GID)
+        for folder in filter(os.path.isdir, map(self.path, WRITABLE)):
+            os.chown(folder, WXD_UID, WXD_GID)
 
     def command(self, argv, binary, info_fd=None):
         """The command line that runs argv inside, where the binary is to be found as BINARY.
@@ -96,7 +99,8 @@ class Sandbox:
         # freshly booted root has them all and none to inherit. Root gets on exec what its bounding
         # set holds, so that is the place to take some away.
         bounds = [f"--bounding-set=-{name}" for name in self.without_capabilities]
-        plain_root = ["setpriv", "--inh-caps=-all", "--ambient-caps=-all", *bounds]
+        inherited = "--inh-caps=" + ",".join(["-all", *(f"+{name}" for name in self.inheritable)])
+        plain_root = ["setpriv", "--ambient-caps=-all", inherited, *bounds]
         return [*bwrap, "--cap-add", "ALL", "--", *plain_root, *argv]
 
     def bus_command(self, argv):

@@ -353,6 +353,7 @@ def test_a_folder_within_the_drop_folder_cannot_be_loaded(device):
 
 def test_a_file_in_place_of_the_drop_folder_is_passed_over(device):
     device.describe(port("a", 0))
+    device.path(DROP_FOLDER).rmdir()
     device.write(DROP_FOLDER, port("b", 1))
     device.start()
     assert names(device) == ["a"]

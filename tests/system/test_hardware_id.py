@@ -57,6 +57,14 @@ def test_without_the_service_every_port_is_kept_with_a_warning(device):
     assert device.log_count(r"^INFO: Failed to request policykit system: .") == 2
 
 
+def test_an_empty_answer_keeps_every_port_with_a_warning(device):
+    BootBlock(device, "")
+    device.describe(variant("X", "a") + variant("Y", "b", 1))
+    device.start()
+    assert names(device) == ["b", "a"]
+    assert device.log_count(NO_ID) == 2
+
+
 def test_everything_within_a_skipped_port_is_skipped(device):
     BootBlock(device, "ABC123")
     inside = element("param_default_name", output="Stray") + element("properties", stray="true")

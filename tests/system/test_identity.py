@@ -39,6 +39,17 @@ def test_after_the_start_the_daemon_is_the_unprivileged_user(device):
 
 
 @as_root
+def test_capabilities_that_a_careless_starter_made_inheritable_go_too(make_device):
+    device = make_device(inheritable=["chown", "dac_override", "setuid"])
+    device.describe(RELAY)
+    device.start()
+    status = identity(device)
+    assert status["Uid"] == [str(WXD_UID)] * 4
+    for capabilities in ("CapInh", "CapPrm", "CapEff", "CapAmb"):
+        assert int(status[capabilities][0], 16) == 0, capabilities
+
+
+@as_root
 def test_the_services_are_published_as_the_unprivileged_user(device):
     device.describe(RELAY)
     device.start()

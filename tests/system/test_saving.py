@@ -7,7 +7,7 @@ import random
 import pytest
 from describe import port
 
-from sim.bus import BusError
+from sim.bus import BusError, wait_until
 from sim.device import KEY_FILE, parse_key_file
 from sim.sandbox import WXD_GID, WXD_UID
 
@@ -29,8 +29,10 @@ def close_folder(device, file_is_writable):
 
 def test_a_reader_never_sees_an_old_file_change(device):
     """The new text takes the old file's place; who has the old one open keeps reading it."""
-    device.describe(port("out", 0, usage="old"))
+    device.describe(port("out", 0))
     device.start()
+    device.state.SetUsage(0, "old")  # from now on the file is the daemon's own, whoever started it
+    device.sync()
     with open(device.path(KEY_FILE), encoding="utf-8") as reader:
         device.state.SetUsage(0, "new")
         device.sync()
@@ -89,25 +91,45 @@ def test_a_save_works_again_once_the_obstacle_is_gone(device):
     assert device.saved["out"]["usage"] == "lost", "the port's present settings are saved whole"
 
 
+TEXTS = {fill: fill * 60_000 for fill in "abcdef"}
+NAMES = ["p3", "p2", "p1", "p0"]
+
+
+def assert_whole(text):
+    """Long usages make a torn write show; each that was ever complete is acceptable."""
+    saved = parse_key_file(text)
+    assert list(saved) == NAMES
+    for settings in saved.values():
+        assert settings["usage"] in TEXTS.values()
+        assert list(settings)[-1] == "usage"
+
+
+def start_save_storm(device, chance):
+    device.describe("".join(port(f"p{n}", n, usage=TEXTS["a"]) for n in range(4)))
+    device.start()
+    return [
+        device.state.begin("SetUsage", n % 4, TEXTS[chance.choice("abcdef")]) for n in range(120)
+    ]
+
+
+def test_whoever_reads_among_saves_sees_a_whole_file(device):
+    calls = start_save_storm(device, random.Random(0))
+
+    def all_saved():
+        assert_whole(device.read(KEY_FILE))
+        return all(call.outcome for call in calls)
+
+    wait_until(all_saved, "120 saves")
+
+
 @pytest.mark.parametrize("round_", range(6))
 def test_a_sudden_death_among_saves_never_leaves_a_half_file(device, round_):
-    """Long texts make a torn write likely; every text that was ever complete is acceptable."""
     chance = random.Random(round_)
-    texts = {fill: fill * 60_000 for fill in "abcdef"}
-    device.describe("".join(port(f"p{n}", n, usage=texts["a"]) for n in range(4)))
-    device.start()
-    calls = [
-        device.state.begin("SetUsage", n % 4, texts[chance.choice("abcdef")]) for n in range(120)
-    ]
+    calls = start_save_storm(device, chance)
     with contextlib.suppress(BusError):
         calls[chance.randrange(5, 100)].wait()
     device.kill()
-
-    saved = parse_key_file(device.read(KEY_FILE))
-    assert list(saved) == ["p3", "p2", "p1", "p0"]
-    for settings in saved.values():
-        assert settings["usage"] in texts.values()
-        assert list(settings)[-1] == "usage"
+    assert_whole(device.read(KEY_FILE))
     device.start()
-    assert all(device.state.GetUsage(n) in texts.values() for n in range(4))
+    assert all(device.state.GetUsage(n) in TEXTS.values() for n in range(4))
     assert "Error parsing" not in device.stderr

@@ -5,7 +5,7 @@ import signal
 import pytest
 from describe import port
 
-from sim.device import IMPORT_FILE, KEY_FILE, OLD_KEY_FILE, BusError
+from sim.device import DROP_FOLDER, IMPORT_FILE, KEY_FILE, OLD_KEY_FILE, BusError
 from sim.bus import STATE_NAME, wait_until
 
 
@@ -33,6 +33,31 @@ def test_any_command_line_starts_the_daemon(device, argv):
     device.stop(0)
 
 
+LEGACY_NAME = "com.norv.Configuration.Legacy.IOControl1.IOPort"
+LEGACY_FILES = (
+    "/etc/service_registry/services.d/wexd_service_registry.conf",
+    "/etc/legacyconfig/legacymappings.d/wexd.xml",
+)
+
+
+@pytest.mark.parametrize(
+    "argv, legacy",
+    [
+        pytest.param((), True, id="no argument"),
+        pytest.param(("--disable_legacy_interface",), False, id="disabled"),
+        pytest.param(("--disable_legacy_interface", "x"), False, id="disabled and more"),
+        pytest.param(("x", "--disable_legacy_interface"), True, id="the option comes second"),
+        pytest.param(("--disable_legacy_interface=1",), True, id="not exactly the option"),
+        pytest.param(("",), True, id="an empty argument"),
+    ],
+)
+def test_the_first_argument_alone_disables_the_legacy_interface(device, argv, legacy):
+    device.describe(port("a", 0))
+    device.start(*argv)
+    assert [device.exists(file) for file in LEGACY_FILES] == [legacy, legacy]
+    assert (device.first_client.owner(LEGACY_NAME) is not None) is legacy
+
+
 def test_a_missing_description_leaves_a_daemon_without_ports(device):
     device.expect(r"^CRITICAL: Couldn't load XML \(/usr/share/wexd/conf\.xml\)")
     device.start()
@@ -56,9 +81,10 @@ def test_drop_in_files_are_read_after_a_missing_description(device):
 
 def test_no_drop_folder_is_no_error(device):
     device.describe(port("a", 0))
-    assert not device.exists("/etc/wexd.d")
-    device.start()
+    device.path(DROP_FOLDER).rmdir()
+    device.start("--disable_legacy_interface")
     assert device.log_count("wexd.d") == 0
+    assert [entry.name for entry in device.port_list()] == ["a"]
 
 
 def test_sigterm_ends_the_daemon_with_status_0_and_releases_the_name(device):
@@ -190,10 +216,20 @@ def test_ports_are_saved_before_they_are_set_up(device):
     assert device.saved["absent"]["output_name"] == "Port 3"
 
 
-def test_the_daemon_runs_without_a_bus(device):
-    """Nothing about the bus is looked at during start-up; signals still end the daemon."""
+NO_BUS = {"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/none"}
+
+
+def test_without_a_bus_the_legacy_interface_ends_the_daemon(device):
+    device.expect(r"^ERROR: Failed to connect to system bus: .")
     device.describe(port("a", 0))
-    device.start(ready=False, environment={"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/none"})
+    device.start(ready=False, environment=NO_BUS)
+    device.wait_exit(128 + signal.SIGTRAP)
+
+
+def test_without_a_bus_and_a_legacy_interface_the_daemon_runs(device):
+    """The services' names are asked for without looking at the outcome."""
+    device.describe(port("a", 0))
+    device.start("--disable_legacy_interface", ready=False, environment=NO_BUS)
     wait_until(lambda: device.exists(KEY_FILE), "the first save")
     device.signal(signal.SIGHUP)
     device.wait_for_log(r"^INFO: Got SIGHUP$")
