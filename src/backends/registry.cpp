@@ -2,6 +2,7 @@
 #include "port/backend-registry.h"
 
 #include "backends/check-backend.h"
+#include "backends/iobox-backend.h"
 #include "backends/libugpio-backend.h"
 #include "backends/null-backend.h"
 #include "backends/spiadc-backend.h"
@@ -10,6 +11,7 @@
 #include "backends/supervised-spi-backend.h"
 #include "backends/sysfs-backend.h"
 #include "backends/virtual-backend.h"
+#include "backends/zwave-backend.h"
 #include "port/ioport.h"
 
 #include <array>
@@ -24,8 +26,10 @@ constexpr std::array backends{
     BackendEntry{BACKEND_IIO, "iio", iio_setup_functions},
     BackendEntry{BACKEND_IIO_INTERRUPT, "iio-interrupt", iio_int_setup_functions},
     BackendEntry{BACKEND_SYSFS, "sysfs", sysfs_setup_functions},
+    BackendEntry{BACKEND_IOBOX, "iobox", iobox_setup_functions},
     BackendEntry{BACKEND_NULL, "null", [](IoPort*) { return null_setup_functions(); }},
     BackendEntry{BACKEND_CHECK, "check", check_setup_functions},
+    BackendEntry{BACKEND_ZWAVE, "zwave", zwave_setup_functions},
 };
 
 } // namespace

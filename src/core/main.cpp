@@ -7,6 +7,8 @@
 #include "dbus/service-registry.h"
 #include "param/param.h"
 #include "param/sedrin-import.h"
+#include "peers/action-engine.h"
+#include "peers/virtual-input.h"
 #include "platform/handles.h"
 #include "platform/log.h"
 #include "port/ioport-list.h"
@@ -115,6 +117,7 @@ void import_sedrin_params() {
 }
 
 void start_services() {
+  actionengine_dbus_init();
   iocontrol_init_dbus();
   iosupervised_init_dbus();
   if (use_legacy_interface()) {
@@ -128,6 +131,7 @@ void stop_services() {
   }
   iosupervised_unreg_dbus();
   iocontrol_unreg_dbus();
+  actionengine_dbus_finalize();
 }
 
 } // namespace
@@ -156,10 +160,12 @@ int main(int argc, char* argv[]) {
   start_services();
   io_port_list_set_watch();
   io_port_list_declare_events();
+  virtual_input_init();
 
   g_main_loop_run(main_loop.get());
 
   stop_services();
+  virtual_input_finalize();
   remove_signal_sources();
   io_port_list_free();
   return EXIT_SUCCESS;
