@@ -1,0 +1,164 @@
+#include "backends/libugpio-utils.h"
+
+#include "platform/log.h"
+#include "platform/ugpio-named.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace {
+
+// The values of libugpio's flags word that each use of a pin asks for.
+constexpr guint input_flags = UGPIOF_DIR_IN | UGPIOF_TRIG_FALL | UGPIOF_TRIG_RISE
+                              | UGPIOF_DIR_CHANGEABLE | UGPIOF_EDGE_CHANGEABLE;
+constexpr guint output_low_flags = UGPIOF_DIR_CHANGEABLE;
+constexpr guint output_high_flags = UGPIOF_DIR_CHANGEABLE | UGPIOF_INIT_HIGH;
+static_assert(input_flags == 333 && output_low_flags == 64 && output_high_flags == 66);
+
+constexpr gulong settle_time_us = 500;
+
+const char* name_of(const GpioPin* pin) {
+  return c_str_or_null(pin->name);
+}
+
+// The line starts at the level that reads as `value` once the active-low setting is made.
+guint request_flags(const GpioPin* pin, bool input, bool value) {
+  if (input) {
+    return input_flags;
+  }
+  const bool high = value != (pin->activelow == PinActiveLow::Low);
+  return high ? output_high_flags : output_low_flags;
+}
+
+ugpio_t* request(const GpioPin* pin, guint flags) {
+  return pin->name ? ugpio_request_one_named(name_of(pin), flags)
+                   : ugpio_request_one(static_cast<guint>(pin->number), flags, "pin");
+}
+
+} // namespace
+
+GpioPin::~GpioPin() {
+  libugpio_close_gpio_pin(this);
+}
+
+void libugpio_parse_data_pin(GpioPin* pin, const char* key, const char* value) {
+  if (g_str_equal(key, "pin")) {
+    pin->number = static_cast<gint32>(g_ascii_strtoll(value, nullptr, 10));
+  } else if (g_str_equal(key, "alias")) {
+    pin->name = value;
+  } else if (g_str_equal(key, "inverted")) {
+    pin->activelow = g_str_equal(value, "true") ? PinActiveLow::Low : PinActiveLow::High;
+  }
+}
+
+void libugpio_parse_data_pin(GpioPinPtr& pin, const char* key, const char* value) {
+  if (pin == nullptr) {
+    pin = std::make_unique<GpioPin>();
+  }
+  libugpio_parse_data_pin(pin.get(), key, value);
+}
+
+bool libugpio_apply_activelow(GpioPin* pin) {
+  if (pin->activelow == PinActiveLow::Unset) {
+    return true;
+  }
+  const bool low = pin->activelow == PinActiveLow::Low;
+  if (ugpio_set_activelow(pin->handle, low) != 0) {
+    g_warning("%sFailed set active %s!", log_prefix, low ? "low" : "high");
+    return false;
+  }
+  return true;
+}
+
+bool libugpio_open_gpio_pin(GpioPin* pin, bool input, bool value) {
+  libugpio_close_gpio_pin(pin);
+  pin->handle = request(pin, request_flags(pin, input, value));
+  if (pin->handle == nullptr) {
+    g_warning("%sFailed to allocate pin %d/%s", log_prefix, pin->number, name_of(pin));
+    return false;
+  }
+  if (ugpio_full_open(pin->handle) == -1) {
+    g_warning("%sFailed to open pin fd!", log_prefix);
+    return false;
+  }
+  return libugpio_apply_activelow(pin);
+}
+
+bool libugpio_port_init_gpio_pin(GpioPin* pin, bool input, bool value) {
+  if (!libugpio_open_gpio_pin(pin, input, value)) {
+    return false;
+  }
+  if (!input && ugpio_set_value(pin->handle, value) == -1) {
+    g_warning("%sFailed to set state on port!\n", log_prefix);
+  }
+  return true;
+}
+
+bool libugpio_set_gpio_pin(GpioPin* pin, bool value) {
+  g_assert(pin);
+  errno = 0;
+  if (ugpio_set_value(pin->handle, value) == -1) {
+    g_warning("%sFailed to set gpio pin %s: %s", log_prefix, name_of(pin), g_strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+void libugpio_close_gpio_pin(GpioPin* pin) {
+  if (pin != nullptr && pin->handle != nullptr) {
+    ugpio_close(pin->handle);
+    ugpio_free(std::exchange(pin->handle, nullptr));
+  }
+}
+
+void libugpio_free_gpio_pin(GpioPin* pin) {
+  delete pin;
+}
+
+gboolean libugpio_handle_trig(GIOChannel* /*channel*/, GIOCondition /*condition*/, IoPort* port) {
+  g_usleep(settle_time_us);
+  bool reported = false;
+  do {
+    reported = io_port_get_state(port);
+    io_port_trigger(port, reported ? 1 : 0);
+  } while (io_port_get_state(port) != reported);
+  return G_SOURCE_CONTINUE;
+}
+
+guint LogicWatch::start(IoPort* port, const GpioPin* pin, GIOCondition condition) {
+  if (source_id_ != 0) {
+    return source_id_;
+  }
+  const int fd = pin != nullptr ? ugpio_fd(pin->handle) : -1;
+  if (fd < 0) {
+    return 0;
+  }
+  // An edge on a value file shows as an exceptional condition, nothing else.
+  port_ = port;
+  channel_ = g_io_channel_unix_new(fd);
+  source_id_ = g_io_add_watch(channel_, condition, on_edge, this);
+  return source_id_;
+}
+
+// The channel is not shut down: the descriptor is the pin's.
+void LogicWatch::stop() {
+  if (source_id_ != 0) {
+    g_source_remove(std::exchange(source_id_, 0));
+  }
+  g_clear_pointer(&channel_, g_io_channel_unref);
+}
+
+gboolean LogicWatch::on_edge(GIOChannel* channel, GIOCondition condition, gpointer user_data) {
+  auto* watch = static_cast<LogicWatch*>(user_data);
+  char level = 0;
+  if (pread(g_io_channel_unix_get_fd(channel), &level, 1, 0) < 0) {
+    // The chip is gone; its file would report an error for ever.
+    g_warning("%sPin of port %d cannot be read any more, not watching it: %s", log_prefix,
+              watch->port_->number, g_strerror(errno));
+    watch->source_id_ = 0;
+    g_clear_pointer(&watch->channel_, g_io_channel_unref);
+    return G_SOURCE_REMOVE;
+  }
+  return libugpio_handle_trig(channel, condition, watch->port_);
+}

@@ -1,0 +1,81 @@
+// GPIO pins as the backends use them: description, request, level, and the watch on an input.
+#pragma once
+
+#include <glib.h>
+#include <ugpio/ugpio.h>
+
+#include "port/ioport.h"
+
+#include <memory>
+
+enum class PinActiveLow : guint32 {
+  /// Not described: the kernel's setting is left alone.
+  Unset = 0,
+  High = 1,
+  Low = 2,
+};
+
+/// One pin. Owns its handle; closes and releases it when it goes.
+struct GpioPin {
+  PinActiveLow activelow = PinActiveLow::Unset;
+  /// Line name; a pin that has one is requested by it, not by number.
+  OptionalText name;
+  gint32 number = 0;
+  ugpio_t* handle = nullptr;
+
+  GpioPin() = default;
+  ~GpioPin();
+  GpioPin(const GpioPin&) = delete;
+  GpioPin& operator=(const GpioPin&) = delete;
+};
+using GpioPinPtr = std::unique_ptr<GpioPin>;
+
+/// Takes one attribute of a pin's element ("pin", "alias", "inverted"); others are ignored.
+void libugpio_parse_data_pin(GpioPin* pin, const char* key, const char* value);
+
+/// As above for the pin in `pin`, which is made when there is none.
+void libugpio_parse_data_pin(GpioPinPtr& pin, const char* key, const char* value);
+
+/// Requests and opens the pin as an input (with both edges) or as an output that starts at `value`
+/// without a glitch. A pin in use is given back first. False, with a warning, on failure.
+bool libugpio_open_gpio_pin(GpioPin* pin, bool input, bool value);
+
+/// As above, and writes an output's level once more; failing to is told, but no failure.
+bool libugpio_port_init_gpio_pin(GpioPin* pin, bool input, bool value);
+
+/// Applies a described active-low setting to an open pin; false, with a warning, on failure.
+bool libugpio_apply_activelow(GpioPin* pin);
+
+/// Sets an output's level; false, with a warning, on failure.
+bool libugpio_set_gpio_pin(GpioPin* pin, bool value);
+
+/// Releases the pin, keeping its description. NULL is allowed.
+void libugpio_close_gpio_pin(GpioPin* pin);
+
+/// Releases and frees the pin. NULL is allowed.
+void libugpio_free_gpio_pin(GpioPin* pin);
+
+/// Reports the level of a port whose line has changed, until it holds still; true: keep watching.
+gboolean libugpio_handle_trig(GIOChannel* channel, GIOCondition condition, IoPort* port);
+
+/// The watch on a pin's value file. Main thread only.
+class LogicWatch {
+public:
+  LogicWatch() = default;
+  ~LogicWatch() { stop(); }
+  LogicWatch(const LogicWatch&) = delete;
+  LogicWatch& operator=(const LogicWatch&) = delete;
+
+  /// Watches the pin for `port`; a running watch stays as it is. The source id, 0 when the pin is
+  /// not open.
+  guint start(IoPort* port, const GpioPin* pin, GIOCondition condition = G_IO_ERR);
+  void stop();
+  explicit operator bool() const { return source_id_ != 0; }
+
+private:
+  static gboolean on_edge(GIOChannel* channel, GIOCondition condition, gpointer user_data);
+
+  GIOChannel* channel_ = nullptr;
+  guint source_id_ = 0;
+  IoPort* port_ = nullptr;
+};

@@ -1,0 +1,212 @@
+// Our own libugpio, on the kernel's sysfs GPIO files.
+#include <ugpio/ugpio.h>
+
+#include "platform/gpio-names.h"
+#include "platform/handles.h"
+#include "platform/ugpio-named.h"
+
+#include <fcntl.h>
+#include <glib.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+
+struct ugpio {
+  unsigned int number;
+  unsigned int flags;
+  /// Folder of the exported pin.
+  std::string folder;
+  UniqueFd value;
+};
+
+namespace {
+
+const std::string class_folder = "/sys/class/gpio/";
+
+bool write_text(const std::string& path, std::string_view text) {
+  const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  if (!fd) {
+    return false;
+  }
+  const ssize_t written = write(fd.get(), text.data(), text.size());
+  return written == static_cast<ssize_t>(text.size());
+}
+
+bool exists(const std::string& folder) {
+  struct stat status {};
+  return stat(folder.c_str(), &status) == 0;
+}
+
+// Where the kernel shows the pin: by number, or by the line's name when the chip's driver says so.
+std::string exported_folder(unsigned int number) {
+  std::string by_number = class_folder + "gpio" + std::to_string(number);
+  if (exists(by_number)) {
+    return by_number;
+  }
+  if (const auto name = gpio_name_of_number(number);
+      name && name->find('/') == std::string::npos && exists(class_folder + *name + "/value")) {
+    return class_folder + *name;
+  }
+  return {};
+}
+
+const char* edge_word(unsigned int flags) {
+  static constexpr std::array words{"none", "falling", "rising", "both"};
+  return words[(flags & (UGPIOF_TRIG_FALL | UGPIOF_TRIG_RISE)) / UGPIOF_TRIG_FALL];
+}
+
+// A line whose direction is fixed has no such file; asking for what it is would be no change.
+bool set_direction(const ugpio* pin, unsigned int flags) {
+  const char* const word = (flags & UGPIOF_DIR_IN) != 0      ? "in"
+                           : (flags & UGPIOF_INIT_HIGH) != 0 ? "high"
+                                                             : "low";
+  const std::string path = pin->folder + "/direction";
+  return !exists(path) || write_text(path, word);
+}
+
+bool set_edges(const ugpio* pin, unsigned int flags) {
+  const char* const word = edge_word(flags);
+  return g_str_equal(word, "none") || write_text(pin->folder + "/edge", word);
+}
+
+// Applies the flags of a request; gives the pin back when the kernel refuses them.
+ugpio_t* configure(ugpio_t* pin, unsigned int flags) {
+  if (pin == nullptr) {
+    return nullptr;
+  }
+  pin->flags = (pin->flags & UGPIOF_REQUESTED) | flags;
+  if (!set_direction(pin, flags) || !set_edges(pin, flags)) {
+    const int saved_errno = errno;
+    ugpio_free(pin);
+    errno = saved_errno;
+    return nullptr;
+  }
+  return pin;
+}
+
+char read_char(int fd) {
+  char c = 0;
+  return pread(fd, &c, 1, 0) == 1 ? c : '\0';
+}
+
+} // namespace
+
+ugpio_t* ugpio_request(unsigned int number, const char* /*label*/) {
+  auto pin = std::make_unique<ugpio>(ugpio{.number = number,
+                                           .flags = UGPIOF_DIR_UNKNOWN,
+                                           .folder = exported_folder(number),
+                                           .value = UniqueFd()});
+  if (!pin->folder.empty()) {
+    pin->flags |= UGPIOF_REQUESTED;
+    return pin.release();
+  }
+  if (!write_text(class_folder + "export", std::to_string(number))) {
+    return nullptr;
+  }
+  pin->folder = exported_folder(number);
+  if (pin->folder.empty()) {
+    ugpio_free(pin.release());
+    errno = ENOENT;
+    return nullptr;
+  }
+  return pin.release();
+}
+
+ugpio_t* ugpio_request_one(unsigned int number, unsigned int flags, const char* label) {
+  return configure(ugpio_request(number, label), flags);
+}
+
+// A pin that someone exported under its name can be used even where its number cannot be found.
+ugpio_t* ugpio_request_named(const char* name) {
+  if (const auto number = gpio_number_of_name(name)) {
+    return ugpio_request(*number, name);
+  }
+  const std::string folder = class_folder + name;
+  if (strchr(name, '/') != nullptr || !exists(folder + "/value")) {
+    errno = ENODEV;
+    return nullptr;
+  }
+  return new ugpio{.number = 0,
+                   .flags = UGPIOF_REQUESTED | UGPIOF_DIR_UNKNOWN,
+                   .folder = folder,
+                   .value = UniqueFd()};
+}
+
+ugpio_t* ugpio_request_one_named(const char* name, unsigned int flags) {
+  return configure(ugpio_request_named(name), flags);
+}
+
+void ugpio_free(ugpio_t* pin) {
+  const std::unique_ptr<ugpio> owned(pin);
+  if (pin != nullptr && (pin->flags & UGPIOF_REQUESTED) == 0) {
+    pin->value.reset();
+    write_text(class_folder + "unexport", std::to_string(pin->number));
+  }
+}
+
+int ugpio_full_open(ugpio_t* pin) {
+  const std::string path = pin->folder + "/value";
+  pin->value.reset(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  if (!pin->value && errno == EACCES) {
+    pin->value.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  }
+  if (pin->value) {
+    // The kernel reports a change since the last read; before the first read that is always so.
+    read_char(pin->value.get());
+  }
+  return pin->value.get();
+}
+
+void ugpio_close(ugpio_t* pin) {
+  if (pin != nullptr) {
+    pin->value.reset();
+  }
+}
+
+int ugpio_fd(const ugpio_t* pin) {
+  return pin != nullptr ? pin->value.get() : -1;
+}
+
+int ugpio_get_value(ugpio_t* pin) {
+  switch (pin != nullptr ? read_char(pin->value.get()) : '\0') {
+  case '0':
+    return 0;
+  case '1':
+    return 1;
+  default:
+    return -1;
+  }
+}
+
+int ugpio_set_value(ugpio_t* pin, int value) {
+  if (pin == nullptr) {
+    errno = EBADF;
+    return -1;
+  }
+  return pwrite(pin->value.get(), value != 0 ? "1" : "0", 1, 0) == 1 ? 0 : -1;
+}
+
+int ugpio_get_direction(ugpio_t* pin) {
+  const UniqueFd fd(open((pin->folder + "/direction").c_str(), O_RDONLY | O_CLOEXEC));
+  switch (fd ? read_char(fd.get()) : '\0') {
+  case 'i':
+    return 0;
+  case 'o':
+    return 1;
+  default:
+    return -1;
+  }
+}
+
+int ugpio_direction_output(ugpio_t* pin, int value) {
+  return write_text(pin->folder + "/direction", value != 0 ? "high" : "low") ? 0 : -1;
+}
+
+int ugpio_set_activelow(ugpio_t* pin, int active_low) {
+  return write_text(pin->folder + "/active_low", active_low != 0 ? "1" : "0") ? 0 : -1;
+}

@@ -1,0 +1,312 @@
+"""The simulated chips of the bench, as a test sees them from outside: GPIO
+lines that it pulls and whose history it reads, SPI converters and industrial
+I/O converters whose readings it chooses. See modules/README.md."""
+
+import contextlib
+import fcntl
+import os
+import pathlib
+import struct
+from typing import NamedTuple
+
+DEBUG = pathlib.Path("/sys/kernel/debug")
+GPIO_CLASS = pathlib.Path("/sys/class/gpio")
+# From <linux/gpio.h>
+GET_CHIP_INFO = 0x8044B401
+GET_LINE = 0xC250B407
+LINE_FLAG_INPUT = 1 << 2
+IIO_DEVICES = pathlib.Path("/sys/bus/iio/devices")
+
+
+class Event(NamedTuple):
+    """One thing that happened to a line; numbers and times run per chip."""
+
+    number: int
+    time_ns: int
+    what: str  # request, free, in, out, set, pull
+    level: int  # wire level afterwards
+
+
+class Line:
+    """One line of a bench chip. Levels are those of the wire."""
+
+    def __init__(self, chip, offset):
+        self.chip = chip
+        self.offset = offset
+        self._files = DEBUG / "bench-gpio" / chip.label / str(offset)
+
+    @property
+    def number(self):
+        return self.chip.base + self.offset
+
+    @property
+    def alias(self):
+        return f"bench-{self.chip.label}-{self.offset}"
+
+    @property
+    def folder(self):
+        """Where the line stands once it is exported."""
+        return GPIO_CLASS / (self.alias if self.chip.names_in_chip else f"gpio{self.number}")
+
+    def pull(self, level):
+        (self._files / "pull").write_text(str(int(level)))
+
+    @property
+    def level(self):
+        return int((self._files / "level").read_text())
+
+    @property
+    def is_output(self):
+        return (self._files / "is_out").read_text() == "1\n"
+
+    @property
+    def exported(self):
+        return self.folder.exists()
+
+    def export(self):
+        """Takes the line for the sysfs interface, as some other program."""
+        (GPIO_CLASS / "export").write_text(str(self.number))
+        return self.folder
+
+    def unexport(self):
+        (GPIO_CLASS / "unexport").write_text(str(self.number))
+
+    def refuse_requests(self, refuse=True):
+        (self._files / "busy").write_text(str(int(refuse)))
+
+    def flip_after_readings(self, count):
+        """Lets the line change by itself, silently, right after that many readings from now."""
+        (self._files / "flip_reads").write_text(str(count))
+
+    def forget_history(self):
+        (self._files / "history").write_text("1")
+
+    @property
+    def history(self):
+        events = []
+        for text in (self._files / "history").read_text().splitlines():
+            number, time_ns, what, level = text.split()
+            events.append(Event(int(number), int(time_ns), what, int(level)))
+        return events
+
+    @property
+    def driven_levels(self):
+        """Every level that the line was driven to since its history was last forgotten."""
+        return [event.level for event in self.history if event.what in ("out", "set")]
+
+    def __repr__(self):
+        return f"<line {self.offset} of {self.chip.label}>"
+
+
+class Chip:
+    """A bench chip; `unplug` makes it vanish and `plug` brings it back, with its lines as new."""
+
+    def __init__(self, label, device, base, count, names_in_chip=False):
+        self.label = label
+        self.base = base
+        self.names_in_chip = names_in_chip
+        self._device = f"bench-gpio.{device}"
+        self.lines = [Line(self, offset) for offset in range(count)]
+
+    def __getitem__(self, which):
+        return self.lines[which]
+
+    @property
+    def plugged(self):
+        return (DEBUG / "bench-gpio" / self.label).exists()
+
+    def unplug(self):
+        self._driver("unbind")
+
+    def plug(self):
+        self._driver("bind")
+
+    def _driver(self, verb):
+        pathlib.Path(f"/sys/bus/platform/drivers/bench-gpio/{verb}").write_text(self._device)
+
+    def reset(self):
+        """Chip, lines and history as after boot. Whoever holds a line loses it."""
+        if self.plugged:
+            self.unplug()
+        self.plug()
+
+
+PLAIN = Chip("plain", 0, 100, 16)
+LABELLED = Chip("labelled", 1, 200, 16)
+NAMED = Chip("named", 2, 300, 16, names_in_chip=True)
+WIDE = Chip("wide", 3, 400, 32)
+CHIPS = (PLAIN, LABELLED, NAMED, WIDE)
+
+
+@contextlib.contextmanager
+def kernel_gpio_simulator(label, count, names):
+    """The kernel's own simulator as an independent chip. Yields (number base, pull), where
+    pull(offset, level) sets a line; names maps offsets to line names."""
+    top = pathlib.Path("/sys/kernel/config/gpio-sim") / label
+    bank = top / "bank0"
+    bank.mkdir(parents=True)
+    (bank / "num_lines").write_text(str(count))
+    (bank / "label").write_text(label)
+    for offset, name in names.items():
+        (bank / f"line{offset}").mkdir()
+        (bank / f"line{offset}" / "name").write_text(name)
+    (top / "live").write_text("1")
+    chip = bank.joinpath("chip_name").read_text().strip()
+    device = next(pathlib.Path("/sys/devices/platform").glob(f"gpio-sim.*/{chip}"))
+    base = next(
+        int((folder / "base").read_text())
+        for folder in GPIO_CLASS.glob("gpiochip*")
+        if (folder / "label").read_text().strip() == label
+    )
+
+    def pull(offset, level):
+        (device / f"sim_gpio{offset}" / "pull").write_text("pull-up" if level else "pull-down")
+
+    try:
+        yield base, pull
+    finally:
+        (top / "live").write_text("0")
+        for offset in names:
+            (bank / f"line{offset}").rmdir()
+        bank.rmdir()
+        top.rmdir()
+
+
+@contextlib.contextmanager
+def line_taken_by_another_program(line):
+    """Holds a line through the chip's character device."""
+    with open(_character_device(line.chip.label), "rb", buffering=0) as chip:
+        # struct gpio_v2_line_request: 64 offsets, consumer, configuration (flags first), count,
+        # size of the event buffer, descriptor
+        offsets = [line.offset] + 63 * [0]
+        request = bytearray(
+            struct.pack("=64I32sQ264xI24xi", *offsets, b"other", LINE_FLAG_INPUT, 1, 0)
+        )
+        fcntl.ioctl(chip, GET_LINE, request)
+        handle = struct.unpack_from("=i", request, len(request) - 4)[0]
+    try:
+        yield
+    finally:
+        os.close(handle)
+
+
+def _character_device(label):
+    for device in pathlib.Path("/dev").glob("gpiochip*"):
+        with open(device, "rb", buffering=0) as chip:
+            info = bytearray(68)  # struct gpiochip_info: name, label, number of lines
+            fcntl.ioctl(chip, GET_CHIP_INFO, info)
+        if info[32:64].rstrip(b"\0").decode() == label:
+            return device
+    raise LookupError(label)
+
+
+class SpiConverter:
+    """A converter behind /dev/spidev0.N."""
+
+    def __init__(self, number):
+        self.device = f"/dev/spidev0.{number}"
+        self._files = DEBUG / "bench-spi" / str(number)
+
+    def reply(self, low, high, command=None):
+        """Sets the two bytes of the answer, to every command or to one."""
+        prefix = "" if command is None else f"{command:02x}: "
+        (self._files / "reply").write_text(f"{prefix}{low:02x} {high:02x}")
+
+    def show_level(self, level, command=None):
+        """Answers with an 8-bit level where converters of this kind put it: bits 4 to 11."""
+        self.reply((level << 4) & 0xF0, level >> 4, command)
+
+    def fail(self, error):
+        """Lets every message fail with an errno, 0 for none."""
+        (self._files / "transfer_error").write_text(str(error))
+
+    def fail_setup(self, error):
+        """Lets a change of word size or speed fail with an errno, 0 for none."""
+        (self._files / "setup_error").write_text(str(error))
+
+    @property
+    def sent(self):
+        """The last message: bytes sent and "<n" for n bytes received, in order."""
+        return (self._files / "sent").read_text().split()
+
+    @property
+    def messages(self):
+        return int((self._files / "messages").read_text())
+
+    @property
+    def bits(self):
+        return int((self._files / "bits").read_text())
+
+    @property
+    def speed_hz(self):
+        return int((self._files / "speed_hz").read_text())
+
+    def reset(self):
+        (self._files / "reset").write_text("1")
+
+
+SPI_CONVERTERS = (SpiConverter(0), SpiConverter(1))
+
+
+class Adc:
+    """A converter of the industrial I/O subsystem, by its device name."""
+
+    def __init__(self, device, name):
+        self.name = name
+        self._device = f"bench-adc.{device}"
+        self._files = DEBUG / "bench-adc" / name
+
+    @property
+    def folder(self):
+        return next(f for f in IIO_DEVICES.glob("iio:device*") if (f / "name").read_text().strip() == self.name)
+
+    def set_value(self, value, channel=0):
+        (self._files / str(channel) / "value").write_text(str(value))
+
+    def events(self, channel=0):
+        """How many threshold events a channel has sent."""
+        return int((self._files / str(channel) / "events").read_text())
+
+    @property
+    def samples(self):
+        """How many scans have been put into the buffer."""
+        return int((self._files / "samples").read_text())
+
+    def fail_readings(self, error):
+        (self._files / "raw_error").write_text(str(error))
+
+    def fail_event_writes(self, error):
+        (self._files / "event_error").write_text(str(error))
+
+    def attribute(self, name):
+        return (self.folder / name).read_text().strip()
+
+    def unplug(self):
+        pathlib.Path("/sys/bus/platform/drivers/bench-adc/unbind").write_text(self._device)
+
+    def plug(self):
+        pathlib.Path("/sys/bus/platform/drivers/bench-adc/bind").write_text(self._device)
+
+    def reset(self):
+        """As after boot: values, thresholds, buffer, trigger."""
+        if self._files.exists():
+            self.unplug()
+        self.plug()
+
+
+ADC_LE12 = Adc(0, "bench-adc-le12")
+ADC_BE12 = Adc(1, "bench-adc-be12")
+ADC_LE24 = Adc(2, "bench-adc-le24")
+ADC_BE24 = Adc(3, "bench-adc-be24")
+ADC_BE32 = Adc(4, "bench-adc-be32")
+ADC_U8 = Adc(5, "bench-adc-u8")
+ADC_SINGLE = Adc(6, "bench-adc-single")
+ADCS = (ADC_LE12, ADC_BE12, ADC_LE24, ADC_BE24, ADC_BE32, ADC_U8, ADC_SINGLE)
+
+HRTIMER_TRIGGERS = pathlib.Path("/sys/kernel/config/iio/triggers/hrtimer")
+
+
+def remove_triggers():
+    """Removes the timer triggers that somebody has left behind."""
+    for trigger in HRTIMER_TRIGGERS.iterdir():
+        trigger.rmdir()

@@ -1,0 +1,41 @@
+"""What every test on the bench starts from: chips as after boot, and a device to start."""
+
+import contextlib
+import pathlib
+
+import pytest
+
+import chips
+from guest_device import GuestDevice
+
+BINARY = pathlib.Path("/bench/wexd")
+
+
+@pytest.fixture(autouse=True)
+def fresh_chips():
+    for chip in chips.CHIPS:
+        chip.reset()
+    for converter in chips.SPI_CONVERTERS:
+        converter.reset()
+    for adc in chips.ADCS:
+        adc.reset()
+    chips.remove_triggers()
+
+
+@pytest.fixture
+def make_device(fresh_chips):
+    """Makes the device with options of its own; it is checked and stopped after the test."""
+    with contextlib.ExitStack() as stack:
+        yield lambda **options: stack.enter_context(GuestDevice(BINARY, **options))
+
+
+@pytest.fixture
+def device(make_device):
+    """A device whose daemon changes to its own user."""
+    return make_device()
+
+
+@pytest.fixture
+def root_device(make_device):
+    """A device whose daemon stays root."""
+    return make_device(user=False)

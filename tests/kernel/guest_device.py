@@ -1,0 +1,86 @@
+"""The bench guest as a device: what sim.device offers, but with the daemon run
+on the guest itself, where /sys and /dev are those of a real kernel."""
+
+import os
+import pathlib
+import shutil
+import subprocess
+import time
+
+from sim import device, sandbox
+
+# The exact clock of a process, as <linux/posix-timers.h> makes it from a process id.
+CPUCLOCK_SCHED = 2
+
+# Everything that a life of the daemon reads or leaves behind.
+LEFTOVERS = (
+    "/etc/wexd",
+    "/etc/wexd.d",
+    "/etc/dynamic",
+    "/etc/service_registry",
+    "/etc/legacyconfig",
+    device.IMPORT_FILE,
+    device.DESCRIPTION,
+)
+
+
+class Guest(sandbox.Sandbox):
+    """No sandbox at all: the guest's own file system, made as new."""
+
+    def __init__(self):
+        for leftover in map(pathlib.Path, LEFTOVERS):
+            if leftover.is_dir():
+                shutil.rmtree(leftover)
+            else:
+                leftover.unlink(missing_ok=True)
+        super().__init__("/")
+
+    def command(self, argv, binary, info_fd=None):
+        return [str(binary) if word == sandbox.BINARY else word for word in argv]
+
+    def bus_command(self, argv):
+        return argv
+
+
+class GuestDevice(device.Device):
+    """A device whose daemon is a plain child process, started by root.
+
+    user: whether the device has the daemon's own user to change to. Without it the daemon stays
+    root, and with that able to export pins and open their files later on.
+    """
+
+    def __init__(self, binary, user=True):
+        super().__init__(binary)
+        self.sandbox = Guest()
+        self.sandbox.set_accounts(user=user)
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def start(self, *argv, ready=True, environment=None):
+        assert not self.running, "the daemon runs already"
+        self.sandbox.hand_over()
+        self.lives += 1
+        with open(self._stream("out"), "wb") as out, open(self._stream("err"), "wb") as err:
+            self.process = subprocess.Popen(
+                self.sandbox.command([sandbox.BINARY, *argv], self.binary),
+                stdin=subprocess.DEVNULL,
+                stdout=out,
+                stderr=err,
+                env=self._environment(environment),
+            )
+        if ready:
+            self.wait_ready()
+        return self
+
+    @property
+    def descriptors(self):
+        """What the daemon's open descriptors lead to."""
+        folder = pathlib.Path(f"/proc/{self.pid}/fd")
+        return sorted(os.readlink(entry) for entry in folder.iterdir())
+
+    @property
+    def cpu_s(self):
+        """Seconds of processor time that the daemon has used so far."""
+        return time.clock_gettime((~self.pid << 3) | CPUCLOCK_SCHED)

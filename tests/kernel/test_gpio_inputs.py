@@ -1,0 +1,192 @@
+"""Inputs on pins: levels, edges, active low on either side."""
+
+import itertools
+import random
+import time
+
+import pytest
+
+from chips import PLAIN, WIDE
+from describe import port
+from gpio_ports import gpio_configurable, gpio_input, gpio_output, pin
+from sim.bus import PortChanged, wait_until
+
+
+def start(device, *ports):
+    """Starts the daemon; returns the signals, with those of the start taken off."""
+    device.describe("\n".join(ports))
+    device.start()
+    signals = device.signals()
+    for entry in device.port_list():
+        device.state.GetState(entry.number)
+    signals.take()
+    return signals
+
+
+def assert_pull_is_reported(signals, line, level, number, state):
+    line.pull(level)
+    signals.wait_for(PortChanged, port=number, input=True, virtual_trig=False, state=state)
+
+
+@pytest.mark.parametrize("level", [0, 1])
+def test_an_input_reads_the_level_that_was_there_before(device, level):
+    PLAIN[0].pull(level)
+    start(device, gpio_input("door", 0, PLAIN[0]))
+    assert device.state.GetState(0) is bool(level)
+
+
+def test_both_edges_are_reported(device):
+    signals = start(device, gpio_input("door", 0, PLAIN[0]))
+    for level in (1, 0, 1, 0):
+        assert_pull_is_reported(signals, PLAIN[0], level, 0, bool(level))
+        assert device.state.GetState(0) is bool(level)
+
+
+@pytest.mark.parametrize(
+    "inverted, trig, flipped",
+    [
+        (None, "closed", False),
+        ("false", "closed", False),
+        ("true", "closed", True),
+        (None, "open", True),
+        ("true", "open", False),
+    ],
+)
+def test_active_low_of_pin_and_port_both_invert(device, inverted, trig, flipped):
+    signals = start(device, gpio_input("door", 0, PLAIN[0], inverted=inverted))
+    device.state.SetActive(0, True, trig)
+    assert device.state.GetState(0) is flipped
+    signals.take()
+    for level in (1, 0):
+        assert_pull_is_reported(signals, PLAIN[0], level, 0, bool(level) != flipped)
+
+
+def test_a_change_of_sense_is_reported_with_the_new_state(device):
+    signals = start(device, gpio_input("door", 0, PLAIN[0]))
+    PLAIN[0].pull(1)
+    signals.wait_for(PortChanged, port=0, state=True, activelow=False)
+    device.state.SetActive(0, True, "open")
+    signals.wait_for(PortChanged, port=0, state=False, activelow=True)
+
+
+@pytest.mark.parametrize(
+    "inverted, left_behind, expected",
+    [(None, "1", "1"), ("yes", "1", "0"), ("false", "1", "0"), ("true", "0", "1")],
+)
+def test_the_sense_of_a_pin_is_set_only_when_described(device, inverted, left_behind, expected):
+    line = PLAIN[1]
+    line.export()
+    (line.folder / "active_low").write_text(left_behind)
+    start(device, gpio_input("door", 0, line, inverted=inverted))
+    assert (line.folder / "active_low").read_text().strip() == expected
+
+
+def test_inputs_do_not_disturb_each_other(device):
+    lines = WIDE.lines
+    signals = start(device, *(gpio_input(f"in{i}", i, line) for i, line in enumerate(lines)))
+    order = random.Random(1).sample(range(32), 32)
+    for i in order:
+        lines[i].pull(1)
+    for i in order:
+        signals.wait_for(PortChanged, port=i, state=True)
+    assert [device.state.GetState(i) for i in range(32)] == [True] * 32
+    lines[7].pull(0)
+    signals.wait_for(PortChanged, port=7, state=False)
+    signals.assert_none(PortChanged, state=False)
+
+
+# The daemon reads a line three times for one report: for a vanished chip, for the level, and for
+# what it has become meanwhile.
+@pytest.mark.parametrize("readings", [1, 2, 3])
+def test_a_level_that_changes_amid_reporting_is_reported_too(device, readings):
+    line = PLAIN[2]
+    signals = start(device, gpio_input("door", 0, line))
+    line.flip_after_readings(readings)
+    line.pull(1)
+    wait_until(lambda: line.history[-1][2:] == ("pull", 0), "the line's own change")
+    wait_until(lambda: signals.pending and not signals.pending[-1].state, "its report")
+    assert device.state.GetState(0) is False
+
+
+def test_edges_at_any_distance_leave_the_last_level_reported(device):
+    line = PLAIN[3]
+    signals = start(device, gpio_input("door", 0, line))
+    level = 0
+    for distance_us in range(0, 2000, 25):
+        for _ in range(3):
+            until = time.monotonic() + distance_us * 1e-6
+            level = 1 - level
+            line.pull(level)
+            while time.monotonic() < until:
+                pass
+        wait_until(
+            lambda: signals.pending and signals.pending[-1].state is bool(level),
+            lambda: f"{level} after edges {distance_us} us apart; there were {signals.pending}",
+        )
+        assert device.state.GetState(0) is bool(level)
+
+
+def test_a_thousand_edges_leave_the_final_state_reported(device):
+    line = PLAIN[4]
+    signals = start(device, gpio_input("door", 0, line))
+    level = 0
+    for burst in (1, 2, 3, 50, 100, 344, 500):
+        for _ in range(burst):
+            level = 1 - level
+            line.pull(level)
+        wait_until(
+            lambda: signals.pending and signals.pending[-1].state is bool(level),
+            f"level {level} after {burst} edges",
+        )
+        assert device.state.GetState(0) is bool(level)
+    assert sum(event.what == "pull" for event in line.history) == 1000
+    signals.take()
+    assert_pull_is_reported(signals, line, 1 - level, 0, not level)
+
+
+def test_a_thousand_single_edges_are_each_reported(device):
+    line = PLAIN[5]
+    signals = start(device, gpio_input("door", 0, line))
+    for _, level in zip(range(1000), itertools.cycle((1, 0))):
+        line.pull(level)
+        signals.wait_for(PortChanged, port=0, state=bool(level))
+    signals.assert_none()
+
+
+def test_an_output_is_not_watched(device):
+    signals = start(
+        device, gpio_output("relay", 0, PLAIN[6]), gpio_input("door", 1, PLAIN[7])
+    )
+    PLAIN[6].pull(1)
+    assert_pull_is_reported(signals, PLAIN[7], 1, 1, True)
+    signals.assert_none(PortChanged, port=0)
+
+
+def test_every_kind_of_port_works_side_by_side(device):
+    signals = start(
+        device,
+        gpio_input("door", 0, PLAIN[0]),
+        gpio_output("relay", 1, PLAIN[1]),
+        gpio_configurable("aux", 2, PLAIN[2:5], direction="input"),
+        port("lamp", 3, "output", "null"),
+    )
+    assert device.state.GetNbrPorts() == (2, 2)
+    assert_pull_is_reported(signals, PLAIN[0], 1, 0, True)
+    assert_pull_is_reported(signals, PLAIN[2], 1, 2, True)
+    device.state.SetState(1, True)
+    signals.wait_for(PortChanged, port=1, input=False, state=True)
+    assert PLAIN[1].level == 1
+
+
+def test_a_second_input_element_adds_to_the_same_pin(device):
+    twice = pin("input", PLAIN[8]) + '<input inverted="true"/>'
+    start(device, port("door", 0, "input", "gpio", backend_inside=twice))
+    assert device.state.GetState(0) is True
+
+
+def test_watched_pins_at_rest_cost_nothing(device):
+    start(device, *(gpio_input(f"in{i}", i, line) for i, line in enumerate(WIDE.lines)))
+    device.sync()
+    before = device.cpu_s
+    time.sleep(1)  # the time itself is what is measured
+    assert device.cpu_s - before < 0.001

@@ -1,0 +1,265 @@
+"""How pins are found, taken and given back."""
+
+import pytest
+
+import chips
+from chips import LABELLED, NAMED, PLAIN
+from describe import element, port
+from gpio_ports import gpio_configurable, gpio_input, gpio_output, pin
+from sim.bus import PortChanged
+
+FOLDER_KINDS = pytest.mark.parametrize(
+    "chip, by",
+    [(PLAIN, "number"), (LABELLED, "number"), (LABELLED, "alias"), (LABELLED, "both"),
+     (NAMED, "number"), (NAMED, "alias"), (NAMED, "both")],
+    ids=lambda value: getattr(value, "label", value),
+)  # fmt: skip
+
+
+def assert_serves(device, signals, line, number):
+    """An edge on the line reaches the bus."""
+    level = 1 - line.level
+    line.pull(level)
+    signals.wait_for(PortChanged, port=number, input=True, state=bool(level))
+    assert device.state.GetState(number) is bool(level)
+
+
+@FOLDER_KINDS
+def test_an_input_is_found_by_number_and_by_name(device, chip, by):
+    device.describe(gpio_input("door", 0, chip[5], by=by))
+    device.start()
+    assert chip[5].exported
+    assert_serves(device, device.signals(), chip[5], 0)
+
+
+@FOLDER_KINDS
+def test_an_output_is_found_by_number_and_by_name(device, chip, by):
+    device.describe(gpio_output("relay", 0, chip[6], by=by))
+    device.start()
+    device.state.SetState(0, True)
+    assert chip[6].is_output and chip[6].level == 1
+
+
+def test_a_named_line_of_another_driver_is_found(device):
+    with chips.kernel_gpio_simulator("other", 8, {3: "other-door"}) as (base, pull):
+        by_name = port(
+            "door", 0, "input", "gpio", backend_inside=element("input", alias="other-door")
+        )
+        by_number = port(
+            "gate", 1, "input", "gpio", backend_inside=element("input", pin=base + 5)
+        )
+        device.describe(by_name + by_number)
+        device.start()
+        signals = device.signals()
+        for offset, number in ((3, 0), (5, 1)):
+            for level in (1, 0):
+                pull(offset, level)
+                signals.wait_for(PortChanged, port=number, state=bool(level))
+        device.stop()
+
+
+@pytest.mark.parametrize("alias", ["nobody", "../../gpio", "gpiochip100", "", "x" * 5000])
+def test_a_name_that_no_line_has_drops_only_its_port(device, alias):
+    lost = port("lost", 0, "input", "gpio", backend_inside=element("input", alias=alias))
+    device.expect("CRITICAL.*libugpio_port_setup.*port->optional")
+    device.describe(lost + gpio_input("door", 1, PLAIN[0]))
+    device.start()
+    assert device.log_count(r"^WARNING: Failed to allocate pin 0/") == 1
+    assert list(device.ports()) == [1]
+    assert_serves(device, device.signals(), PLAIN[0], 1)
+
+
+def test_a_number_that_no_line_has_drops_only_its_port(device):
+    lost = port("lost", 0, "output", "gpio", backend_inside=element("output", pin=9999))
+    device.expect("CRITICAL.*libugpio_port_setup.*port->optional")
+    device.describe(lost + gpio_input("door", 1, PLAIN[0]))
+    device.start()
+    assert list(device.ports()) == [1]
+    assert device.log_count(r"^WARNING: Failed to allocate pin 9999/") == 1
+    assert device.log_count("Setup failed for port 0, removing from list") == 1
+
+
+def test_a_pin_that_another_program_holds_drops_only_its_port(device):
+    device.expect("CRITICAL.*libugpio_port_setup.*port->optional")
+    device.describe(gpio_input("held", 0, PLAIN[1]) + gpio_input("door", 1, PLAIN[2]))
+    with chips.line_taken_by_another_program(PLAIN[1]):
+        device.start()
+    assert device.log_count(r"^WARNING: Failed to allocate pin 101/") == 1
+    assert list(device.ports()) == [1]
+    assert_serves(device, device.signals(), PLAIN[2], 1)
+
+
+def test_a_port_that_lacks_one_pin_gives_the_others_back(root_device):
+    root_device.expect("CRITICAL.*libugpio_port_setup.*port->optional")
+    root_device.describe(gpio_configurable("aux", 0, PLAIN[3:6], direction="input"))
+    PLAIN[5].refuse_requests()
+    root_device.start()
+    assert root_device.ports() == {}
+    assert not any(line.exported for line in PLAIN[3:6])
+
+
+def test_a_refresh_finds_an_optional_port_once_its_pin_is_free(root_device):
+    root_device.describe(gpio_input("spare", 0, PLAIN[1], optional="true"))
+    with chips.line_taken_by_another_program(PLAIN[1]):
+        root_device.start()
+        assert root_device.ports() == {}
+        root_device.state.RefreshIOPorts()
+        assert root_device.ports() == {}
+    root_device.state.RefreshIOPorts()
+    assert list(root_device.ports()) == [0]
+    assert_serves(root_device, root_device.signals(), PLAIN[1], 0)
+
+
+@pytest.mark.parametrize("chip", [PLAIN, NAMED], ids=lambda chip: chip.label)
+def test_dropped_pins_are_free_for_another_program(root_device, chip):
+    lines = chip[7:10]
+    root_device.describe(
+        gpio_configurable("aux", 0, lines, direction="output", optional="true")
+    )
+    root_device.start()
+    assert all(line.exported for line in lines)
+    assert root_device.state.DropIOPorts(["aux"]) == ["aux"]
+    assert not any(line.exported for line in lines)
+    for line in lines:
+        with chips.line_taken_by_another_program(line):
+            pass
+
+
+def test_a_dropped_port_comes_back_with_a_refresh(root_device):
+    root_device.describe(
+        gpio_input("spare", 0, PLAIN[7], optional="true") + gpio_input("door", 1, PLAIN[8])
+    )
+    root_device.start()
+    signals = root_device.signals()
+    for _ in range(3):
+        root_device.state.DropIOPorts(["spare"])
+        assert list(root_device.ports()) == [1]
+        assert_serves(root_device, signals, PLAIN[8], 1)
+        root_device.state.RefreshIOPorts()
+        assert sorted(root_device.ports()) == [0, 1]
+        assert_serves(root_device, signals, PLAIN[7], 0)
+        assert_serves(root_device, signals, PLAIN[8], 1)
+
+
+def test_an_edge_is_reported_once_after_drops_and_refreshes(root_device):
+    root_device.describe(
+        gpio_input("spare", 0, PLAIN[7], optional="true") + gpio_input("door", 1, PLAIN[8])
+    )
+    root_device.start()
+    for _ in range(5):
+        root_device.state.DropIOPorts(["spare"])
+        root_device.state.RefreshIOPorts()
+    signals = root_device.signals()
+    for line, number in ((PLAIN[7], 0), (PLAIN[8], 1)):
+        assert_serves(root_device, signals, line, number)
+    signals.assert_none()
+
+
+def test_drops_and_refreshes_leak_no_descriptors(root_device):
+    root_device.describe(
+        gpio_configurable("aux", 0, PLAIN[7:10], direction="input", optional="true")
+    )
+    root_device.start()
+    before = root_device.descriptors
+    for _ in range(50):
+        root_device.state.DropIOPorts(["aux"])
+        root_device.state.RefreshIOPorts()
+    assert root_device.descriptors == before
+
+
+@pytest.mark.parametrize("chip, by", [(PLAIN, "number"), (NAMED, "alias")], ids=["plain", "named"])
+def test_a_chip_vanishes_and_returns(root_device, chip, by):
+    line = chip[10]
+    root_device.describe(
+        gpio_input("spare", 0, line, by=by, optional="true")
+        + gpio_input("door", 1, LABELLED[0])
+        + gpio_output("relay", 2, chip[11], by=by, optional="true")
+    )
+    root_device.start()
+    signals = root_device.signals()
+    chip.unplug()
+    assert_serves(root_device, signals, LABELLED[0], 1)
+    root_device.state.DropIOPorts(["spare", "relay"])
+    root_device.state.RefreshIOPorts()
+    assert list(root_device.ports()) == [1]
+    chip.plug()
+    root_device.state.RefreshIOPorts()
+    assert sorted(root_device.ports()) == [0, 1, 2]
+    assert_serves(root_device, signals, line, 0)
+    assert_serves(root_device, signals, LABELLED[0], 1)
+    root_device.state.SetState(2, True)
+    assert chip[11].level == 1
+
+
+def test_a_vanished_chip_does_not_keep_the_daemon_busy(device):
+    device.describe(gpio_input("spare", 0, PLAIN[10]) + gpio_input("door", 1, LABELLED[0]))
+    device.start()
+    PLAIN.unplug()
+    signals = device.signals()
+    assert_serves(device, signals, LABELLED[0], 1)
+    before = device.cpu_s
+    for _ in range(50):
+        assert_serves(device, signals, LABELLED[0], 1)
+    assert device.cpu_s - before < 2
+    assert len(device.log) < 50
+
+
+def test_a_pin_that_was_exported_already_is_used_and_left(root_device):
+    PLAIN[12].export()
+    root_device.describe(gpio_input("door", 0, PLAIN[12], optional="true"))
+    root_device.start()
+    assert_serves(root_device, root_device.signals(), PLAIN[12], 0)
+    root_device.state.DropIOPorts(["door"])
+    assert PLAIN[12].exported
+    root_device.state.RefreshIOPorts()
+    assert_serves(root_device, root_device.signals(), PLAIN[12], 0)
+    root_device.stop()
+    assert PLAIN[12].exported
+
+
+def test_the_end_of_the_daemon_gives_all_pins_back(root_device):
+    lines = [*PLAIN[0:3], NAMED[0], LABELLED[0]]
+    root_device.describe(
+        gpio_configurable("aux", 0, lines[:3], direction="input")
+        + gpio_input("door", 1, lines[3], by="alias")
+        + gpio_output("relay", 2, lines[4], by="alias")
+    )
+    root_device.start()
+    assert all(line.exported for line in lines)
+    root_device.stop()
+    assert not any(line.exported for line in lines)
+
+
+def test_the_next_life_serves_pins_that_this_one_could_not_give_back(device):
+    """The daemon's own user may not unexport, so the pins stay exported when it ends."""
+    device.describe(
+        gpio_input("door", 0, NAMED[1], by="alias", inverted="true")
+        + gpio_output("relay", 1, PLAIN[14], inverted="true")
+    )
+    device.start()
+    device.state.SetState(1, True)
+    device.restart()
+    signals = device.signals()
+    NAMED[1].pull(1)
+    signals.wait_for(PortChanged, port=0, state=False)
+    device.state.SetState(1, True)
+    assert PLAIN[14].level == 0
+
+
+def test_a_second_pin_of_the_same_number_is_refused_or_shared_without_harm(device):
+    device.describe(gpio_input("door", 0, PLAIN[15]) + gpio_input("gate", 1, PLAIN[15]))
+    device.start()
+    signals = device.signals()
+    PLAIN[15].pull(1)
+    for number in device.ports():
+        signals.wait_for(PortChanged, port=number, state=True)
+
+
+def test_io_ctrl_without_its_pins_drops_the_port(device):
+    device.expect("CRITICAL.*libugpio_port_setup.*port->optional")
+    device.describe(
+        port("aux", 0, "io_ctrl", "gpio", backend_inside=pin("input", PLAIN[0]))
+        + gpio_input("door", 1, PLAIN[1])
+    )
+    device.start()
+    assert list(device.ports()) == [1]
