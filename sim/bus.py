@@ -75,6 +75,7 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC
     <allow receive_type="error"/>
     <allow receive_type="signal"/>
   </policy>
+  <limit name="max_replies_per_connection">10000</limit>
 </busconfig>
 """
 
@@ -142,6 +143,7 @@ class Bus:
                 ),
                 stdout=subprocess.PIPE,
                 stderr=errors,
+                start_new_session=True,
             )  # fmt: skip
         if not self.process.stdout.readline():
             raise AssertionError(f"the private bus did not start: {log.read_text()}")
@@ -183,9 +185,13 @@ class Client:
         except BusError:
             return None
 
-    def sync(self, name=STATE_NAME, path=STATE_PATH):
-        """Returns when all that the service sent before now has been delivered here."""
-        self.call(name, path, "org.freedesktop.DBus.Peer", "Ping")
+    def sync(self):
+        """Returns when the daemon's loop has done, and its signals told here, all up to now.
+
+        A ping would not do: GDBus answers it from a thread of its own. A method of the daemon is
+        answered by its main loop, after everything that the loop was busy with.
+        """
+        self.state.GetNbrPorts()
         context = GLib.MainContext.default()
         while context.iteration(False):
             pass

@@ -41,7 +41,7 @@ UNWANTED = re.compile(
 )
 
 VALGRIND = (
-    "valgrind", "--quiet", "--error-exitcode=99", "--leak-check=full", "--show-leak-kinds=definite",
+    "valgrind", "--quiet", "--vgdb=no", "--error-exitcode=99", "--leak-check=full", "--show-leak-kinds=definite",
     "--errors-for-leak-kinds=definite", "--child-silent-after-fork=yes",
 )  # fmt: skip
 
@@ -49,22 +49,22 @@ VALGRIND = (
 class Device:
     """A scratch device: folders, a private bus, and at most one running daemon.
 
-    user, without_capabilities: see sandbox.Sandbox. wrapper: a command that runs the daemon, such
-    as VALGRIND. patience: factor on the deadlines for a daemon that is slowed down. quiet: do not
-    print the log at the end unless something failed.
+    wrapper: a command that runs the daemon, such as VALGRIND. patience: factor on the deadlines for
+    a daemon that is slowed down. quiet: do not print the log at the end unless something failed.
+    All else (user, ...) is for the sandbox, see there.
     """
 
-    def __init__(self, binary, user=None, without_capabilities=(), wrapper=(), patience=1,
-                 quiet=False):
+    def __init__(self, binary, wrapper=(), patience=1, quiet=False, **box):
         self.binary = pathlib.Path(binary).resolve()
         # Short, because the name of a socket may have no more than 107 characters.
         self.scratch = pathlib.Path(tempfile.mkdtemp(prefix="wexd-"))
-        self.sandbox = sandbox.Sandbox(self.scratch / "root", user, without_capabilities)
+        self.sandbox = sandbox.Sandbox(self.scratch / "root", **box)
         self.wrapper = wrapper
         self.patience = patience
         self.quiet = quiet
-        if user is not None:
-            os.chmod(self.scratch, 0o711)
+        if self.sandbox.user is not None:
+            self.scratch.chmod(0o711)
+        self.abandoned = False  # set it to leave the device without any check
         self.process = None
         self.lives = 0
         self._init_pid = None
@@ -83,19 +83,16 @@ class Device:
         return self
 
     def __exit__(self, kind, *_):
+        orderly = kind in (None, KeyboardInterrupt) and not self.abandoned
         try:
-            if self.running:
-                if kind in (None, KeyboardInterrupt):
-                    self.stop()
-                else:
-                    self.kill()
-            if kind is None:
+            if orderly and self.running:
+                self.stop()
+            if orderly:
                 self.assert_clean_log()
         finally:
-            if not self.quiet or kind not in (None, KeyboardInterrupt):
+            if not (orderly and self.quiet):
                 self.print_log()
-            if self.running:
-                self.kill()
+            self.kill()
             self._closers.close()
             shutil.rmtree(self.scratch, ignore_errors=True)
 
@@ -118,6 +115,11 @@ class Device:
         else:
             path.write_text(text)
         return path
+
+    def poke(self, inside, text):
+        """Overwrites the start of a file in one go, so that a reader never finds it empty."""
+        with open(self.path(inside), "r+b", buffering=0) as file:
+            file.write(text.encode())
 
     def read(self, inside):
         return self.path(inside).read_text()
@@ -151,11 +153,12 @@ class Device:
     @property
     def pid(self):
         """The process id of the daemon as the host sees it."""
-        return wait_until(
-            lambda: self._init_pid and sandbox.child_of(self._init_pid),
-            "the daemon's process id",
-            self._deadline(),
-        )
+
+        def found():
+            assert self.running, "the daemon does not run"
+            return sandbox.child_of(self._init_pid)
+
+        return wait_until(found, "the daemon's process id", self._deadline())
 
     def start(self, *argv, ready=True, environment=None):
         """Starts the daemon; with ready, returns when it owns its names, so runs its loop."""
@@ -174,6 +177,7 @@ class Device:
                 stderr=err,
                 env=self._environment(environment),
                 pass_fds=(info_write,),
+                start_new_session=True,  # an interrupt from the terminal is for the caller alone
             )
         os.close(info_write)
         with os.fdopen(info_read) as info:
@@ -266,8 +270,12 @@ class Device:
         """Waits until that many lines of the log match; returns the last line that does."""
 
         def found():
+            running = self.running  # looked at before the log, for it may say more and end then
             lines = [line for line in self.log if re.search(pattern, line)]
-            return lines if len(lines) >= count else None
+            if len(lines) >= count:
+                return lines
+            assert running, f"the daemon ended without {pattern!r} in its log:\n{self.stdout}"
+            return None
 
         return wait_until(
             found, lambda: f"{pattern!r} in the log:\n{self.stdout}", deadline or self._deadline()

@@ -26,6 +26,7 @@ BINARY = "/app/wexd"
 WRITABLE = (
     "/etc/wexd",
     "/etc/wexd/actions",
+    "/etc/wexd.d",
     "/etc/service_registry/services.d",
     "/etc/legacyconfig/legacymappings.d",
 )
@@ -35,13 +36,15 @@ class Sandbox:
     """A scratch folder laid out as the device's file system, and the way into it.
 
     user: numeric id of an ordinary user to run as; None keeps the caller's identity. Only root can
-    choose one. without_capabilities: names such as "cap_setgid" that root is to lack inside.
+    choose one. without_capabilities: names such as "setgid" that root is to lack inside.
+    inheritable: capabilities that root is to pass on to every program, as a careless starter might.
     """
 
-    def __init__(self, root, user=None, without_capabilities=()):
+    def __init__(self, root, user=None, without_capabilities=(), inheritable=()):
         self.root = pathlib.Path(root)
         self.user = user
         self.without_capabilities = tuple(without_capabilities)
+        self.inheritable = tuple(inheritable)
         for folder in ("/tmp", "/run/dbus", "/sys", "/usr/share/wexd", *WRITABLE):
             self.path(folder).mkdir(parents=True, exist_ok=True)
         self.path("/tmp").chmod(0o1777)
@@ -75,8 +78,8 @@ class Sandbox:
                 for entry in (folder, *(os.path.join(folder, file) for file in files)):
                     os.lchown(entry, self.user, self.user)
             return
-        for folder in WRITABLE:
-            os.chown(self.path(folder), WXD_UID, WXD_GID)
+        for folder in filter(os.path.isdir, map(self.path, WRITABLE)):
+            os.chown(folder, WXD_UID, WXD_GID)
 
     def command(self, argv, binary, info_fd=None):
         """The command line that runs argv inside, where the binary is to be found as BINARY.
@@ -92,11 +95,13 @@ class Sandbox:
             return [*become, *bwrap, "--", *argv]
         if os.getuid() != 0:
             return [*bwrap, "--", *argv]
-        bwrap += ["--cap-add", "ALL"]
-        for capability in self.without_capabilities:
-            bwrap += ["--cap-drop", capability.upper()]
-        # bubblewrap may pass capabilities on as inheritable ones; a freshly booted root has none.
-        return [*bwrap, "--", "setpriv", "--inh-caps=-all", "--ambient-caps=-all", *argv]
+        # bubblewrap drops root's capabilities unless told, and may pass them on as inheritable; a
+        # freshly booted root has them all and none to inherit. Root gets on exec what its bounding
+        # set holds, so that is the place to take some away.
+        bounds = [f"--bounding-set=-{name}" for name in self.without_capabilities]
+        inherited = "--inh-caps=" + ",".join(["-all", *(f"+{name}" for name in self.inheritable)])
+        plain_root = ["setpriv", "--ambient-caps=-all", inherited, *bounds]
+        return [*bwrap, "--cap-add", "ALL", "--", *plain_root, *argv]
 
     def bus_command(self, argv):
         """The command line that runs a message bus inside, as the caller.

@@ -32,7 +32,7 @@ def expect(holds, what):
 
 def an_input_flips(device, changes, names):
     with step("The door opens: its file turns to 1") as tell:
-        device.write(f"{show.INPUTS}/door", "1\n")
+        device.poke(f"{show.INPUTS}/door", "1\n")
         tell(show.describe(changes.wait_for(PortChanged, port=0, state=True, input=True), names))
         expect(device.state.GetState(0) is True, "GetState agrees with the signal")
 
@@ -87,8 +87,8 @@ def an_optional_port_goes_and_comes(device, _changes, _names):
 
 def a_lamp_blinks(device, changes, names):
     with step("The lamp blinks; a second blink meanwhile is refused") as tell:
-        device.state.StartActionSequence(4, False, BLINK)
         started = time.monotonic()
+        device.state.StartActionSequence(4, False, BLINK)
         try:
             device.state.StartActionSequence(4, False, BLINK)
         except BusError as error:

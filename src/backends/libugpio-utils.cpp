@@ -59,7 +59,19 @@ void libugpio_parse_data_pin(GpioPinPtr& pin, const char* key, const char* value
   libugpio_parse_data_pin(pin.get(), key, value);
 }
 
-bool libugpio_port_init_gpio_pin(GpioPin* pin, bool input, bool value) {
+bool libugpio_apply_activelow(GpioPin* pin) {
+  if (pin->activelow == PinActiveLow::Unset) {
+    return true;
+  }
+  const bool low = pin->activelow == PinActiveLow::Low;
+  if (ugpio_set_activelow(pin->handle, low) != 0) {
+    g_warning("%sFailed set active %s!", log_prefix, low ? "low" : "high");
+    return false;
+  }
+  return true;
+}
+
+bool libugpio_open_gpio_pin(GpioPin* pin, bool input, bool value) {
   libugpio_close_gpio_pin(pin);
   pin->handle = request(pin, request_flags(pin, input, value));
   if (pin->handle == nullptr) {
@@ -70,12 +82,12 @@ bool libugpio_port_init_gpio_pin(GpioPin* pin, bool input, bool value) {
     g_warning("%sFailed to open pin fd!", log_prefix);
     return false;
   }
-  if (pin->activelow != PinActiveLow::Unset) {
-    const bool low = pin->activelow == PinActiveLow::Low;
-    if (ugpio_set_activelow(pin->handle, low) != 0) {
-      g_warning("%sFailed set active %s!", log_prefix, low ? "low" : "high");
-      return false;
-    }
+  return libugpio_apply_activelow(pin);
+}
+
+bool libugpio_port_init_gpio_pin(GpioPin* pin, bool input, bool value) {
+  if (!libugpio_open_gpio_pin(pin, input, value)) {
+    return false;
   }
   if (!input && ugpio_set_value(pin->handle, value) == -1) {
     g_warning("%sFailed to set state on port!\n", log_prefix);
@@ -114,7 +126,7 @@ gboolean libugpio_handle_trig(GIOChannel* /*channel*/, GIOCondition /*condition*
   return G_SOURCE_CONTINUE;
 }
 
-guint LogicWatch::start(IoPort* port, const GpioPin* pin) {
+guint LogicWatch::start(IoPort* port, const GpioPin* pin, GIOCondition condition) {
   if (source_id_ != 0) {
     return source_id_;
   }
@@ -125,7 +137,7 @@ guint LogicWatch::start(IoPort* port, const GpioPin* pin) {
   // An edge on a value file shows as an exceptional condition, nothing else.
   port_ = port;
   channel_ = g_io_channel_unix_new(fd);
-  source_id_ = g_io_add_watch(channel_, G_IO_ERR, on_edge, this);
+  source_id_ = g_io_add_watch(channel_, condition, on_edge, this);
   return source_id_;
 }
 

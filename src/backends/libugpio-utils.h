@@ -37,9 +37,14 @@ void libugpio_parse_data_pin(GpioPin* pin, const char* key, const char* value);
 void libugpio_parse_data_pin(GpioPinPtr& pin, const char* key, const char* value);
 
 /// Requests and opens the pin as an input (with both edges) or as an output that starts at `value`
-/// without a glitch. A pin in use is given back first. False, with a warning, on failure; an
-/// output that cannot be written is no failure.
+/// without a glitch. A pin in use is given back first. False, with a warning, on failure.
+bool libugpio_open_gpio_pin(GpioPin* pin, bool input, bool value);
+
+/// As above, and writes an output's level once more; failing to is told, but no failure.
 bool libugpio_port_init_gpio_pin(GpioPin* pin, bool input, bool value);
+
+/// Applies a described active-low setting to an open pin; false, with a warning, on failure.
+bool libugpio_apply_activelow(GpioPin* pin);
 
 /// Sets an output's level; false, with a warning, on failure.
 bool libugpio_set_gpio_pin(GpioPin* pin, bool value);
@@ -63,7 +68,7 @@ public:
 
   /// Watches the pin for `port`; a running watch stays as it is. The source id, 0 when the pin is
   /// not open.
-  guint start(IoPort* port, const GpioPin* pin);
+  guint start(IoPort* port, const GpioPin* pin, GIOCondition condition = G_IO_ERR);
   void stop();
   explicit operator bool() const { return source_id_ != 0; }
 

@@ -1,8 +1,14 @@
 // The daemon's life: what is started in which order, and what is stopped in which.
 #include "core/conf-reader.h"
 #include "core/privileges.h"
+#include "dbus/iocontrol-conf-legacy-dbus.h"
 #include "dbus/iocontrol.h"
+#include "dbus/iosupervised.h"
+#include "dbus/service-registry.h"
 #include "param/param.h"
+#include "param/sedrin-import.h"
+#include "peers/action-engine.h"
+#include "peers/virtual-input.h"
 #include "platform/handles.h"
 #include "platform/log.h"
 #include "port/ioport-list.h"
@@ -23,6 +29,7 @@ namespace {
 constexpr const char* hardware_description = "/usr/share/wexd/conf.xml";
 constexpr const char* drop_directory = "/etc/wexd.d/";
 constexpr const char* old_param_file = "/etc/dynamic/wexd/params.conf";
+constexpr const char* import_file = "/tmp/wexd_ioport.conf";
 
 struct MainLoopUnref {
   void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
@@ -102,12 +109,29 @@ bool read_user_params() {
   return true;
 }
 
+// What the older parameter service left is taken once; an error in it must not keep ports away.
+void import_sedrin_params() {
+  if (is_present_file(import_file)) {
+    read_sedrin_parameters(import_file, nullptr);
+  }
+}
+
 void start_services() {
+  actionengine_dbus_init();
   iocontrol_init_dbus();
+  iosupervised_init_dbus();
+  if (use_legacy_interface()) {
+    iocontrol_conf_legacy_dbus_create();
+  }
 }
 
 void stop_services() {
+  if (use_legacy_interface()) {
+    iocontrol_conf_legacy_dbus_destroy();
+  }
+  iosupervised_unreg_dbus();
   iocontrol_unreg_dbus();
+  actionengine_dbus_finalize();
 }
 
 } // namespace
@@ -124,18 +148,24 @@ int main(int argc, char* argv[]) {
   if (!read_user_params()) {
     return EXIT_FAILURE;
   }
+  import_sedrin_params();
   io_port_list_update_names();
   param_save_all(param_file);
   io_port_list_setup();
+  if (use_legacy_interface()) {
+    generate_service_registry();
+  }
   // Backends have opened their devices by now; everything later is done as an ordinary user.
   drop_privileges();
   start_services();
   io_port_list_set_watch();
   io_port_list_declare_events();
+  virtual_input_init();
 
   g_main_loop_run(main_loop.get());
 
   stop_services();
+  virtual_input_finalize();
   remove_signal_sources();
   io_port_list_free();
   return EXIT_SUCCESS;

@@ -2,8 +2,11 @@
 // port when it was configured. Every invocation is answered exactly once.
 #include "dbus/iocontrol.h"
 
+#include "dbus/connector.h"
 #include "dbus/dbus-handles.h"
+#include "dbus/iocontrol-conf-legacy-dbus.h"
 #include "dbus/iocontrol-state-gen.h"
+#include "dbus/service-registry.h"
 #include "param/param.h"
 #include "platform/log.h"
 #include "port/action-sequence.h"
@@ -20,6 +23,7 @@ constexpr const char* state_path = "/com/norv/IOControl/State";
 
 SharedSkeleton<IOControlState> state_interface;
 guint state_owner_id = 0;
+guint connector_owner_id = 0;
 bool legacy_interface = true;
 
 constexpr std::array error_entries{
@@ -320,6 +324,11 @@ gboolean on_handle_start_action_sequence(IOControlState* object, GDBusMethodInvo
 
 // After ports came or went: whoever shows the port set learns of it, new ports are watched.
 void serve_changed_port_set() {
+  if (use_legacy_interface()) {
+    iocontrol_conf_legacy_dbus_destroy();
+    generate_service_registry();
+    iocontrol_conf_legacy_dbus_create();
+  }
   io_port_list_set_watch();
   io_port_list_declare_events();
 }
@@ -392,6 +401,9 @@ bool iocontrol_init_dbus() {
   port_observer.sequence_done = iocontrol_emit_action_sequence_done;
   state_owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, state_name, G_BUS_NAME_OWNER_FLAGS_NONE,
                                   iocontrol_on_bus_acquired, nullptr, nullptr, nullptr, nullptr);
+  connector_owner_id =
+      g_bus_own_name(G_BUS_TYPE_SYSTEM, connector_name, G_BUS_NAME_OWNER_FLAGS_NONE,
+                     connector_on_bus_acquired, nullptr, nullptr, nullptr, nullptr);
   return true;
 }
 
@@ -400,6 +412,8 @@ bool iocontrol_unreg_dbus() {
   port_observer.sequence_done = nullptr;
   state_interface.reset();
   g_bus_unown_name(std::exchange(state_owner_id, 0));
+  connector_unpublish();
+  g_bus_unown_name(std::exchange(connector_owner_id, 0));
   return true;
 }
 

@@ -3,10 +3,11 @@
 
 #include <glib.h>
 
-/// Takes the service's bus names and publishes it once the bus is there; always true.
+/// Takes the bus names of this and the connector service and publishes both once the bus is there;
+/// always true.
 bool iocontrol_init_dbus();
 
-/// Takes the service off the bus and releases its names; always true.
+/// Takes both services off the bus and releases their names; always true.
 bool iocontrol_unreg_dbus();
 
 /// Emits PortChanged; does nothing while the service is not published. Any thread.

@@ -1,6 +1,7 @@
 // The built-in declarations as data: one row per key, one table per declaration.
 #include "event/event-builtin.h"
 
+#include "platform/checks.h"
 #include "port/ioport-list.h"
 
 #include <array>
@@ -166,7 +167,7 @@ bool event_builtin_known(const char* type_name) {
 
 NvEventDeclaration* event_builtin_declaration(IoPort* port, const char* type_name) {
   const Declaration* const table = find(type_name);
-  g_assert_nonnull(table);
+  WEXD_ASSERT_NONNULL(table);
   auto* declaration = nv_event_declaration_new(type_name);
   for (const auto& row : table->keys) {
     add_key(declaration, port, row);

@@ -7,6 +7,7 @@
 
 #include "event/event-builtin.h"
 #include "event/event-values.h"
+#include "platform/checks.h"
 #include "platform/event-library.h"
 #include "platform/log.h"
 #include "port/ioport.h"
@@ -288,7 +289,7 @@ void io_event_undeclare_event(IoEvent* event) {
 }
 
 void io_event_reset_filter(IoEvent* event) {
-  g_assert_nonnull(event);
+  WEXD_ASSERT_NONNULL(event);
   const std::lock_guard guard(event_mutex);
   event->filter_reset = true;
 }

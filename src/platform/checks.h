@@ -19,3 +19,13 @@
       return value;                                                                                \
     }                                                                                              \
   } while (0)
+
+/// For pointers that only a programming error leaves empty: ends the process. GLib's own macro
+/// says "nullptr" when compiled as C++, and operators look for "NULL".
+#define WEXD_ASSERT_NONNULL(expr)                                                                  \
+  do {                                                                                             \
+    if ((expr) == nullptr) {                                                                       \
+      g_assertion_message(G_LOG_DOMAIN, __FILE__, __LINE__, __func__,                              \
+                          "'" #expr "' should not be NULL");                                       \
+    }                                                                                              \
+  } while (0)

@@ -135,7 +135,7 @@ IoPortRef any_running_port() {
 } // namespace
 
 bool io_port_run_action_sequence(IoPort* ioport, ActionSequence steps) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   g_assert(!steps.empty());
 
   const bool hardware_step = !steps.front().is_virtual;

@@ -2,6 +2,7 @@
 #include "port/ioport.h"
 
 #include "event/event.h"
+#include "platform/checks.h"
 #include "port/backend-registry.h"
 
 #include <chrono>
@@ -86,7 +87,7 @@ void io_port_unref(IoPort* ioport) {
 }
 
 void io_port_free(IoPort* ioport) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   {
     const PortConfigLock config_lock(ioport);
     ioport->events.clear();
@@ -115,8 +116,8 @@ const PortFunctions* io_port_set_backend(IoPort* ioport, guint kind) {
 }
 
 bool io_port_setup(IoPort* ioport) {
-  g_assert_nonnull(ioport);
-  g_assert_nonnull(ioport->functions);
+  WEXD_ASSERT_NONNULL(ioport);
+  WEXD_ASSERT_NONNULL(ioport->functions);
   ensure_backend_record(ioport);
   if (!ioport->functions->setup(ioport, ioport->activelow_output)) {
     return false;
@@ -126,7 +127,7 @@ bool io_port_setup(IoPort* ioport) {
 }
 
 void io_port_close(IoPort* ioport) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   if (ioport->functions == nullptr) {
     return;
   }
@@ -141,14 +142,14 @@ void io_port_close(IoPort* ioport) {
 
 void io_port_parse_backend_data(IoPort* ioport, const char* element, const char* key,
                                 const char* value) {
-  g_assert_nonnull(ioport);
-  g_assert_nonnull(ioport->functions);
+  WEXD_ASSERT_NONNULL(ioport);
+  WEXD_ASSERT_NONNULL(ioport->functions);
   ioport->backend_description.push_back({.element = element, .key = key, .value = value});
   ioport->functions->parse_data(ioport, element, key, value);
 }
 
 bool io_port_set_watch(IoPort* ioport) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   if (!ioport->enabled || !io_port_input(ioport)) {
     return false;
   }

@@ -1,6 +1,7 @@
 // The supervision side of a port: thin operations over the backend's slots.
 #include "port/ioport.h"
 
+#include "platform/checks.h"
 #include "platform/log.h"
 #include "port/errors.h"
 
@@ -16,8 +17,8 @@ bool range_error(GError** error, IoSupervisedError code, const char* message) {
 } // namespace
 
 bool io_port_is_supervisable(IoPort* port) {
-  g_assert_nonnull(port);
-  g_assert_nonnull(port->functions);
+  WEXD_ASSERT_NONNULL(port);
+  WEXD_ASSERT_NONNULL(port->functions);
   return port->functions->is_supervisable != nullptr && port->functions->is_supervisable(port);
 }
 
@@ -37,15 +38,15 @@ bool io_port_set_supervised(IoPort* port, bool supervised) {
 }
 
 bool io_port_supervised_input(IoPort* port) {
-  g_assert_nonnull(port);
+  WEXD_ASSERT_NONNULL(port);
   return port->supervised
          && (port->type == PORT_INPUT || (port->type == PORT_IO_CTRL && port->direction));
 }
 
 bool io_port_get_supervised_ranges(IoPort* port, GList** ranges) {
-  g_assert_nonnull(port);
-  g_assert_nonnull(port->functions);
-  g_assert_nonnull(ranges);
+  WEXD_ASSERT_NONNULL(port);
+  WEXD_ASSERT_NONNULL(port->functions);
+  WEXD_ASSERT_NONNULL(ranges);
   if (port->functions->get_supervised_ranges == nullptr) {
     return false;
   }
@@ -54,8 +55,8 @@ bool io_port_get_supervised_ranges(IoPort* port, GList** ranges) {
 }
 
 bool io_port_set_supervised_ranges(IoPort* port, GList* ranges, GError** error) {
-  g_assert_nonnull(port);
-  g_assert_nonnull(port->functions);
+  WEXD_ASSERT_NONNULL(port);
+  WEXD_ASSERT_NONNULL(port->functions);
   return port->functions->set_supervised_ranges != nullptr
          && port->functions->set_supervised_ranges(port, ranges, error);
 }
@@ -91,10 +92,10 @@ bool io_port_add_supervised_range(IoPort* port, const char* state, gint lower, g
 }
 
 bool io_port_get_supervised_readout(IoPort* port, guint* state, guint* level, GError** error) {
-  g_assert_nonnull(port);
-  g_assert_nonnull(port->functions);
-  g_assert_nonnull(state);
-  g_assert_nonnull(level);
+  WEXD_ASSERT_NONNULL(port);
+  WEXD_ASSERT_NONNULL(port->functions);
+  WEXD_ASSERT_NONNULL(state);
+  WEXD_ASSERT_NONNULL(level);
   if (port->functions->get_supervised_readout == nullptr) {
     g_set_error_literal(error, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC,
                         "Not applicable for port.");
@@ -107,7 +108,7 @@ bool io_port_get_supervised_readout(IoPort* port, guint* state, guint* level, GE
 }
 
 SupervisedState io_port_get_supervised_state(IoPort* ioport) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   if (!ioport->is_setup || !io_port_is_supervisable(ioport)) {
     return SUPERVISED_OPEN;
   }

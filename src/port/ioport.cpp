@@ -67,7 +67,7 @@ bool io_port_input(IoPort* port) {
 }
 
 bool io_port_direction_input(IoPort* ioport) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   switch (ioport->type) {
   case PORT_INPUT:
     return true;
@@ -81,7 +81,7 @@ bool io_port_direction_input(IoPort* ioport) {
 }
 
 bool io_port_set_direction(IoPort* ioport, bool input) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   if (ioport->type != PORT_IO_CTRL) {
     return false;
   }
@@ -108,7 +108,7 @@ bool io_port_set_direction(IoPort* ioport, bool input) {
 }
 
 bool io_port_get_state(IoPort* ioport) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   if (!ioport->is_setup) {
     return false;
   }
@@ -134,7 +134,7 @@ void io_port_set_state_internal(IoPort* ioport, bool state) {
 }
 
 bool io_port_set_state(IoPort* ioport, bool state) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   if (io_port_input(ioport) || ioport->backend == BACKEND_VIRTUAL || !ioport->is_setup) {
     g_warning("%sSet state on incorrect port", log_prefix);
     return false;
@@ -145,11 +145,11 @@ bool io_port_set_state(IoPort* ioport, bool state) {
 }
 
 bool io_port_set_virtual(IoPort* ioport, bool state) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   if (!ioport->enabled) {
     return true;
   }
-  g_assert_nonnull(ioport->functions);
+  WEXD_ASSERT_NONNULL(ioport->functions);
   if (ioport->backend == BACKEND_VIRTUAL && ioport->type == PORT_OUTPUT) {
     ioport->functions->set_state(ioport, state ? 1 : 0);
   }
@@ -159,7 +159,7 @@ bool io_port_set_virtual(IoPort* ioport, bool state) {
 }
 
 void io_port_trigger(IoPort* ioport, guint state) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   if (!ioport->enabled) {
     return;
   }
@@ -195,12 +195,12 @@ void io_port_send_signal(IoPort* port, bool virtual_trig, bool state) {
 }
 
 bool io_port_get_activelow(IoPort* ioport, bool input_side) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   return input_side ? ioport->activelow_input : ioport->activelow_output;
 }
 
 bool io_port_set_activelow(IoPort* ioport, bool value, bool input_side) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   if (ioport->type == (input_side ? PORT_OUTPUT : PORT_INPUT)) {
     return false;
   }
@@ -310,7 +310,7 @@ bool io_port_set_usage(IoPort* ioport, const char* usage) {
 }
 
 void io_port_add_property(IoPort* ioport, const char* key, const char* value) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   const gboolean truth = g_ascii_strcasecmp(value, "true") == 0;
   g_hash_table_replace(ioport->properties, g_strdup(key), GINT_TO_POINTER(truth));
 }
@@ -340,7 +340,7 @@ GList* io_port_get_property_values(IoPort* ioport) {
 }
 
 void io_port_set_enabled(IoPort* ioport, bool enabled) {
-  g_assert_nonnull(ioport);
+  WEXD_ASSERT_NONNULL(ioport);
   if (ioport->enabled == enabled) {
     return;
   }

@@ -1,0 +1,342 @@
+#include "backends/iobox-backend.h"
+
+#include "backends/backend-data.h"
+#include "platform/bus-call.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr const char* bus_name = "com.norv.IOBoxMonitor";
+constexpr const char* object_path = "/com/norv/IOBoxMonitor";
+constexpr const char* interface_name = "com.norv.IOBoxMonitor";
+constexpr const char* default_model = "x5210";
+
+struct IoboxPortData {
+  GDBusProxy* proxy = nullptr;
+  bool connected = false;
+  bool watching = false;
+  // These two are set by action-sequence threads as well.
+  std::atomic<gint> output_value{0};
+  std::atomic<guint> state{SUPERVISED_OPEN};
+  bool supervisable = true;
+  OptionalText box_name;
+  gulong signal_handler = 0;
+
+  IoboxPortData() = default;
+  ~IoboxPortData() {
+    if (signal_handler != 0) {
+      g_signal_handler_disconnect(proxy, signal_handler);
+    }
+    g_clear_object(&proxy);
+  }
+  IoboxPortData(const IoboxPortData&) = delete;
+  IoboxPortData& operator=(const IoboxPortData&) = delete;
+};
+
+struct StateWord {
+  const char* word;
+  SupervisedState state;
+};
+
+constexpr std::array state_words{
+    StateWord{.word = "closed", .state = SUPERVISED_CLOSED},
+    StateWord{.word = "cut", .state = SUPERVISED_CUT},
+    StateWord{.word = "short", .state = SUPERVISED_SHORT},
+    StateWord{.word = "open", .state = SUPERVISED_OPEN},
+};
+
+// Every message of the set-up names the step by the number that operators know it by.
+void setup_failed(gint line, const char* message) {
+  g_log(G_LOG_DOMAIN, log_level_user, "%s%s@%d: %s", log_prefix, "iobox_port_setup", line, message);
+}
+
+SupervisedState iobox_state_to_wexd_state(const char* text) {
+  constexpr gint line = 72;
+  for (const auto& entry : state_words) {
+    if (g_str_equal(entry.word, text)) {
+      return entry.state;
+    }
+  }
+  g_warning("%s%s@%d: Unrecognized iobox supervised state: %s", log_prefix, __func__, line, text);
+  return SUPERVISED_UNDEFINED;
+}
+
+GVariant* iobox_dbus_call(IoboxPortData* data, const char* method, GVariant* arguments,
+                          const GVariantType* reply_type) {
+  constexpr gint line = 46;
+  if (data->proxy == nullptr) {
+    g_clear_pointer(&arguments, g_variant_unref);
+    return nullptr;
+  }
+  g_autoptr(GError) error = nullptr;
+  GVariant* const reply = bus_call(data->proxy, method, arguments, reply_type, &error);
+  if (reply == nullptr) {
+    g_log(G_LOG_DOMAIN, log_level_user, "%s%s@%d: Failed to call method %s: %s", log_prefix,
+          __func__, line, method, error->message);
+  }
+  return reply;
+}
+
+GVariant* number_argument(const IoPort* port) {
+  return g_variant_new("(i)", port->number);
+}
+
+const char* mode_of(IoPort* port) {
+  if (!io_port_input(port)) {
+    return "out";
+  }
+  return io_port_supervised_input(port) ? "supervised_in" : "in";
+}
+
+void send_mode(IoPort* port, IoboxPortData* data) {
+  g_autoptr(GVariant) reply = iobox_dbus_call(
+      data, "SetIOMode",
+      g_variant_new("(iis)", port->number, data->output_value.load(), mode_of(port)), nullptr);
+}
+
+void set_output(IoboxPortData* data, gint value) {
+  data->output_value = value;
+  data->state = value > 0 ? SUPERVISED_CLOSED : SUPERVISED_OPEN;
+}
+
+// The stored state as a plain contact: a cut line is an open one, a short a closed one.
+guint plain_state(guint state) {
+  switch (state) {
+  case SUPERVISED_CUT:
+    return SUPERVISED_OPEN;
+  case SUPERVISED_SHORT:
+    return SUPERVISED_CLOSED;
+  default:
+    return state;
+  }
+}
+
+guint visible_state(IoPort* port, const IoboxPortData* data) {
+  if (!data->connected) {
+    return 0;
+  }
+  return io_port_supervised_input(port) ? data->state.load() : plain_state(data->state);
+}
+
+void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* signal,
+               GVariant* arguments, gpointer user_data) {
+  auto* port = static_cast<IoPort*>(user_data);
+  auto* data = backend_data<IoboxPortData>(port);
+  if (!g_str_equal(signal, "IOStateChanged")
+      || !g_variant_is_of_type(arguments, G_VARIANT_TYPE("(is)"))) {
+    return;
+  }
+  gint number = 0;
+  const gchar* text = nullptr;
+  g_variant_get(arguments, "(i&s)", &number, &text);
+  if (number != port->number) {
+    return;
+  }
+  const guint state = iobox_state_to_wexd_state(text);
+  if (state == data->state) {
+    return;
+  }
+  data->state = state;
+  if (data->watching) {
+    io_port_trigger(port, io_port_get_state(port) ? 1 : 0);
+  }
+}
+
+bool ensure_proxy(IoboxPortData* data) {
+  constexpr gint line = 192;
+  if (data->proxy != nullptr) {
+    return true;
+  }
+  data->proxy = g_dbus_proxy_new_for_bus_sync(
+      G_BUS_TYPE_SYSTEM, G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES, nullptr, bus_name, object_path,
+      interface_name, nullptr, nullptr);
+  if (data->proxy == nullptr) {
+    g_message("%s%s@%d: Proxy for %s not available", log_prefix, "iobox_port_setup", line,
+              bus_name);
+    return false;
+  }
+  return true;
+}
+
+bool box_attached(IoboxPortData* data) {
+  constexpr gint line = 206;
+  g_autoptr(GVariant) reply =
+      iobox_dbus_call(data, "GetIOBoxConnected", nullptr, G_VARIANT_TYPE("(b)"));
+  if (reply == nullptr) {
+    setup_failed(line, "Could not get IO box connection status");
+    return false;
+  }
+  gboolean attached = FALSE;
+  g_variant_get(reply, "(b)", &attached);
+  return attached != FALSE;
+}
+
+bool box_fits(IoboxPortData* data) {
+  constexpr gint line = 218;
+  g_autoptr(GVariant) reply = iobox_dbus_call(data, "GetIOBoxType", nullptr, G_VARIANT_TYPE("(s)"));
+  if (reply == nullptr) {
+    setup_failed(line, "Could not get IO box type");
+    return false;
+  }
+  const gchar* model = nullptr;
+  g_variant_get(reply, "(&s)", &model);
+  return g_str_equal(model, data->box_name ? data->box_name->c_str() : default_model);
+}
+
+bool port_usable(const IoPort* port, IoboxPortData* data) {
+  constexpr gint line = 242;
+  g_autoptr(GVariant) reply =
+      iobox_dbus_call(data, "GetIOPortStatus", number_argument(port), G_VARIANT_TYPE("(s)"));
+  if (reply == nullptr) {
+    setup_failed(line, "Could not get IO port status");
+    return false;
+  }
+  const gchar* status = nullptr;
+  g_variant_get(reply, "(&s)", &status);
+  return g_str_equal(status, "enabled");
+}
+
+bool ask_supervisable(const IoPort* port, IoboxPortData* data) {
+  constexpr gint line = 256;
+  g_autoptr(GVariant) reply =
+      iobox_dbus_call(data, "GetSupervised", number_argument(port), G_VARIANT_TYPE("(b)"));
+  if (reply == nullptr) {
+    setup_failed(line, "Could not get Supervised value");
+    return false;
+  }
+  gboolean supervisable = FALSE;
+  g_variant_get(reply, "(b)", &supervisable);
+  data->supervisable = supervisable != FALSE;
+  return true;
+}
+
+bool ask_input_state(const IoPort* port, IoboxPortData* data) {
+  constexpr gint line = 278;
+  g_autoptr(GVariant) reply =
+      iobox_dbus_call(data, "GetIOState", number_argument(port), G_VARIANT_TYPE("(s)"));
+  if (reply == nullptr) {
+    setup_failed(line, "Could not get initial IO state");
+    return false;
+  }
+  const gchar* text = nullptr;
+  g_variant_get(reply, "(&s)", &text);
+  data->state = iobox_state_to_wexd_state(text);
+  return true;
+}
+
+bool start_state(IoPort* port, IoboxPortData* data, gboolean value) {
+  if (io_port_input(port)) {
+    return ask_input_state(port, data);
+  }
+  set_output(data, value);
+  send_mode(port, data);
+  return true;
+}
+
+void follow_box(IoPort* port, IoboxPortData* data) {
+  constexpr gint line = 295;
+  if (data->signal_handler == 0) {
+    data->signal_handler = g_signal_connect(data->proxy, "g-signal", G_CALLBACK(on_signal), port);
+  }
+  if (data->signal_handler == 0) {
+    setup_failed(line, "Failed to setup signal handler");
+  }
+}
+
+gboolean iobox_port_setup(IoPort* port, gboolean value) {
+  auto* data = backend_data_ensure<IoboxPortData>(port);
+  io_port_set_enabled(port, false);
+  data->connected = false;
+  if (!ensure_proxy(data)) {
+    return FALSE;
+  }
+  data->connected = true;
+  data->state = SUPERVISED_UNDEFINED;
+  if (!box_attached(data) || !box_fits(data) || !port_usable(port, data)) {
+    return FALSE;
+  }
+  io_port_set_enabled(port, true);
+  if (!ask_supervisable(port, data) || !start_state(port, data, value)) {
+    return FALSE;
+  }
+  follow_box(port, data);
+  return TRUE;
+}
+
+gboolean iobox_is_supervisable(IoPort* port) {
+  const auto* data = backend_data<IoboxPortData>(port);
+  return data == nullptr || data->supervisable;
+}
+
+gboolean iobox_set_supervised(IoPort* port, gboolean supervised) {
+  auto* data = backend_data_ensure<IoboxPortData>(port);
+  if (supervised && !data->supervisable) {
+    return FALSE;
+  }
+  send_mode(port, data);
+  return TRUE;
+}
+
+gboolean iobox_set_supervised_ranges(IoPort* port, GList* ranges, GError** /*error*/) {
+  io_port_replace_ranges(port, ranges);
+  return TRUE;
+}
+
+gboolean iobox_get_supervised_readout(IoPort* port, guint* state, guint* level,
+                                      GError** /*error*/) {
+  *state = visible_state(port, backend_data_ensure<IoboxPortData>(port));
+  *level = 0;
+  return TRUE;
+}
+
+guint iobox_get_state(IoPort* port) {
+  return visible_state(port, backend_data_ensure<IoboxPortData>(port));
+}
+
+void iobox_set_state(IoPort* port, gint value) {
+  auto* data = backend_data_ensure<IoboxPortData>(port);
+  set_output(data, value);
+  send_mode(port, data);
+}
+
+gboolean iobox_set_watch(IoPort* port) {
+  backend_data_ensure<IoboxPortData>(port)->watching = true;
+  return TRUE;
+}
+
+void iobox_set_direction(IoPort* port, gboolean /*input*/) {
+  send_mode(port, backend_data_ensure<IoboxPortData>(port));
+}
+
+void iobox_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
+  if (g_str_equal(element, "box") && g_str_equal(key, "name")) {
+    backend_data_ensure<IoboxPortData>(port)->box_name = value;
+  }
+}
+
+void iobox_free(IoPort* port) {
+  backend_data_free<IoboxPortData>(port);
+}
+
+constexpr PortFunctions functions{
+    .setup = iobox_port_setup,
+    .is_supervisable = iobox_is_supervisable,
+    .set_supervised = iobox_set_supervised,
+    .get_supervised_ranges = supervised_get_supervised_ranges,
+    .set_supervised_ranges = iobox_set_supervised_ranges,
+    .get_supervised_readout = iobox_get_supervised_readout,
+    .get_state = iobox_get_state,
+    .set_state = iobox_set_state,
+    .set_watch = iobox_set_watch,
+    .set_direction = iobox_set_direction,
+    .parse_data = iobox_parse_data,
+    .free = iobox_free,
+};
+static_assert(port_functions_valid(functions));
+
+} // namespace
+
+const PortFunctions* iobox_setup_functions(IoPort* port) {
+  backend_data_ensure<IoboxPortData>(port);
+  return &functions;
+}

@@ -1,0 +1,211 @@
+#include "backends/supervised-spi-backend.h"
+
+#include "backends/backend-data.h"
+#include "backends/spi-utils.h"
+#include "backends/supervised-pins.h"
+#include "platform/handles.h"
+#include "platform/log.h"
+
+#include <fcntl.h>
+#include <linux/spi/spidev.h>
+#include <sys/ioctl.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+struct SpiPortData {
+  OptionalText device;
+  guint32 speed_hz = 0;
+  guint address = 0;
+  UniqueFd fd;
+  SupervisedPins pins;
+  SourceId poll_timer;
+};
+
+constexpr guint poll_interval_ms = 250;
+constexpr guint8 bits_per_word = 16;
+
+// Shared by all ports of this kind, by port number.
+std::array<guint, 6> last_reported;
+PendingRange pending_range;
+
+// The pin starts by its flags alone and is not written again.
+bool spi_init_pin(GpioPin* pin, bool input, bool value) {
+  g_info("%sInit pin: %s", log_prefix, c_str_or_null(pin->name));
+  return libugpio_open_gpio_pin(pin, input, value);
+}
+
+constexpr PinSetup pin_setup{.function = "spi_setup_gpio",
+                             .open_pin = spi_init_pin,
+                             .open_failure_counts = false,
+                             .control_failure_counts = false,
+                             .sioctrl_optional = false,
+                             .ioctrl_always_on = false,
+                             .tells_calls = false};
+
+bool configure_device(SpiPortData* data) {
+  const char* const path = data->device ? data->device->c_str() : "";
+  data->fd.reset(open(path, O_RDWR | O_CLOEXEC));
+  if (!data->fd) {
+    g_warning("%sFailed to open SPI device.", log_prefix);
+    return false;
+  }
+  if (ioctl(data->fd.get(), SPI_IOC_WR_BITS_PER_WORD, &bits_per_word) < 0) {
+    g_warning("%sFailed to set bits per word.", log_prefix);
+    return false;
+  }
+  if (data->speed_hz != 0 && ioctl(data->fd.get(), SPI_IOC_WR_MAX_SPEED_HZ, &data->speed_hz) < 0) {
+    g_warning("%sFailed to set max speed.", log_prefix);
+    return false;
+  }
+  return true;
+}
+
+bool open_device(SpiPortData* data) {
+  if (configure_device(data)) {
+    return true;
+  }
+  g_warning("%sFailed to open spi device.", log_prefix);
+  return false;
+}
+
+bool number_in_range(const IoPort* port) {
+  if (port->number >= 0 && static_cast<gsize>(port->number) < last_reported.size()) {
+    return true;
+  }
+  g_warning("%sPort %d cannot be an spi port: only numbers 0 to %zu can be supervised by it",
+            log_prefix, port->number, last_reported.size() - 1);
+  return false;
+}
+
+void release(SpiPortData* data) {
+  data->poll_timer.reset();
+  data->fd.reset();
+  supervised_close_pins(data->pins);
+}
+
+gboolean spi_setup(IoPort* port, gboolean state) {
+  auto* data = backend_data_ensure<SpiPortData>(port);
+  if (number_in_range(port) && supervised_setup_pins(port, data->pins, state, pin_setup)
+      && (port->type == PORT_OUTPUT || open_device(data))) {
+    return TRUE;
+  }
+  release(data);
+  return FALSE;
+}
+
+gboolean spi_readout(IoPort* port, guint* state, guint* level, GError** error) {
+  auto* data = backend_data_ensure<SpiPortData>(port);
+  *state = SUPERVISED_UNDEFINED;
+  SpiWord word{};
+  if (!spi_exchange(data->fd.get(), static_cast<guint8>(data->address), &word)) {
+    const char* const reason = g_strerror(errno);
+    g_warning("%sError: %s", log_prefix, reason);
+    // Not reopened: a converter that failed once is not trusted again before the next set-up.
+    data->fd.reset();
+    g_set_error_literal(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_GENERIC, reason);
+    return FALSE;
+  }
+  *level = spi_level(word);
+  return supervised_lookup_state(port, *level, state, error);
+}
+
+gboolean spi_poll(gpointer user_data) {
+  auto* port = static_cast<IoPort*>(user_data);
+  guint& last = last_reported[static_cast<gsize>(port->number)];
+  guint state = SUPERVISED_UNDEFINED;
+  guint level = 0;
+  g_autoptr(GError) error = nullptr;
+  if (!io_port_get_supervised_readout(port, &state, &level, &error)) {
+    g_warning("%sReadout failed: %s", log_prefix, error->message);
+  } else if (state != last) {
+    io_port_trigger(port, state);
+    last = state;
+  }
+  return G_SOURCE_CONTINUE;
+}
+
+gboolean spi_set_watch(IoPort* port) {
+  auto* data = backend_data_ensure<SpiPortData>(port);
+  if (!io_port_supervised_input(port)) {
+    data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins));
+    data->poll_timer.reset();
+    return TRUE;
+  }
+  data->pins.logic_watch.stop();
+  if (!data->poll_timer) {
+    last_reported[static_cast<gsize>(port->number)] = SUPERVISED_UNDEFINED;
+    data->poll_timer.reset(g_timeout_add(poll_interval_ms, spi_poll, port));
+  }
+  return TRUE;
+}
+
+gboolean spi_set_supervised(IoPort* port, gboolean /*supervised*/) {
+  if (!io_port_input(port) && !io_port_set_direction(port, true)) {
+    return FALSE;
+  }
+  spi_set_watch(port);
+  supervised_set_control_pins(port, backend_data<SpiPortData>(port)->pins, pin_setup);
+  return TRUE;
+}
+
+guint spi_get_state(IoPort* port) {
+  const auto* data = backend_data<SpiPortData>(port);
+  return data != nullptr ? supervised_pin_level(port, data->pins) : 0;
+}
+
+void spi_set_state(IoPort* port, gint state) {
+  supervised_drive_output(port, backend_data_ensure<SpiPortData>(port)->pins, state != 0);
+}
+
+void spi_set_direction(IoPort* port, gboolean input) {
+  auto* data = backend_data_ensure<SpiPortData>(port);
+  data->poll_timer.reset();
+  supervised_turn_pins(port, data->pins, input, pin_setup);
+}
+
+void spi_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
+  auto* data = backend_data_ensure<SpiPortData>(port);
+  if (supervised_parse_pin(data->pins, element, key, value)) {
+    return;
+  }
+  if (g_str_equal(element, "range")) {
+    supervised_parse_range(pending_range, port, key, value);
+  } else if (g_str_equal(element, "address")) {
+    sscanf(value, "%x", &data->address);
+  } else if (g_str_equal(element, "device") && g_str_equal(key, "path")) {
+    data->device = value;
+  } else if (g_str_equal(element, "speed") && g_str_equal(key, "value")) {
+    data->speed_hz = static_cast<guint32>(strtol(value, nullptr, 0));
+  }
+}
+
+void spi_free(IoPort* port) {
+  backend_data_free<SpiPortData>(port);
+}
+
+constexpr PortFunctions functions{
+    .setup = spi_setup,
+    .is_supervisable = supervised_is_supervisable,
+    .set_supervised = spi_set_supervised,
+    .get_supervised_ranges = supervised_get_supervised_ranges,
+    .set_supervised_ranges = supervised_set_supervised_ranges,
+    .get_supervised_readout = spi_readout,
+    .get_state = spi_get_state,
+    .set_state = spi_set_state,
+    .set_watch = spi_set_watch,
+    .set_direction = spi_set_direction,
+    .parse_data = spi_parse_data,
+    .free = spi_free,
+};
+static_assert(port_functions_valid(functions));
+
+} // namespace
+
+const PortFunctions* spi_setup_functions(IoPort* port) {
+  backend_data_ensure<SpiPortData>(port);
+  return &functions;
+}

@@ -1,0 +1,10 @@
+// Hardware: a Z-Wave device, by the port's number.
+// Kernel interface: none; the Z-Wave service on the system bus (com.norv.ZWave.IO).
+// Vocabulary: none. Limits: no supervision; failed calls are told in the system log only.
+#pragma once
+
+struct IoPort;
+struct PortFunctions;
+
+/// The operation table of ports of kind "zwave"; gives the port a record if it has none.
+const PortFunctions* zwave_setup_functions(IoPort* port);

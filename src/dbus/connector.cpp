@@ -1,0 +1,88 @@
+// Connectors are ordinary ports that the description marks; this service counts and reads them.
+#include "dbus/connector.h"
+
+#include "dbus/dbus-handles.h"
+#include "dbus/wxd-connector-gen.h"
+#include "platform/log.h"
+#include "port/ioport-list.h"
+
+#include <array>
+
+namespace {
+
+constexpr const char* connector_path = "/com/norv/WXD/Connector";
+
+SharedSkeleton<WXDConnector> connector_interface;
+
+struct ConnectorKind {
+  const char* description;
+  const char* property;
+};
+
+constexpr std::array kinds{
+    ConnectorKind{.description = "video connector", .property = "video_connector"},
+    ConnectorKind{.description = "audio connector", .property = "audio_connector"},
+};
+
+bool selected(IoPort* port, const char* description) {
+  const bool all = g_str_equal(description, "*");
+  for (const auto& kind : kinds) {
+    if ((all || g_ascii_strcasecmp(description, kind.description) == 0)
+        && io_port_get_property(port, kind.property)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Calls `use` with every selected connector, in list order and under the list's lock.
+template <typename Use>
+void for_each_connector(const char* description, Use use) {
+  const IoPortListLock list_lock;
+  for (IoPort* entry : io_port_list_get()) {
+    const IoPortRef port(io_port_ref(entry));
+    if (selected(port.get(), description)) {
+      use(port.get());
+    }
+  }
+}
+
+gboolean on_handle_get_num_connectors(WXDConnector* object, GDBusMethodInvocation* invocation,
+                                      const gchar* description, gpointer /*user_data*/) {
+  gint count = 0;
+  for_each_connector(description, [&](IoPort*) { count++; });
+  wxd_connector_complete_get_num_connectors(object, invocation, count);
+  return TRUE;
+}
+
+gboolean on_handle_get_connector_states(WXDConnector* object, GDBusMethodInvocation* invocation,
+                                        const gchar* description, gpointer /*user_data*/) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE("ai"));
+  for_each_connector(description, [&](IoPort* port) {
+    g_variant_builder_add(&builder, "i", io_port_get_state(port) ? 1 : 0);
+  });
+  wxd_connector_complete_get_connector_states(object, invocation, g_variant_builder_end(&builder));
+  return TRUE;
+}
+
+// EmitSNMPEvent has no handler on purpose: the skeleton answers that it is not implemented.
+const std::array<MethodHandler, 2> handlers{{
+    {"handle-get-num-connectors", G_CALLBACK(on_handle_get_num_connectors)},
+    {"handle-get-connector-states", G_CALLBACK(on_handle_get_connector_states)},
+}};
+
+} // namespace
+
+void connector_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*/,
+                               gpointer /*user_data*/) {
+  WXDConnector* const skeleton = wxd_connector_skeleton_new();
+  connector_interface.reset(skeleton);
+  if (!export_skeleton(skeleton, handlers, connection, connector_path)) {
+    g_warning("%sFailed to register Connector dbus interface", log_prefix);
+  }
+}
+
+void connector_unpublish() {
+  connector_interface.reset();
+}

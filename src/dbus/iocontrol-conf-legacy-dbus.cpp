@@ -1,0 +1,324 @@
+// Objects are registered by hand, from one introspection text, and serve the rows of
+// legacy-properties.cpp.
+#include "dbus/iocontrol-conf-legacy-dbus.h"
+
+#include "dbus/legacy-names.h"
+#include "dbus/legacy-properties.h"
+#include "generated/legacy-xml.h"
+#include "platform/config-event-library.h"
+#include "platform/log.h"
+#include "port/action-sequence.h"
+#include "port/ioport-list.h"
+#include "port/port-observer.h"
+
+#include <array>
+#include <cstdio>
+#include <list>
+#include <mutex>
+#include <set>
+
+namespace {
+
+constexpr const char* producer_name = "wexd";
+constexpr guint change_kind = 3;
+constexpr gint default_timeout = -1;
+
+/// Position of each interface in the introspection text.
+enum InterfacePosition : guint { IoPortInterface = 0, InputInterface = 1, OutputInterface = 2 };
+
+struct LegacyCtrl {
+  GDBusConnection* connection = nullptr;
+  bool name_requested = false;
+  /// Latest first.
+  std::list<guint> registrations;
+  GDBusNodeInfo* node_info = nullptr;
+  /// -1 when none was looked at.
+  gint last_port_number = -1;
+  NvEventProducer* event_producer = nullptr;
+  NvConfigEvent* config_event = nullptr;
+};
+
+/// None while the interface is not published. Changed by the main thread only; other threads look
+/// at it under the mutex.
+LegacyCtrl* legacy_ctrl = nullptr;
+std::mutex legacy_mutex;
+
+std::string object_path(gint port_number) {
+  return std::string(legacy_base_path) + '/' + std::to_string(port_number);
+}
+
+// The interfaces have no methods, so none reach this in practice.
+void iocontrol_conf_legacy_dbus_handle_method_call(
+    GDBusConnection* connection, const gchar* /*sender*/, const gchar* /*path*/,
+    const gchar* /*interface_name*/, const gchar* /*method*/, GVariant* /*parameters*/,
+    GDBusMethodInvocation* invocation, gpointer user_data) {
+  g_return_if_fail(connection != nullptr);
+  g_return_if_fail(invocation != nullptr);
+  g_return_if_fail(user_data != nullptr);
+}
+
+GVariant* iocontrol_conf_legacy_dbus_get_property(GDBusConnection* /*connection*/,
+                                                  const gchar* /*sender*/, const gchar* path,
+                                                  const gchar* interface_name,
+                                                  const gchar* property, GError** error,
+                                                  gpointer /*user_data*/) {
+  return legacy_property_get(path, interface_name, property, error);
+}
+
+gboolean iocontrol_conf_legacy_dbus_set_property(GDBusConnection* /*connection*/,
+                                                 const gchar* /*sender*/, const gchar* path,
+                                                 const gchar* interface_name, const gchar* property,
+                                                 GVariant* value, GError** error,
+                                                 gpointer /*user_data*/) {
+  return legacy_property_set(path, interface_name, property, value, error);
+}
+
+const GDBusInterfaceVTable vtable{
+    .method_call = iocontrol_conf_legacy_dbus_handle_method_call,
+    .get_property = iocontrol_conf_legacy_dbus_get_property,
+    .set_property = iocontrol_conf_legacy_dbus_set_property,
+    .padding = {},
+};
+
+[[noreturn]] void registration_failed() {
+  g_error("Unable to register objects on DBus");
+}
+
+void iocontrol_conf_legacy_dbus_register_object(gint port_number, InterfacePosition position) {
+  constexpr int registration_line = 527;
+  g_autoptr(GError) error = nullptr;
+  const guint id = g_dbus_connection_register_object(
+      legacy_ctrl->connection, object_path(port_number).c_str(),
+      legacy_ctrl->node_info->interfaces[position], &vtable, legacy_ctrl, nullptr, &error);
+  if (error != nullptr) {
+    fprintf(stderr, "%s@%d: Error: \"%s\" when registering DBUS object for port %d\n", __func__,
+            registration_line, error->message, port_number);
+  }
+  if (id == 0) {
+    registration_failed();
+  }
+  legacy_ctrl->registrations.push_front(id);
+}
+
+void register_port(const IoPort* port) {
+  iocontrol_conf_legacy_dbus_register_object(port->number, IoPortInterface);
+  if (port->type == PORT_INPUT || port->type == PORT_IO_CTRL) {
+    iocontrol_conf_legacy_dbus_register_object(port->number, InputInterface);
+  }
+  if (port->type == PORT_OUTPUT || port->type == PORT_IO_CTRL) {
+    iocontrol_conf_legacy_dbus_register_object(port->number, OutputInterface);
+  }
+}
+
+// Numbers of the ports below `end`, and 0, in order.
+std::set<gint> port_numbers_below(gint end) {
+  std::set<gint> numbers{0};
+  const IoPortListLock list_lock;
+  for (const IoPort* port : io_port_list_get()) {
+    if (port->number >= 0 && port->number < end) {
+      numbers.insert(port->number);
+    }
+  }
+  return numbers;
+}
+
+// Ports that stand for video channels are not shown here.
+void register_ports() {
+  const gint first_virtual = virtual_input_get_first_port_no();
+  if (first_virtual < 1) {
+    return;
+  }
+  for (const gint number : port_numbers_below(first_virtual)) {
+    if (const IoPortRef port(io_port_list_get_port(number)); port != nullptr) {
+      register_port(port.get());
+    } else if (number == 0) {
+      iocontrol_conf_legacy_dbus_register_object(number, IoPortInterface);
+    }
+  }
+  legacy_ctrl->last_port_number = first_virtual - 1;
+}
+
+void unreg_port_objects(guint registration_id) {
+  constexpr int unregistration_line = 660;
+  if (registration_id < 1) {
+    return;
+  }
+  if (!g_dbus_connection_unregister_object(legacy_ctrl->connection, registration_id)) {
+    fprintf(stderr, "%s@%d: Failed to unregister object\n", __func__, unregistration_line);
+  }
+}
+
+std::string change_text(GVariant* value) {
+  if (g_variant_is_of_type(value, G_VARIANT_TYPE_INT32)) {
+    return std::to_string(g_variant_get_int32(value));
+  }
+  if (g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN)) {
+    return std::to_string(g_variant_get_boolean(value));
+  }
+  return g_variant_get_string(value, nullptr);
+}
+
+// Sends one setting of the device to the configuration-event service; values of other types than
+// integer, boolean and string are not sent.
+void send_configuration_change(const char* property, GVariant* floating_value) {
+  g_autoptr(GVariant) value = g_variant_ref_sink(floating_value);
+  if (legacy_ctrl == nullptr || strchr("ibs", *g_variant_get_type_string(value)) == nullptr) {
+    return;
+  }
+  GString* const change = nv_config_event_change_new();
+  nv_config_event_change_append(change, property, change_text(value).c_str());
+  nv_config_event_send(legacy_ctrl->config_event, legacy_ioport_interface, legacy_port_0_path,
+                       legacy_ioport_interface, legacy_port_0_path, change_kind, change, nullptr);
+  g_string_free(change, TRUE);
+}
+
+void send_port_counts_change() {
+  send_configuration_change("NbrOfInputs", g_variant_new_int32(io_port_list_nbr_inputs()));
+  send_configuration_change("NbrOfOutputs", g_variant_new_int32(io_port_list_nbr_outputs()));
+}
+
+GVariant* call_bus(const char* method, GVariant* arguments, GError** error) {
+  return g_dbus_connection_call_sync(legacy_ctrl->connection, "org.freedesktop.DBus",
+                                     "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
+                                     arguments, G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
+                                     default_timeout, nullptr, error);
+}
+
+// Whoever holds the name already keeps it; we are queued and do not mind.
+void request_name() {
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GVariant) reply =
+      call_bus("RequestName", g_variant_new("(su)", legacy_ioport_interface, 0U), &error);
+  if (reply == nullptr) {
+    g_error("Could not request name: %s", error->message);
+  }
+  legacy_ctrl->name_requested = true;
+}
+
+void release_name() {
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GVariant) reply =
+      call_bus("ReleaseName", g_variant_new("(s)", legacy_ioport_interface), &error);
+  if (reply == nullptr) {
+    g_warning("Could not release DBus name: %s", error->message);
+  }
+  legacy_ctrl->name_requested = false;
+}
+
+void connect_to_bus() {
+  g_autoptr(GError) error = nullptr;
+  GDBusConnection* const connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+  if (connection == nullptr) {
+    g_error("Failed to connect to system bus: %s", error->message);
+  }
+  const std::lock_guard guard(legacy_mutex);
+  legacy_ctrl->connection = connection;
+}
+
+void disconnect_from_bus() {
+  GDBusConnection* connection = nullptr;
+  {
+    const std::lock_guard guard(legacy_mutex);
+    connection = std::exchange(legacy_ctrl->connection, nullptr);
+  }
+  g_clear_object(&connection);
+}
+
+void declare_configuration_event() {
+  legacy_ctrl->event_producer = nv_event_producer_new_full(producer_name, 0, nullptr);
+  legacy_ctrl->config_event = nv_config_event_new(producer_name, legacy_ctrl->event_producer);
+  nv_config_event_declare(legacy_ctrl->config_event, legacy_ioport_interface, legacy_port_0_path,
+                          legacy_ioport_interface, nullptr);
+}
+
+// What could not be undeclared may still be in use by the library and is left alive.
+void undeclare_configuration_event() {
+  if (nv_config_event_undeclare(legacy_ctrl->config_event, legacy_ioport_interface,
+                                legacy_port_0_path, legacy_ioport_interface)) {
+    nv_config_event_free(legacy_ctrl->config_event);
+    nv_event_producer_free(legacy_ctrl->event_producer);
+  }
+}
+
+void set_legacy_ctrl(LegacyCtrl* ctrl) {
+  const std::lock_guard guard(legacy_mutex);
+  legacy_ctrl = ctrl;
+}
+
+const char* selected_interface(guint selector) {
+  static constexpr std::array interfaces{legacy_input_interface, legacy_output_interface,
+                                         legacy_ioport_interface};
+  return selector < interfaces.size() ? interfaces[selector] : legacy_ioport_interface;
+}
+
+GDBusConnection* connection_in_use() {
+  const std::lock_guard guard(legacy_mutex);
+  if (legacy_ctrl == nullptr || legacy_ctrl->connection == nullptr) {
+    return nullptr;
+  }
+  return static_cast<GDBusConnection*>(g_object_ref(legacy_ctrl->connection));
+}
+
+void on_setting_changed(const char* property, const char* value, gint port_number, PortSide side) {
+  wexd_g_dbus_common_emit_property_changed_signal(property, value, port_number,
+                                                  static_cast<guint>(side));
+}
+
+} // namespace
+
+void iocontrol_conf_legacy_dbus_create() {
+  g_assert(legacy_ctrl == NULL);
+  set_legacy_ctrl(new LegacyCtrl);
+  connect_to_bus();
+  legacy_ctrl->node_info = g_dbus_node_info_new_for_xml(legacy_introspection_xml, nullptr);
+  if (legacy_ctrl->node_info == nullptr) {
+    registration_failed();
+  }
+  legacy_properties_set_send_port_counts(send_port_counts_change);
+  register_ports();
+  declare_configuration_event();
+  send_port_counts_change();
+  port_observer.setting_changed = on_setting_changed;
+  request_name();
+}
+
+void iocontrol_conf_legacy_dbus_destroy() {
+  g_assert(legacy_ctrl != NULL);
+  if (legacy_ctrl->name_requested) {
+    release_name();
+  }
+  port_observer.setting_changed = nullptr;
+  if (legacy_ctrl->connection != nullptr) {
+    for (const guint id : legacy_ctrl->registrations) {
+      unreg_port_objects(id);
+    }
+    legacy_ctrl->registrations.clear();
+    undeclare_configuration_event();
+    disconnect_from_bus();
+  }
+  g_clear_pointer(&legacy_ctrl->node_info, g_dbus_node_info_unref);
+  LegacyCtrl* const finished = legacy_ctrl;
+  set_legacy_ctrl(nullptr);
+  delete finished;
+}
+
+void wexd_g_dbus_common_emit_property_changed_signal(const char* property, const char* value,
+                                                     gint port_number, guint interface_selector) {
+  g_autoptr(GDBusConnection) connection = connection_in_use();
+  if (connection == nullptr) {
+    return;
+  }
+  GVariantBuilder changed;
+  g_variant_builder_init(&changed, G_VARIANT_TYPE("a{sv}"));
+  g_variant_builder_add(&changed, "{sv}", property,
+                        g_variant_new_bytestring(value != nullptr ? value : ""));
+  g_autoptr(GError) error = nullptr;
+  if (!g_dbus_connection_emit_signal(
+          connection, nullptr, object_path(port_number).c_str(), "org.freedesktop.DBus.Properties",
+          "PropertiesChanged",
+          g_variant_new("(sa{sv}as)", selected_interface(interface_selector), &changed, nullptr),
+          &error)) {
+    g_log(G_LOG_DOMAIN, log_level_user, "%s%s Failed to emit configuration changed signal: %s",
+          log_prefix, __func__, error->message);
+  }
+}

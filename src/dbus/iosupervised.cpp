@@ -1,0 +1,264 @@
+#include "dbus/iosupervised.h"
+
+#include "dbus/dbus-handles.h"
+#include "dbus/iosupervised-supervised-gen.h"
+#include "event/event.h"
+#include "param/param.h"
+#include "platform/log.h"
+#include "port/ioport-list.h"
+
+#include <array>
+
+namespace {
+
+constexpr const char* supervised_name = "com.norv.IOSupervised.Supervised";
+constexpr const char* supervised_path = "/com/norv/IOSupervised/Supervised";
+
+SharedSkeleton<IOSupervisedSupervised> supervised_interface;
+guint owner_id = 0;
+
+// The later names lack the ".Error" that the first two have; clients know them so.
+constexpr std::array error_entries{
+    GDBusErrorEntry{IO_SUPERVISED_ERROR_GENERIC, "com.norv.IOSupervised.Error.Generic"},
+    GDBusErrorEntry{IO_SUPERVISED_ERROR_NO_PORT, "com.norv.IOSupervised.Error.No_port"},
+    GDBusErrorEntry{IO_SUPERVISED_ERROR_NOT_SUPERVISABLE, "com.norv.IOSupervised.Not_supervisable"},
+    GDBusErrorEntry{IO_SUPERVISED_ERROR_NOT_SUPERVISED, "com.norv.IOSupervised.Not_supervised"},
+    GDBusErrorEntry{IO_SUPERVISED_ERROR_BAD_SUPERVISED_RANGE,
+                    "com.norv.IOSupervised.Bad_supervised_range"},
+};
+
+void register_errors() {
+  static gsize quark = 0;
+  g_dbus_error_register_error_domain("io-supervised-error-quark", &quark, error_entries.data(),
+                                     error_entries.size());
+}
+
+constexpr const char* not_supervisable = "Port is not supervisable.";
+
+void answer_error(GDBusMethodInvocation* invocation, IoSupervisedError code, const char* message) {
+  g_dbus_method_invocation_return_error_literal(invocation, io_supervised_error_quark(), code,
+                                                message);
+}
+
+// Answers with the model's own error or, where it gave none, with `message`.
+void answer_model_error(GDBusMethodInvocation* invocation, const GError* error,
+                        const char* message) {
+  if (error != nullptr) {
+    g_dbus_method_invocation_return_error(invocation, error->domain, error->code, "%s",
+                                          error->message);
+  } else {
+    answer_error(invocation, IO_SUPERVISED_ERROR_GENERIC, message);
+  }
+}
+
+IoPortRef any_port(GDBusMethodInvocation* invocation, guint number) {
+  IoPortRef port(io_port_list_get_port(static_cast<gint>(number)));
+  if (port == nullptr) {
+    answer_error(invocation, IO_SUPERVISED_ERROR_NO_PORT, "No such port.");
+  }
+  return port;
+}
+
+// The port of that number if it is published; otherwise the call is answered.
+IoPortRef published_port(GDBusMethodInvocation* invocation, guint number) {
+  IoPortRef port(io_port_list_get_port(static_cast<gint>(number)));
+  if (port == nullptr || !io_port_get_property(port.get(), "ioport")) {
+    answer_error(invocation, IO_SUPERVISED_ERROR_NO_PORT, "No such port.");
+    return nullptr;
+  }
+  return port;
+}
+
+// The port of that number if it can be supervised; otherwise the call is answered.
+IoPortRef supervisable_port(GDBusMethodInvocation* invocation, guint number,
+                            const char* message = not_supervisable) {
+  auto port = any_port(invocation, number);
+  if (port != nullptr && !io_port_is_supervisable(port.get())) {
+    answer_error(invocation, IO_SUPERVISED_ERROR_NOT_SUPERVISABLE, message);
+    return nullptr;
+  }
+  return port;
+}
+
+gboolean on_handle_get_number_of_ports(IOSupervisedSupervised* object,
+                                       GDBusMethodInvocation* invocation, gpointer /*user_data*/) {
+  iosupervised_supervised_complete_get_number_of_ports(
+      object, invocation, static_cast<guint>(io_port_list_nbr_inputs()),
+      static_cast<guint>(io_port_list_nbr_outputs()));
+  return TRUE;
+}
+
+gboolean on_handle_is_supervisable(IOSupervisedSupervised* object,
+                                   GDBusMethodInvocation* invocation, guint number,
+                                   gpointer /*user_data*/) {
+  if (const auto port = published_port(invocation, number)) {
+    iosupervised_supervised_complete_is_supervisable(object, invocation,
+                                                     io_port_is_supervisable(port.get()), FALSE);
+  }
+  return TRUE;
+}
+
+gboolean on_handle_get_supervised(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation,
+                                  guint number, gpointer /*user_data*/) {
+  if (const auto port = published_port(invocation, number)) {
+    iosupervised_supervised_complete_get_supervised(object, invocation, port->supervised);
+  }
+  return TRUE;
+}
+
+// False when the port refuses. The new mode changes which declarations apply.
+bool switch_supervision(IoPort* port, bool supervised) {
+  if (port->supervised == supervised) {
+    return true;
+  }
+  if (!io_port_set_supervised(port, supervised)) {
+    return false;
+  }
+  param_save_for_port(port, param_file);
+  for (const auto& event : port->events) {
+    io_event_redeclare_port(port, event.get());
+  }
+  return true;
+}
+
+gboolean on_handle_set_supervised(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation,
+                                  guint number, gboolean supervised, gpointer /*user_data*/) {
+  const auto port = published_port(invocation, number);
+  if (port == nullptr) {
+    return TRUE;
+  }
+  if (switch_supervision(port.get(), supervised)) {
+    iosupervised_supervised_complete_set_supervised(object, invocation);
+  } else {
+    answer_error(invocation, IO_SUPERVISED_ERROR_NOT_SUPERVISABLE, not_supervisable);
+  }
+  return TRUE;
+}
+
+gboolean on_handle_set_supervised_ranges(IOSupervisedSupervised* object,
+                                         GDBusMethodInvocation* invocation, guint number,
+                                         const gchar* state, guint lower, guint upper,
+                                         gpointer /*user_data*/) {
+  const auto port = supervisable_port(invocation, number);
+  if (port == nullptr) {
+    return TRUE;
+  }
+  g_autoptr(GError) error = nullptr;
+  if (!io_port_add_supervised_range(port.get(), state, static_cast<gint>(lower),
+                                    static_cast<gint>(upper), &error)) {
+    answer_model_error(invocation, error, "Could not set ranges.");
+    return TRUE;
+  }
+  param_save_for_port(port.get(), param_file);
+  iosupervised_supervised_complete_set_supervised_ranges(object, invocation);
+  return TRUE;
+}
+
+gboolean on_handle_get_supervised_ranges(IOSupervisedSupervised* object,
+                                         GDBusMethodInvocation* invocation, guint number,
+                                         gpointer /*user_data*/) {
+  const auto port = supervisable_port(invocation, number);
+  if (port == nullptr) {
+    return TRUE;
+  }
+  GList* ranges = nullptr;
+  if (!io_port_get_supervised_ranges(port.get(), &ranges)) {
+    answer_error(invocation, IO_SUPERVISED_ERROR_GENERIC, "Could not get ranges.");
+    return TRUE;
+  }
+  iosupervised_supervised_complete_get_supervised_ranges(object, invocation,
+                                                         supervised_ranges2gvariant(ranges));
+  return TRUE;
+}
+
+gboolean on_handle_get_supervised_readout(IOSupervisedSupervised* object,
+                                          GDBusMethodInvocation* invocation, guint number,
+                                          gpointer /*user_data*/) {
+  const auto port = supervisable_port(invocation, number);
+  if (port == nullptr) {
+    return TRUE;
+  }
+  guint state = SUPERVISED_UNDEFINED;
+  guint level = 0;
+  g_autoptr(GError) error = nullptr;
+  if (!io_port_get_supervised_readout(port.get(), &state, &level, &error)) {
+    answer_model_error(invocation, error, "Could not get supervised readout.");
+    return TRUE;
+  }
+  iosupervised_supervised_complete_get_supervised_readout(
+      object, invocation, supervised_range_state2string(static_cast<SupervisedState>(state)),
+      level);
+  return TRUE;
+}
+
+gboolean on_handle_get_supervised_states(IOSupervisedSupervised* object,
+                                         GDBusMethodInvocation* invocation, guint number,
+                                         gpointer /*user_data*/) {
+  // This one message has always lacked its full stop.
+  const auto port = supervisable_port(invocation, number, "Port is not supervisable");
+  if (port == nullptr) {
+    return TRUE;
+  }
+  g_autoptr(GList) names = nullptr;
+  if (!io_port_get_supported_states(port.get(), &names)) {
+    answer_error(invocation, IO_SUPERVISED_ERROR_GENERIC, "Could not get supported states.");
+    return TRUE;
+  }
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE("a(s)"));
+  for (const GList* name = names; name != nullptr; name = name->next) {
+    g_variant_builder_add(&builder, "(s)", static_cast<const char*>(name->data));
+  }
+  iosupervised_supervised_complete_get_supervised_states(object, invocation, g_list_length(names),
+                                                         g_variant_builder_end(&builder));
+  return TRUE;
+}
+
+gboolean on_handle_get_supervised_port_numbers(IOSupervisedSupervised* object,
+                                               GDBusMethodInvocation* invocation,
+                                               gpointer /*user_data*/) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE("au"));
+  for (const gint number : io_port_list_get_supervised_port_numbers()) {
+    g_variant_builder_add(&builder, "u", static_cast<guint>(number));
+  }
+  iosupervised_supervised_complete_get_supervised_port_numbers(object, invocation,
+                                                               g_variant_builder_end(&builder));
+  return TRUE;
+}
+
+const std::array<MethodHandler, 9> handlers{{
+    {"handle-get-number-of-ports", G_CALLBACK(on_handle_get_number_of_ports)},
+    {"handle-is-supervisable", G_CALLBACK(on_handle_is_supervisable)},
+    {"handle-get-supervised", G_CALLBACK(on_handle_get_supervised)},
+    {"handle-set-supervised", G_CALLBACK(on_handle_set_supervised)},
+    {"handle-set-supervised-ranges", G_CALLBACK(on_handle_set_supervised_ranges)},
+    {"handle-get-supervised-ranges", G_CALLBACK(on_handle_get_supervised_ranges)},
+    {"handle-get-supervised-readout", G_CALLBACK(on_handle_get_supervised_readout)},
+    {"handle-get-supervised-states", G_CALLBACK(on_handle_get_supervised_states)},
+    {"handle-get-supervised-port-numbers", G_CALLBACK(on_handle_get_supervised_port_numbers)},
+}};
+
+void iosupervised_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*/,
+                                  gpointer /*user_data*/) {
+  IOSupervisedSupervised* const skeleton = iosupervised_supervised_skeleton_new();
+  supervised_interface.reset(skeleton);
+  if (!export_skeleton(skeleton, handlers, connection, supervised_path)) {
+    g_warning("%sFailed to register supervised dbus interface", log_prefix);
+  }
+}
+
+} // namespace
+
+bool iosupervised_init_dbus() {
+  register_errors();
+  owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, supervised_name, G_BUS_NAME_OWNER_FLAGS_NONE,
+                            iosupervised_on_bus_acquired, nullptr, nullptr, nullptr, nullptr);
+  return true;
+}
+
+bool iosupervised_unreg_dbus() {
+  supervised_interface.reset();
+  g_bus_unown_name(std::exchange(owner_id, 0));
+  return true;
+}

@@ -1,0 +1,10 @@
+// The texts of the generated legacy files, from the ports in service.
+#pragma once
+
+#include <string>
+
+/// Which objects and interfaces the legacy service has.
+std::string legacy_registry_text();
+
+/// How each legacy parameter maps onto a bus property.
+std::string legacy_mapping_text();

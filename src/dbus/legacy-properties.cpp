@@ -1,0 +1,357 @@
+#include "dbus/legacy-properties.h"
+
+#include "dbus/legacy-names.h"
+#include "param/param.h"
+#include "platform/log.h"
+#include "port/action-sequence.h"
+#include "port/errors.h"
+#include "port/ioport-list.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <string_view>
+
+namespace {
+
+SendPortCounts send_port_counts = nullptr;
+
+constexpr const char* absent_text = "<NULL>";
+
+bool refuse(GError** error, const char* message) {
+  g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, message);
+  return false;
+}
+
+bool unsupported(GError** error, const LegacyProperty& property) {
+  g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "Unsupported write of property '%s'",
+              property.name);
+  return false;
+}
+
+bool incorrect(GError** error, const LegacyProperty& property) {
+  g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "Incorrect value for %s",
+              property.name);
+  return false;
+}
+
+bool save(IoPort* port) {
+  param_save_for_port(port, param_file);
+  return true;
+}
+
+bool contains(const char* text, const char* part) {
+  return strstr(text, part) != nullptr;
+}
+
+bool is_input_side(const char* interface_name) {
+  return g_str_has_suffix(interface_name, "Input");
+}
+
+// A byte string, with or without its final zero; nothing when it is not text.
+OptionalText text_of(GVariant* value) {
+  gsize length = 0;
+  const auto* bytes =
+      static_cast<const char*>(g_variant_get_fixed_array(value, &length, sizeof(char)));
+  std::string_view text(bytes, length);
+  if (text.ends_with('\0')) {
+    text.remove_suffix(1);
+  }
+  if (!g_utf8_validate_len(text.data(), text.size(), nullptr)) {
+    return std::nullopt;
+  }
+  return std::string(text);
+}
+
+// Reading. Texts are answered as strings, whatever the declared type says; clients rely on it.
+
+GVariant* text_or_absent(const OptionalText& text) {
+  return g_variant_new_string(text && !text->empty() ? text->c_str() : absent_text);
+}
+
+GVariant* open_or_closed(bool activelow) {
+  return g_variant_new_string(activelow ? "open" : "closed");
+}
+
+GVariant* read_nbr_inputs() {
+  return g_variant_new_int32(io_port_list_nbr_inputs());
+}
+
+GVariant* read_nbr_outputs() {
+  return g_variant_new_int32(io_port_list_nbr_outputs());
+}
+
+GVariant* read_manual_trigger_nbr() {
+  return g_variant_new_int32(virtual_input_get_first_port_no() + 1);
+}
+
+GVariant* read_nbr_ports(IoPort* /*port*/, const char* /*interface_name*/) {
+  return g_variant_new_int32(io_port_list_nbr_inputs() + io_port_list_nbr_outputs());
+}
+
+GVariant* read_configurable(IoPort* port, const char* /*interface_name*/) {
+  if (!io_port_get_property(port, "ioport")) {
+    return nullptr;
+  }
+  return g_variant_new_boolean(port->type == PORT_IO_CTRL);
+}
+
+GVariant* read_direction(IoPort* port, const char* /*interface_name*/) {
+  if (!io_port_get_property(port, "ioport")) {
+    return nullptr;
+  }
+  return g_variant_new_string(io_port_direction_input(port) ? "input" : "output");
+}
+
+GVariant* read_usage(IoPort* port, const char* /*interface_name*/) {
+  return g_variant_new_string(port->usage.c_str());
+}
+
+GVariant* read_name(IoPort* port, const char* interface_name) {
+  const bool output = !contains(interface_name, "Input")
+                      && (contains(interface_name, "Output") || !port->direction);
+  return text_or_absent(output ? port->output_name : port->input_name);
+}
+
+GVariant* read_trig(IoPort* port, const char* /*interface_name*/) {
+  return open_or_closed(port->activelow_input);
+}
+
+GVariant* read_active(IoPort* port, const char* /*interface_name*/) {
+  return open_or_closed(port->activelow_output);
+}
+
+GVariant* read_button(IoPort* port, const char* /*interface_name*/) {
+  return port->button_type < button_type_string.size()
+             ? g_variant_new_string(button_type_string[port->button_type])
+             : nullptr;
+}
+
+GVariant* read_pulse_time(IoPort* port, const char* /*interface_name*/) {
+  return g_variant_new_int32(static_cast<gint32>(port->pulse_time));
+}
+
+GVariant* read_mode(IoPort* port, const char* /*interface_name*/) {
+  const guint mode = io_port_get_mode(port);
+  return mode < port_mode_string.size() ? g_variant_new_string(port_mode_string[mode]) : nullptr;
+}
+
+GVariant* read_delay_time(IoPort* port, const char* /*interface_name*/) {
+  return g_variant_new_int32(io_port_get_delay_time(port));
+}
+
+// Writing
+
+bool write_name(IoPort* port, const LegacyProperty& property, const char* interface_name,
+                GVariant* value, GError** error) {
+  const auto text = text_of(value);
+  if (!text) {
+    return incorrect(error, property);
+  }
+  bool (*set_name)(IoPort*, const char*) =
+      contains(interface_name, "Input")    ? io_port_set_input_name
+      : contains(interface_name, "Output") ? io_port_set_output_name
+                                           : nullptr;
+  if (set_name == nullptr) {
+    return incorrect(error, property);
+  }
+  return set_name(port, text->c_str()) ? save(port) : unsupported(error, property);
+}
+
+// "open" or "closed" as the inversion that it stands for.
+std::optional<bool> activelow_of(GVariant* value) {
+  const auto text = text_of(value);
+  if (text == "open") {
+    return true;
+  }
+  if (text == "closed") {
+    return false;
+  }
+  return std::nullopt;
+}
+
+bool write_trig(IoPort* port, const LegacyProperty& property, const char* interface_name,
+                GVariant* value, GError** error) {
+  const auto activelow = activelow_of(value);
+  if (!activelow) {
+    return incorrect(error, property);
+  }
+  return io_port_set_activelow(port, *activelow, is_input_side(interface_name))
+             ? save(port)
+             : unsupported(error, property);
+}
+
+bool write_active(IoPort* port, const LegacyProperty& property, const char* interface_name,
+                  GVariant* value, GError** error) {
+  const auto activelow = activelow_of(value);
+  if (!activelow) {
+    return incorrect(error, property);
+  }
+  return io_port_set_activelow(port, *activelow, is_input_side(interface_name))
+             ? save(port)
+             : refuse(error, "Setting Active failed");
+}
+
+bool turn_port(IoPort* port, bool input, GError** error) {
+  if (!io_port_set_direction(port, input)) {
+    return refuse(error, "Setting Direction failed");
+  }
+  if (send_port_counts != nullptr) {
+    send_port_counts();
+  }
+  return save(port);
+}
+
+bool write_direction(IoPort* port, const LegacyProperty& property, const char* /*interface_name*/,
+                     GVariant* value, GError** error) {
+  const auto text = text_of(value).value_or("");
+  const bool input = text == "input";
+  if (!input && text != "output") {
+    g_warning("Undefined input: %s, for property: %s", text.c_str(), property.name);
+    g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "Bad Direction '%s'", text.c_str());
+    return false;
+  }
+  switch (port->type) {
+  case PORT_INPUT:
+    return input || refuse(error, "Port Direction is not settable");
+  case PORT_OUTPUT:
+    return !input || refuse(error, "Port Direction is not settable");
+  case PORT_IO_CTRL:
+    return port->direction == input || turn_port(port, input, error);
+  default:
+    return true;
+  }
+}
+
+// The value is taken, and yet refused and not saved: clients have come to count on both.
+bool write_button(IoPort* port, const LegacyProperty& property, const char* /*interface_name*/,
+                  GVariant* value, GError** error) {
+  const auto text = text_of(value).value_or("");
+  const auto found = std::ranges::find(button_type_string, text);
+  if (found == button_type_string.end()) {
+    return incorrect(error, property);
+  }
+  port->button_type = static_cast<guint>(found - button_type_string.begin());
+  return unsupported(error, property);
+}
+
+bool write_pulse_time(IoPort* port, const LegacyProperty& /*property*/,
+                      const char* /*interface_name*/, GVariant* value, GError** /*error*/) {
+  port->pulse_time = static_cast<guint32>(g_variant_get_int32(value));
+  return save(port);
+}
+
+bool write_mode(IoPort* port, const LegacyProperty& property, const char* /*interface_name*/,
+                GVariant* value, GError** error) {
+  const auto text = text_of(value).value_or("");
+  for (const guint mode : {PORT_MODE_MONOSTABLE, PORT_MODE_BISTABLE}) {
+    if (text == port_mode_string[mode]) {
+      port->mode = mode;
+      return save(port);
+    }
+  }
+  return incorrect(error, property);
+}
+
+bool write_delay_time(IoPort* port, const LegacyProperty& /*property*/,
+                      const char* /*interface_name*/, GVariant* value, GError** /*error*/) {
+  io_port_set_delay_time(port, g_variant_get_int32(value));
+  return save(port);
+}
+
+bool write_usage(IoPort* port, const LegacyProperty& property, const char* /*interface_name*/,
+                 GVariant* value, GError** error) {
+  const auto text = text_of(value);
+  if (!text) {
+    return incorrect(error, property);
+  }
+  io_port_set_usage(port, text->c_str());
+  return save(port);
+}
+
+constexpr const char* ioport = legacy_ioport_interface;
+constexpr const char* input = legacy_input_interface;
+constexpr const char* output = legacy_output_interface;
+
+constexpr std::array properties{
+    LegacyProperty{ioport, "NbrOfIOPorts", "i", nullptr, read_nbr_ports, nullptr},
+    LegacyProperty{ioport, "NbrOfInputs", "i", read_nbr_inputs, nullptr, nullptr},
+    LegacyProperty{ioport, "NbrOfOutputs", "i", read_nbr_outputs, nullptr, nullptr},
+    LegacyProperty{ioport, "ManualTriggerNbr", "i", read_manual_trigger_nbr, nullptr, nullptr},
+    LegacyProperty{ioport, "Configurable", "b", nullptr, read_configurable, nullptr},
+    LegacyProperty{ioport, "Direction", "ay", nullptr, read_direction, write_direction},
+    LegacyProperty{ioport, "Usage", "ay", nullptr, read_usage, write_usage},
+    LegacyProperty{input, "Name", "ay", nullptr, read_name, write_name},
+    LegacyProperty{input, "Trig", "ay", nullptr, read_trig, write_trig},
+    LegacyProperty{output, "Name", "ay", nullptr, read_name, write_name},
+    LegacyProperty{output, "Active", "ay", nullptr, read_active, write_active},
+    LegacyProperty{output, "Button", "ay", nullptr, read_button, write_button},
+    LegacyProperty{output, "PulseTime", "i", nullptr, read_pulse_time, write_pulse_time},
+    LegacyProperty{output, "Mode", "ay", nullptr, read_mode, write_mode},
+    LegacyProperty{output, "DelayTime", "i", nullptr, read_delay_time, write_delay_time},
+};
+
+const LegacyProperty* find_property(const char* interface_name, const char* name) {
+  const auto found = std::ranges::find_if(properties, [=](const LegacyProperty& property) {
+    return g_str_equal(property.interface_name, interface_name) && g_str_equal(property.name, name);
+  });
+  return found != properties.end() ? &*found : nullptr;
+}
+
+// The port of an object, or nothing with `error`.
+IoPortRef port_at(const char* path, GError** error) {
+  gint number = 0;
+  if (sscanf(path, "/com/norv/Configuration/Legacy/IOControl/IOPort/%d", &number) != 1) {
+    refuse(error, "Incorrect port object");
+    return nullptr;
+  }
+  IoPortRef port(io_port_list_get_port(number));
+  if (port == nullptr) {
+    g_set_error_literal(error, io_control_error_quark(), IO_CONTROL_ERROR_NO_PORT, "No such port.");
+  }
+  return port;
+}
+
+} // namespace
+
+std::span<const LegacyProperty> legacy_properties() {
+  return properties;
+}
+
+void legacy_properties_set_send_port_counts(SendPortCounts send) {
+  send_port_counts = send;
+}
+
+GVariant* legacy_property_get(const char* path, const char* interface_name, const char* name,
+                              GError** error) {
+  const LegacyProperty* const property = find_property(interface_name, name);
+  if (property != nullptr && property->read_device != nullptr) {
+    return property->read_device();
+  }
+  const auto port = port_at(path, error);
+  if (port == nullptr) {
+    return nullptr;
+  }
+  GVariant* const value =
+      property != nullptr ? property->read(port.get(), interface_name) : nullptr;
+  if (value == nullptr) {
+    g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
+                "Property '%s' has no value for port %d", name, port->number);
+  }
+  return value;
+}
+
+bool legacy_property_set(const char* path, const char* interface_name, const char* name,
+                         GVariant* value, GError** error) {
+  const auto port = port_at(path, error);
+  if (port == nullptr) {
+    return false;
+  }
+  const LegacyProperty* const property = find_property(interface_name, name);
+  if (property == nullptr || property->write == nullptr) {
+    g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
+                "Unsupported write of property '%s'", name);
+    return false;
+  }
+  return property->write(port.get(), *property, interface_name, value, error);
+}

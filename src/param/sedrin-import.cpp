@@ -1,0 +1,310 @@
+// Groups are named after the older service's parameter tree: IOPort.I<number>, with ".Input" or
+// ".Output" behind it for one side of the port.
+#include "param/sedrin-import.h"
+
+#include "platform/file-sync.h"
+#include "platform/log.h"
+#include "port/errors.h"
+#include "port/ioport-list.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <span>
+#include <string_view>
+
+namespace {
+
+/// Where the port number starts in a group's name.
+constexpr gsize number_offset = 8;
+
+enum class Step {
+  NextKey,
+  /// The rest of the group is not read.
+  NextGroup,
+  /// The rest of the file is not read.
+  Stop,
+};
+
+struct Import {
+  const char* path;
+  GKeyFile* file;
+  GError** error;
+  bool failed = false;
+
+  // The first error is the one that is reported.
+  void fail(const std::string& message) {
+    if (!failed) {
+      g_set_error_literal(error, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC,
+                          message.c_str());
+    }
+    failed = true;
+  }
+};
+
+// Why a value was not taken, or nothing.
+enum class Taken { Yes, Refused };
+
+Taken take_activelow(IoPort* port, const char* value, bool input_side) {
+  const bool open = g_str_equal(value, "open");
+  if (!open && !g_str_equal(value, "closed")) {
+    return Taken::Refused;
+  }
+  io_port_set_activelow(port, open, input_side);
+  return Taken::Yes;
+}
+
+// A value in double quotes comes without them.
+Taken take_name(IoPort* port, const char* value, bool (*set_name)(IoPort*, const char*)) {
+  std::string_view name = value;
+  if (name.starts_with('"')) {
+    name.remove_prefix(1);
+    name.remove_suffix(name.empty() ? 0 : 1);
+  }
+  if (!g_utf8_validate_len(name.data(), name.size(), nullptr)) {
+    return Taken::Refused;
+  }
+  set_name(port, std::string(name).c_str());
+  return Taken::Yes;
+}
+
+// Text that does not start with a digit is ignored.
+template <typename Number>
+Taken take_number(const char* value, Number& number) {
+  if (g_ascii_isdigit(*value)) {
+    number = static_cast<Number>(g_ascii_strtoull(value, nullptr, 10));
+  }
+  return Taken::Yes;
+}
+
+Taken take_button(IoPort* port, const char* value) {
+  const auto found = std::ranges::find(button_type_string, std::string_view(value));
+  if (found != button_type_string.end()) {
+    port->button_type = static_cast<guint>(found - button_type_string.begin());
+  }
+  return Taken::Yes;
+}
+
+Taken take_mode(IoPort* port, const char* value) {
+  port->mode = g_str_equal(value, "bistable") ? PORT_MODE_BISTABLE : PORT_MODE_MONOSTABLE;
+  return Taken::Yes;
+}
+
+struct KeyRow {
+  const char* key;
+  Taken (*take)(IoPort* port, const char* value);
+  /// Told when the value is refused.
+  const char* failure;
+};
+
+constexpr const char* unknown_output_key = "Failed to read Output parameter";
+
+constexpr std::array input_keys{
+    KeyRow{"Name",
+           [](IoPort* port, const char* value) {
+             return take_name(port, value, io_port_set_input_name);
+           },
+           "Failed to read Name parameter"},
+    KeyRow{"Trig",
+           [](IoPort* port, const char* value) { return take_activelow(port, value, true); },
+           "Failed to read Trig parameter"},
+};
+
+constexpr std::array output_keys{
+    KeyRow{"Name",
+           [](IoPort* port, const char* value) {
+             return take_name(port, value, io_port_set_output_name);
+           },
+           unknown_output_key},
+    KeyRow{"Active",
+           [](IoPort* port, const char* value) { return take_activelow(port, value, false); },
+           "Failed to read Active parameter"},
+    KeyRow{"Button", take_button, nullptr},
+    KeyRow{"PulseTime",
+           [](IoPort* port, const char* value) { return take_number(value, port->pulse_time); },
+           nullptr},
+    KeyRow{"DelayTime",
+           [](IoPort* port, const char* value) { return take_number(value, port->delay_time); },
+           nullptr},
+    KeyRow{"Mode", take_mode, nullptr},
+};
+
+Step take_key(Import& import, IoPort* port, std::span<const KeyRow> rows, const char* key,
+              const char* value, const std::string& unknown) {
+  const auto row = std::ranges::find_if(
+      rows, [key](const KeyRow& entry) { return g_str_equal(entry.key, key); });
+  if (row == rows.end()) {
+    import.fail(unknown);
+    return Step::NextGroup;
+  }
+  if (row->take(port, value) == Taken::Refused) {
+    import.fail(row->failure);
+    return Step::NextGroup;
+  }
+  return Step::NextKey;
+}
+
+std::optional<gint> port_number(std::string_view group) {
+  if (group.size() <= number_offset) {
+    return std::nullopt;
+  }
+  const char* const digits = group.data() + number_offset;
+  gchar* end = nullptr;
+  const gint64 number = g_ascii_strtoll(digits, &end, 10);
+  if (end == digits) {
+    return std::nullopt;
+  }
+  return static_cast<gint>(number);
+}
+
+Step take_input_key(Import& import, const char* group, const char* key, const char* value) {
+  const auto number = port_number(group);
+  if (!number) {
+    import.fail("Failed to parse port number");
+    return Step::NextGroup;
+  }
+  const IoPortRef port(io_port_list_get_port(*number));
+  if (port == nullptr) {
+    fprintf(stderr, "No port %d to write sedrin data to.\n", *number);
+    import.failed = true;
+    return Step::Stop;
+  }
+  return take_key(import, port.get(), input_keys, key, value,
+                  std::string("Failed to read ") + key + " parameter");
+}
+
+Step take_output_key(Import& import, const char* group, const char* key, const char* value) {
+  const auto number = port_number(group);
+  if (!number) {
+    import.fail("Failed to parse port number");
+    return Step::NextGroup;
+  }
+  const IoPortRef port(io_port_list_get_port(*number));
+  if (port == nullptr) {
+    return Step::NextGroup;
+  }
+  return take_key(import, port.get(), output_keys, key, value, unknown_output_key);
+}
+
+Step take_port_key(Import& import, const char* group, const char* key, const char* value) {
+  const auto number = port_number(group);
+  const IoPortRef port(number ? io_port_list_get_port(*number) : nullptr);
+  if (port == nullptr || port->type != PORT_IO_CTRL || !g_str_equal(key, "Direction")) {
+    return Step::NextKey;
+  }
+  const bool input = g_str_equal(value, "input");
+  if (!input && !g_str_equal(value, "output")) {
+    import.fail("Failed to read Direction parameter");
+    return Step::NextGroup;
+  }
+  port->direction = input;
+  return Step::NextKey;
+}
+
+using TakeKey = Step (*)(Import& import, const char* group, const char* key, const char* value);
+
+// How the keys of a group are taken; nullptr: not at all.
+TakeKey kind_of(std::string_view group) {
+  if (group == "Input" || group == "Output") {
+    return nullptr;
+  }
+  if (group.ends_with("Input")) {
+    return take_input_key;
+  }
+  if (group.ends_with("Output")) {
+    return take_output_key;
+  }
+  return group.starts_with("IOPort.I") ? take_port_key : nullptr;
+}
+
+Step take_group(Import& import, const char* group) {
+  g_auto(GStrv) keys = g_key_file_get_keys(import.file, group, nullptr, nullptr);
+  if (keys == nullptr) {
+    g_warning("%sError parsing sedrin file %s", log_prefix, import.path);
+    import.failed = true;
+    return Step::Stop;
+  }
+  const TakeKey take = kind_of(group);
+  for (gchar** key = keys; take != nullptr && *key != nullptr; key++) {
+    g_autofree gchar* value = g_key_file_get_value(import.file, group, *key, nullptr);
+    const Step step = take(import, group, *key, value != nullptr ? value : "");
+    if (step != Step::NextKey) {
+      return step;
+    }
+  }
+  return Step::NextGroup;
+}
+
+GKeyFile* load(const char* path) {
+  g_autoptr(GKeyFile) file = g_key_file_new();
+  if (!g_key_file_load_from_file(file, path, G_KEY_FILE_KEEP_COMMENTS, nullptr)) {
+    return nullptr;
+  }
+  return g_steal_pointer(&file);
+}
+
+void copy_values(GKeyFile* source, GKeyFile* target) {
+  g_auto(GStrv) groups = g_key_file_get_groups(source, nullptr);
+  for (gchar** group = groups; *group != nullptr; group++) {
+    g_auto(GStrv) keys = g_key_file_get_keys(source, *group, nullptr, nullptr);
+    for (gchar** key = keys; key != nullptr && *key != nullptr; key++) {
+      g_autofree gchar* value = g_key_file_get_value(source, *group, *key, nullptr);
+      g_key_file_set_value(target, *group, *key, value);
+    }
+  }
+}
+
+} // namespace
+
+bool read_sedrin_parameters(const char* path, GError** error) {
+  if (access(path, F_OK) != 0) {
+    g_warning("%sUnable to read from sedrin file", log_prefix);
+    return true;
+  }
+  g_autoptr(GKeyFile) file = load(path);
+  if (file == nullptr) {
+    g_set_error_literal(error, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC,
+                        "Failed to load sedrin file");
+    return false;
+  }
+  Import import{.path = path, .file = file, .error = error};
+  g_auto(GStrv) groups = g_key_file_get_groups(file, nullptr);
+  for (gchar** group = groups; *group != nullptr; group++) {
+    if (take_group(import, *group) == Step::Stop) {
+      break;
+    }
+  }
+  return !import.failed;
+}
+
+void param_upgrade(const char* source, const char* target, GError** error) {
+  constexpr int write_line = 755;
+  constexpr int save_line = 762;
+  g_autoptr(GKeyFile) source_file = load(source);
+  if (source_file == nullptr) {
+    g_set_error(error, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC,
+                "Unable to open input file: %s", source);
+    return;
+  }
+  g_autoptr(GKeyFile) target_file = load(target);
+  if (target_file == nullptr) {
+    // The source is named here too: it is what the caller asked to have merged.
+    g_set_error(error, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC,
+                "Unable to open output file: %s", source);
+    return;
+  }
+  copy_values(source_file, target_file);
+
+  gsize length = 0;
+  g_autofree gchar* text = g_key_file_to_data(target_file, &length, nullptr);
+  g_autoptr(GError) write_error = nullptr;
+  if (!file_set_contents_synced(target, {text, length}, &write_error)) {
+    g_log(G_LOG_DOMAIN, log_level_user, "%s%s@%d: failed to save key file: %s, error: %s\n",
+          log_prefix, __func__, write_line, target, write_error->message);
+    g_log(G_LOG_DOMAIN, log_level_user, "%s%s@%d: save operation failed! [%s]\n", log_prefix,
+          __func__, save_line, target);
+  }
+}

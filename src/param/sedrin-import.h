@@ -1,0 +1,11 @@
+// One-time import of the settings that an older parameter service left behind.
+#pragma once
+
+#include <glib.h>
+
+/// Copies the settings of the file into the ports; true when all of it was taken. Values taken
+/// before an error stay; `error` is the first one. A missing file is no failure.
+bool read_sedrin_parameters(const char* path, GError** error);
+
+/// Copies every value of the source key file into the target key file and stores the target.
+void param_upgrade(const char* source, const char* target, GError** error);

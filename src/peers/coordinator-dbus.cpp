@@ -1,0 +1,63 @@
+#include "peers/coordinator-dbus.h"
+
+#include "peers/virtual-input.h"
+#include "platform/bus-call.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr const char* bus_name = "com.norv.PTZ.Coordinator";
+constexpr const char* object_path = "/com/norv/PTZ/Coordinator/1";
+constexpr const char* interface_name = "com.norv.PTZ.Coordinator";
+
+GDBusProxy* coordinator = nullptr;
+
+PtzState state_of(bool enabled) {
+  return enabled ? PtzState::Enabled : PtzState::Disabled;
+}
+
+void apply_current_state() {
+  bool enabled = false;
+  const bool known =
+      bus_has_owner(coordinator) && bus_cached_boolean(coordinator, "PTZEnabled", &enabled);
+  virtual_input_set_ptz_enabled(known ? state_of(enabled) : PtzState::Unknown);
+}
+
+void on_owner_changed(GDBusProxy* /*proxy*/, GParamSpec* /*property*/, gpointer /*user_data*/) {
+  apply_current_state();
+}
+
+void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* signal,
+               GVariant* arguments, gpointer /*user_data*/) {
+  if (!g_str_equal(signal, "PtzEnabledChanged")
+      || !g_variant_is_of_type(arguments, G_VARIANT_TYPE("(ib)"))) {
+    return;
+  }
+  gboolean enabled = FALSE;
+  g_variant_get(arguments, "(ib)", nullptr, &enabled);
+  virtual_input_set_ptz_enabled(state_of(enabled != FALSE));
+}
+
+} // namespace
+
+void coordinator_dbus_init() {
+  g_autoptr(GError) error = nullptr;
+  coordinator = g_dbus_proxy_new_for_bus_sync(
+      G_BUS_TYPE_SYSTEM, G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START, nullptr, bus_name, object_path,
+      interface_name, nullptr, &error);
+  if (coordinator == nullptr) {
+    g_warning("%sError creating proxy: %s\n", log_prefix, error->message);
+    return;
+  }
+  g_signal_connect(coordinator, "notify::g-name-owner", G_CALLBACK(on_owner_changed), nullptr);
+  g_signal_connect(coordinator, "g-signal", G_CALLBACK(on_signal), nullptr);
+  apply_current_state();
+}
+
+void coordinator_dbus_finalize() {
+  if (coordinator != nullptr) {
+    g_signal_handlers_disconnect_matched(coordinator, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr,
+                                         nullptr);
+    g_clear_object(&coordinator);
+  }
+}

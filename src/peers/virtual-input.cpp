@@ -1,0 +1,89 @@
+#include "peers/virtual-input.h"
+
+#include "peers/coordinator-dbus.h"
+#include "peers/streamer-dbus.h"
+#include "port/action-sequence.h"
+#include "port/ioport-list.h"
+
+#include <algorithm>
+#include <mutex>
+#include <vector>
+
+namespace {
+
+/// Guards the two below.
+std::mutex virtual_input_mutex;
+/// In the order in which they were enabled; each at most once.
+std::vector<int> enabled_channels;
+PtzState ptz_state = PtzState::Disabled;
+
+// With the mutex held. An existing port is left as it is while PTZ is disabled.
+void update_trigger(int channel, bool enabled) {
+  const std::string name = "manualtrigger" + std::to_string(channel);
+  IoPortRef port(io_port_list_get_by_name(name.c_str()));
+  if (port == nullptr) {
+    port.reset(io_port_create_manual_trigger(channel));
+    io_port_set_enabled(port.get(), enabled);
+    io_port_list_add(port.get());
+  } else if (ptz_state != PtzState::Disabled) {
+    io_port_set_enabled(port.get(), enabled);
+  }
+}
+
+void note_channel(int channel, bool enabled) {
+  const bool listed = std::ranges::find(enabled_channels, channel) != enabled_channels.end();
+  if (!enabled) {
+    std::erase(enabled_channels, channel);
+  } else if (!listed) {
+    enabled_channels.push_back(channel);
+  }
+}
+
+} // namespace
+
+void virtual_input_init() {
+  if (virtual_input_in_use()) {
+    streamer_dbus_init();
+    coordinator_dbus_init();
+  }
+}
+
+void virtual_input_finalize() {
+  {
+    const std::lock_guard guard(virtual_input_mutex);
+    for (const int channel : enabled_channels) {
+      update_trigger(channel, false);
+    }
+  }
+  if (virtual_input_in_use()) {
+    streamer_dbus_finalize();
+    coordinator_dbus_finalize();
+  }
+  const std::lock_guard guard(virtual_input_mutex);
+  enabled_channels.clear();
+}
+
+void virtual_input_set_channel_enabled(int channel, bool enabled) {
+  const std::lock_guard guard(virtual_input_mutex);
+  note_channel(channel, enabled);
+  if (ptz_state != PtzState::Disabled) {
+    update_trigger(channel, enabled);
+  } else {
+    // Without PTZ the device is seen as one channel.
+    update_trigger(channel, channel == 1);
+  }
+}
+
+void virtual_input_set_ptz_enabled(PtzState state) {
+  {
+    const std::lock_guard guard(virtual_input_mutex);
+    ptz_state = state;
+    if (state != PtzState::Disabled && !enabled_channels.empty()) {
+      for (const int channel : enabled_channels) {
+        update_trigger(channel, true);
+      }
+      return;
+    }
+  }
+  virtual_input_set_channel_enabled(1, true);
+}

@@ -1,0 +1,72 @@
+"""Fixtures of the system tests: each test drives the real binary on a device of its own."""
+
+import contextlib
+import os
+import pathlib
+
+import pytest
+
+from sim import sandbox
+from sim.device import Device
+
+TOP = pathlib.Path(__file__).resolve().parents[2]
+
+# Who runs the daemon where a test wants an ordinary user: any id that is not root's.
+ORDINARY_UID = 65534
+
+
+def pytest_addoption(parser):
+    parser.addoption(
+        "--binary",
+        default=os.environ.get("WEXD_BINARY", str(TOP / "build/release/wexd")),
+        help="the daemon under test",
+    )
+
+
+def pytest_configure(config):
+    able, reason = sandbox.usable()
+    if not able:
+        pytest.exit(f"no sandbox on this host: {reason}", returncode=2)
+    binary = pathlib.Path(config.getoption("--binary"))
+    if not binary.exists():
+        pytest.exit(f"no daemon to test: {binary}", returncode=2)
+
+
+@pytest.fixture(scope="session")
+def binary(pytestconfig):
+    return pathlib.Path(pytestconfig.getoption("--binary")).resolve()
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item):
+    outcome = yield
+    if outcome.get_result().failed:
+        item.has_failed = True
+
+
+@pytest.fixture
+def make_device(binary, request):
+    """Makes devices with options of their own; each is checked and removed after the test."""
+    with contextlib.ExitStack() as stack:
+        devices = []
+
+        def make(**options):
+            devices.append(stack.enter_context(Device(binary, **options)))
+            return devices[-1]
+
+        yield make
+        for device in devices:
+            # One failure is enough to tell; the end of a device amid a failed test proves nothing.
+            device.abandoned = getattr(request.node, "has_failed", False)
+
+
+@pytest.fixture
+def device(make_device):
+    """A device whose daemon starts as whoever runs the tests."""
+    return make_device()
+
+
+@pytest.fixture
+def ordinary_device(make_device):
+    """A device whose daemon starts as an ordinary user."""
+    return make_device(user=ORDINARY_UID if os.getuid() == 0 else None)

@@ -1,0 +1,227 @@
+"""Which user the daemon is, what it may still do, and who owns what it writes."""
+
+import os
+
+import pytest
+from describe import port
+
+from sim.bus import STATE_NAME, PortChanged
+from sim.device import KEY_FILE
+from sim.sandbox import HELPERS_GID, WXD_GID, WXD_UID
+
+as_root = pytest.mark.root
+
+RELAY = port("relay", 0)
+
+
+def identity(device):
+    """The lines of /proc/PID/status by their label, each as a list of words."""
+    with open(f"/proc/{device.pid}/status", encoding="ascii") as status:
+        return {line.split(":")[0]: line.split(":")[1].split() for line in status}
+
+
+def owner(device, inside):
+    status = os.stat(device.path(inside))
+    return status.st_uid, status.st_gid
+
+
+@as_root
+def test_after_the_start_the_daemon_is_the_unprivileged_user(device):
+    device.describe(RELAY)
+    device.start()
+    status = identity(device)
+    assert status["Uid"] == [str(WXD_UID)] * 4
+    assert status["Gid"] == [str(WXD_GID)] * 4
+    assert sorted(status["Groups"]) == sorted([str(WXD_GID), str(HELPERS_GID)])
+    for capabilities in ("CapInh", "CapPrm", "CapEff", "CapAmb"):
+        assert int(status[capabilities][0], 16) == 0, capabilities
+    assert device.stderr == ""
+
+
+@as_root
+def test_capabilities_that_a_careless_starter_made_inheritable_go_too(make_device):
+    device = make_device(inheritable=["chown", "dac_override", "setuid"])
+    device.describe(RELAY)
+    device.start()
+    status = identity(device)
+    assert status["Uid"] == [str(WXD_UID)] * 4
+    for capabilities in ("CapInh", "CapPrm", "CapEff", "CapAmb"):
+        assert int(status[capabilities][0], 16) == 0, capabilities
+
+
+@as_root
+def test_the_services_are_published_as_the_unprivileged_user(device):
+    device.describe(RELAY)
+    device.start()
+    uid = device.first_client.call(
+        "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetConnectionUnixUser", "s", STATE_NAME,
+    )  # fmt: skip
+    assert uid == WXD_UID
+
+
+@as_root
+def test_every_thread_has_lost_its_rights(device):
+    device.describe(RELAY)
+    device.start()
+    device.state.StartActionSequence(0, False, [(True, 2_000_000)])
+    tasks = os.listdir(f"/proc/{device.pid}/task")
+    assert len(tasks) > 1
+    for task in tasks:
+        with open(f"/proc/{device.pid}/task/{task}/status", encoding="ascii") as status:
+            lines = dict(line.split(":", 1) for line in status)
+        assert lines["Uid"].split() == [str(WXD_UID)] * 4
+        assert int(lines["CapEff"], 16) == 0
+
+
+@as_root
+def test_settings_can_be_saved_after_the_first_start(device):
+    device.describe(RELAY)
+    device.start()
+    device.state.SetName(0, False, "Gate")
+    device.sync()
+    assert device.saved["relay"]["output_name"] == "Gate"
+    device.restart()
+    assert device.state.GetNames(0) == ("", "Gate")
+
+
+@as_root
+def test_settings_of_the_starting_user_can_be_saved(device):
+    """A file that only the next start hands over, in the folder of the unprivileged user."""
+    device.describe(RELAY)
+    device.start()
+    assert owner(device, KEY_FILE) == (0, 0), "the first start creates it too late to hand over"
+    device.state.SetUsage(0, "gate")
+    device.sync()
+    assert device.saved["relay"]["usage"] == "gate"
+
+
+@as_root
+def test_settings_present_at_the_start_go_to_the_unprivileged_user(device):
+    device.describe(RELAY)
+    device.settings("")
+    os.chown(device.path(KEY_FILE), 0, 0)
+    device.start()
+    device.state.SetUsage(0, "gate")
+    device.sync()
+    assert device.saved["relay"]["usage"] == "gate"
+    device.restart()
+    device.state.SetUsage(0, "door")
+    device.sync()
+    assert owner(device, KEY_FILE) == (WXD_UID, WXD_GID)
+    assert device.saved["relay"]["usage"] == "door"
+
+
+@as_root
+def test_files_are_opened_before_the_user_changes(device):
+    """An input file that only root may read works for the daemon's whole life."""
+    device.describe(
+        port("secret", 0, "input", "sysfs", backend_inside='<device path="/sys/in" timeout="10"/>')
+    )
+    path = device.write("/sys/in", "0\n")
+    path.chmod(0o600)
+    changes = device.signals()
+    device.start()
+    assert identity(device)["Uid"] == [str(WXD_UID)] * 4
+    device.poke("/sys/in", "1\n")
+    changes.wait_for(PortChanged, port=0, state=True)
+
+
+@as_root
+def test_without_the_user_the_daemon_stays_root(device):
+    device.describe(RELAY)
+    device.settings("")
+    device.sandbox.set_accounts(user=False)
+    device.start()
+    assert device.stderr == 'Couldn\'t get uid for user "wxd".\n'
+    status = identity(device)
+    assert status["Uid"] == ["0"] * 4
+    assert status["Gid"] == ["0"] * 4
+    assert int(status["CapEff"][0], 16) != 0
+    assert device.log_count(r"^WARNING: Failed to get uid$") == 1
+    assert owner(device, KEY_FILE)[0] == 0
+    device.state.SetState(0, True)
+    assert device.state.GetState(0) is True
+
+
+@as_root
+def test_without_the_group_the_daemon_stays_root(device):
+    device.describe(RELAY)
+    device.settings("")
+    device.sandbox.set_accounts(group=False)
+    device.start()
+    assert device.stderr == 'Couldn\'t get gid for group "wxd".\n'
+    assert identity(device)["Uid"] == ["0"] * 4
+    assert identity(device)["Gid"] == ["0"] * 4
+    assert device.log_count(r"^WARNING: Failed to get gid$") == 1
+    device.state.SetState(0, True)
+    assert device.state.GetState(0) is True
+
+
+@as_root
+def test_a_refused_change_of_the_group_leaves_root(make_device):
+    device = make_device(without_capabilities=["setgid"])
+    device.describe(RELAY)
+    device.start()
+    assert device.stderr == f"Failed setting gid to {WXD_GID}: Operation not permitted\n"
+    assert identity(device)["Uid"] == ["0"] * 4
+    assert identity(device)["Gid"] == ["0"] * 4
+    assert device.state.GetNbrPorts() == (0, 1)
+
+
+@as_root
+def test_refused_supplementary_groups_leave_root(make_device):
+    """Changing to the group that one has needs no right; taking its members' groups does."""
+    device = make_device(without_capabilities=["setgid"])
+    device.sandbox.set_accounts(gid=0)
+    device.describe(RELAY)
+    device.start()
+    assert device.stderr == (
+        "Unable to run initgroups() with username: wxd, gid: 0: Operation not permitted\n"
+    )
+    assert identity(device)["Uid"] == ["0"] * 4
+
+
+@as_root
+def test_a_refused_change_of_the_user_leaves_root_with_the_group(make_device):
+    device = make_device(without_capabilities=["setuid"])
+    device.describe(RELAY)
+    device.start()
+    assert device.stderr == f"Failed setting uid to {WXD_UID}: Operation not permitted\n"
+    assert identity(device)["Uid"] == ["0"] * 4
+    assert identity(device)["Gid"] == [str(WXD_GID)] * 4
+    assert device.state.GetNbrPorts() == (0, 1)
+
+
+@as_root
+def test_a_refused_change_of_the_owner_is_a_warning(make_device):
+    device = make_device(without_capabilities=["chown"])
+    device.describe(RELAY)
+    path = device.write(KEY_FILE, "")
+    os.chown(path, 0, 0)
+    device.start()
+    assert device.log_count(
+        rf"^WARNING: chown failed on file '{KEY_FILE}': \(1\) Operation not permitted$"
+    ) == 1
+
+
+def test_an_ordinary_user_runs_the_daemon_unchanged(ordinary_device):
+    """Its sandbox knows no user but its own, so the group is not refused but unheard of."""
+    device = ordinary_device
+    device.describe(RELAY)
+    device.settings("")
+    device.start()
+    assert device.stderr == f"Failed setting gid to {WXD_GID}: Invalid argument\n"
+    assert device.log_count(
+        rf"^WARNING: chown failed on file '{KEY_FILE}': \(22\) Invalid argument$"
+    ) == 1
+    device.state.SetUsage(0, "gate")
+    device.sync()
+    assert device.saved["relay"]["usage"] == "gate"
+
+
+def test_no_owner_is_set_where_there_is_no_file(ordinary_device):
+    device = ordinary_device
+    device.describe(RELAY)
+    device.start()
+    assert device.log_count("chown failed") == 0

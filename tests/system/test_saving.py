@@ -1,0 +1,135 @@
+"""How the settings file is replaced: wholly or not at all, whatever happens meanwhile."""
+
+import contextlib
+import os
+import random
+
+import pytest
+from describe import port
+
+from sim.bus import BusError, wait_until
+from sim.device import KEY_FILE, parse_key_file
+from sim.sandbox import WXD_GID, WXD_UID
+
+
+def close_folder(device, file_is_writable):
+    """Takes from the daemon the right to make files beside the settings, and maybe to write them.
+
+    A daemon that root started is the unprivileged user by now; one of an ordinary user is bound by
+    the modes alone.
+    """
+    folder, file = device.path("/etc/wexd"), device.path(KEY_FILE)
+    if os.getuid() == 0:
+        os.chown(folder, 0, 0)
+        os.chown(file, *((WXD_UID, WXD_GID) if file_is_writable else (0, 0)))
+    folder.chmod(0o555)
+    file.chmod(0o644 if file_is_writable else 0o444)
+    device.on_exit(lambda: folder.chmod(0o755))
+
+
+def test_a_reader_never_sees_an_old_file_change(device):
+    """The new text takes the old file's place; who has the old one open keeps reading it."""
+    device.describe(port("out", 0))
+    device.start()
+    device.state.SetUsage(0, "old")  # from now on the file is the daemon's own, whoever started it
+    device.sync()
+    with open(device.path(KEY_FILE), encoding="utf-8") as reader:
+        device.state.SetUsage(0, "new")
+        device.sync()
+        assert "usage=old\n" in reader.read()
+    assert device.saved["out"]["usage"] == "new"
+
+
+def test_a_save_leaves_nothing_beside_the_file(device):
+    device.describe(port("out", 0))
+    device.start()
+    for n in range(20):
+        device.state.SetUsage(0, str(n))
+    device.sync()
+    assert sorted(os.listdir(device.path("/etc/wexd"))) == ["actions", "wexd.conf"]
+
+
+def test_a_writable_file_in_a_closed_folder_is_written_in_place(device):
+    device.describe(port("out", 0, usage="a rather long usage that a shorter one replaces"))
+    device.start()
+    close_folder(device, file_is_writable=True)
+    device.state.SetUsage(0, "short")
+    device.sync()
+    assert device.saved["out"]["usage"] == "short"
+    assert device.read(KEY_FILE).endswith("usage=short\n")
+    assert "Failed to store" not in device.stderr
+    device.state.SetUsage(0, "a usage that is longer again than the one before it was")
+    device.sync()
+    assert device.saved["out"]["usage"].startswith("a usage that is longer")
+
+
+def test_a_save_that_fails_leaves_the_old_text_and_says_why(device):
+    device.describe(port("out", 0, usage="old"))
+    device.start()
+    close_folder(device, file_is_writable=False)
+    before = device.read(KEY_FILE)
+    device.state.SetUsage(0, "new")
+    device.sync()
+    assert device.state.GetUsage(0) == "new"
+    assert device.read(KEY_FILE) == before
+    lines = [line for line in device.stderr.splitlines() if "Failed to store" in line]
+    assert len(lines) == 1
+    prefix = f"Failed to store key file {KEY_FILE}: "
+    assert lines[0].startswith(prefix) and len(lines[0]) > len(prefix)
+
+
+def test_a_save_works_again_once_the_obstacle_is_gone(device):
+    device.describe(port("out", 0, usage="old"))
+    device.start()
+    close_folder(device, file_is_writable=False)
+    device.state.SetUsage(0, "lost")
+    device.sync()
+    device.path("/etc/wexd").chmod(0o755)
+    device.sandbox.hand_over()
+    device.state.SetName(0, False, "Gate")
+    device.sync()
+    assert device.saved["out"]["usage"] == "lost", "the port's present settings are saved whole"
+
+
+TEXTS = {fill: fill * 60_000 for fill in "abcdef"}
+NAMES = ["p3", "p2", "p1", "p0"]
+
+
+def assert_whole(text):
+    """Long usages make a torn write show; each that was ever complete is acceptable."""
+    saved = parse_key_file(text)
+    assert list(saved) == NAMES
+    for settings in saved.values():
+        assert settings["usage"] in TEXTS.values()
+        assert list(settings)[-1] == "usage"
+
+
+def start_save_storm(device, chance):
+    device.describe("".join(port(f"p{n}", n, usage=TEXTS["a"]) for n in range(4)))
+    device.start()
+    return [
+        device.state.begin("SetUsage", n % 4, TEXTS[chance.choice("abcdef")]) for n in range(120)
+    ]
+
+
+def test_whoever_reads_among_saves_sees_a_whole_file(device):
+    calls = start_save_storm(device, random.Random(0))
+
+    def all_saved():
+        assert_whole(device.read(KEY_FILE))
+        return all(call.outcome for call in calls)
+
+    wait_until(all_saved, "120 saves")
+
+
+@pytest.mark.parametrize("round_", range(6))
+def test_a_sudden_death_among_saves_never_leaves_a_half_file(device, round_):
+    chance = random.Random(round_)
+    calls = start_save_storm(device, chance)
+    with contextlib.suppress(BusError):
+        calls[chance.randrange(5, 100)].wait()
+    device.kill()
+    assert_whole(device.read(KEY_FILE))
+    device.start()
+    assert all(device.state.GetUsage(n) in TEXTS.values() for n in range(4))
+    assert "Error parsing" not in device.stderr

@@ -1,0 +1,28 @@
+// Waiting without sleeping.
+#pragma once
+
+#include <glib.h>
+
+/// Long enough for a loaded machine under a sanitizer; only a broken test ever waits for it.
+inline constexpr gint64 deadline_us = 20 * G_USEC_PER_SEC;
+
+/// Runs the default main context until `condition` holds; false when it does not in time.
+template <typename Condition>
+bool run_until(Condition condition) {
+  const gint64 end = g_get_monotonic_time() + deadline_us;
+  while (!condition()) {
+    if (g_get_monotonic_time() > end) {
+      return false;
+    }
+    if (!g_main_context_iteration(nullptr, FALSE)) {
+      g_usleep(200);
+    }
+  }
+  return true;
+}
+
+/// Runs whatever the default main context has ready now.
+inline void run_pending() {
+  while (g_main_context_iteration(nullptr, FALSE)) {
+  }
+}

@@ -1,0 +1,138 @@
+#include "support/port-fixture.h"
+
+#include <mutex>
+
+namespace {
+
+std::mutex mutex;
+std::vector<std::string> changes;
+std::vector<std::string> settings;
+std::vector<gint> done_numbers;
+std::vector<bool> wanted_flags;
+
+void on_port_changed(gint number, gboolean is_virtual, gboolean hidden, gboolean input,
+                     gboolean virtual_trig, gboolean state, gboolean activelow) {
+  std::string text = std::to_string(number) + ": state=" + (state ? "1" : "0");
+  text += is_virtual ? " virtual" : "";
+  text += hidden ? " hidden" : "";
+  text += input ? " input" : "";
+  text += virtual_trig ? " virtual_trig" : "";
+  text += activelow ? " activelow" : "";
+  const std::lock_guard guard(mutex);
+  changes.push_back(text);
+}
+
+void on_sequence_done(gint number) {
+  const std::lock_guard guard(mutex);
+  done_numbers.push_back(number);
+}
+
+void on_setting_changed(const char* property, const char* value, gint number, PortSide side) {
+  static constexpr std::array sides{"input", "output", "port"};
+  const std::lock_guard guard(mutex);
+  settings.push_back(std::to_string(number) + ": " + property + '='
+                     + (value != nullptr ? value : "(none)") + " ("
+                     + sides.at(static_cast<gsize>(side)) + ')');
+}
+
+void on_outputs_wanted(gboolean wanted) {
+  const std::lock_guard guard(mutex);
+  wanted_flags.push_back(wanted != FALSE);
+}
+
+template <typename List>
+List take(List& list) {
+  const std::lock_guard guard(mutex);
+  return std::exchange(list, {});
+}
+
+} // namespace
+
+std::unique_ptr<IoEvent, IoEventDeleter> make_event(const char* declaration) {
+  std::unique_ptr<IoEvent, IoEventDeleter> event(new IoEvent);
+  event->declaration = declaration;
+  return event;
+}
+
+void PortTest::SetUp() {
+  fake_backend::reset();
+  fake_events::reset();
+  port_observer.port_changed = on_port_changed;
+  port_observer.sequence_done = on_sequence_done;
+  port_observer.setting_changed = on_setting_changed;
+  port_observer.outputs_wanted = on_outputs_wanted;
+  take_changes();
+  take_settings();
+  take_dones();
+  take_wanted();
+}
+
+void PortTest::TearDown() {
+  io_port_list_free();
+  port_observer.port_changed = nullptr;
+  port_observer.sequence_done = nullptr;
+  port_observer.setting_changed = nullptr;
+  port_observer.outputs_wanted = nullptr;
+  EXPECT_EQ(fake_backend::live_records(), 0) << "a port or its hardware was not released";
+}
+
+IoPortRef PortTest::make(const PortDescription& description) {
+  IoPortRef port(io_port_new());
+  port->type = description.type;
+  port->number = description.number;
+  port->name = description.name;
+  port->optional = description.optional;
+  port->direction = description.direction_input;
+  port->supervised = description.supervised;
+  for (const char* property : description.properties) {
+    io_port_add_property(port.get(), property, "true");
+  }
+  io_port_set_backend(port.get(), description.backend);
+  if (description.set_up) {
+    EXPECT_TRUE(io_port_setup(port.get()));
+  }
+  fake_backend::take_calls();
+  return port;
+}
+
+IoPort* PortTest::add(const PortDescription& description) {
+  const auto port = make(description);
+  io_port_list_add(port.get());
+  take_wanted();
+  return port.get();
+}
+
+IoEvent* PortTest::give_event(IoPort* port, const char* declaration, bool declared) {
+  port->events.push_front(make_event(declaration));
+  IoEvent* const event = port->events.front().get();
+  if (declared) {
+    io_event_declare_event(port, event);
+    fake_events::take_log();
+  }
+  return event;
+}
+
+PortTest::Texts PortTest::take_changes() {
+  return take(changes);
+}
+
+PortTest::Texts PortTest::take_settings() {
+  return take(settings);
+}
+
+std::vector<gint> PortTest::take_dones() {
+  return take(done_numbers);
+}
+
+std::size_t PortTest::dones() {
+  const std::lock_guard guard(mutex);
+  return done_numbers.size();
+}
+
+std::vector<bool> PortTest::take_wanted() {
+  return take(wanted_flags);
+}
+
+bool PortTest::idle(IoPort* port) {
+  return run_until([port] { return !io_port_lock_taken(port); });
+}
