@@ -12,6 +12,8 @@ build_packages=(
   g++ cmake ninja-build pkg-config
   libglib2.0-dev libglib2.0-dev-bin
   libgtest-dev libgmock-dev libbenchmark-dev
+  libcli11-dev libfmt-dev nlohmann-json3-dev
+  scdoc help2man libxml2-utils
 )
 check_packages=(clang-format clang-tidy shellcheck)
 sandbox_packages=(

@@ -243,6 +243,7 @@ void CommandLine::add_other_verbs() {
 
 CommandLine::CommandLine() {
   app_.require_subcommand(1);
+  app_.set_help_all_flag("--help-all", "Show the help of every verb");
   app_.footer(footer);
   app_.set_version_flag("--version", WEXCTL_VERSION);
   add_port_verbs();

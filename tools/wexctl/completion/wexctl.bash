@@ -1,0 +1,50 @@
+# bash completion for wexctl; port names come from the running daemon.
+
+_wexctl_ports() {
+  wexctl complete-ports 2>/dev/null
+}
+
+_wexctl() {
+  local cur=${COMP_WORDS[COMP_CWORD]} words=("${COMP_WORDS[@]:1:COMP_CWORD-1}")
+  local verbs='list get set direction active name usage virtual run pulse drop refresh supervised
+    connectors monitor legacy check'
+  local candidates='' position=${#words[@]} verb=${words[0]:-}
+
+  COMPREPLY=()
+  if [ "$verb" = supervised ] || [ "$verb" = legacy ]; then
+    if [ "$position" -eq 1 ]; then
+      [ "$verb" = supervised ] && candidates='show on off ranges read' || candidates='get set'
+    elif [ "$position" -eq 2 ]; then
+      candidates=$(_wexctl_ports)
+    elif [ "$position" -eq 3 ] && [ "${words[1]}" = ranges ]; then
+      candidates='open closed short cut'
+    elif [ "$position" -eq 3 ] && [ "$verb" = legacy ]; then
+      candidates='IOPort.Direction IOPort.Usage Input.Name Input.Trig Output.Name Output.Active
+        Output.Button Output.PulseTime Output.Mode Output.DelayTime'
+    fi
+  elif [ "$position" -eq 0 ]; then
+    candidates="$verbs --help --version"
+  elif [ "$verb" = check ]; then
+    mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+    return
+  elif [ "$verb" = drop ]; then
+    candidates=$(_wexctl_ports)
+  elif [ "$position" -eq 1 ]; then
+    case $verb in
+      get | set | direction | active | name | usage | virtual | run | pulse)
+        candidates=$(_wexctl_ports) ;;
+      connectors) candidates='video audio all' ;;
+      list | monitor) candidates='--json' ;;
+    esac
+  elif [ "$position" -eq 2 ]; then
+    case $verb in
+      set | virtual) candidates='on off' ;;
+      direction) candidates='input output' ;;
+      active) candidates='open closed' ;;
+    esac
+  fi
+  local IFS=$'\n'
+  mapfile -t COMPREPLY < <(compgen -W "$(printf '%s\n' "$candidates" | tr -s ' \n' '\n')" -- "$cur")
+}
+
+complete -F _wexctl wexctl
