@@ -141,6 +141,10 @@ std::string line_name(int fd, guint offset) {
 } // namespace
 
 std::optional<guint> gpio_number_of_name(const std::string& name) {
+  // Lines without a name have the empty one in the kernel's answer; nobody means those.
+  if (name.empty()) {
+    return std::nullopt;
+  }
   for (const auto& chip : numbered_chips()) {
     const UniqueFd fd(open(chip.device.c_str(), O_RDONLY | O_CLOEXEC));
     for (guint offset = 0; fd && offset < chip.lines; offset++) {

@@ -3,6 +3,7 @@ on the guest itself, where /sys and /dev are those of a real kernel."""
 
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import time
@@ -79,6 +80,15 @@ class GuestDevice(device.Device):
         """What the daemon's open descriptors lead to."""
         folder = pathlib.Path(f"/proc/{self.pid}/fd")
         return sorted(os.readlink(entry) for entry in folder.iterdir())
+
+    @property
+    def switches(self):
+        """How often the daemon's threads have run so far, as {thread: times}."""
+        counts = {}
+        for thread in pathlib.Path(f"/proc/{self.pid}/task").iterdir():
+            text = (thread / "status").read_text()
+            counts[thread.name] = sum(map(int, re.findall(r"ctxt_switches:\t(\d+)", text)))
+        return counts
 
     @property
     def cpu_s(self):
