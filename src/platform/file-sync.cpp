@@ -75,9 +75,11 @@ bool replace_in_place(const char* path, std::string_view text, GError** error) {
 
 // The replacement belongs to whoever runs us (before the privilege drop that is root), and the
 // umask has taken its part of the mode.
+// Only root replaces files of others and can give them back; once the daemon is an ordinary user, a
+// file that it replaces is its own from then on.
 void restore_owner_and_mode(const char* path, const struct stat& before, int mode) {
-  if ((before.st_uid != geteuid() || before.st_gid != getegid())
-      && chown(path, before.st_uid, before.st_gid) != 0) {
+  const bool foreign = before.st_uid != geteuid() || before.st_gid != getegid();
+  if (foreign && geteuid() == 0 && chown(path, before.st_uid, before.st_gid) != 0) {
     g_warning("Could not restore the owner of '%s': %s", path, g_strerror(errno));
   }
   if (chmod(path, static_cast<mode_t>(mode)) != 0) {
