@@ -237,7 +237,7 @@ class Device:
             "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={sandbox.BUS_SOCKET}",
             "ASAN_OPTIONS": "detect_leaks=1:exitcode=99",
             "UBSAN_OPTIONS": "print_stacktrace=1:halt_on_error=1:exitcode=99",
-            "TSAN_OPTIONS": "exitcode=99",
+            "TSAN_OPTIONS": "exitcode=99:ignore_noninstrumented_modules=1:atexit_sleep_ms=0",
             "G_SLICE": "always-malloc",
         }
         environment.update(more or {})

@@ -15,7 +15,7 @@ DOORS = {
     "backends": MODEL,
     "param": MODEL | {"backends"},
     "peers": MODEL | {"backends"},
-    "dbus": MODEL | {"backends", "param"},
+    "dbus": MODEL | {"backends", "param", "generated"},
     "core": MODEL | {"backends", "param", "peers", "dbus"},
 }
 
