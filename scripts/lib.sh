@@ -66,13 +66,13 @@ missing_packages() {
 }
 
 bootstrap() {
-  local missing
-  mapfile -t missing < <(missing_packages)
-  [ "${#missing[@]}" -gt 0 ] || return 0
-  say "installing ${missing[*]}"
+  local absent
+  mapfile -t absent < <(missing_packages)
+  [ "${#absent[@]}" -gt 0 ] || return 0
+  say "installing ${absent[*]}"
   as_root apt-get update -q
   as_root env DEBIAN_FRONTEND=noninteractive \
-    apt-get install -q -y --no-install-recommends "${missing[@]}"
+    apt-get install -q -y --no-install-recommends "${absent[@]}"
 }
 
 # Configures (once) and builds one CMake preset into build/<preset>/.

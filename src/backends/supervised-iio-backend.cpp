@@ -84,7 +84,7 @@ void bind_trigger(const IioPortData* data, int consumer, int trigger) {
 
 // A converter with a single channel leaves its number out of the file names.
 std::string channel_files(const IioPortData* data, int device) {
-  const std::string scan_elements = iio_device_folder(device) + "scan_elements/in_voltage";
+  std::string scan_elements = iio_device_folder(device) + "scan_elements/in_voltage";
   if (g_file_test((scan_elements + "_en").c_str(), G_FILE_TEST_EXISTS)) {
     return scan_elements;
   }

@@ -131,7 +131,12 @@ void apply_attribute(IoPort* port, IoEvent* event, const Place& place, const cha
 
 Place place_of(GMarkupParseContext* context, const Reading& reading, const char* element) {
   gint line = 0;
-  g_markup_parse_context_get_position(context, &line, nullptr);
+  gint character = 0;
+  g_markup_parse_context_get_position(context, &line, &character);
+  if (character == 1) {
+    // The parser looks one character ahead: the tag ended its line, and the next one is counted.
+    line--;
+  }
   return {.file_name = reading.file_name, .line = line, .element = element};
 }
 

@@ -76,7 +76,7 @@ NvEventType event_value_type(const EventKeyValue& key_value) {
 
 std::string event_value_text(IoPort* port, const EventKeyValue& key_value) {
   const auto type = event_value_type(key_value);
-  const std::string value = key_value.value.value_or("");
+  std::string value = key_value.value.value_or("");
   for (const auto& words : state_placeholders) {
     if (value == words.placeholder) {
       return state_text(port, words, type);

@@ -73,6 +73,20 @@ bool replace_in_place(const char* path, std::string_view text, GError** error) {
   return true;
 }
 
+// The replacement belongs to whoever runs us (before the privilege drop that is root), and the
+// umask has taken its part of the mode.
+// Only root replaces files of others and can give them back; once the daemon is an ordinary user, a
+// file that it replaces is its own from then on.
+void restore_owner_and_mode(const char* path, const struct stat& before, int mode) {
+  const bool foreign = before.st_uid != geteuid() || before.st_gid != getegid();
+  if (foreign && geteuid() == 0 && chown(path, before.st_uid, before.st_gid) != 0) {
+    g_warning("Could not restore the owner of '%s': %s", path, g_strerror(errno));
+  }
+  if (chmod(path, static_cast<mode_t>(mode)) != 0) {
+    g_warning("Could not restore the mode of '%s': %s", path, g_strerror(errno));
+  }
+}
+
 // Reasons that concern the folder or the name, not the disk: here the file may still take it.
 // FAILED is what GLib makes of EBUSY, which a file that is itself a mount point gives to a rename.
 bool folder_refused(const GError* error) {
@@ -95,10 +109,8 @@ bool file_set_contents_synced(const char* path, std::string_view text, GError** 
                                          | static_cast<unsigned>(G_FILE_SET_CONTENTS_DURABLE));
   if (g_file_set_contents_full(path, text.data(), static_cast<gssize>(text.size()), durable, mode,
                                &replace_error)) {
-    // The replacement belongs to whoever runs us; before the privilege drop that is root.
-    if (existed && (before.st_uid != geteuid() || before.st_gid != getegid())
-        && chown(path, before.st_uid, before.st_gid) != 0) {
-      g_warning("Could not restore the owner of '%s': %s", path, g_strerror(errno));
+    if (existed) {
+      restore_owner_and_mode(path, before, mode);
     }
     return true;
   }

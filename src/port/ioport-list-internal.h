@@ -11,9 +11,9 @@ namespace port_list {
 /// Guards both lists. Taken before any port's lock, never the other way round.
 extern std::mutex mutex;
 /// Ports in service, newest first; one reference per port.
-extern std::deque<IoPort*> io_port_list;
+extern std::deque<IoPort*>& io_port_list;
 /// Optional ports not in service, latest first; holds the reference the main list held.
-extern std::deque<IoPort*> io_port_dynamic_list;
+extern std::deque<IoPort*>& io_port_dynamic_list;
 
 /// Whether the port can be found by its number.
 bool addressable(IoPort* port);

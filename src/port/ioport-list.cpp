@@ -13,8 +13,9 @@ using namespace port_list;
 namespace port_list {
 
 std::mutex mutex;
-std::deque<IoPort*> io_port_list;
-std::deque<IoPort*> io_port_dynamic_list;
+// Never destroyed: a daemon that gives up early leaves its ports to the kernel.
+std::deque<IoPort*>& io_port_list = *new std::deque<IoPort*>;
+std::deque<IoPort*>& io_port_dynamic_list = *new std::deque<IoPort*>;
 
 bool addressable(IoPort* port) {
   return io_port_get_property(port, "ioport") || io_port_get_property(port, "virtual");

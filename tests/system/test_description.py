@@ -142,6 +142,14 @@ def test_an_unknown_kind_restores_the_direction_of_the_kind(device):
     assert device.state.GetDirection(0) == "output"
 
 
+@pytest.mark.parametrize("kind, other", [("output", "input"), ("input", "output")])
+def test_a_default_direction_does_not_turn_a_port_of_a_fixed_kind(device, kind, other):
+    start_with(device, port("a", 0, kind, dir=other))
+    assert device.state.GetDirection(0) == kind
+    assert device.ports()[0].input is (kind == "input")
+    assert device.state.GetNbrPorts() == ((1, 0) if kind == "input" else (0, 1))
+
+
 @pytest.mark.parametrize(
     "text, direction",
     [

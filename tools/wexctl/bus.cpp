@@ -1,0 +1,149 @@
+#include "wexctl/bus.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+
+namespace wexctl {
+
+namespace {
+
+constexpr auto proxy_flags = static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES
+                                                          | G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START);
+
+// Errors that say that nobody answers, rather than that somebody refused.
+bool unreachable(const GError* error) {
+  static constexpr std::array codes{G_DBUS_ERROR_SERVICE_UNKNOWN, G_DBUS_ERROR_NAME_HAS_NO_OWNER,
+                                    G_DBUS_ERROR_NO_REPLY, G_DBUS_ERROR_DISCONNECTED};
+  return error->domain != G_DBUS_ERROR
+             ? error->domain == G_IO_ERROR && error->code != G_IO_ERROR_DBUS_ERROR
+             : std::ranges::find(codes, error->code) != codes.end();
+}
+
+bool is_number(const std::string& text) {
+  return !text.empty() && std::ranges::all_of(text, [](char c) { return g_ascii_isdigit(c); });
+}
+
+PortInfo port_info(GVariant* entry) {
+  const char* name = nullptr;
+  gint number = 0;
+  gboolean state = FALSE;
+  gboolean input = FALSE;
+  gboolean configurable = FALSE;
+  gboolean activelow = FALSE;
+  GVariant* properties = nullptr;
+  g_variant_get(entry, "(&sibbbb@a(sb))", &name, &number, &state, &input, &configurable, &activelow,
+                &properties);
+  const Variant owned(properties);
+  PortInfo info{.name = name,
+                .number = number,
+                .state = state != FALSE,
+                .input = input != FALSE,
+                .configurable = configurable != FALSE,
+                .activelow = activelow != FALSE,
+                .properties = {}};
+  GVariantIter iter;
+  g_variant_iter_init(&iter, properties);
+  const char* key = nullptr;
+  gboolean value = FALSE;
+  while (g_variant_iter_next(&iter, "(&sb)", &key, &value)) {
+    info.properties.push_back({.key = key, .value = value != FALSE});
+  }
+  std::ranges::sort(info.properties, {}, &Property::key);
+  return info;
+}
+
+bool shown_as(IOControlState* state, const PortInfo& port, const std::string& name) {
+  g_autofree gchar* input = nullptr;
+  g_autofree gchar* output = nullptr;
+  return port.number >= 0
+         && iocontrol_state_call_get_names_sync(state, static_cast<guint>(port.number), &input,
+                                                &output, nullptr, nullptr)
+         && (name == input || name == output);
+}
+
+} // namespace
+
+void throw_bus_error(GError* error) {
+  const std::unique_ptr<GError, void (*)(GError*)> owned(error, g_error_free);
+  g_autofree gchar* name = g_dbus_error_get_remote_error(error);
+  const bool gone = unreachable(error);
+  g_dbus_error_strip_remote_error(error);
+  if (gone) {
+    throw CommandError(Status::Unreachable,
+                       fmt::format("wexd does not answer: {}", error->message));
+  }
+  throw CommandError(Status::Refused, name != nullptr ? fmt::format("{} ({})", error->message, name)
+                                                      : std::string(error->message));
+}
+
+bool PortInfo::has(const std::string& property) const {
+  return std::ranges::any_of(
+      properties, [&](const Property& entry) { return entry.key == property && entry.value; });
+}
+
+Daemon::Daemon() {
+  GError* error = nullptr;
+  connection_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
+  if (connection_ == nullptr) {
+    throw_bus_error(error);
+  }
+  g_dbus_connection_set_exit_on_close(connection(), FALSE);
+  state_.reset(iocontrol_state_proxy_new_sync(connection(), proxy_flags, "com.norv.IOControl.State",
+                                              "/com/norv/IOControl/State", nullptr, &error));
+  if (state_ == nullptr) {
+    throw_bus_error(error);
+  }
+  connector_.reset(wxd_connector_proxy_new_sync(connection(), proxy_flags, "com.norv.WXD.Connector",
+                                                "/com/norv/WXD/Connector", nullptr, &error));
+  if (connector_ == nullptr) {
+    throw_bus_error(error);
+  }
+  supervised_.reset(iosupervised_supervised_proxy_new_sync(
+      connection(), proxy_flags, "com.norv.IOSupervised.Supervised",
+      "/com/norv/IOSupervised/Supervised", nullptr, &error));
+  if (supervised_ == nullptr) {
+    throw_bus_error(error);
+  }
+}
+
+std::vector<PortInfo> Daemon::ports() const {
+  GError* error = nullptr;
+  gint count = 0;
+  GVariant* properties = nullptr;
+  if (!iocontrol_state_call_get_port_props_sync(state(), &count, &properties, nullptr, &error)) {
+    throw_bus_error(error);
+  }
+  const Variant owned(properties);
+  std::vector<PortInfo> ports;
+  for (gsize i = 0; i < g_variant_n_children(properties); i++) {
+    const Variant entry(g_variant_get_child_value(properties, i));
+    ports.push_back(port_info(entry.get()));
+  }
+  std::ranges::stable_sort(ports, {}, &PortInfo::number);
+  return ports;
+}
+
+guint Daemon::resolve(const std::string& port) const {
+  if (is_number(port)) {
+    const guint64 number = g_ascii_strtoull(port.c_str(), nullptr, 10);
+    if (number > G_MAXINT32) {
+      throw CommandError(Status::Usage, fmt::format("{} is no port number", port));
+    }
+    return static_cast<guint>(number);
+  }
+  const auto known = ports();
+  const auto named = std::ranges::find(known, port, &PortInfo::name);
+  if (named != known.end() && named->number >= 0) {
+    return static_cast<guint>(named->number);
+  }
+  for (const auto& entry : known) {
+    if (entry.has("ioport") && shown_as(state(), entry, port)) {
+      return static_cast<guint>(entry.number);
+    }
+  }
+  throw CommandError(Status::Refused, fmt::format("no port is called '{}'", port));
+}
+
+} // namespace wexctl

@@ -1,0 +1,274 @@
+// The command line: what each verb is called, what it takes, and which function does it.
+#include "wexctl/bus.h"
+#include "wexctl/check.h"
+#include "wexctl/legacy.h"
+#include "wexctl/monitor.h"
+#include "wexctl/ports.h"
+#include "wexctl/supervised.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <functional>
+
+using namespace wexctl;
+
+namespace {
+
+constexpr const char* description = R"(wexctl - look at and drive the I/O ports of wexd
+
+Ports are told by number, by description name or by the name that users see.)";
+
+constexpr const char* footer = R"(Exit status:
+  0  done
+  1  the daemon refused, or `check` found something
+  2  the command line makes no sense
+  3  wexd does not answer
+
+Errors are one line on standard error: the daemon's message and, in brackets, its error name.
+Colours are used on a terminal only, and never when NO_COLOR is set.)";
+
+/// What the chosen verb was given.
+struct Arguments {
+  std::string port;
+  std::string value;
+  std::string property;
+  std::vector<std::string> names;
+  std::optional<std::string> text;
+  std::string side;
+  guint lower = 0;
+  guint upper = 0;
+  bool json = false;
+  bool is_virtual = false;
+  bool wait = false;
+};
+
+/// Set by the verb that was chosen; runs it.
+using Action = std::function<void()>;
+
+class CommandLine {
+public:
+  CommandLine();
+  int run(int argc, char** argv);
+
+private:
+  CLI::App* verb(CLI::App& parent, const char* name, const char* help,
+                 std::function<void(const Daemon&)> action);
+  void add_port(CLI::App* verb) {
+    verb->add_option("PORT", args_.port, "Number or name of the port")->required();
+  }
+  void add_json(CLI::App* verb) { verb->add_flag("--json", args_.json, "Print JSON"); }
+  void add_side(CLI::App* verb) {
+    verb->add_option("--side", args_.side, "Side of the port; by default the one in use")
+        ->check(CLI::IsMember({"input", "output"}));
+  }
+  [[nodiscard]] Side side() const { return args_.side.empty() ? Side() : parse_side(args_.side); }
+
+  void add_port_verbs();
+  void add_setting_verbs();
+  void add_sequence_verbs();
+  void add_supervised_verbs();
+  void add_other_verbs();
+
+  CLI::App app_{description, "wexctl"};
+  Arguments args_;
+  Action action_;
+};
+
+CLI::App* CommandLine::verb(CLI::App& parent, const char* name, const char* help,
+                            std::function<void(const Daemon&)> action) {
+  CLI::App* const added = parent.add_subcommand(name, help);
+  added->callback([this, action = std::move(action)] {
+    action_ = [action] {
+      const Daemon daemon;
+      action(daemon);
+    };
+  });
+  return added;
+}
+
+void CommandLine::add_port_verbs() {
+  add_json(verb(app_, "list", "Show all ports",
+                [this](const Daemon& daemon) { list_ports(daemon, args_.json); }));
+
+  auto* get = verb(app_, "get", "Show one port",
+                   [this](const Daemon& daemon) { get_port(daemon, args_.port, args_.json); });
+  add_port(get);
+  add_json(get);
+
+  auto* set = verb(app_, "set", "Drive an output",
+                   [this](const Daemon& daemon) { set_port(daemon, args_.port, args_.value); });
+  add_port(set);
+  set->add_option("STATE", args_.value, "on or off")->required();
+
+  auto* virt = verb(app_, "virtual", "Announce a virtual state",
+                    [this](const Daemon& daemon) { set_virtual(daemon, args_.port, args_.value); });
+  add_port(virt);
+  virt->add_option("STATE", args_.value, "on or off")->required();
+
+  auto* drop = verb(app_, "drop", "Take optional ports out of service",
+                    [this](const Daemon& daemon) { drop_ports(daemon, args_.names, args_.json); });
+  drop->add_option("NAME", args_.names, "Description names of the ports")->required();
+  add_json(drop);
+
+  verb(app_, "refresh", "Bring optional ports back whose hardware is there",
+       [](const Daemon& daemon) { refresh_ports(daemon); });
+}
+
+void CommandLine::add_setting_verbs() {
+  auto* direction =
+      verb(app_, "direction", "Show or switch a port's direction",
+           [this](const Daemon& daemon) { port_direction(daemon, args_.port, args_.value); });
+  add_port(direction);
+  direction->add_option("DIRECTION", args_.value, "input or output")
+      ->check(CLI::IsMember({"input", "output"}));
+
+  auto* active =
+      verb(app_, "active", "Show or set the sense of a side: open is active low",
+           [this](const Daemon& daemon) { port_active(daemon, args_.port, args_.value, side()); });
+  add_port(active);
+  active->add_option("SENSE", args_.value, "open or closed")
+      ->check(CLI::IsMember({"open", "closed"}));
+  add_side(active);
+
+  auto* name =
+      verb(app_, "name", "Show or set the name that users see",
+           [this](const Daemon& daemon) { port_name(daemon, args_.port, args_.text, side()); });
+  add_port(name);
+  name->add_option("NAME", args_.text, "New name");
+  add_side(name);
+
+  auto* usage = verb(app_, "usage", "Show or set what a port is used for",
+                     [this](const Daemon& daemon) { port_usage(daemon, args_.port, args_.text); });
+  add_port(usage);
+  usage->add_option("TEXT", args_.text, "New text");
+}
+
+void CommandLine::add_sequence_verbs() {
+  auto* run =
+      verb(app_, "run", "Run a sequence of states on an output", [this](const Daemon& daemon) {
+        run_sequence(daemon, args_.port, args_.value, args_.is_virtual, args_.wait);
+      });
+  add_port(run);
+  run->add_option("SEQUENCE", args_.value, "STATE:MS[,STATE:MS...][xTIMES], e.g. 1:500,0:200x10")
+      ->required();
+  run->add_flag("--virtual", args_.is_virtual, "Announce virtual states instead of driving");
+  run->add_flag("--wait", args_.wait, "Return when the sequence has ended");
+
+  auto* pulse =
+      verb(app_, "pulse", "Switch an output on for a while", [this](const Daemon& daemon) {
+        run_sequence(daemon, args_.port, "1:" + args_.value + ",0:0", false, args_.wait);
+      });
+  add_port(pulse);
+  pulse->add_option("MS", args_.value, "Milliseconds")->required()->check(CLI::NonNegativeNumber);
+  pulse->add_flag("--wait", args_.wait, "Return when the pulse has ended");
+}
+
+void CommandLine::add_supervised_verbs() {
+  auto* supervised = app_.add_subcommand("supervised", "Supervised inputs");
+  supervised->require_subcommand(1);
+
+  auto* show =
+      verb(*supervised, "show", "Readings and ranges of all supervisable ports, or one",
+           [this](const Daemon& daemon) { supervised_show(daemon, args_.port, args_.json); });
+  show->add_option("PORT", args_.port, "Number or name of the port");
+  add_json(show);
+
+  add_port(verb(*supervised, "on", "Switch supervision on",
+                [this](const Daemon& daemon) { supervised_switch(daemon, args_.port, true); }));
+  add_port(verb(*supervised, "off", "Switch supervision off",
+                [this](const Daemon& daemon) { supervised_switch(daemon, args_.port, false); }));
+
+  auto* ranges =
+      verb(*supervised, "ranges", "Show a port's ranges, or add one", [this](const Daemon& daemon) {
+        supervised_ranges(daemon, args_.port, args_.value, args_.lower, args_.upper, args_.json);
+      });
+  add_port(ranges);
+  auto* state = ranges->add_option("STATE", args_.value, "open, closed, short or cut");
+  auto* lower = ranges->add_option("LOWER", args_.lower, "Lower limit, included");
+  auto* upper = ranges->add_option("UPPER", args_.upper, "Upper limit, included");
+  state->needs(lower)->needs(upper);
+  add_json(ranges);
+
+  auto* read =
+      verb(*supervised, "read", "State and level of a line now",
+           [this](const Daemon& daemon) { supervised_read(daemon, args_.port, args_.json); });
+  add_port(read);
+  add_json(read);
+}
+
+void CommandLine::add_other_verbs() {
+  args_.property.clear();
+  auto* connectors = verb(
+      app_, "connectors", "Count connectors and show their states", [this](const Daemon& daemon) {
+        show_connectors(daemon, args_.value.empty() ? "all" : args_.value, args_.json);
+      });
+  connectors->add_option("KIND", args_.value, "video, audio or all");
+  add_json(connectors);
+
+  add_json(verb(app_, "monitor", "Show changes as they happen, until interrupted",
+                [this](const Daemon& daemon) { monitor(daemon, args_.json); }));
+
+  auto* legacy = app_.add_subcommand("legacy", "Legacy configuration properties");
+  legacy->require_subcommand(1);
+  auto* legacy_get_verb = verb(
+      *legacy, "get", "Show a port's properties, or one of them",
+      [this](const Daemon& daemon) { legacy_get(daemon, args_.port, args_.property, args_.json); });
+  add_port(legacy_get_verb);
+  legacy_get_verb->add_option("PROPERTY", args_.property, "e.g. Usage or Output.Name");
+  add_json(legacy_get_verb);
+  auto* legacy_set_verb = verb(*legacy, "set", "Set a property", [this](const Daemon& daemon) {
+    legacy_set(daemon, args_.port, args_.property, args_.value);
+  });
+  add_port(legacy_set_verb);
+  legacy_set_verb->add_option("PROPERTY", args_.property, "e.g. Usage or Output.Name")->required();
+  legacy_set_verb->add_option("VALUE", args_.value, "New value")->required();
+
+  auto* check = app_.add_subcommand(
+      "check", "Read hardware descriptions and tell what wexd would make of them");
+  check->add_option("FILE", args_.names, "Files, in the order in which wexd reads them")
+      ->required();
+  add_json(check);
+  check->callback([this] {
+    action_ = [this] {
+      if (!check_files(args_.names, args_.json)) {
+        throw CommandError(Status::Refused, "");
+      }
+    };
+  });
+
+  // For the shells' completion.
+  verb(app_, "complete-ports", "", [](const Daemon& daemon) { complete_ports(daemon); })->group("");
+}
+
+CommandLine::CommandLine() {
+  app_.require_subcommand(1);
+  app_.footer(footer);
+  app_.set_version_flag("--version", WEXCTL_VERSION);
+  add_port_verbs();
+  add_setting_verbs();
+  add_sequence_verbs();
+  add_supervised_verbs();
+  add_other_verbs();
+}
+
+int CommandLine::run(int argc, char** argv) {
+  try {
+    app_.parse(argc, argv);
+    action_();
+  } catch (const CLI::ParseError& error) {
+    return app_.exit(error) == 0 ? 0 : static_cast<int>(Status::Usage);
+  } catch (const CommandError& error) {
+    if (*error.what() != '\0') {
+      fmt::print(stderr, "wexctl: {}\n", error.what());
+    }
+    return static_cast<int>(error.status());
+  }
+  return static_cast<int>(Status::Ok);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+  return CommandLine().run(argc, argv);
+}

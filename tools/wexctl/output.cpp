@@ -1,0 +1,72 @@
+#include "wexctl/output.h"
+
+#include <fmt/format.h>
+#include <glib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+
+namespace wexctl {
+
+namespace {
+
+bool colours_wanted() {
+  const char* const no_color = getenv("NO_COLOR");
+  return isatty(STDOUT_FILENO) != 0 && (no_color == nullptr || *no_color == '\0');
+}
+
+// Columns on the screen, not bytes.
+size_t width(const std::string& text) {
+  return static_cast<size_t>(g_utf8_strlen(text.c_str(), -1));
+}
+
+} // namespace
+
+std::string coloured(Colour colour, const std::string& text) {
+  static const bool wanted = colours_wanted();
+  static constexpr std::array codes{"0", "1", "32", "33", "31", "2"};
+  if (!wanted || colour == Colour::Plain) {
+    return text;
+  }
+  return fmt::format("\x1b[{}m{}\x1b[0m", codes[static_cast<size_t>(colour)], text);
+}
+
+Table::Table(std::vector<std::string> headings) : rows_{std::move(headings)} {}
+
+void Table::add(std::vector<std::string> row) {
+  rows_.push_back(std::move(row));
+}
+
+void Table::print() const {
+  std::vector<size_t> widths(rows_.front().size());
+  for (const auto& row : rows_) {
+    for (size_t i = 0; i < row.size(); i++) {
+      widths[i] = std::max(widths[i], width(row[i]));
+    }
+  }
+  bool heading = true;
+  for (const auto& row : rows_) {
+    std::string line;
+    for (size_t i = 0; i < row.size(); i++) {
+      line += row[i];
+      if (i + 1 < row.size()) {
+        line.append(widths[i] - width(row[i]) + 2, ' ');
+      }
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    fmt::print("{}\n", heading ? coloured(Colour::Bold, line) : line);
+    heading = false;
+  }
+}
+
+void print_json(const Json& json) {
+  fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
+}
+
+const char* on_or_off(bool state) {
+  return state ? "on" : "off";
+}
+
+} // namespace wexctl

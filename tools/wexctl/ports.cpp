@@ -1,0 +1,370 @@
+#include "wexctl/ports.h"
+
+#include "wexctl/output.h"
+#include "wexctl/sequence.h"
+
+#include <fmt/format.h>
+
+#include <array>
+
+namespace wexctl {
+
+namespace {
+
+/// What a port's settings are beside what the list of ports tells.
+struct PortDetails {
+  std::string input_name;
+  std::string output_name;
+  std::string usage;
+  std::string active_input;
+  std::string active_output;
+};
+
+std::string take(gchar* text) {
+  std::string copy = text != nullptr ? text : "";
+  g_free(text);
+  return copy;
+}
+
+// A port that is not published answers nothing beyond the list.
+PortDetails details(const Daemon& daemon, const PortInfo& port) {
+  PortDetails result;
+  if (!port.has("ioport") || port.number < 0) {
+    return result;
+  }
+  const auto number = static_cast<guint>(port.number);
+  gchar* first = nullptr;
+  gchar* second = nullptr;
+  if (iocontrol_state_call_get_names_sync(daemon.state(), number, &first, &second, nullptr,
+                                          nullptr)) {
+    result.input_name = take(first);
+    result.output_name = take(second);
+  }
+  if (iocontrol_state_call_get_usage_sync(daemon.state(), number, &first, nullptr, nullptr)) {
+    result.usage = take(first);
+  }
+  if (iocontrol_state_call_get_active_sync(daemon.state(), number, &first, &second, nullptr,
+                                           nullptr)) {
+    result.active_input = take(first);
+    result.active_output = take(second);
+  }
+  return result;
+}
+
+std::string kind(const PortInfo& port) {
+  const std::string direction = port.input ? "input" : "output";
+  return port.configurable ? direction + " (switchable)" : direction;
+}
+
+std::string shown_as(const PortInfo& port, const PortDetails& more) {
+  return port.input ? more.input_name : more.output_name;
+}
+
+std::string property_list(const PortInfo& port) {
+  std::string list;
+  for (const auto& property : port.properties) {
+    if (property.value) {
+      list += (list.empty() ? "" : ", ") + property.key;
+    }
+  }
+  return list;
+}
+
+Json port_json(const PortInfo& port, const PortDetails& more) {
+  Json properties = Json::object();
+  for (const auto& property : port.properties) {
+    properties[property.key] = property.value;
+  }
+  return {{"number", port.number},
+          {"name", port.name},
+          {"state", port.state},
+          {"direction", port.input ? "input" : "output"},
+          {"configurable", port.configurable},
+          {"active_low", port.activelow},
+          {"input_name", more.input_name},
+          {"output_name", more.output_name},
+          {"active_input", more.active_input},
+          {"active_output", more.active_output},
+          {"usage", more.usage},
+          {"properties", properties}};
+}
+
+std::string state_text(bool state) {
+  return coloured(state ? Colour::Green : Colour::Dim, on_or_off(state));
+}
+
+void check(gboolean done, GError* error) {
+  if (!done) {
+    throw_bus_error(error);
+  }
+}
+
+PortInfo find_port(const Daemon& daemon, guint number) {
+  for (const auto& port : daemon.ports()) {
+    if (port.number == static_cast<int>(number)) {
+      return port;
+    }
+  }
+  throw CommandError(Status::Refused, fmt::format("no port has number {}", number));
+}
+
+// The side that a setting is meant for: the one told, or the one in use.
+bool input_side(const Daemon& daemon, guint number, Side side) {
+  return side ? *side : find_port(daemon, number).input;
+}
+
+void wait_for_end(GMainLoop* loop, guint number, IOControlState* state) {
+  struct Waiting {
+    GMainLoop* loop;
+    guint number;
+  } waiting{.loop = loop, .number = number};
+  const auto on_done = +[](IOControlState*, gint port, gpointer data) {
+    const auto* context = static_cast<Waiting*>(data);
+    if (port == static_cast<gint>(context->number)) {
+      g_main_loop_quit(context->loop);
+    }
+  };
+  const gulong handler =
+      g_signal_connect(state, "action-sequence-done", G_CALLBACK(on_done), &waiting);
+  g_main_loop_run(loop);
+  g_signal_handler_disconnect(state, handler);
+}
+
+struct ConnectorKind {
+  const char* word;
+  const char* description;
+};
+
+constexpr std::array connector_kinds{ConnectorKind{"video", "video connector"},
+                                     ConnectorKind{"audio", "audio connector"},
+                                     ConnectorKind{"all", "*"}};
+
+} // namespace
+
+Side parse_side(const std::string& text) {
+  if (text == "input") {
+    return true;
+  }
+  if (text == "output") {
+    return false;
+  }
+  throw CommandError(Status::Usage, fmt::format("'{}' is neither input nor output", text));
+}
+
+bool parse_state(const std::string& text) {
+  if (text == "on" || text == "1" || text == "true") {
+    return true;
+  }
+  if (text == "off" || text == "0" || text == "false") {
+    return false;
+  }
+  throw CommandError(Status::Usage, fmt::format("'{}' is neither on nor off", text));
+}
+
+void list_ports(const Daemon& daemon, bool json) {
+  Json array = Json::array();
+  Table table({"No", "Port", "Shown as", "Kind", "State", "Active", "Usage", "Properties"});
+  for (const auto& port : daemon.ports()) {
+    const auto more = details(daemon, port);
+    array.push_back(port_json(port, more));
+    table.add({std::to_string(port.number), port.name, shown_as(port, more), kind(port),
+               on_or_off(port.state), port.activelow ? "open" : "closed", more.usage,
+               property_list(port)});
+  }
+  if (json) {
+    print_json(array);
+  } else {
+    table.print();
+  }
+}
+
+void get_port(const Daemon& daemon, const std::string& port, bool json) {
+  const guint number = daemon.resolve(port);
+  const auto info = find_port(daemon, number);
+  const auto more = details(daemon, info);
+  if (json) {
+    print_json(port_json(info, more));
+    return;
+  }
+  fmt::print("port {} {}: {}\n", info.number, info.name, state_text(info.state));
+  fmt::print("  kind        {}\n", kind(info));
+  fmt::print("  input side  '{}', {}\n", more.input_name, more.active_input);
+  fmt::print("  output side '{}', {}\n", more.output_name, more.active_output);
+  fmt::print("  usage       '{}'\n", more.usage);
+  fmt::print("  properties  {}\n", property_list(info));
+}
+
+void set_port(const Daemon& daemon, const std::string& port, const std::string& state) {
+  const bool active = parse_state(state);
+  GError* error = nullptr;
+  check(iocontrol_state_call_set_state_sync(daemon.state(), daemon.resolve(port), active, nullptr,
+                                            &error),
+        error);
+}
+
+void port_direction(const Daemon& daemon, const std::string& port, const std::string& direction) {
+  const guint number = daemon.resolve(port);
+  GError* error = nullptr;
+  if (!direction.empty()) {
+    check(iocontrol_state_call_set_direction_sync(daemon.state(), number, direction.c_str(),
+                                                  nullptr, &error),
+          error);
+    return;
+  }
+  gchar* current = nullptr;
+  check(iocontrol_state_call_get_direction_sync(daemon.state(), number, &current, nullptr, &error),
+        error);
+  fmt::print("{}\n", take(current));
+}
+
+void port_active(const Daemon& daemon, const std::string& port, const std::string& sense,
+                 Side side) {
+  const guint number = daemon.resolve(port);
+  GError* error = nullptr;
+  if (!sense.empty()) {
+    check(iocontrol_state_call_set_active_sync(daemon.state(), number,
+                                               input_side(daemon, number, side), sense.c_str(),
+                                               nullptr, &error),
+          error);
+    return;
+  }
+  gchar* input = nullptr;
+  gchar* output = nullptr;
+  check(iocontrol_state_call_get_active_sync(daemon.state(), number, &input, &output, nullptr,
+                                             &error),
+        error);
+  fmt::print("input {}\noutput {}\n", take(input), take(output));
+}
+
+void port_name(const Daemon& daemon, const std::string& port,
+               const std::optional<std::string>& name, Side side) {
+  const guint number = daemon.resolve(port);
+  GError* error = nullptr;
+  if (name) {
+    check(iocontrol_state_call_set_name_sync(daemon.state(), number,
+                                             input_side(daemon, number, side), name->c_str(),
+                                             nullptr, &error),
+          error);
+    return;
+  }
+  gchar* input = nullptr;
+  gchar* output = nullptr;
+  check(
+      iocontrol_state_call_get_names_sync(daemon.state(), number, &input, &output, nullptr, &error),
+      error);
+  fmt::print("input {}\noutput {}\n", take(input), take(output));
+}
+
+void port_usage(const Daemon& daemon, const std::string& port,
+                const std::optional<std::string>& usage) {
+  const guint number = daemon.resolve(port);
+  GError* error = nullptr;
+  if (usage) {
+    check(iocontrol_state_call_set_usage_sync(daemon.state(), number, usage->c_str(), nullptr,
+                                              &error),
+          error);
+    return;
+  }
+  gchar* current = nullptr;
+  check(iocontrol_state_call_get_usage_sync(daemon.state(), number, &current, nullptr, &error),
+        error);
+  fmt::print("{}\n", take(current));
+}
+
+void set_virtual(const Daemon& daemon, const std::string& port, const std::string& state) {
+  const bool active = parse_state(state);
+  GError* error = nullptr;
+  check(iocontrol_state_call_set_virtual_sync(daemon.state(), daemon.resolve(port), active, nullptr,
+                                              &error),
+        error);
+}
+
+void run_sequence(const Daemon& daemon, const std::string& port, const std::string& sequence,
+                  bool is_virtual, bool wait) {
+  const auto steps = parse_sequence(sequence);
+  const guint number = daemon.resolve(port);
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE("a(bi)"));
+  for (const auto& step : steps) {
+    g_variant_builder_add(&builder, "(bi)", static_cast<gboolean>(step.state), step.duration_ms);
+  }
+  // The end may be announced before the answer to the start has been looked at: signals wait for
+  // the loop, so none is missed.
+  const std::unique_ptr<GMainLoop, void (*)(GMainLoop*)> loop(g_main_loop_new(nullptr, FALSE),
+                                                              g_main_loop_unref);
+  GError* error = nullptr;
+  check(iocontrol_state_call_start_action_sequence_sync(
+            daemon.state(), number, is_virtual, g_variant_builder_end(&builder), nullptr, &error),
+        error);
+  if (wait) {
+    wait_for_end(loop.get(), number, daemon.state());
+  }
+}
+
+void drop_ports(const Daemon& daemon, const std::vector<std::string>& names, bool json) {
+  std::vector<const gchar*> asked;
+  for (const auto& name : names) {
+    asked.push_back(name.c_str());
+  }
+  asked.push_back(nullptr);
+  g_auto(GStrv) dropped = nullptr;
+  GError* error = nullptr;
+  check(iocontrol_state_call_drop_ioports_sync(daemon.state(), asked.data(), &dropped, nullptr,
+                                               &error),
+        error);
+  Json array = Json::array();
+  for (gchar** name = dropped; *name != nullptr; name++) {
+    array.push_back(*name);
+    if (!json) {
+      fmt::print("{}\n", *name);
+    }
+  }
+  if (json) {
+    print_json(array);
+  }
+  if (array.size() < names.size()) {
+    throw CommandError(Status::Refused, "some ports are unknown or not optional and stay");
+  }
+}
+
+void refresh_ports(const Daemon& daemon) {
+  GError* error = nullptr;
+  check(iocontrol_state_call_refresh_ioports_sync(daemon.state(), nullptr, &error), error);
+}
+
+void show_connectors(const Daemon& daemon, const std::string& description, bool json) {
+  Json result = Json::object();
+  for (const auto& entry : connector_kinds) {
+    if (description != entry.word && description != entry.description) {
+      continue;
+    }
+    GVariant* states = nullptr;
+    GError* error = nullptr;
+    check(wxd_connector_call_get_connector_states_sync(daemon.connector(), entry.description,
+                                                       &states, nullptr, &error),
+          error);
+    const Variant owned(states);
+    Json array = Json::array();
+    for (gsize i = 0; i < g_variant_n_children(states); i++) {
+      const Variant state(g_variant_get_child_value(states, i));
+      array.push_back(g_variant_get_int32(state.get()));
+    }
+    result = {{"connectors", entry.word}, {"count", array.size()}, {"states", array}};
+  }
+  if (result.empty()) {
+    throw CommandError(Status::Usage, fmt::format("'{}' is not video, audio or all", description));
+  }
+  if (json) {
+    print_json(result);
+  } else {
+    fmt::print("{} connectors: {}\n", result["count"].dump(), result["states"].dump());
+  }
+}
+
+void complete_ports(const Daemon& daemon) {
+  for (const auto& port : daemon.ports()) {
+    fmt::print("{}\n", port.name.empty() ? std::to_string(port.number) : port.name);
+  }
+}
+
+} // namespace wexctl

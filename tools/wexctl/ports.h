@@ -1,0 +1,44 @@
+// Verbs on ports: look, drive, configure.
+#pragma once
+
+#include "wexctl/bus.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace wexctl {
+
+/// Which side of a port a setting belongs to; nothing: the side in use.
+using Side = std::optional<bool>;
+
+/// "input" or "output" (true is input); throws for anything else.
+Side parse_side(const std::string& text);
+/// "on"/"off", "1"/"0", "true"/"false".
+bool parse_state(const std::string& text);
+
+void list_ports(const Daemon& daemon, bool json);
+void get_port(const Daemon& daemon, const std::string& port, bool json);
+void set_port(const Daemon& daemon, const std::string& port, const std::string& state);
+/// Without `direction`, shows it.
+void port_direction(const Daemon& daemon, const std::string& port, const std::string& direction);
+/// Without `sense`, shows both sides.
+void port_active(const Daemon& daemon, const std::string& port, const std::string& sense,
+                 Side side);
+/// Without a new name, shows both sides.
+void port_name(const Daemon& daemon, const std::string& port,
+               const std::optional<std::string>& name, Side side);
+/// Without a new text, shows it.
+void port_usage(const Daemon& daemon, const std::string& port,
+                const std::optional<std::string>& usage);
+void set_virtual(const Daemon& daemon, const std::string& port, const std::string& state);
+/// With `wait`, returns when the sequence has ended.
+void run_sequence(const Daemon& daemon, const std::string& port, const std::string& sequence,
+                  bool is_virtual, bool wait);
+void drop_ports(const Daemon& daemon, const std::vector<std::string>& names, bool json);
+void refresh_ports(const Daemon& daemon);
+void show_connectors(const Daemon& daemon, const std::string& description, bool json);
+/// Names for the shell's completion, one a line.
+void complete_ports(const Daemon& daemon);
+
+} // namespace wexctl

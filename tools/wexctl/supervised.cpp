@@ -1,0 +1,155 @@
+#include "wexctl/supervised.h"
+
+#include "wexctl/output.h"
+
+#include <fmt/format.h>
+
+namespace wexctl {
+
+namespace {
+
+void check(gboolean done, GError* error) {
+  if (!done) {
+    throw_bus_error(error);
+  }
+}
+
+struct Readout {
+  std::string state;
+  guint level = 0;
+};
+
+Readout read_port(const Daemon& daemon, guint number) {
+  gchar* state = nullptr;
+  Readout readout;
+  GError* error = nullptr;
+  check(iosupervised_supervised_call_get_supervised_readout_sync(
+            daemon.supervised(), number, &state, &readout.level, nullptr, &error),
+        error);
+  readout.state = state;
+  g_free(state);
+  return readout;
+}
+
+Json ranges_json(const Daemon& daemon, guint number) {
+  GVariant* ranges = nullptr;
+  GError* error = nullptr;
+  check(iosupervised_supervised_call_get_supervised_ranges_sync(daemon.supervised(), number,
+                                                                &ranges, nullptr, &error),
+        error);
+  const Variant owned(ranges);
+  Json array = Json::array();
+  GVariantIter iter;
+  g_variant_iter_init(&iter, ranges);
+  const char* state = nullptr;
+  guint lower = 0;
+  guint upper = 0;
+  while (g_variant_iter_next(&iter, "(&suu)", &state, &lower, &upper)) {
+    array.push_back({{"state", state}, {"lower", lower}, {"upper", upper}});
+  }
+  return array;
+}
+
+std::string ranges_text(const Json& ranges) {
+  std::string text;
+  for (const auto& range : ranges) {
+    text += fmt::format("{}{} {}-{}", text.empty() ? "" : ", ", range["state"].get<std::string>(),
+                        range["lower"].get<guint>(), range["upper"].get<guint>());
+  }
+  return text;
+}
+
+std::vector<guint> supervisable_numbers(const Daemon& daemon) {
+  GVariant* ports = nullptr;
+  GError* error = nullptr;
+  check(iosupervised_supervised_call_get_supervised_port_numbers_sync(daemon.supervised(), &ports,
+                                                                      nullptr, &error),
+        error);
+  const Variant owned(ports);
+  std::vector<guint> numbers;
+  for (gsize i = 0; i < g_variant_n_children(ports); i++) {
+    const Variant number(g_variant_get_child_value(ports, i));
+    numbers.push_back(g_variant_get_uint32(number.get()));
+  }
+  return numbers;
+}
+
+// A port that cannot be read now is shown as such; the others are still worth seeing.
+Json port_json(const Daemon& daemon, guint number) {
+  Json entry{{"number", number}};
+  gboolean on = FALSE;
+  if (iosupervised_supervised_call_get_supervised_sync(daemon.supervised(), number, &on, nullptr,
+                                                       nullptr)) {
+    entry["supervised"] = on != FALSE;
+  }
+  try {
+    const auto readout = read_port(daemon, number);
+    entry["state"] = readout.state;
+    entry["level"] = readout.level;
+  } catch (const CommandError& error) {
+    entry["error"] = error.what();
+  }
+  entry["ranges"] = ranges_json(daemon, number);
+  return entry;
+}
+
+} // namespace
+
+void supervised_show(const Daemon& daemon, const std::string& port, bool json) {
+  const auto numbers =
+      port.empty() ? supervisable_numbers(daemon) : std::vector<guint>{daemon.resolve(port)};
+  Json array = Json::array();
+  Table table({"No", "Supervised", "State", "Level", "Ranges"});
+  for (const guint number : numbers) {
+    const auto entry = port_json(daemon, number);
+    array.push_back(entry);
+    table.add({std::to_string(number), on_or_off(entry.value("supervised", false)),
+               entry.value("state", entry.value("error", "")),
+               entry.contains("level") ? entry["level"].dump() : "", ranges_text(entry["ranges"])});
+  }
+  if (json) {
+    print_json(array);
+  } else {
+    table.print();
+  }
+}
+
+void supervised_switch(const Daemon& daemon, const std::string& port, bool on) {
+  GError* error = nullptr;
+  check(iosupervised_supervised_call_set_supervised_sync(daemon.supervised(), daemon.resolve(port),
+                                                         on, nullptr, &error),
+        error);
+}
+
+void supervised_ranges(const Daemon& daemon, const std::string& port, const std::string& state,
+                       guint lower, guint upper, bool json) {
+  const guint number = daemon.resolve(port);
+  if (!state.empty()) {
+    GError* error = nullptr;
+    check(iosupervised_supervised_call_set_supervised_ranges_sync(
+              daemon.supervised(), number, state.c_str(), lower, upper, nullptr, &error),
+          error);
+    return;
+  }
+  const auto ranges = ranges_json(daemon, number);
+  if (json) {
+    print_json(ranges);
+    return;
+  }
+  Table table({"State", "Lower", "Upper"});
+  for (const auto& range : ranges) {
+    table.add({range["state"].get<std::string>(), range["lower"].dump(), range["upper"].dump()});
+  }
+  table.print();
+}
+
+void supervised_read(const Daemon& daemon, const std::string& port, bool json) {
+  const auto readout = read_port(daemon, daemon.resolve(port));
+  if (json) {
+    print_json({{"state", readout.state}, {"level", readout.level}});
+  } else {
+    fmt::print("{} {}\n", readout.state, readout.level);
+  }
+}
+
+} // namespace wexctl
