@@ -114,10 +114,10 @@ bool read_scan_type(IioPortData* backend, const std::string& channel) {
 }
 
 // The buffer takes no change of its channels while it runs.
-void start_buffer(const std::string& channel, int device) {
+void switch_channel(const std::string& channel, int device, const char* on) {
   const std::string buffer_switch = iio_device_folder(device) + "buffer/enable";
   iio_write_sysfs(buffer_switch, "0");
-  iio_write_sysfs(channel + "_en", "1");
+  iio_write_sysfs(channel + "_en", on);
   iio_write_sysfs(buffer_switch, "1");
 }
 
@@ -146,8 +146,17 @@ bool iio_setup_sysfs(IioPortData* data) {
   if (!read_scan_type(data, channel)) {
     return false;
   }
-  start_buffer(channel, device);
-  return open_node(data, device);
+  g_autofree char* before = nullptr;
+  iio_read_sysfs((channel + "_en").c_str(), &before);
+  switch_channel(channel, device, "1");
+  if (!open_node(data, device)) {
+    // A channel more in the scan would make every sample too long for whoever has the node open.
+    if (g_strcmp0(before, "0") == 0) {
+      switch_channel(channel, device, "0");
+    }
+    return false;
+  }
+  return true;
 }
 
 bool setup_converter(IioPortData* data) {

@@ -6,7 +6,7 @@ import pathlib
 import pytest
 
 import chips
-from guest_device import GuestDevice
+from guest_device import GuestDevice, start_bus
 
 BINARY = pathlib.Path("/bench/wexd")
 
@@ -22,11 +22,19 @@ def fresh_chips():
     chips.remove_triggers()
 
 
+@pytest.fixture(scope="session")
+def message_bus():
+    with contextlib.closing(start_bus()) as message_bus:
+        yield message_bus
+
+
 @pytest.fixture
-def make_device(fresh_chips):
+def make_device(fresh_chips, message_bus):
     """Makes the device with options of its own; it is checked and stopped after the test."""
     with contextlib.ExitStack() as stack:
-        yield lambda **options: stack.enter_context(GuestDevice(BINARY, **options))
+        yield lambda **options: stack.enter_context(
+            GuestDevice(BINARY, message_bus, **options)
+        )
 
 
 @pytest.fixture

@@ -8,7 +8,7 @@ import shutil
 import subprocess
 import time
 
-from sim import device, sandbox
+from sim import bus, device, sandbox
 
 # The exact clock of a process, as <linux/posix-timers.h> makes it from a process id.
 CPUCLOCK_SCHED = 2
@@ -43,17 +43,32 @@ class Guest(sandbox.Sandbox):
         return argv
 
 
+def start_bus():
+    """A bus for all devices to come."""
+    return bus.Bus(Guest(), pathlib.Path("/tmp/bus.log"))
+
+
 class GuestDevice(device.Device):
     """A device whose daemon is a plain child process, started by root.
 
+    message_bus: a running bus that outlives the device, since starting one costs more on the
+    emulated machine than many a test; None starts one.
     user: whether the device has the daemon's own user to change to. Without it the daemon stays
     root, and with that able to export pins and open their files later on.
     """
 
-    def __init__(self, binary, user=True):
+    def __init__(self, binary, message_bus=None, user=True):
         super().__init__(binary)
         self.sandbox = Guest()
         self.sandbox.set_accounts(user=user)
+        self._shared_bus = message_bus
+
+    def __enter__(self):
+        if self._shared_bus is None:
+            return super().__enter__()
+        self._bus = self._shared_bus
+        self._client = self.client()
+        return self
 
     @property
     def pid(self):

@@ -1,0 +1,225 @@
+"""Converters that wake the daemon by threshold events: what is armed, when, and what follows."""
+
+import errno
+
+import pytest
+
+from chips import ADC_BE12, ADC_LE12, PLAIN
+from gpio_ports import gpio_input
+from sim.bus import PortChanged, wait_until
+from supervised_ports import IIO_EITHER, IIO_INTERRUPT, RANGES, Supervision
+
+CHANNEL = IIO_INTERRUPT.channel
+
+
+def start(device, *ports, supervised=True):
+    device.describe("".join(ports))
+    device.start()
+    supervision = Supervision(device)
+    if supervised:
+        supervision.SetSupervised(0, True)
+    return supervision
+
+
+def armed(adc=ADC_LE12, channel=f"voltage{CHANNEL}"):
+    """(rising threshold, falling threshold, what is enabled) of a channel."""
+    folder = adc.folder / "events"
+    value = lambda name: (folder / f"in_{channel}_thresh_{name}").read_text().strip()  # noqa: E731
+    switches = [name for name in ("rising", "falling", "either")
+                if (folder / f"in_{channel}_thresh_{name}_en").exists()]  # fmt: skip
+    enabled = [name for name in switches if value(f"{name}_en") == "1"]
+    return int(value("rising_value")), int(value("falling_value")), enabled
+
+
+@pytest.mark.parametrize("hysteresis", [0, 7])
+@pytest.mark.parametrize("bitshift", [0, 3])
+@pytest.mark.parametrize("state, lower, upper", RANGES)
+def test_thresholds_are_armed_around_the_range(device, hysteresis, bitshift, state, lower, upper):
+    ADC_LE12.set_value((lower + 5) << bitshift, CHANNEL)
+    start(device, IIO_INTERRUPT.port(hysteresis=hysteresis, bitshift=bitshift))
+    rising, falling = (upper + hysteresis) << bitshift, (lower - hysteresis) << bitshift
+    assert armed() == (rising, falling, ["rising", "falling"])
+
+
+def test_nothing_is_armed_before_supervision_or_after(device):
+    IIO_INTERRUPT.show("closed")
+    supervision = start(device, IIO_INTERRUPT.port(), supervised=False)
+    assert armed() == (1, 0, [])
+    supervision.SetSupervised(0, True)
+    assert armed() == (100, 50, ["rising", "falling"])
+    supervision.SetSupervised(0, False)
+    assert armed()[2] == []
+    IIO_INTERRUPT.show("cut")
+    assert ADC_LE12.events(CHANNEL) == 0
+
+
+def test_a_converter_with_one_switch_for_both_directions(device):
+    IIO_EITHER.show("closed")
+    supervision = start(device, IIO_EITHER.port())
+    assert armed(ADC_BE12) == (100, 50, ["either"])
+    supervision.SetSupervised(0, False)
+    assert armed(ADC_BE12)[2] == []
+
+
+@pytest.mark.parametrize(
+    "state, expected", [("short", (45, 0, ["rising"])), ("closed", (1, 45, ["falling"]))]
+)
+def test_one_threshold_at_a_time(device, state, expected):
+    IIO_INTERRUPT.show(state)
+    start(device, IIO_INTERRUPT.port(one_threshold="true", hysteresis=5))
+    assert armed() == expected
+
+
+def test_one_threshold_on_a_converter_with_one_switch(device):
+    IIO_EITHER.show("closed")
+    start(device, IIO_EITHER.port(one_threshold="true", hysteresis=5))
+    assert armed(ADC_BE12) == (1, 45, ["either"])
+
+
+def test_a_level_within_the_hysteresis_wakes_nobody(device):
+    ADC_LE12.set_value(75, CHANNEL)
+    start(device, IIO_INTERRUPT.port(hysteresis=8))
+    signals = device.signals()
+    for level in (100, 108, 50, 42, 75):
+        ADC_LE12.set_value(level, CHANNEL)
+    assert ADC_LE12.events(CHANNEL) == 0
+    ADC_LE12.set_value(120, CHANNEL)
+    signals.wait_for(PortChanged, port=0, input=True)
+    assert ADC_LE12.events(CHANNEL) == 1
+    wait_until(lambda: armed()[:2] == (188, 102), "thresholds around the new range")
+
+
+def test_a_thousand_changes_leave_the_final_state_known(device):
+    ADC_LE12.set_value(75, CHANNEL)
+    supervision = start(device, IIO_INTERRUPT.port())
+    before = device.descriptors
+    signals = device.signals()
+    for i in range(1000):
+        IIO_INTERRUPT.show("open" if i % 2 == 0 else "closed")
+    IIO_INTERRUPT.show("cut")
+    wait_until(lambda: supervision.GetSupervisedReadout(0)[0] == "cut", "the final state")
+    signals.take()
+    wait_until(lambda: armed()[:2] == (255, 200), "thresholds around the final range")
+    IIO_INTERRUPT.show("closed")
+    signals.wait_for(PortChanged, port=0)
+    assert device.descriptors == before
+
+
+def test_beyond_a_limit_the_level_is_polled_until_it_falls_back(device):
+    IIO_INTERRUPT.show("cut")
+    supervision = start(device, IIO_INTERRUPT.port(upper_limit=200, limit_timeout=20))
+    assert armed()[2] == []
+    signals = device.signals()
+    signals.take()
+    IIO_INTERRUPT.show("open")
+    assert ADC_LE12.events(CHANNEL) == 0
+    signals.wait_for(PortChanged, port=0, input=True)
+    assert supervision.GetSupervisedReadout(0)[0] == "open"
+    wait_until(lambda: armed() == (180, 110, ["rising", "falling"]), "armed thresholds")
+
+
+def test_a_lower_limit_polls_as_well_and_survives_switching_off(device):
+    IIO_INTERRUPT.show("short")
+    supervision = start(device, IIO_INTERRUPT.port(lower_limit=30, limit_timeout=10))
+    assert armed()[2] == []
+    for _ in range(20):
+        supervision.SetSupervised(0, False)
+        supervision.SetSupervised(0, True)
+    IIO_INTERRUPT.show("closed")
+    wait_until(lambda: armed() == (100, 50, ["rising", "falling"]), "armed thresholds")
+
+
+def test_settings_of_the_whole_device_are_written(device):
+    start(
+        device,
+        IIO_INTERRUPT.port(shared_samplefreq=321, integration_time=250000),
+        supervised=False,
+    )
+    assert ADC_LE12.attribute("in_voltage_sampling_frequency") == "321"
+    assert ADC_LE12.attribute("in_proximity_integration_time") == "0.250000"
+
+
+def test_other_names_of_the_settings(device):
+    start(
+        device,
+        IIO_EITHER.port(shared_samplefreq=654, shared_thresh_either_period=5),
+        supervised=False,
+    )
+    assert ADC_BE12.attribute("sampling_frequency") == "654"
+    assert ADC_BE12.attribute("events/in_voltage_thresh_either_period") == "5"
+
+
+def test_a_channel_with_a_longer_name(device):
+    ADC_BE12.set_value(75, 3)
+    supervision = start(device, IIO_EITHER.port(channel=3, chan_extend_name="loop"))
+    assert armed(ADC_BE12, "voltage3_loop") == (100, 50, ["either"])
+    signals = device.signals()
+    ADC_BE12.set_value(140, 3)
+    signals.wait_for(PortChanged, port=0, input=True)
+    assert supervision.GetSupervisedReadout(0) == ("open", 140)
+
+
+def test_an_event_of_another_channel_is_dropped(device):
+    IIO_INTERRUPT.show("closed")
+    start(device, IIO_INTERRUPT.port())
+    events = ADC_LE12.folder / "events"
+    (events / "in_voltage0_thresh_rising_value").write_text("10")
+    (events / "in_voltage0_thresh_rising_en").write_text("1")
+    signals = device.signals()
+    ADC_LE12.set_value(20, 0)
+    assert ADC_LE12.events(0) == 1
+    IIO_INTERRUPT.show("cut")
+    signals.wait_for(PortChanged, port=0, input=True)
+    signals.assert_none()
+
+
+def test_two_ports_on_one_converter(root_device):
+    """Its events serve the port that was watched first, as long as that is watched."""
+    IIO_INTERRUPT.show("closed")
+    ADC_LE12.set_value(75, 1)
+    root_device.describe(
+        IIO_INTERRUPT.port("gate", 1, mode="adc", pins="", channel=1)
+        + IIO_INTERRUPT.port("zone", 0, mode="adc", pins="", optional="true")
+    )
+    root_device.start()
+    signals = root_device.signals()
+    signals.take()
+    IIO_INTERRUPT.show("open")
+    wait_until(lambda: root_device.state.GetState(0) is False, "the new state")
+    root_device.state.DropIOPorts(["zone"])
+    assert list(root_device.ports()) == [1]
+    root_device.state.RefreshIOPorts()
+    assert sorted(root_device.ports()) == [0, 1]
+
+
+@pytest.mark.parametrize(
+    "fault, message",
+    [
+        ({"driver": "bench-adc-none"}, "Failed to find device name"),
+        ({"driver": "bench-adc-u8"}, "Failed to open device /dev/iio:device5: "),
+        ({"channel": 9}, "Failed to open sysfs path '.*in_voltage9_thresh_rising_value'"),
+        ({"chan_extend_name": "x"}, "Failed to open sysfs path"),
+    ],
+)
+def test_a_fault_of_the_description_drops_only_its_port(root_device, fault, message):
+    start(root_device, IIO_INTERRUPT.port(**fault), gpio_input("door", 1, PLAIN[8]),
+          supervised=False)  # fmt: skip
+    assert list(root_device.ports()) == [1]
+    assert root_device.log_count(f"^WARNING: {message}") == 1
+    assert root_device.log_count("^WARNING: Failed to setup iio device.") == 1
+    lines = (IIO_INTERRUPT.inputs, IIO_INTERRUPT.ioctrl, IIO_INTERRUPT.sioctrl)
+    assert not any(line.exported for line in lines)
+    assert not any("iio" in target for target in root_device.descriptors)
+
+
+def test_a_reading_that_fails_is_told_and_gets_over(device):
+    IIO_INTERRUPT.show("closed")
+    supervision = start(device, IIO_INTERRUPT.port())
+    ADC_LE12.fail_readings(errno.EIO)
+    IIO_INTERRUPT.show("cut")
+    device.wait_for_log("^WARNING: Readout failed: ")
+    ADC_LE12.fail_readings(0)
+    supervision.SetSupervised(0, False)
+    supervision.SetSupervised(0, True)
+    assert supervision.GetSupervisedReadout(0)[0] == "cut"
+    assert armed() == (255, 200, ["rising", "falling"])
