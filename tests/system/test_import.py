@@ -1,0 +1,143 @@
+"""The one-time import of what the older parameter service left."""
+
+import random
+
+import pytest
+from describe import port
+
+IMPORT = "/tmp/wexd_ioport.conf"
+
+PORTS = (
+    port("in", 0, "input", input_name="Door")
+    + port("out", 1, "output", output_name="Relay", pulse_time=700, button_type="pulse")
+    + port("both", 2, "io_ctrl")
+    + port("locked", 3, "io_ctrl", properties="ioport readonly", input_name="A", output_name="B")
+)
+
+
+def start(device, text):
+    device.describe(PORTS)
+    device.write(IMPORT, text)
+    device.start()
+    return device.saved
+
+
+@pytest.mark.parametrize(
+    "group, key, value, saved_group, saved_key, saved",
+    [
+        ("IOPort.I0.Input", "Name", "Gate", "in", "input_name", "Gate"),
+        ("IOPort.I0.Input", "Name", '"Gate"', "in", "input_name", "Gate"),
+        ("IOPort.I0.Input", "Name", '"Gate', "in", "input_name", "Gat"),
+        ("IOPort.I0.Input", "Name", '"', "in", "input_name", ""),
+        ("IOPort.I0.Input", "Name", 'Ga"te"', "in", "input_name", 'Ga"te"'),
+        ("IOPort.I0.Input", "Trig", "open", "in", "input_activelow", "true"),
+        ("IOPort.I0.Input", "Trig", "closed", "in", "input_activelow", "false"),
+        ("IOPort.I1.Output", "Name", '"Horn"', "out", "output_name", "Horn"),
+        ("IOPort.I1.Output", "Active", "open", "out", "output_activelow", "true"),
+        ("IOPort.I1.Output", "Button", "none", "out", "button_type", "none"),
+        ("IOPort.I1.Output", "Button", "actinact", "out", "button_type", "actinact"),
+        ("IOPort.I1.Output", "Button", "push", "out", "button_type", "pulse"),
+        ("IOPort.I1.Output", "PulseTime", "250", "out", "pulse_time", "250"),
+        ("IOPort.I1.Output", "PulseTime", "25ms", "out", "pulse_time", "25"),
+        ("IOPort.I1.Output", "PulseTime", "x25", "out", "pulse_time", "700"),
+        ("IOPort.I1.Output", "DelayTime", "90", "out", "delay_time", "90"),
+        ("IOPort.I1.Output", "DelayTime", "-90", "out", "delay_time", "0"),
+        ("IOPort.I1.Output", "Mode", "bistable", "out", "port_mode", "bistable"),
+        ("IOPort.I1.Output", "Mode", "whatever", "out", "port_mode", "monostable"),
+        ("IOPort.I2", "Direction", "output", "both", "input", "false"),
+        ("IOPort.I2", "Direction", "input", "both", "input", "true"),
+        ("IOPort.I2.Extra", "Direction", "output", "both", "input", "false"),
+        ("XXXXXXXX2Input", "Name", "Odd", "both", "input_name", "Odd"),
+    ],
+)
+def test_a_value_is_taken_and_saved(device, group, key, value, saved_group, saved_key, saved):
+    assert start(device, f"[{group}]\n{key}={value}\n")[saved_group][saved_key] == saved
+
+
+def test_imported_values_win_over_saved_ones(device):
+    device.settings("[out]\noutput_name=Old\noutput_activelow=false\npulse_time=1\n"
+                    "port_mode=bistable\ndelay_time=0\nusage=\n")  # fmt: skip
+    assert start(device, "[IOPort.I1.Output]\nName=New\n")["out"]["output_name"] == "New"
+
+
+@pytest.mark.parametrize(
+    "bad",
+    [
+        "[IOPort.I0.Input]\nTrig=Open\nName=Lost\n",
+        "[IOPort.I0.Input]\nColour=red\nName=Lost\n",
+        "[IOPort.I1.Output]\nActive=ajar\nName=Lost\n",
+        "[IOPort.I1.Output]\nColour=red\nName=Lost\n",
+        "[IOPort.I2]\nDirection=up\nName=Lost\n",
+        "[IOPort.Ix.Input]\nName=Lost\n",
+        "[IOPort.Ix.Output]\nName=Lost\n",
+        "[IOInput]\nName=Lost\n",
+        "[IOPort.I9.Output]\nName=Lost\n",
+        "[IOPort.I9]\nDirection=input\n",
+    ],
+)
+def test_a_bad_group_ends_there_and_later_ones_are_taken(device, bad):
+    saved = start(device, bad + "[IOPort.I2.Input]\nName=Taken\n")
+    assert saved["both"]["input_name"] == "Taken"
+    assert (saved["in"]["input_name"], saved["out"]["output_name"]) == ("Door", "Relay")
+
+
+def test_values_before_the_bad_one_stay(device):
+    saved = start(device, "[IOPort.I0.Input]\nName=Kept\nTrig=Open\n")
+    assert saved["in"]["input_name"] == "Kept"
+
+
+def test_an_input_without_a_port_ends_the_import(device):
+    saved = start(
+        device,
+        "[IOPort.I0.Input]\nName=Before\n[IOPort.I9.Input]\nName=x\n"
+        "[IOPort.I1.Output]\nName=After\n",
+    )
+    assert saved["in"]["input_name"] == "Before"
+    assert saved["out"]["output_name"] == "Relay"
+    assert "No port 9 to write sedrin data to.\n" in device.stderr
+
+
+@pytest.mark.parametrize("group", ["Input", "Output", "Other", "IOPort", "ioport.i0.x"])
+def test_other_groups_are_ignored(device, group):
+    saved = start(device, f"[{group}]\nName=Lost\nDirection=output\n")
+    assert (saved["in"]["input_name"], saved["both"]["input"]) == ("Door", "true")
+
+
+@pytest.mark.parametrize("number, group", [(0, "in"), (1, "out")])
+def test_a_direction_of_a_fixed_port_is_ignored(device, number, group):
+    start(device, f"[IOPort.I{number}]\nDirection=up\n[IOPort.I2.Input]\nName=Taken\n")
+    assert "input" not in device.saved[group]
+    assert device.saved["both"]["input_name"] == "Taken"
+
+
+def test_a_read_only_port_keeps_its_names_and_the_import_goes_on(device):
+    saved = start(device, "[IOPort.I3.Input]\nName=x\nTrig=open\n[IOPort.I0.Input]\nName=y\n")
+    assert (saved["locked"]["input_name"], saved["locked"]["input_activelow"]) == ("A", "false")
+    assert saved["in"]["input_name"] == "y"
+
+
+def test_a_file_that_does_not_parse_is_no_obstacle(device):
+    assert start(device, "no key file")["in"]["input_name"] == "Door"
+
+
+def test_text_that_is_no_utf8_is_refused(device):
+    device.describe(PORTS)
+    device.path(IMPORT).write_bytes(b"[IOPort.I0.Input]\nName=\xff\xfe\n")
+    device.start()
+    assert device.state.GetNames(0) == ("Door", "")
+
+
+def test_a_folder_in_the_file_s_place_is_not_read(device):
+    device.describe(PORTS)
+    device.path(IMPORT).mkdir(parents=True)
+    device.start()
+    assert device.saved["in"]["input_name"] == "Door"
+
+
+@pytest.mark.parametrize("seed", range(6))
+def test_whatever_the_file_holds_the_daemon_starts(device, seed):
+    chance = random.Random(seed)
+    words = ["[IOPort.I", "]", "\n", "=", "Name", "Trig", "Input", "Output", "open", '"', "0", "9",
+             "Direction", ".", "PulseTime", "\x01", "-", " ", "[", "Button", "é"]  # fmt: skip
+    start(device, "".join(chance.choice(words) for _ in range(3000)))
+    device.sync()
