@@ -16,9 +16,9 @@ constexpr guint state_unknown = 4;
 
 struct ZwavePortData {
   GDBusProxy* proxy = nullptr;
-  bool connected = false;
   bool watching = false;
-  // These two are set by action-sequence threads as well.
+  // These three are used by action-sequence threads as well.
+  std::atomic<bool> connected{false};
   std::atomic<gint> output_value{0};
   std::atomic<guint> state{0};
   gulong signal_handler = 0;

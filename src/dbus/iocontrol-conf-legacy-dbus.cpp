@@ -259,6 +259,27 @@ GDBusConnection* connection_in_use() {
   return static_cast<GDBusConnection*>(g_object_ref(legacy_ctrl->connection));
 }
 
+// A negative number makes no object path, and GLib has no error to give for that.
+bool emit_properties_changed(GDBusConnection* connection, gint port_number,
+                             const char* interface_name, const char* property, const char* value,
+                             GError** error) {
+  const std::string path = object_path(port_number);
+  if (!g_variant_is_object_path(path.c_str())) {
+    g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "port %d has no object",
+                port_number);
+    return false;
+  }
+  GVariantBuilder changed;
+  g_variant_builder_init(&changed, G_VARIANT_TYPE("a{sv}"));
+  g_variant_builder_add(&changed, "{sv}", property,
+                        g_variant_new_bytestring(value != nullptr ? value : ""));
+  return g_dbus_connection_emit_signal(
+             connection, nullptr, path.c_str(), "org.freedesktop.DBus.Properties",
+             "PropertiesChanged", g_variant_new("(sa{sv}as)", interface_name, &changed, nullptr),
+             error)
+         != FALSE;
+}
+
 void on_setting_changed(const char* property, const char* value, gint port_number, PortSide side) {
   wexd_g_dbus_common_emit_property_changed_signal(property, value, port_number,
                                                   static_cast<guint>(side));
@@ -308,16 +329,9 @@ void wexd_g_dbus_common_emit_property_changed_signal(const char* property, const
   if (connection == nullptr) {
     return;
   }
-  GVariantBuilder changed;
-  g_variant_builder_init(&changed, G_VARIANT_TYPE("a{sv}"));
-  g_variant_builder_add(&changed, "{sv}", property,
-                        g_variant_new_bytestring(value != nullptr ? value : ""));
   g_autoptr(GError) error = nullptr;
-  if (!g_dbus_connection_emit_signal(
-          connection, nullptr, object_path(port_number).c_str(), "org.freedesktop.DBus.Properties",
-          "PropertiesChanged",
-          g_variant_new("(sa{sv}as)", selected_interface(interface_selector), &changed, nullptr),
-          &error)) {
+  if (!emit_properties_changed(connection, port_number, selected_interface(interface_selector),
+                               property, value, &error)) {
     g_log(G_LOG_DOMAIN, log_level_user, "%s%s Failed to emit configuration changed signal: %s",
           log_prefix, __func__, error->message);
   }

@@ -359,3 +359,16 @@ def test_a_call_that_does_not_fit_is_refused_and_harms_nothing(
     with pytest.raises(BusError, match=r"^org\.freedesktop\.DBus\.Error\."):
         running.first_client.call(STATE_NAME, path, interface, method, signature, *arguments)
     assert running.state.GetState(0) is False
+
+
+def test_a_port_without_a_number_can_be_configured(device):
+    device.describe(port("stray", None, "io_ctrl"))
+    device.start()
+    number = 0xFFFFFFFF  # -1
+    device.state.SetName(number, False, "Stray")
+    device.state.SetUsage(number, "none")
+    device.state.SetDirection(number, "output")
+    device.state.SetActive(number, False, "open")
+    assert device.state.GetNames(number) == ("", "Stray")
+    assert device.saved["stray"]["usage"] == "none"
+    assert device.log_count("^USER: .*Failed to emit configuration changed signal: .*-1") == 4

@@ -3,7 +3,7 @@
 import pytest
 from describe import port
 
-from sim.bus import PortChanged, wait_until
+from sim.bus import ActionSequenceDone, PortChanged, wait_until
 from sim.peers import ZWave
 
 
@@ -55,6 +55,16 @@ def test_an_output_is_sent_again_when_the_service_comes_back(device):
     peer.start()
     wait_until(lambda: peer.sent == [(3, True)], "the state to be sent again")
     assert device.state.GetState(3) is True
+
+
+def test_a_sequence_goes_on_while_the_service_goes_and_comes(device):
+    peer = start(device, zwave("out", 3, "output"))
+    signals = device.signals()
+    device.state.StartActionSequence(3, False, [(n % 2 == 0, 1) for n in range(400)])
+    peer.stop()
+    peer.start()
+    signals.wait_for(ActionSequenceDone, port=3)
+    wait_until(lambda: peer.sent[-1:] == [(3, False)], "the last state to be sent")
 
 
 def test_an_input_reads_0_while_the_service_is_away_and_is_asked_on_its_return(device):
