@@ -58,7 +58,11 @@ def test_a_named_line_of_another_driver_is_found(device):
         device.stop()
 
 
-@pytest.mark.parametrize("alias", ["nobody", "../../gpio", "gpiochip100", "", "x" * 5000])
+@pytest.mark.parametrize(
+    "alias",
+    ["nobody", "../../gpio", "gpiochip100", "", "x" * 5000],
+    ids=["unknown", "path", "chip", "empty", "endless"],
+)
 def test_a_name_that_no_line_has_drops_only_its_port(device, alias):
     lost = port("lost", 0, "input", "gpio", backend_inside=element("input", alias=alias))
     device.expect("CRITICAL.*libugpio_port_setup.*port->optional")
