@@ -33,12 +33,16 @@ def armed(adc=ADC_LE12, channel=f"voltage{CHANNEL}"):
 
 @pytest.mark.parametrize("hysteresis", [0, 7])
 @pytest.mark.parametrize("bitshift", [0, 3])
-@pytest.mark.parametrize("state, lower, upper", RANGES)
-def test_thresholds_are_armed_around_the_range(device, hysteresis, bitshift, state, lower, upper):
-    ADC_LE12.set_value((lower + 5) << bitshift, CHANNEL)
+def test_thresholds_are_armed_around_the_range(device, hysteresis, bitshift):
+    IIO_INTERRUPT.show("closed")
     start(device, IIO_INTERRUPT.port(hysteresis=hysteresis, bitshift=bitshift))
-    rising, falling = (upper + hysteresis) << bitshift, (lower - hysteresis) << bitshift
-    assert armed() == (rising, falling, ["rising", "falling"])
+    for state, lower, upper in (*RANGES, *reversed(RANGES)):
+        ADC_LE12.set_value((lower + upper) // 2 << bitshift, CHANNEL)
+        rising, falling = (upper + hysteresis) << bitshift, (lower - hysteresis) << bitshift
+        wait_until(
+            lambda: armed() == (rising, falling, ["rising", "falling"]),
+            lambda: f"{rising} and {falling} around {state}; there are {armed()}",
+        )
 
 
 def test_nothing_is_armed_before_supervision_or_after(device):
