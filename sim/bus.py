@@ -39,6 +39,21 @@ STATE_METHODS = {
 }
 
 
+SUPERVISED_NAME = "com.norv.IOSupervised.Supervised"
+SUPERVISED_PATH = "/com/norv/IOSupervised/Supervised"
+SUPERVISED_METHODS = {
+    "GetNumberOfPorts": "",
+    "IsSupervisable": "u",
+    "GetSupervised": "u",
+    "SetSupervised": "ub",
+    "SetSupervisedRanges": "usuu",
+    "GetSupervisedRanges": "u",
+    "GetSupervisedReadout": "u",
+    "GetSupervisedStates": "u",
+    "GetSupervisedPortNumbers": "",
+}
+
+
 class PortChanged(
     collections.namedtuple(
         "PortChanged", "port virtual hidden input virtual_trig state activelow"
@@ -166,6 +181,9 @@ class Client:
             None,
         )
         self.state = Interface(self, STATE_NAME, STATE_PATH, STATE_NAME, STATE_METHODS)
+        self.supervision = Interface(
+            self, SUPERVISED_NAME, SUPERVISED_PATH, SUPERVISED_NAME, SUPERVISED_METHODS
+        )
 
     def call(self, name, path, interface, method, signature="", *arguments, timeout=None):
         """Calls a method: None, one value, or a tuple, as the reply has none, one or more."""

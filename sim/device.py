@@ -17,6 +17,7 @@ import os
 import pathlib
 import re
 import shutil
+import socket
 import signal
 import subprocess
 import tempfile
@@ -194,11 +195,12 @@ class Device:
                 f"the daemon ended with status {self.process.returncode} before it was ready\n"
                 f"{self.stdout}{self.stderr}"
             )
-            # Right after a restart the bus may still hold the name for the life before.
-            owner = self._client.owner(bus.STATE_NAME)
+            # Right after a restart the bus may still hold the name for the life before. This name
+            # is the last of those that the daemon asks for.
+            owner = self._client.owner(bus.SUPERVISED_NAME)
             return owner if owner != self._owner else None
 
-        self._owner = wait_until(ready, f"{bus.STATE_NAME} on the bus", self._deadline())
+        self._owner = wait_until(ready, f"{bus.SUPERVISED_NAME} on the bus", self._deadline())
 
     def signal(self, number):
         os.kill(self.pid, number)
@@ -324,6 +326,15 @@ class Device:
         return self._client.state
 
     @property
+    def supervision(self):
+        """The supervision interface."""
+        return self._client.supervision
+
+    def system_log(self):
+        """What the daemon writes to the system log from now on; start the daemon inside."""
+        return SystemLog(self)
+
+    @property
     def first_client(self):
         return self._client
 
@@ -347,6 +358,37 @@ class Device:
         count, entries = self.state.GetPortProps()
         assert count == len(entries)
         return [Props(*entry[:6], dict(entry[6])) for entry in entries]
+
+
+class SystemLog:
+    """The socket that the daemon's syslog calls end in."""
+
+    def __init__(self, device):
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        # By way of the folder, because the name of a socket may have no more than 107 characters.
+        self.path = device.path("/run/log")
+        self.messages = []
+
+    def __enter__(self):
+        self.socket.bind(str(self.path))
+        self.path.chmod(0o666)
+        self.socket.setblocking(False)
+        return self
+
+    def __exit__(self, *_):
+        self.socket.close()
+        self.path.unlink()
+
+    def wait_for(self, text):
+        """Waits for a message that holds the text, and returns it."""
+
+        def found():
+            with contextlib.suppress(BlockingIOError):
+                while True:
+                    self.messages.append(self.socket.recv(4096).decode())
+            return next((message for message in self.messages if text in message), None)
+
+        return bus.wait_until(found, f"{text!r} in the system log; it holds {self.messages}")
 
 
 class Props(

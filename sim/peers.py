@@ -1,44 +1,224 @@
-"""Stand-ins for the services that the daemon calls."""
+"""Stand-ins for the services that the daemon calls, one process each.
 
+A peer can be started late, vanish, come back, answer errors, answer late or never, answer the wrong
+type, and send its signals.
+"""
+
+import json
 import os
+import pathlib
 import subprocess
 import sys
 
-from sim.bus import wait_until
+from sim.bus import BusError, wait_until
 
 MOCK = "org.freedesktop.DBus.Mock"
+MOCKS = pathlib.Path(__file__).resolve().parent / "mocks"
+
+# A reply of a type that no method of the peers has, with a value of that type.
+WRONG_TYPE = ("ad", "ret = dbus.Array([1.5], signature='d')")
 
 
-class BootBlock:
+class Peer:
+    """One mock service; `parameters` are those of its template."""
+
+    TEMPLATE = NAME = PATH = INTERFACE = ""
+    SIGNATURES = {}  # in-signature of each method, for faults
+
+    def __init__(self, device, start=True, **parameters):
+        self.device = device
+        self.parameters = parameters
+        self.client = device.client()
+        self.process = None
+        device.on_exit(self.stop)
+        if start:
+            self.start()
+
+    def start(self, **parameters):
+        """Comes on the bus; with parameters, changed by them."""
+        self.parameters |= parameters
+        self.process = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", sys.executable, "-m", "dbusmock",
+             "--template", str(MOCKS / f"{self.TEMPLATE}.py"),
+             "--parameters", json.dumps(self.parameters)],
+            env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.device.bus_address},
+            stdout=subprocess.DEVNULL,
+        )  # fmt: skip
+        wait_until(lambda: self.client.owner(self.NAME), f"{self.NAME} on the bus")
+        wait_until(self._loaded, f"{self.NAME} to know its template")
+
+    def _loaded(self):
+        """The name comes before the template's methods."""
+        try:
+            self.mock("GetCalls")
+            return self.is_loaded()
+        except BusError:
+            return False
+
+    def is_loaded(self):
+        return True
+
+    def stop(self):
+        """Vanishes from the bus."""
+        if self.process is not None:
+            self.process.kill()
+            self.process.wait()
+            self.process = None
+            wait_until(lambda: not self.client.owner(self.NAME), f"{self.NAME} off the bus")
+
+    def mock(self, method, signature="", *arguments, path=None):
+        return self.client.call(self.NAME, path or self.PATH, MOCK, method, signature, *arguments)
+
+    def play(self, method, signature, *arguments, path=None, interface=None):
+        """Has the peer do something by itself."""
+        self.client.call(
+            self.NAME, path or self.PATH, interface or self.INTERFACE, method, signature,
+            *arguments,
+        )  # fmt: skip
+
+    def emit(self, signal, signature, *arguments, path=None, interface=None):
+        """Sends a signal, of whatever types."""
+        from gi.repository import GLib
+
+        kinds = GLib.Variant(f"({signature})", arguments)
+        values = [kinds.get_child_value(i) for i in range(kinds.n_children())]
+        self.mock("EmitSignal", "sssav", interface or self.INTERFACE, signal, signature, values,
+                  path=path)  # fmt: skip
+
+    def calls(self, method):
+        """The arguments of every call of a method, in order."""
+        return [tuple(call[2]) for call in self.mock("GetCalls") if call[1] == method]
+
+    def forget_calls(self):
+        self.mock("ClearCalls")
+
+    def _replace(self, method, reply_type, code):
+        interface, signature = self.SIGNATURES[method]
+        self.mock("AddMethod", "sssss", interface or self.INTERFACE, method, signature, reply_type,
+                  code)  # fmt: skip
+
+    def fail(self, method, message="out of order"):
+        """From now on the method answers an error."""
+        code = f"raise dbus.exceptions.DBusException({message!r}, name='com.norv.Error.Mock')"
+        self._replace(method, "", code)
+
+    def mistype(self, method):
+        """From now on the method answers something of another type."""
+        self._replace(method, *WRONG_TYPE)
+
+    def delay(self, method, seconds, reply_type="", answer="ret = None"):
+        """From now on the method answers late."""
+        self._replace(method, reply_type, f"import time; time.sleep({seconds})\n{answer}")
+
+    def answer(self, method, reply_type, value):
+        """From now on the method answers this."""
+        self._replace(method, reply_type, f"ret = {value!r}")
+
+
+class BootBlock(Peer):
     """The service that reads boot-block parameters; it knows one, the hardware id.
 
     Start it before the daemon, which asks while it reads its hardware description.
     """
 
-    NAME = "com.norv.PolicyKitSystem"
+    TEMPLATE = "boot_block"
+    NAME = INTERFACE = "com.norv.PolicyKitSystem"
     PATH = "/com/norv/PolicyKitSystem"
+    SIGNATURES = {"ReadBootblockParam": (None, "s")}
 
     def __init__(self, device, hwid):
-        self.client = device.client()
-        self.process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "TERM", sys.executable, "-m", "dbusmock", "--system",
-             self.NAME, self.PATH, self.NAME],
-            env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": device.bus_address},
-            stdout=subprocess.DEVNULL,
-        )  # fmt: skip
-        device.on_exit(self.close)
-        wait_until(lambda: self.client.owner(self.NAME), f"{self.NAME} on the bus")
-        answer = f"ret = {{'HWID': {hwid!r}}}[args[0]]"
-        self._mock("AddMethod", "sssss", self.NAME, "ReadBootblockParam", "s", "s", answer)
-
-    def _mock(self, method, signature="", *arguments):
-        return self.client.call(self.NAME, self.PATH, MOCK, method, signature, *arguments)
+        super().__init__(device, values={"HWID": hwid})
 
     @property
     def asked(self):
         """The names of the parameters asked for, in order."""
-        return [call[2][0] for call in self._mock("GetCalls") if call[1] == "ReadBootblockParam"]
+        return [arguments[0] for arguments in self.calls("ReadBootblockParam")]
 
-    def close(self):
-        self.process.terminate()
-        self.process.wait()
+
+class IoBox(Peer):
+    """The IO box monitor with its box."""
+
+    TEMPLATE = "iobox_monitor"
+    NAME = INTERFACE = "com.norv.IOBoxMonitor"
+    PATH = "/com/norv/IOBoxMonitor"
+    SIGNATURES = {
+        "GetIOBoxConnected": (None, ""),
+        "GetIOBoxType": (None, ""),
+        "GetIOPortStatus": (None, "i"),
+        "GetSupervised": (None, "i"),
+        "GetIOState": (None, "i"),
+        "SetIOMode": (None, "iis"),
+    }
+
+    def line(self, port, state):
+        """A line of the box changes."""
+        self.play("PlayState", "is", port, state)
+
+    @property
+    def modes(self):
+        """What SetIOMode was called with: (port, output value, mode)."""
+        return self.calls("SetIOMode")
+
+
+class ZWave(Peer):
+    """The Z-Wave service."""
+
+    TEMPLATE = "zwave"
+    NAME = INTERFACE = "com.norv.ZWave.IO"
+    PATH = "/com/norv/ZWave"
+    SIGNATURES = {"GetStateByPort": (None, "i"), "SetStateByPort": (None, "ib")}
+
+    def device_state(self, port, state):
+        """A Z-Wave device changes."""
+        self.play("PlayState", "ib", port, state)
+
+    @property
+    def sent(self):
+        """What SetStateByPort was called with: (port, state)."""
+        return [(int(port), bool(state)) for port, state in self.calls("SetStateByPort")]
+
+
+class Streamer(Peer):
+    """The video streamer with its channels."""
+
+    TEMPLATE = "streamer"
+    NAME = "com.norv.Streamer"
+    PATH = "/com/norv/Streamer/Video/Channel"
+    INTERFACE = "com.norv.Streamer.Video.Channel"
+
+    def is_loaded(self):
+        """The last channel is there."""
+        count = len(self.parameters.get("channels", [True]))
+        if count == 0:
+            return True
+        self.client.call(self.NAME, f"{self.PATH}/{count}", "org.freedesktop.DBus.Properties",
+                         "GetAll", "s", self.INTERFACE)  # fmt: skip
+        return True
+
+    def enable(self, channel, enabled):
+        self.play("PlayEnabled", "b", enabled, path=f"{self.PATH}/{channel}")
+
+
+class Coordinator(Peer):
+    """The PTZ coordinator."""
+
+    TEMPLATE = "ptz_coordinator"
+    NAME = INTERFACE = "com.norv.PTZ.Coordinator"
+    PATH = "/com/norv/PTZ/Coordinator/1"
+
+    def enable(self, enabled):
+        self.play("PlayEnabled", "b", enabled)
+
+
+class ActionEngine(Peer):
+    """The action engine with its templates."""
+
+    TEMPLATE = "action_engine"
+    NAME = INTERFACE = "com.norv.Event.ActionEngine.User"
+    PATH = "/com/norv/Event/ActionEngine"
+    TEMPLATES = "com.norv.Event.ActionEngine.ActionTemplate"
+    SIGNATURES = {"List": (TEMPLATES, ""), "AddFromFile": (TEMPLATES, "s"), "Remove": (TEMPLATES, "s")}
+
+    @property
+    def templates(self):
+        return self.client.call(self.NAME, self.PATH, self.TEMPLATES, "Templates")

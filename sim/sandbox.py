@@ -125,6 +125,7 @@ class Sandbox:
             "--symlink", "/run", "/var/run",
             "--proc", "/proc",
             "--dev", "/dev",
+            "--symlink", "/run/log", "/dev/log",
             "--bind", str(self.path("/etc")), "/etc",
             "--bind", str(self.path("/tmp")), "/tmp",
             "--bind", str(self.path("/run")), "/run",

@@ -1,0 +1,118 @@
+// How late the steps of an action sequence fire against their deadlines, beside a bare wait on a
+// condition variable that holds the same durations at the same time on a thread of its own.
+#include "platform/log.h"
+#include "port/action-sequence.h"
+#include "port/ioport.h"
+#include "port/port-observer.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <mutex>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr int steps = 1000;
+constexpr int shortest_ms = 1;
+constexpr int longest_ms = 20;
+
+/// When each step was announced, in microseconds on the monotonic clock.
+std::vector<gint64> announced;
+std::mutex mutex;
+std::condition_variable ended;
+bool over = false;
+
+std::vector<gint32> make_durations() {
+  std::mt19937 random(steps);
+  std::uniform_int_distribution<gint32> length(shortest_ms, longest_ms);
+  std::vector<gint32> durations(steps);
+  std::ranges::generate(durations, [&] { return length(random); });
+  return durations;
+}
+
+// The start of a step is its predecessor's deadline.
+std::vector<gint64> lateness(const std::vector<gint64>& starts,
+                             const std::vector<gint32>& durations) {
+  std::vector<gint64> late;
+  for (std::size_t i = 1; i < starts.size(); i++) {
+    late.push_back(starts[i] - starts[i - 1] - gint64{1000} * durations[i - 1]);
+  }
+  std::ranges::sort(late);
+  return late;
+}
+
+std::vector<gint64> bare_waits(const std::vector<gint32>& durations) {
+  GMutex lock;
+  GCond never;
+  g_mutex_init(&lock);
+  g_cond_init(&never);
+  std::vector<gint64> starts;
+  g_mutex_lock(&lock);
+  for (const gint32 duration_ms : durations) {
+    starts.push_back(g_get_monotonic_time());
+    const gint64 deadline = starts.back() + gint64{1000} * duration_ms;
+    while (g_cond_wait_until(&never, &lock, deadline)) {
+    }
+  }
+  starts.push_back(g_get_monotonic_time());
+  g_mutex_unlock(&lock);
+  g_mutex_clear(&lock);
+  g_cond_clear(&never);
+  return starts;
+}
+
+void run_sequence(const std::vector<gint32>& durations) {
+  const IoPortRef port(io_port_new());
+  port->type = PORT_OUTPUT;
+  port->number = 1;
+  io_port_set_backend(port.get(), BACKEND_CHECK);
+  io_port_setup(port.get());
+  ActionSequence sequence;
+  bool value = false;
+  for (const gint32 duration_ms : durations) {
+    value = !value;
+    sequence.push_back(
+        {.port = port.get(), .is_virtual = false, .state = value, .duration_ms = duration_ms});
+  }
+  io_port_run_action_sequence(port.get(), std::move(sequence));
+  std::unique_lock guard(mutex);
+  ended.wait(guard, [] { return over; });
+  guard.unlock();
+  action_sequences_stop();
+}
+
+void print(const char* what, const std::vector<gint64>& late) {
+  const auto at = [&](double part) {
+    return static_cast<long long>(
+        late[static_cast<std::size_t>(part * static_cast<double>(late.size() - 1))]);
+  };
+  printf("%-28s %8lld %8lld %8lld %8lld %8lld\n", what, at(0), at(0.5), at(0.9), at(0.99), at(1));
+}
+
+} // namespace
+
+int main() {
+  port_observer.port_changed = [](gint, gboolean, gboolean, gboolean, gboolean, gboolean,
+                                  gboolean) { announced.push_back(g_get_monotonic_time()); };
+  port_observer.sequence_done = [](gint) {
+    const std::lock_guard guard(mutex);
+    announced.push_back(g_get_monotonic_time());
+    over = true;
+    ended.notify_all();
+  };
+  announced.reserve(steps + 1);
+  const auto durations = make_durations();
+
+  std::vector<gint64> bare;
+  std::thread beside([&] { bare = bare_waits(durations); });
+  run_sequence(durations);
+  beside.join();
+
+  printf("microseconds late, %d steps   %8s %8s %8s %8s %8s\n", steps, "least", "median", "90 %",
+         "99 %", "most");
+  print("step of an action sequence", lateness(announced, durations));
+  print("bare g_cond_wait_until", lateness(bare, durations));
+  return 0;
+}

@@ -1,0 +1,214 @@
+"""Manual-trigger ports of the video channels: which exist, and which are enabled."""
+
+import pytest
+from describe import element, port
+
+from sim.bus import PortChanged, wait_until
+from sim.peers import Coordinator, Streamer
+
+FIRST = 10
+
+
+def describe(device, ports=None, nbr=FIRST):
+    device.describe((ports or port("p", 0)) + element("first_virtual_input", nbr=nbr))
+
+
+def triggers(device):
+    """Numbers of the trigger ports by channel."""
+    return {
+        int(entry.name.removeprefix("manualtrigger")): entry.number
+        for entry in device.port_list()
+        if entry.name.startswith("manualtrigger")
+    }
+
+
+def enabled(device, channel, first=FIRST):
+    """Whether a trigger port announces what it is given."""
+    signals = device.signals()
+    device.state.SetVirtual(first + channel - 1, True)
+    found = [signal for signal in signals.take() if isinstance(signal, PortChanged)]
+    signals.close()
+    return bool(found)
+
+
+def wait_for_triggers(device, channels, first=FIRST):
+    wanted = {channel: first + channel - 1 for channel in channels}
+    wait_until(lambda: triggers(device) == wanted, f"triggers of {channels}")
+
+
+def test_without_the_element_no_peer_is_contacted(device):
+    streamer, coordinator = Streamer(device, channels=[True]), Coordinator(device, enabled=True)
+    device.describe(port("p", 0))
+    device.start()
+    device.sync()
+    assert triggers(device) == {}
+    assert streamer.mock("GetCalls") == [] and coordinator.mock("GetCalls") == []
+
+
+def test_each_channel_has_a_trigger_port_enabled_as_it_is(device):
+    Coordinator(device, enabled=True)
+    Streamer(device, channels=[True, False, True])
+    describe(device)
+    device.start()
+    wait_for_triggers(device, [1, 2, 3])
+    # Channels are met while PTZ is not yet known: only channel 1 counts then.
+    assert [enabled(device, channel) for channel in (1, 2, 3)] == [True, False, True]
+
+
+def test_a_trigger_port_announces_and_sends_its_event(device):
+    Streamer(device, channels=[True])
+    describe(device)
+    device.start()
+    wait_for_triggers(device, [1])
+    signals = device.signals()
+    device.state.SetVirtual(FIRST, True)
+    signals.wait_for(
+        PortChanged, port=FIRST, virtual=True, input=False, virtual_trig=True, state=True
+    )
+    device.wait_for_log(
+        r"event send producer=wxd type=com\.norv\.Event\.Wxd\.ManualTrigger id=\d+ port=1 state=1"
+    )
+
+
+def test_a_channel_follows_its_signal(device):
+    Coordinator(device, enabled=True)
+    streamer = Streamer(device, channels=[True, True])
+    describe(device)
+    device.start()
+    wait_for_triggers(device, [1, 2])
+    for state in (False, True):
+        streamer.enable(2, state)
+        wait_until(lambda state=state: enabled(device, 2) is state, f"channel 2 {state}")
+    assert enabled(device, 1)
+
+
+@pytest.mark.parametrize("told", ["", "yes", 1], ids=["nothing", "a text", "a number"])
+def test_a_channel_that_does_not_tell_counts_as_enabled(device, told):
+    Streamer(device, channels=[True, told])
+    Coordinator(device, enabled=True)
+    describe(device)
+    device.start()
+    wait_for_triggers(device, [1, 2])
+    assert enabled(device, 2)
+
+
+def test_the_streamer_may_come_later_and_go_again(device):
+    describe(device, port("p", 0))
+    device.start()
+    wait_for_triggers(device, [1])  # PTZ unknown and no channel: channel 1
+    streamer = Streamer(device, channels=[True, True])
+    wait_for_triggers(device, [1, 2])
+    streamer.stop()
+    wait_for_triggers(device, [1])
+    streamer.start(channels=[True, True, True])
+    wait_for_triggers(device, [1, 2, 3])
+
+
+def test_a_streamer_that_goes_takes_the_ports_one_above_its_channels(device):
+    streamer = Streamer(device, channels=[True, True])
+    describe(device, port("p", 0) + port("manualtrigger3", 3, "output", "virtual"))
+    device.start()
+    wait_until(lambda: set(triggers(device)) == {1, 2, 3}, "all trigger ports")
+    streamer.stop()
+    wait_until(lambda: set(triggers(device)) == {1}, "triggers 2 and 3 to go")
+
+
+def test_with_ptz_disabled_channel_1_is_enabled_and_others_are_not(device):
+    Coordinator(device, enabled=False)
+    describe(device)
+    device.start()
+    Streamer(device, channels=[False, True])
+    wait_for_triggers(device, [1, 2])
+    assert (enabled(device, 1), enabled(device, 2)) == (True, False)
+
+
+def test_with_ptz_disabled_an_existing_port_stays_as_it_is(device):
+    coordinator = Coordinator(device, enabled=True)
+    streamer = Streamer(device, channels=[True, True])
+    describe(device)
+    device.start()
+    wait_for_triggers(device, [1, 2])
+    coordinator.enable(False)
+    device.sync()
+    for channel in (1, 2):
+        streamer.enable(channel, False)
+    device.sync()
+    assert (enabled(device, 1), enabled(device, 2)) == (True, True)
+    # PTZ comes back: the channels are disabled by now, so channel 1 is enabled again.
+    coordinator.enable(True)
+    device.sync()
+    streamer.enable(2, False)
+    wait_until(lambda: enabled(device, 2) is False, "channel 2 to be disabled")
+
+
+def test_ptz_coming_on_enables_every_enabled_channel(device):
+    coordinator = Coordinator(device, enabled=False)
+    describe(device)
+    device.start()
+    Streamer(device, channels=[True, False, True])
+    wait_for_triggers(device, [1, 2, 3])
+    assert not enabled(device, 3)
+    coordinator.enable(True)
+    wait_until(lambda: enabled(device, 3), "channel 3 to be enabled")
+    assert (enabled(device, 1), enabled(device, 2)) == (True, False)
+
+
+@pytest.mark.parametrize(
+    "parameters", [{}, {"enabled": "yes"}], ids=["no property", "of another type"]
+)
+def test_a_coordinator_that_does_not_tell_leaves_the_channels_alone(device, parameters):
+    Coordinator(device, **parameters)
+    describe(device)
+    device.start()
+    streamer = Streamer(device, channels=[True, True])
+    wait_for_triggers(device, [1, 2])
+    assert enabled(device, 2)
+    streamer.enable(2, False)
+    wait_until(lambda: not enabled(device, 2), "channel 2 to be disabled")
+
+
+def test_a_coordinator_that_goes_is_unknown(device):
+    coordinator = Coordinator(device, enabled=False)
+    describe(device)
+    device.start()
+    coordinator.stop()
+    device.sync()
+    streamer = Streamer(device, channels=[True, True])
+    wait_for_triggers(device, [1, 2])
+    assert enabled(device, 2)
+    coordinator.start(enabled=False)
+    device.sync()
+    streamer.enable(2, False)
+    device.sync()
+    assert enabled(device, 2)  # left as it is while PTZ is disabled
+
+
+def test_signals_of_another_form_are_ignored(device):
+    coordinator = Coordinator(device, enabled=True)
+    streamer = Streamer(device, channels=[True, True])
+    describe(device)
+    device.start()
+    wait_for_triggers(device, [1, 2])
+    streamer.emit("EnabledChanged", "i", 0, path=f"{streamer.PATH}/2")
+    streamer.emit("Other", "b", False, path=f"{streamer.PATH}/2")
+    coordinator.emit("PtzEnabledChanged", "b", False)
+    device.sync()
+    assert enabled(device, 2)
+
+
+def test_trigger_ports_that_meet_real_numbers_follow_the_look_ups(device):
+    Streamer(device, channels=[True])
+    describe(device, port("p", 0), nbr=0)
+    device.start()
+    wait_until(lambda: triggers(device) == {1: 0}, "a trigger of number 0")
+    assert device.state.GetNames(0)[1] == "Port 1"  # the older port of that number answers
+
+
+def test_channels_vanish_quietly_at_shutdown(device):
+    Coordinator(device, enabled=True)
+    Streamer(device, channels=[True, True])
+    describe(device)
+    device.start()
+    wait_for_triggers(device, [1, 2])
+    device.stop()
+    assert device.log_count("event undeclare .*ManualTrigger") == 2
