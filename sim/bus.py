@@ -53,6 +53,9 @@ SUPERVISED_METHODS = {
     "GetSupervisedPortNumbers": "",
 }
 
+CONNECTOR_NAME = "com.norv.WXD.Connector"
+SERVICE_NAMES = (STATE_NAME, CONNECTOR_NAME, SUPERVISED_NAME)
+
 
 class PortChanged(
     collections.namedtuple(

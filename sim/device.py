@@ -195,12 +195,12 @@ class Device:
                 f"the daemon ended with status {self.process.returncode} before it was ready\n"
                 f"{self.stdout}{self.stderr}"
             )
-            # Right after a restart the bus may still hold the name for the life before. This name
-            # is the last of those that the daemon asks for.
-            owner = self._client.owner(bus.SUPERVISED_NAME)
-            return owner if owner != self._owner else None
+            # Right after a restart the bus may still hold a name for the life before; names come
+            # in any order.
+            owners = {self._client.owner(name) for name in bus.SERVICE_NAMES}
+            return len(owners) == 1 and owners != {self._owner} and owners.pop()
 
-        self._owner = wait_until(ready, f"{bus.SUPERVISED_NAME} on the bus", self._deadline())
+        self._owner = wait_until(ready, "the daemon's services on the bus", self._deadline())
 
     def signal(self, number):
         os.kill(self.pid, number)

@@ -143,21 +143,23 @@ def test_busctl_reads_and_writes_it(device):
                ) == "(<'Hi'>,)\n"  # fmt: skip
 
 
-def test_gdbus_monitors_it(device):
+def test_gdbus_monitors_it(device, tmp_path):
     start(device)
-    with subprocess.Popen(
+    seen = tmp_path / "seen"
+    with seen.open("w") as output, subprocess.Popen(
         ["gdbus", "monitor", "--system", "--dest", NAME],
         env={"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": device.bus_address},
-        stdout=subprocess.PIPE, text=True,
+        stdout=output,
     ) as monitor:  # fmt: skip
         try:
-            while "is owned by" not in monitor.stdout.readline():
-                pass
+            wait_until(lambda: "is owned by" in seen.read_text(), "the monitor to listen")
             device.state.SetUsage(0, "seen")
-            line = ""
-            while "PropertiesChanged" not in line:
-                line = monitor.stdout.readline()
-                assert line, "gdbus monitor ended"
+            wait_until(
+                lambda: any(
+                    "PropertiesChanged" in line and path(0) in line and "'Usage': <b'seen'>" in line
+                    for line in seen.read_text().splitlines()
+                ),
+                lambda: f"the change among {seen.read_text()}",
+            )
         finally:
             monitor.terminate()
-    assert path(0) in line and "'Usage': <b'seen'>" in line
