@@ -24,8 +24,15 @@ test_packages=(
   python3-pytest python3-pytest-xdist python3-pytest-timeout
   umockdev valgrind libc6-dbg
 )
+# The bench kernel and what it is built with, the machine, and what its guest runs from /usr.
+kernel_packages=(
+  linux-source-6.1 xz-utils make gcc flex bison bc libelf-dev libssl-dev
+  qemu-system-x86
+  kmod dbus-daemon python3 python3-gi gir1.2-glib-2.0 python3-pytest python3-pytest-timeout
+)
 packages=(
   "${build_packages[@]}" "${check_packages[@]}" "${sandbox_packages[@]}" "${test_packages[@]}"
+  "${kernel_packages[@]}"
 )
 
 python=/usr/bin/python3

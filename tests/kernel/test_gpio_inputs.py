@@ -69,16 +69,16 @@ def test_a_change_of_sense_is_reported_with_the_new_state(device):
     signals.wait_for(PortChanged, port=0, state=False, activelow=True)
 
 
-@pytest.mark.parametrize(
-    "inverted, left_behind, expected",
-    [(None, "1", "1"), ("yes", "1", "0"), ("false", "1", "0"), ("true", "0", "1")],
-)
-def test_the_sense_of_a_pin_is_set_only_when_described(device, inverted, left_behind, expected):
-    line = PLAIN[1]
-    line.export()
-    (line.folder / "active_low").write_text(left_behind)
-    start(device, gpio_input("door", 0, line, inverted=inverted))
-    assert (line.folder / "active_low").read_text().strip() == expected
+def test_the_sense_of_a_pin_is_set_only_when_described(device):
+    cases = [(None, "1", "1"), ("yes", "1", "0"), ("false", "1", "0"), ("true", "0", "1")]
+    ports = []
+    for i, (line, (inverted, left_behind, _)) in enumerate(zip(PLAIN, cases)):
+        line.export()
+        (line.folder / "active_low").write_text(left_behind)
+        ports.append(gpio_input(f"in{i}", i, line, inverted=inverted))
+    start(device, *ports)
+    for line, case in zip(PLAIN, cases):
+        assert (line.folder / "active_low").read_text().strip() == case[2], case
 
 
 def test_inputs_do_not_disturb_each_other(device):

@@ -1,8 +1,10 @@
 """Outputs and configurable ports on pins: what the lines show, and when."""
 
+import itertools
+
 import pytest
 
-from chips import PLAIN
+from chips import PLAIN, WIDE
 from gpio_ports import gpio_configurable, gpio_output
 from sim.bus import ActionSequenceDone, BusError, PortChanged
 
@@ -25,19 +27,26 @@ def leave_line(line, level):
     line.forget_history()
 
 
-@pytest.mark.parametrize("before", [None, 0, 1], ids=["floating", "low", "high"])
-@pytest.mark.parametrize("inverted", [None, "false", "true"])
-@pytest.mark.parametrize("activelow", [False, True])
-def test_an_output_starts_at_its_level_without_a_glitch(device, before, inverted, activelow):
-    if before is not None:
-        leave_line(OUTPUT, before)
-    device.describe(gpio_output("relay", 0, OUTPUT, inverted=inverted))
-    device.settings(settings_of_output("relay", activelow))
+def test_outputs_start_at_their_levels_without_a_glitch(device):
+    """Whatever the line was before, however pin and port invert."""
+    cases = list(
+        zip(WIDE.lines, itertools.product([None, 0, 1], [None, "false", "true"], [False, True]))
+    )
+    ports, settings = [], []
+    for i, (line, (before, inverted, activelow)) in enumerate(cases):
+        if before is not None:
+            leave_line(line, before)
+        ports.append(gpio_output(f"relay{i}", i, line, inverted=inverted))
+        settings.append(settings_of_output(f"relay{i}", activelow))
+    device.describe("".join(ports))
+    device.settings("".join(settings))
     device.start()
-    wire = int(activelow != (inverted == "true"))
-    assert OUTPUT.is_output and OUTPUT.level == wire
-    assert set(OUTPUT.driven_levels) == {wire}, OUTPUT.history
-    assert device.state.GetState(0) is False
+    for i, (line, case) in enumerate(cases):
+        _, inverted, activelow = case
+        wire = int(activelow != (inverted == "true"))
+        assert line.is_output and line.level == wire, case
+        assert set(line.driven_levels) == {wire}, (case, line.history)
+        assert device.state.GetState(i) is False, case
 
 
 @pytest.mark.parametrize("inverted", [None, "true"])

@@ -8,12 +8,11 @@ from describe import element, port
 from gpio_ports import gpio_configurable, gpio_input, gpio_output, pin
 from sim.bus import PortChanged
 
-FOLDER_KINDS = pytest.mark.parametrize(
-    "chip, by",
-    [(PLAIN, "number"), (LABELLED, "number"), (LABELLED, "alias"), (LABELLED, "both"),
-     (NAMED, "number"), (NAMED, "alias"), (NAMED, "both")],
-    ids=lambda value: getattr(value, "label", value),
-)  # fmt: skip
+# Every way to tell a pin on every kind of chip, each on a line of its own.
+WAYS = [
+    (PLAIN[5], "number"), (LABELLED[5], "number"), (LABELLED[6], "alias"), (LABELLED[7], "both"),
+    (NAMED[5], "number"), (NAMED[6], "alias"), (NAMED[7], "both"),
+]  # fmt: skip
 
 
 def assert_serves(device, signals, line, number):
@@ -24,20 +23,26 @@ def assert_serves(device, signals, line, number):
     assert device.state.GetState(number) is bool(level)
 
 
-@FOLDER_KINDS
-def test_an_input_is_found_by_number_and_by_name(device, chip, by):
-    device.describe(gpio_input("door", 0, chip[5], by=by))
+def test_inputs_are_found_by_number_and_by_name(device):
+    device.describe(
+        "".join(gpio_input(f"in{i}", i, line, by=by) for i, (line, by) in enumerate(WAYS))
+    )
     device.start()
-    assert chip[5].exported
-    assert_serves(device, device.signals(), chip[5], 0)
+    signals = device.signals()
+    for i, (line, _) in enumerate(WAYS):
+        assert line.exported
+        assert_serves(device, signals, line, i)
 
 
-@FOLDER_KINDS
-def test_an_output_is_found_by_number_and_by_name(device, chip, by):
-    device.describe(gpio_output("relay", 0, chip[6], by=by))
+def test_outputs_are_found_by_number_and_by_name(device):
+    device.describe(
+        "".join(gpio_output(f"out{i}", i, line, by=by) for i, (line, by) in enumerate(WAYS))
+    )
     device.start()
-    device.state.SetState(0, True)
-    assert chip[6].is_output and chip[6].level == 1
+    for i, (line, _) in enumerate(WAYS):
+        device.state.SetState(i, True)
+        assert line.is_output and line.level == 1
+        assert sum(other.level for other, _ in WAYS) == i + 1
 
 
 def test_a_named_line_of_another_driver_is_found(device):
@@ -58,7 +63,11 @@ def test_a_named_line_of_another_driver_is_found(device):
         device.stop()
 
 
-@pytest.mark.parametrize("alias", ["nobody", "../../gpio", "gpiochip100", "", "x" * 5000])
+@pytest.mark.parametrize(
+    "alias",
+    ["nobody", "../../gpio", "gpiochip100", "", "x" * 5000],
+    ids=["unknown", "path", "chip", "empty", "endless"],
+)
 def test_a_name_that_no_line_has_drops_only_its_port(device, alias):
     lost = port("lost", 0, "input", "gpio", backend_inside=element("input", alias=alias))
     device.expect("CRITICAL.*libugpio_port_setup.*port->optional")

@@ -44,6 +44,8 @@ def test_tampering_shows_in_the_events(device, kind):
     for state, tampered in (("cut", 1), ("closed", 0), ("short", 1)):
         kind.show(state)
         device.wait_for_log(f"event send .*SupervisedPort .*tampered={tampered} state={state} ")
+        # An answer comes after all that belongs to the change: new thresholds, for one.
+        wait_for_state(supervision, state)
 
 
 @EVERY_KIND
