@@ -7,6 +7,7 @@ import time
 
 from sim import sandbox, scenario, show
 from sim.device import Device
+from sim.peers import Neighbourhood
 
 TOP = pathlib.Path(__file__).parent.parent
 
@@ -26,6 +27,7 @@ def main():
     try:
         with Device(options.binary, quiet=True) as device:
             show.furnish(device)
+            device.peers = Neighbourhood(device)
             device.start()
             took = (time.monotonic() - started) * 1000
             count = len(device.ports())

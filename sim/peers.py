@@ -37,6 +37,11 @@ class Peer:
     def start(self, **parameters):
         """Comes on the bus; with parameters, changed by them."""
         self.parameters |= parameters
+        self.launch()
+        self.wait_ready()
+
+    def launch(self):
+        """Starts the process, and does not wait for it."""
         self.process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", sys.executable, "-m", "dbusmock",
              "--template", str(MOCKS / f"{self.TEMPLATE}.py"),
@@ -44,6 +49,8 @@ class Peer:
             env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.device.bus_address},
             stdout=subprocess.DEVNULL,
         )  # fmt: skip
+
+    def wait_ready(self):
         wait_until(lambda: self.client.owner(self.NAME), f"{self.NAME} on the bus")
         wait_until(self._loaded, f"{self.NAME} to know its template")
 
@@ -222,3 +229,20 @@ class ActionEngine(Peer):
     @property
     def templates(self):
         return self.client.call(self.NAME, self.PATH, self.TEMPLATES, "Templates")
+
+
+class Neighbourhood:
+    """The services around the example device, all of them running."""
+
+    def __init__(self, device):
+        # Processes start side by side; only then is each waited for.
+        self.box = IoBox(device, start=False, states={"10": "open"})
+        self.zwave = ZWave(device, start=False)
+        self.streamer = Streamer(device, start=False, channels=[True, False])
+        self.coordinator = Coordinator(device, start=False, enabled=True)
+        self.engine = ActionEngine(device, start=False)
+        everyone = (self.box, self.zwave, self.streamer, self.coordinator, self.engine)
+        for peer in everyone:
+            peer.launch()
+        for peer in everyone:
+            peer.wait_ready()

@@ -1,10 +1,11 @@
 """The story that scripts/run --scenario plays: each step says what happened, or fails the story."""
 
 import contextlib
+import re
 import time
 
 from sim import show
-from sim.bus import ActionSequenceDone, BusError, PortChanged
+from sim.bus import ActionSequenceDone, BusError, PortChanged, wait_until
 
 BLINK = [(True, 150), (False, 150), (True, 150), (False, 150)]
 
@@ -28,6 +29,12 @@ def step(title):
 def expect(holds, what):
     if not holds:
         raise AssertionError(what)
+
+
+def log_lines(device, pattern, since=0):
+    """The event lines of the log that match, without their level, from the since-th on."""
+    lines = [line.split(": ", 1)[1] for line in device.log if re.search(pattern, line)]
+    return lines[since:]
 
 
 def an_input_flips(device, changes, names):
@@ -105,6 +112,79 @@ def a_lamp_blinks(device, changes, names):
         expect("The port is busy." in refusal, "the refusal says why")
 
 
+def events_are_sent(device, _changes, _names):
+    with step("The relay's state goes out as events") as tell:
+        pattern = r"event send .*type=(IOPort|PortAny) "
+        before = device.log_count(pattern)
+        device.state.SetState(3, False)
+        device.state.SetState(3, True)
+        device.wait_for_log(pattern, count=before + 4)
+        for line in log_lines(device, pattern, since=before):
+            tell(line)
+
+
+def a_line_is_supervised(device, _changes, _names):
+    with step("The alarm loop is supervised: closed, open, shorted and cut") as tell:
+        pattern = r"event send .*SupervisedPort .*"
+        device.supervision.SetSupervised(10, True)
+        for word in ("closed", "open", "short", "cut"):
+            before = device.log_count(pattern)
+            device.peers.box.line(10, word)
+            device.wait_for_log(pattern + f"state={word}", count=1)
+            device.wait_for_log(pattern, count=before + 1)
+            state, _ = device.supervision.GetSupervisedReadout(10)
+            expect(state == word, f"the readout is {word}, not {state}")
+            tell(log_lines(device, pattern)[-1])
+
+
+def a_service_comes_back(device, _changes, _names):
+    with step("The Z-Wave service goes and comes back: the wall socket is sent again") as tell:
+        zwave = device.peers.zwave
+        device.state.SetState(11, True)
+        expect(zwave.sent[-1] == (11, True), "the service is told")
+        zwave.stop()
+        wait_until(lambda: device.state.GetState(11) is False, "the lost port to read 0")
+        tell("gone: the port reads off")
+        zwave.start()
+        wait_until(lambda: zwave.sent == [(11, True)], "the state to be sent again")
+        expect(device.state.GetState(11) is True, "the port is on again")
+        tell("back: SetStateByPort(11, true), and the port reads on")
+
+
+def a_channel_triggers(device, changes, names):
+    with step("Video channel 2 is enabled: its manual trigger fires; PTZ goes off and on") as tell:
+        streamer, coordinator = device.peers.streamer, device.peers.coordinator
+        device.state.SetVirtual(21, True)
+        changes.assert_none(PortChanged, port=21)
+        tell("channel 2 is disabled: nothing happens")
+        streamer.enable(2, True)
+        device.sync()
+        device.state.SetVirtual(21, True)
+        tell(show.describe(changes.wait_for(PortChanged, port=21, virtual_trig=True), names))
+        coordinator.enable(False)
+        device.sync()
+        streamer.enable(2, False)
+        device.sync()
+        device.state.SetVirtual(21, False)
+        changes.wait_for(PortChanged, port=21, state=False)
+        tell("PTZ is off: a channel that is disabled now keeps its trigger as it is")
+        coordinator.enable(True)
+        device.sync()
+        streamer.enable(2, False)
+        device.sync()
+        device.state.SetVirtual(21, True)
+        changes.assert_none(PortChanged, port=21)
+        tell("PTZ is on: the channel is disabled, and so is its trigger")
+
+
+def templates_are_registered(device, _changes, _names):
+    with step("The action engine has the toggle templates while there is an output") as tell:
+        engine = device.peers.engine
+        wait_until(lambda: len(engine.templates) == 2, "both templates")
+        for template in engine.templates:
+            tell(template)
+
+
 def a_restart_keeps_settings(device, _changes, _names):
     with step("The daemon is restarted and remembers") as tell:
         device.restart()
@@ -122,6 +202,11 @@ STORY = (
     active_low_is_switched,
     an_optional_port_goes_and_comes,
     a_lamp_blinks,
+    events_are_sent,
+    a_line_is_supervised,
+    a_service_comes_back,
+    a_channel_triggers,
+    templates_are_registered,
     a_restart_keeps_settings,
 )
 

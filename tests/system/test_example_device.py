@@ -12,7 +12,7 @@ import time
 import pytest
 from conftest import TOP
 
-STEPS = 8
+STEPS = 13
 
 
 def command(binary, *options):
