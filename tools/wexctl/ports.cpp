@@ -93,7 +93,8 @@ std::string state_text(bool state) {
   return coloured(state ? Colour::Green : Colour::Dim, on_or_off(state));
 }
 
-void check(gboolean done, GError* error) {
+// By reference, so that the error is looked at after the call that sets it.
+void check(gboolean done, GError*& error) {
   if (!done) {
     throw_bus_error(error);
   }
@@ -357,7 +358,8 @@ void show_connectors(const Daemon& daemon, const std::string& description, bool 
   if (json) {
     print_json(result);
   } else {
-    fmt::print("{} connectors: {}\n", result["count"].dump(), result["states"].dump());
+    fmt::print("{} {} connectors: {}\n", result["count"].dump(),
+               result["connectors"].get<std::string>(), result["states"].dump());
   }
 }
 

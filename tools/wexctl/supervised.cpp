@@ -8,7 +8,8 @@ namespace wexctl {
 
 namespace {
 
-void check(gboolean done, GError* error) {
+// By reference, so that the error is looked at after the call that sets it.
+void check(gboolean done, GError*& error) {
   if (!done) {
     throw_bus_error(error);
   }
