@@ -71,6 +71,9 @@ bool io_port_add_supervised_range(IoPort* port, const char* state, gint lower, g
   if (range_state == SUPERVISED_UNDEFINED) {
     return range_error(error, IO_SUPERVISED_ERROR_BAD_SUPERVISED_RANGE, "State is undefined.");
   }
+  WEXD_ASSERT_NONNULL(port);
+  // A sequence that announces supervised states reads the list in its own thread.
+  const PortConfigLock config_lock(port);
   GList* ranges = nullptr;
   if (!io_port_get_supervised_ranges(port, &ranges)) {
     return range_error(error, IO_SUPERVISED_ERROR_GENERIC, "Failed to get ranges from port.");

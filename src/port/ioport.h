@@ -272,7 +272,8 @@ bool io_port_supervised_input(IoPort* port);
 bool io_port_get_supervised_ranges(IoPort* port, GList** ranges);
 /// Hands `ranges` to the port on success; on failure the caller keeps it.
 bool io_port_set_supervised_ranges(IoPort* port, GList* ranges, GError** error);
-/// Appends a range. Limits below 65536, lower strictly below upper.
+/// Appends a range. Limits below 65536, lower strictly below upper. Cancels a running sequence once
+/// the range is found valid.
 bool io_port_add_supervised_range(IoPort* port, const char* state, gint lower, gint upper,
                                   GError** error);
 bool io_port_get_supervised_readout(IoPort* port, guint* state, guint* level, GError** error);

@@ -191,6 +191,15 @@ TEST_F(AnActionSequence, is_cancelled_by_a_change_of_supervision) {
   EXPECT_EQ(dones(), 1U);
 }
 
+TEST_F(AnActionSequence, is_cancelled_by_a_new_range_but_not_by_a_refused_one) {
+  const auto port = make({.type = PORT_IO_CTRL, .backend = BACKEND_IIO, .direction_input = false});
+  ASSERT_TRUE(start(port.get(), {{true, long_ms}}));
+  EXPECT_FALSE(io_port_add_supervised_range(port.get(), "open", 10, 10, nullptr));
+  EXPECT_EQ(dones(), 0U);
+  EXPECT_TRUE(io_port_add_supervised_range(port.get(), "open", 0, 10, nullptr));
+  EXPECT_EQ(dones(), 1U);
+}
+
 TEST_F(AnActionSequence, leaves_the_state_of_its_last_step_when_cancelled) {
   const auto port = make_running();
   io_port_set_activelow(port.get(), true, false);
