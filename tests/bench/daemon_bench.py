@@ -125,6 +125,52 @@ def round_trips(binary, rounds):
             print(f"  {title:16} {name:20} {median:9.0f}  x{median / ping:6.2f}")
 
 
+def legacy_rebuild(binary, counts):
+    """A drop and a refresh with the legacy interface, and without: the difference is its cost."""
+    print("\nlegacy interface, milliseconds for destroying and creating it with that many ports")
+    for count in counts:
+        cells = []
+        for argv in ((), ("--disable_legacy_interface",)):
+            with files_in(MEMORY), Device(binary, patience=PATIENCE, quiet=True) as device:
+                # Not saved at start; all numbers have an object.
+                device.describe(
+                    port("extra", 0, optional="true")
+                    + "".join(port(f"port{i}", i, properties="virtual") for i in range(1, count))
+                    + f'<first_virtual_input nbr="{count}"/>'
+                )
+                device.start(*argv)
+                times = []
+                for _ in range(10):
+                    begin = time.perf_counter()
+                    device.state.DropIOPorts(["extra"])
+                    device.state.RefreshIOPorts()
+                    times.append((time.perf_counter() - begin) / 2)
+                cells.append(statistics.median(times))
+        cost = (cells[0] - cells[1]) * 1e3
+        print(f"{count:6} ports {cost:9.2f} ms ({cost / count:6.3f} each; without {cells[1] * 1e3:.2f})")
+
+
+def legacy_get_all(binary, rounds):
+    name = "com.norv.Configuration.Legacy.IOControl1.IOPort"
+    path = "/com/norv/Configuration/Legacy/IOControl/IOPort/0"
+    with Device(binary, quiet=True) as device:
+        device.describe(port("port", 0))
+        device.start()
+        connection = device.first_client.connection
+        calls = {
+            "Ping": ("org.freedesktop.DBus.Peer", "Ping", None),
+            "GetAll": ("org.freedesktop.DBus.Properties", "GetAll", GLib.Variant("(s)", (name,))),
+        }
+        times = {what: [] for what in calls}
+        for _ in range(rounds):
+            for what, (interface, method, parameters) in calls.items():
+                begin = time.perf_counter()
+                connection.call_sync(name, path, interface, method, parameters, None, 0, -1, None)
+                times[what].append((time.perf_counter() - begin) * 1e6)
+    ping, get_all = (statistics.median(times[what]) for what in calls)
+    print(f"  GetAll of a port object {get_all:.0f} us, x {get_all / ping:.1f} of Ping")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--quick", action="store_true", help="leave out 4,096 ports")
@@ -135,6 +181,8 @@ def main():
     memory = start_up(options.binary, counts)
     resident(memory)
     round_trips(options.binary, 500)
+    legacy_rebuild(options.binary, (8, 64, 512))
+    legacy_get_all(options.binary, 500)
 
 
 if __name__ == "__main__":
