@@ -19,6 +19,7 @@ from sim import bus  # noqa: E402
 PORTS = range(8)
 OPTIONAL = ["port2", "port3"]
 UNDER_WAY = 8
+PATIENCE = 60  # seconds for one answer
 
 
 def request(dice):
@@ -55,7 +56,7 @@ def main(address, seed, requests):
         if len(under_way) == UNDER_WAY or count >= requests:
             method, call = under_way.popleft()
             try:
-                call.wait()
+                call.wait(PATIENCE)
                 accepted += method == "StartActionSequence"
             except bus.BusError as error:
                 errors[error.message] += 1
