@@ -23,6 +23,7 @@ sandbox_packages=(
 test_packages=(
   python3-pytest python3-pytest-xdist python3-pytest-timeout
   umockdev valgrind libc6-dbg
+  libglib2.0-bin systemd debootstrap dpkg-dev
 )
 # The bench kernel and what it is built with, the machine, and what its guest runs from /usr.
 kernel_packages=(

@@ -1,0 +1,166 @@
+"""The package on a clean Debian system: what it installs, who owns it, who may do what."""
+
+import pathlib
+import re
+import subprocess
+import xml.etree.ElementTree as ElementTree
+
+import pytest
+from conftest import TOP
+
+READING = re.compile(r"^(Get|Is)")
+
+SERVICES = {
+    "com.norv.IOControl.State": ("com.norv.IOControl.State", "/com/norv/IOControl/State"),
+    "com.norv.IOSupervised.Supervised": (
+        "com.norv.IOSupervised.Supervised", "/com/norv/IOSupervised/Supervised",
+    ),
+    "com.norv.WXD.Connector": ("com.norv.WXD.Connector", "/com/norv/WXD/Connector"),
+}  # fmt: skip
+
+# Dummy values of each argument type that occurs, as busctl writes them.
+VALUES = {"u": ["0"], "i": ["0"], "b": ["false"], "s": ["x"], "as": ["1", "x"], "a(bi)": ["0"]}
+
+
+def methods():
+    """Every method of every interface that is installed: (interface, method, in-types)."""
+    for file in sorted((TOP / "src/dbus").glob("*.xml")):
+        for interface in ElementTree.parse(file).getroot().iter("interface"):
+            for method in interface.iter("method"):
+                types = [a.get("type") for a in method if a.get("direction") == "in"]
+                yield pytest.param(
+                    interface.get("name"), method.get("name"), types,
+                    id=f"{interface.get('name').rsplit('.', 1)[1]}.{method.get('name')}",
+                )  # fmt: skip
+
+
+def denied(tree, user, service, path, interface, method, types=(), values=()):
+    command = ["busctl", "--system", "call", service, path, interface, method]
+    if types:
+        command += ["".join(types), *values]
+    result = subprocess.run(
+        tree.command(*command, user=user), capture_output=True, text=True, check=False
+    )
+    return "Access denied" in result.stderr or "AccessDenied" in result.stderr or (
+        "rejected" in result.stderr.lower()
+    )
+
+
+@pytest.mark.parametrize("interface, method, types", methods())
+def test_everyone_reads_and_only_root_and_the_group_change(running, interface, method, types):
+    service, path = SERVICES[interface]
+    values = [word for kind in types for word in VALUES[kind]]
+    call = (service, path, interface, method, types, values)
+    assert not denied(running, None, *call)
+    assert not denied(running, "member", *call)
+    assert denied(running, "stranger", *call) == (not READING.match(method))
+
+
+LEGACY = (
+    "com.norv.Configuration.Legacy.IOControl1.IOPort",
+    "/com/norv/Configuration/Legacy/IOControl/IOPort/0",
+    "org.freedesktop.DBus.Properties",
+)
+
+
+@pytest.mark.parametrize("user, may_write", [(None, True), ("member", True), ("stranger", False)])
+def test_legacy_properties_are_read_by_all_and_written_by_few(running, user, may_write):
+    port = LEGACY[0]
+    assert not denied(running, user, *LEGACY, "Get", ["s", "s"], [port, "Usage"])
+    assert not denied(running, user, *LEGACY, "GetAll", ["s"], [port])
+    refused = denied(running, user, *LEGACY, "Set", ["s", "s", "v"], [port, "Usage", "ay", "1", "0"])
+    assert refused == (not may_write)
+
+
+@pytest.mark.parametrize("user", ["member", "stranger"])
+@pytest.mark.parametrize("service", sorted({*SERVICES, LEGACY[0]}))
+def test_only_root_and_wxd_own_the_names(running, service, user):
+    bus = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
+    assert denied(running, user, *bus, "RequestName", ["s", "u"], [service, "0"])
+    assert not denied(running, "wxd", *bus, "RequestName", ["s", "u"], [service, "0"])
+
+
+@pytest.mark.parametrize("user", [None, "member", "stranger"])
+@pytest.mark.parametrize("interface", sorted(SERVICES))
+def test_everyone_introspects(running, interface, user):
+    service, path = SERVICES[interface]
+    assert not denied(
+        running, user, service, path, "org.freedesktop.DBus.Introspectable", "Introspect"
+    )
+
+
+def test_the_daemon_has_dropped_root(running):
+    found = pathlib.Path(f"/proc/{running.daemon.pid}/status").read_text()
+    assert "Name:\twexd\n" in found
+    uid, gid = (running.run("id", flag, "wxd").strip() for flag in ("-u", "-g"))
+    assert re.search(rf"^Uid:\s+{uid}\s+{uid}\s+{uid}\s+{uid}$", found, re.MULTILINE)
+    assert re.search(rf"^Gid:\s+{gid}\s+{gid}\s+{gid}\s+{gid}$", found, re.MULTILINE)
+    assert re.search(r"^CapEff:\s+0+$", found, re.MULTILINE)
+
+
+def test_saves_drops_and_refreshes_work_after_the_drop(running):
+    def wexctl(*arguments):
+        return running.run("wexctl", *arguments, user="member")
+
+    wexctl("usage", "relay", "kept")
+    assert "usage=kept" in running.path("/etc/wexd/wexd.conf").read_text()
+    registry = running.path("/etc/service_registry/services.d/wexd_service_registry.conf")
+    before = registry.stat().st_ino
+    assert wexctl("drop", "relay") == "relay\n"
+    wexctl("refresh")
+    assert registry.stat().st_ino != before
+    assert "WARNING" not in running.daemon_log.read_text(), running.daemon_log.read_text()
+
+
+@pytest.mark.parametrize(
+    "path, owner, mode",
+    [
+        ("/etc/wexd", "wxd:wxd", "755"),
+        ("/etc/wexd.d", "wxd:wxd", "755"),
+        ("/etc/wexd/actions", "root:root", "755"),
+        ("/etc/service_registry/services.d", "root:wxd", "775"),
+        ("/etc/legacyconfig/legacymappings.d", "root:wxd", "775"),
+        ("/usr/sbin/wexd", "root:root", "755"),
+    ],
+)
+def test_folders_have_the_owners_that_the_daemon_needs(installed, path, owner, mode):
+    assert installed.run("stat", "--format=%U:%G %a", path) == f"{owner} {mode}\n"
+
+
+def test_the_package_brings_what_it_promises(installed):
+    files = installed.run("dpkg", "-L", "wexd").split()
+    for name in (
+        "/usr/sbin/wexd", "/usr/bin/wexctl", "/usr/lib/systemd/system/wexd.service",
+        "/usr/lib/sysusers.d/wexd.conf", "/usr/lib/tmpfiles.d/wexd.conf",
+        "/usr/share/dbus-1/system.d/com.norv.wexd.conf", "/usr/share/wexd/wexd-hardware.rng",
+        "/usr/share/doc/wexd/examples/conf.xml",
+        "/etc/wexd/actions/com.norv.action.fixed.io.toggle.xml",
+        "/etc/wexd/actions/com.norv.action.unlimited.io.toggle.xml",
+        "/usr/share/man/man8/wexd.8", "/usr/share/man/man5/wexd.conf.5",
+        "/usr/share/man/man5/wexd-hardware.5", "/usr/share/man/man1/wexctl.1",
+    ):  # fmt: skip
+        assert name in files, name
+
+
+def test_the_unit_is_sandboxed(pytestconfig):
+    unit = pathlib.Path(pytestconfig.getoption("--package")).parent / "data/wexd.service"
+    shown = subprocess.run(
+        ["systemd-analyze", "security", "--offline=true", "--no-pager", str(unit)],
+        capture_output=True, text=True, check=False,
+    ).stdout  # fmt: skip
+    exposure = float(re.search(r"Overall exposure level for wexd\.service: ([\d.]+)", shown)[1])
+    print(f"exposure {exposure}")
+    assert exposure <= 2.0
+
+
+def test_the_man_page_of_the_description_names_every_word_of_the_schema(pytestconfig):
+    page = pathlib.Path(pytestconfig.getoption("--package")).parent / "data/wexd-hardware.5"
+    text = page.read_text().replace("\\-", "-").replace("\\", "")
+    schema = ElementTree.parse(TOP / "data/wexd-hardware.rng")
+    rng = "{http://relaxng.org/ns/structure/1.0}"
+    for kind in ("element", "attribute"):
+        for node in schema.iter(rng + kind):
+            name = node.get("name")
+            if name not in (None, "config"):
+                assert name in text, name
+            assert node.find("{http://relaxng.org/ns/compatibility/annotations/1.0}documentation") is not None or name is None, name
