@@ -53,6 +53,9 @@ SUPERVISED_METHODS = {
     "GetSupervisedPortNumbers": "",
 }
 
+# In no order: the daemon asks for them side by side.
+SERVICE_NAMES = (STATE_NAME, SUPERVISED_NAME, "com.norv.WXD.Connector")
+
 
 class PortChanged(
     collections.namedtuple(

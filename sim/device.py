@@ -195,12 +195,13 @@ class Device:
                 f"the daemon ended with status {self.process.returncode} before it was ready\n"
                 f"{self.stdout}{self.stderr}"
             )
-            # Right after a restart the bus may still hold the name for the life before. This name
-            # is the last of those that the daemon asks for.
-            owner = self._client.owner(bus.SUPERVISED_NAME)
-            return owner if owner != self._owner else None
+            # Right after a restart the bus may still hold the names for the life before. The daemon
+            # asks for them side by side, so any of them may come last.
+            owners = {self._client.owner(name) for name in bus.SERVICE_NAMES}
+            return owners.pop() if len(owners) == 1 and self._owner not in owners else None
 
-        self._owner = wait_until(ready, f"{bus.SUPERVISED_NAME} on the bus", self._deadline())
+        names = " and ".join(bus.SERVICE_NAMES)
+        self._owner = wait_until(ready, f"{names} on the bus", self._deadline())
 
     def signal(self, number):
         os.kill(self.pid, number)
