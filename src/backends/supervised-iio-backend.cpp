@@ -28,7 +28,8 @@ struct IioPortData {
   IioScanType iio_type;
   Mode mode = Mode::GpioSupervised;
   SupervisedPins pins;
-  guint32 cached_level = 0;
+  // Also looked at by action-sequence threads.
+  std::atomic<guint32> cached_level{0};
   guint extra_shift = 0;
   gint channel = 0;
   guint last_reported = SUPERVISED_OPEN;

@@ -46,7 +46,8 @@ struct IioIntPortData {
   bool one_threshold = false;
   bool use_cached_level = true;
   bool pullup_when_supervised = false;
-  guint32 cached_level = 0;
+  // Also looked at by action-sequence threads.
+  std::atomic<guint32> cached_level{0};
   guint last_reported = SUPERVISED_OPEN;
   SupervisedPins pins;
 };
@@ -70,22 +71,20 @@ bool measured(IoPort* port, const IioIntPortData* data) {
 // Reading
 
 // "in_<channel>[_<extension>]_<attribute>".
-std::string attribute_name(IioIntPortData* data, const char* attribute) {
-  if (!data->channel_name) {
-    data->channel_name = "voltage" + std::to_string(data->channel);
-  }
-  std::string name = "in_" + *data->channel_name + '_';
+std::string attribute_name(const IioIntPortData* data, const char* attribute) {
+  std::string name =
+      "in_" + data->channel_name.value_or("voltage" + std::to_string(data->channel)) + '_';
   if (data->chan_extend_name) {
     name += *data->chan_extend_name + '_';
   }
   return name + attribute;
 }
 
-std::string channel_path(IioIntPortData* data, const char* attribute) {
+std::string channel_path(const IioIntPortData* data, const char* attribute) {
   return iio_device_folder(data->device_number) + attribute_name(data, attribute);
 }
 
-std::string event_path(IioIntPortData* data, const char* attribute) {
+std::string event_path(const IioIntPortData* data, const char* attribute) {
   return iio_device_folder(data->device_number) + "events/" + attribute_name(data, attribute);
 }
 

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <string_view>
 
 namespace {
 
@@ -12,25 +11,15 @@ constexpr std::array manual_trigger_keys{
     EventTypeKey{.key = "state", .type = NV_EVENT_BOOL},
 };
 
-// First match wins.
 constexpr std::array event_types{
     EventType{.name = "com.norv.Event.Wxd.ManualTrigger", .keys = manual_trigger_keys},
-    EventType{.name = "com.norv.Event.*", .keys = {}},
     EventType{.name = "Port", .keys = {}},
 };
-
-bool matches(std::string_view pattern, std::string_view name) {
-  if (pattern.ends_with('*')) {
-    pattern.remove_suffix(1);
-    return name.starts_with(pattern);
-  }
-  return name == pattern;
-}
 
 } // namespace
 
 const EventType* event_types_find(const char* name) {
   const auto found = std::ranges::find_if(
-      event_types, [name](const EventType& type) { return matches(type.name, name); });
+      event_types, [name](const EventType& type) { return g_str_equal(type.name, name); });
   return found != event_types.end() ? &*found : nullptr;
 }

@@ -11,7 +11,6 @@ struct EventTypeKey {
 };
 
 struct EventType {
-  /// Exact name, or a prefix when it ends in '*'.
   const char* name;
   /// The type's keys; none means that any key may be filled.
   std::span<const EventTypeKey> keys;

@@ -107,6 +107,7 @@ bool io_port_get_supervised_readout(IoPort* port, guint* state, guint* level, GE
   if (!io_port_is_supervisable(port)) {
     return range_error(error, IO_SUPERVISED_ERROR_NOT_SUPERVISED, "Port is non-supervised");
   }
+  const std::lock_guard guard(port->readout_lock);
   return port->functions->get_supervised_readout(port, state, level, error);
 }
 

@@ -125,13 +125,15 @@ struct IoPort {
   GList* ranges = nullptr;
   std::atomic<bool> enabled{true};
   std::atomic<bool> is_setup{false};
-  /// Held while the state is changed, during each step of an action sequence, and by every
+  /// Held while the state is changed, by an action sequence but for its waits, and by every
   /// configuration change.
   std::mutex lock;
   /// Wakes a sequence that waits between steps.
   std::condition_variable sequence_wake;
   /// Guards `cancel_sequence` and `sequence_running`.
   std::mutex sequence_lock;
+  /// Held while the converter is read out, which a sequence's events may ask for as well. A leaf.
+  std::mutex readout_lock;
   std::condition_variable sequence_done;
   std::atomic<bool> cancel_sequence{false};
   std::atomic<bool> sequence_running{false};

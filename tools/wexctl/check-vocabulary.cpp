@@ -142,7 +142,7 @@ bool is_signed(const std::string& text, guint base) {
   return g_ascii_string_to_signed(text.c_str(), base, G_MININT64, G_MAXINT64, nullptr, nullptr);
 }
 
-bool is_any_base(std::string text) {
+bool is_any_base(const std::string& text) {
   if (text.starts_with("0x") || text.starts_with("0X")) {
     return is_signed(text.substr(2), 16);
   }

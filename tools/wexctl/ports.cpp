@@ -304,6 +304,7 @@ void run_sequence(const Daemon& daemon, const std::string& port, const std::stri
 
 void drop_ports(const Daemon& daemon, const std::vector<std::string>& names, bool json) {
   std::vector<const gchar*> asked;
+  asked.reserve(names.size() + 1);
   for (const auto& name : names) {
     asked.push_back(name.c_str());
   }

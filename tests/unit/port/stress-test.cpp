@@ -209,10 +209,11 @@ TEST_F(Stress, loses_no_sequence_and_leaks_nothing) {
 
   EXPECT_EQ(dones(), starts);
   EXPECT_GT(starts, 500U) << "too few sequences to mean anything";
-  EXPECT_EQ(fake_backend::live_records(), count);
   EXPECT_TRUE(run_until([&] { return threads_of_process() == threads_before; }))
       << threads_of_process() << " threads, " << threads_before << " at the start";
+  // A port that was dropped last has no record before it is back in service.
   io_port_list_setup_dynamic_ports();
+  EXPECT_EQ(fake_backend::live_records(), count);
   for (gint number = 0; number < count; number++) {
     const IoPortRef port(io_port_list_get_port(number));
     ASSERT_NE(port, nullptr);
