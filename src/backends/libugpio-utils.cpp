@@ -3,8 +3,6 @@
 #include "platform/log.h"
 #include "platform/ugpio-named.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 
 namespace {
@@ -136,6 +134,7 @@ guint LogicWatch::start(IoPort* port, const GpioPin* pin, GIOCondition condition
   }
   // An edge on a value file shows as an exceptional condition, nothing else.
   port_ = port;
+  pin_ = pin;
   channel_ = g_io_channel_unix_new(fd);
   source_id_ = g_io_add_watch(channel_, condition, on_edge, this);
   return source_id_;
@@ -151,8 +150,7 @@ void LogicWatch::stop() {
 
 gboolean LogicWatch::on_edge(GIOChannel* channel, GIOCondition condition, gpointer user_data) {
   auto* watch = static_cast<LogicWatch*>(user_data);
-  char level = 0;
-  if (pread(g_io_channel_unix_get_fd(channel), &level, 1, 0) < 0) {
+  if (ugpio_get_value(watch->pin_->handle) == -1) {
     // The chip is gone; its file would report an error for ever.
     g_warning("%sPin of port %d cannot be read any more, not watching it: %s", log_prefix,
               watch->port_->number, g_strerror(errno));

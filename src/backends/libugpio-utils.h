@@ -66,8 +66,8 @@ public:
   LogicWatch(const LogicWatch&) = delete;
   LogicWatch& operator=(const LogicWatch&) = delete;
 
-  /// Watches the pin for `port`; a running watch stays as it is. The source id, 0 when the pin is
-  /// not open.
+  /// Watches the pin, which must outlive the watch, for `port`; a running watch stays as it is. The
+  /// source id, 0 when the pin is not open.
   guint start(IoPort* port, const GpioPin* pin, GIOCondition condition = G_IO_ERR);
   void stop();
   explicit operator bool() const { return source_id_ != 0; }
@@ -78,4 +78,5 @@ private:
   GIOChannel* channel_ = nullptr;
   guint source_id_ = 0;
   IoPort* port_ = nullptr;
+  const GpioPin* pin_ = nullptr;
 };

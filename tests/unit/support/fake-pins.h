@@ -1,0 +1,22 @@
+// Pins at the boundary of libugpio: every call is written down, levels and faults are the test's.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+struct FakePins {
+  /// "request_one 17 333", "full_open 17", ... in order. A pin by name stands with its name.
+  std::vector<std::string> calls;
+  /// Levels by pin, as ugpio_get_value gives them.
+  std::map<std::string, int> levels;
+  /// Calls that fail, by their first word; "set_value" may be made to fail and the like.
+  std::vector<std::string> faults;
+
+  /// Forgets everything and releases the descriptors.
+  void reset();
+  /// Makes the pin's descriptor raise an error condition, as an edge does.
+  void edge(const std::string& pin);
+};
+
+extern FakePins fake_pins;
