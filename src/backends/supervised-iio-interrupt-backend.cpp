@@ -314,7 +314,7 @@ bool open_event_files(IioIntPortData* data) {
 // Settings of the whole device, told as the description has them; a device without one goes on.
 void write_device_setting(const IioIntPortData* data, const char* file, const char* text) {
   const std::string path = iio_device_folder(data->device_number) + file;
-  const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  const int fd = open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
   if (fd < 0) {
     g_warning("%sFailed to open sysfs path '%s': %s", log_prefix, path.c_str(), g_strerror(errno));
     return;
