@@ -128,7 +128,7 @@ gboolean readout(IoPort* port, bool use_cache, guint* state, guint* level, GErro
   *level = data->cached_level;
   if (port->ranges == nullptr) {
     g_set_error(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_NOT_SUPERVISED,
-                "Failed to get ranges from port %s", port->name ? port->name->c_str() : "");
+                "Failed to get ranges from port %s", c_str_or_null(port->name));
     return FALSE;
   }
   return supervised_lookup_state(port, *level, state, error);
