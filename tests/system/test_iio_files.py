@@ -1,8 +1,14 @@
-"""Converters on plain sysfs files: what set-up says and writes, step by step, up to the device node,
-which these devices lack."""
+"""Converters on plain sysfs files: what set-up says and writes, step by step, and what
+samples from a pipe in the place of the device node read as."""
+
+import os
+import re
+import signal
 
 import pytest
 from describe import element, port
+
+from sim.bus import PortChanged
 
 DEVICES = "/sys/bus/iio/devices"
 TRIGGERS = "/sys/kernel/config/iio/triggers/hrtimer"
@@ -121,6 +127,120 @@ def test_files_that_cannot_be_written_are_told_only(device):
         told = f"^WARNING: Failed to open sysfs path '{path}': No such file or directory$"
         assert device.log_count(told) == times
     assert device.log_count("^WARNING: Failed to open device: No such file or directory$") == 1
+
+
+NODE = "/dev/iio:device2"
+RANGES = (("open", 0, 99), ("closed", 100, 199), ("cut", 150, 160), ("short", 200, 65535))
+
+
+class Samples:
+    """A pipe as the device node: what is written to it is what the converter sends."""
+
+    def __init__(self, device):
+        path = device.path(NODE)
+        path.parent.mkdir(exist_ok=True)
+        os.mkfifo(path)
+        # Open on both sides, so that neither end waits for the other.
+        self._pipe = os.open(path, os.O_RDWR)
+        device.on_exit(self.close)
+
+    def send(self, *sample):
+        os.write(self._pipe, bytes(sample))
+
+    def close(self):
+        if self._pipe is not None:
+            os.close(self._pipe)
+        self._pipe = None
+
+
+def sampling(device, kind, number=0, **changed):
+    """A device whose port 0 is the converter alone, and the signals that it sends."""
+    converter(device, kind=kind)
+    samples = Samples(device)
+    inside = element("device", **(SAMPLED | changed)) + "".join(
+        element("range", state=state, lower=lower, upper=upper) for state, lower, upper in RANGES
+    )
+    device.describe(port("s", number, "input", "iio", backend_inside=inside))
+    device.start()
+    return samples, device.signals()
+
+
+@pytest.mark.parametrize(
+    "kind, shift, sample",
+    [
+        ("le:u8/8>>0", None, (120,)),
+        ("le:u12/16>>4", None, (0x80, 0x07)),
+        ("be:u12/16>>4", None, (0x07, 0x8F)),
+        ("be:u8/16>>0", None, (0xFF, 120)),
+        ("le:u24/24>>0", None, (120, 0, 0)),
+        ("be:u24/24>>8", None, (0, 120, 0xFF)),
+        ("be:u32/32>>0", None, (0, 0, 0, 120)),
+        ("le:u32/32>>31", "40", (0, 0, 0, 0x80)),
+        ("le:u16/16>>0", "3", (0xC7, 0x03)),
+    ],
+)
+def test_a_sample_of_any_layout_is_classified(device, kind, shift, sample):
+    samples, changes = sampling(device, kind, shift=shift)
+    samples.send(*sample)
+    # Closed is 1; beyond 32 bits nothing is left of a sample, which is open, 0.
+    closed = shift != "40"
+    changes.wait_for(PortChanged, port=0, state=closed)
+    assert device.state.GetState(0) is closed
+
+
+def test_a_change_is_told_once_and_the_last_range_counts(device):
+    samples, changes = sampling(device, "le:u8/8>>0")
+    for level, state in ((120, True), (99, False), (100, True), (155, True), (0, False)):
+        for _ in range(3):
+            samples.send(level)
+        changes.wait_for(PortChanged, port=0, state=state)
+    device.sync()
+    changes.assert_none(PortChanged)
+    # Cut is 3, no level at all.
+    samples.send(155)
+    changes.wait_for(PortChanged, port=0, state=True)
+    assert device.state.GetState(0) is False
+
+
+def test_a_sample_cut_short_is_undefined(device):
+    samples, changes = sampling(device, "le:u8/16>>0")
+    samples.send(120, 0)
+    changes.wait_for(PortChanged, port=0, state=True)
+    samples.send(120)
+    changes.wait_for(PortChanged, port=0, state=True)  # 4, undefined
+    assert device.log_count("^WARNING: read Error: ") == 1
+    assert device.log_count("^WARNING: Readout failed: ") == 1
+    assert device.state.GetState(0) is True  # by the last whole sample
+    samples.send(0, 0)
+    changes.wait_for(PortChanged, port=0, state=False)
+
+
+def test_a_converter_that_hangs_up_is_told_once_and_costs_nothing_more(device):
+    samples, changes = sampling(device, "le:u8/8>>0")
+    samples.send(120)
+    changes.wait_for(PortChanged, port=0, state=True)
+    samples.close()
+    device.wait_for_log("^WARNING: Readout failed: ")
+    for _ in range(5):
+        device.state.GetState(0)
+    assert device.log_count("^WARNING: read Error: ") == 1
+
+
+@pytest.mark.parametrize(
+    "kind, condition",
+    [
+        ("le:s12/16>>0", "backend->iio_type.sign == 'u'"),
+        ("le:u33/32>>0", "backend->iio_type.bits <= 32"),
+        ("le:u12/64>>0", "backend->iio_type.size <= 32"),
+        ("le:u12/12>>0", "backend->iio_type.size % 8 == 0"),
+    ],
+)
+def test_a_layout_that_no_converter_here_has_is_a_mistake(device, kind, condition):
+    converter(device, kind=kind)
+    device.expect(f"assertion failed: \\({re.escape(condition)}\\)")
+    device.describe(port("s", 0, "input", "iio", backend_inside=element("device", **SAMPLED)))
+    device.start(ready=False)
+    device.wait_exit(128 + signal.SIGABRT)
 
 
 def interrupts(device, **settings):
