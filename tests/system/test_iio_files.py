@@ -269,3 +269,52 @@ def test_an_interrupt_port_without_a_node(device):
         "WARNING: Failed to open backend->device",
         "WARNING: Failed to setup iio device.",
     ]
+
+
+def test_an_interrupt_port_whose_node_has_no_events(device):
+    converter(device)
+    device.write(NODE, "")
+    interrupts(device, driver="adc")
+    assert warnings(device)[-3:] == [
+        f"WARNING: Failed to open device {NODE}: Inappropriate ioctl for device",
+        "WARNING: Failed to open backend->device",
+        "WARNING: Failed to setup iio device.",
+    ]
+
+
+def test_an_entry_without_a_number_is_told_and_passed_over(device):
+    converter(device)
+    device.path(f"{DEVICES}/iio:device-less").mkdir()
+    device.path(f"{DEVICES}/iio_hwmon").mkdir()
+    start(device, name="none")
+    told = "^WARNING: Failed to find device number for device iio:device-less: "
+    assert device.log_count(told) >= 1
+    assert device.log_count("iio_hwmon") == 0
+    assert device.log_count("^WARNING: Failed to find device name: -1 5$") == 1
+
+
+def test_the_ranges_of_a_description_follow_the_order_of_their_attributes(device):
+    """ "upper" takes what came before it; what comes later waits for the next one."""
+    pins = element("input", pin=1)
+    inside = (
+        pins
+        + element("range", state="open", lower=0, upper=10)
+        + "<range upper='30' state='closed' lower='20'/>"
+        + element("range", upper=40)
+        + element("range", state="short", lower=60, upper=60)
+        + element("range", state="Cut", lower=70, upper=80)
+        + element("range", state="cut", lower=-5, upper=65535)
+    )
+    device.expect("iio_setup_gpio: assertion")  # there is no pin
+    device.describe(port("s", 0, "input", "iio", backend_inside=inside) + port("other", 1))
+    device.start()
+    told = [line for line in device.log if "Failed to configure port" in line]
+    assert told == [
+        "WARNING: Failed to configure port: State is undefined.",
+        "WARNING: Failed to configure port: Invalid range.",
+        "WARNING: Failed to configure port: State is undefined.",
+    ]
+    saved = next(group for group in device.saved.values() if "supervised_input_ranges" in group)
+    assert saved["supervised_input_ranges"] == (
+        "[('open', uint32 0, uint32 10), ('closed', 20, 40), ('cut', 4294967291, 65535)]"
+    )

@@ -1,5 +1,7 @@
 """Pins of the supervised kinds on plain files: what set-up requires, says and writes."""
 
+import signal
+
 import pytest
 from describe import element, port
 from test_gpio_files import export, text
@@ -93,3 +95,48 @@ def test_each_pin_of_an_spi_port_is_told_and_its_failure_is_not_the_ports(device
     assert device.log_count("Setup failed") == 0
     device.state.SetState(0, True)
     assert device.log_count(r"^WARNING: Failed to set gpio pin \(null\): ") == 1
+
+
+@pytest.mark.parametrize(
+    "backend, function", [("spi", "spi_setup_gpio"), ("iio", "iio_setup_gpio")]
+)
+def test_a_description_without_the_second_control_pin_is_a_mistake(device, backend, function):
+    for number in (IN, CTRL):
+        export(device, number)
+    pins = element("input", pin=IN) + element("io_ctrl", pin=CTRL)
+    device.expect(rf"{function}: assertion failed: \(data->sioctrl != NULL\)")
+    device.describe(port("s", 0, "input", backend, backend_inside=pins))
+    device.start(ready=False)
+    device.wait_exit(128 + signal.SIGABRT)
+
+
+@pytest.mark.parametrize("inverted", [None, "true"], ids=["plain", "inverted"])
+@pytest.mark.parametrize("kind", ["input", "io_ctrl"])
+def test_the_second_control_pin_of_an_interrupt_port_is_optional(device, kind, inverted):
+    """The converter is missing, so the port fails, but only after its pins are set."""
+    for number in (IN, OUT, CTRL, SENSE):
+        export(device, number)
+    pins = element("input", pin=IN) + element("io_ctrl", pin=CTRL, inverted=inverted)
+    if kind == "io_ctrl":
+        pins += element("output", pin=OUT)
+    device.describe(port("s", 0, kind, "iio-interrupt", backend_inside=pins) + port("other", 1))
+    device.start()
+    folder = f"/sys/class/gpio/gpio{CTRL}"
+    assert text(device, folder, "value") == "1\n"
+    assert text(device, folder, "direction") == ("low" if inverted else "high")
+    assert device.log_count("^WARNING: Failed to find device name$") == 1
+    assert device.log_count("^WARNING: Failed to set (gpio|ioctrl|sioctrl)") == 0
+
+
+@pytest.mark.parametrize("inverted, level", [(None, "low"), ("true", "high")])
+def test_a_fresh_second_control_pin_starts_inactive(device, inverted, level):
+    for number in (IN, CTRL, SENSE):
+        export(device, number)
+    pins = element("input", pin=IN) + element("io_ctrl", pin=CTRL)
+    pins += element("sio_ctrl", pin=SENSE, inverted=inverted)
+    device.describe(port("s", 0, "input", "iio-interrupt", backend_inside=pins) + port("o", 1))
+    device.start()
+    folder = f"/sys/class/gpio/gpio{SENSE}"
+    assert text(device, folder, "direction") == level
+    assert text(device, folder, "value") == "0\n"
+    assert text(device, folder, "active_low") == ("1" if inverted else "\n")
