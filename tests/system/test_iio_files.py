@@ -8,7 +8,9 @@ import signal
 import pytest
 from describe import element, port
 
-from sim.bus import PortChanged
+from test_gpio_files import export
+
+from sim.bus import PortChanged, wait_until
 
 DEVICES = "/sys/bus/iio/devices"
 TRIGGERS = "/sys/kernel/config/iio/triggers/hrtimer"
@@ -129,6 +131,7 @@ def test_files_that_cannot_be_written_are_told_only(device):
     assert device.log_count("^WARNING: Failed to open device: No such file or directory$") == 1
 
 
+SUPERVISION = "com.norv.IOSupervised.Supervised"
 NODE = "/dev/iio:device2"
 RANGES = (("open", 0, 99), ("closed", 100, 199), ("cut", 150, 160), ("short", 200, 65535))
 
@@ -140,6 +143,7 @@ class Samples:
         path = device.path(NODE)
         path.parent.mkdir(exist_ok=True)
         os.mkfifo(path)
+        path.chmod(0o666)
         # Open on both sides, so that neither end waits for the other.
         self._pipe = os.open(path, os.O_RDWR)
         device.on_exit(self.close)
@@ -148,19 +152,20 @@ class Samples:
         os.write(self._pipe, bytes(sample))
 
     def close(self):
+        """Hangs up."""
         if self._pipe is not None:
             os.close(self._pipe)
         self._pipe = None
 
 
-def sampling(device, kind, number=0, **changed):
+def sampling(device, kind, optional=None, pins="", **changed):
     """A device whose port 0 is the converter alone, and the signals that it sends."""
     converter(device, kind=kind)
     samples = Samples(device)
     inside = element("device", **(SAMPLED | changed)) + "".join(
         element("range", state=state, lower=lower, upper=upper) for state, lower, upper in RANGES
     )
-    device.describe(port("s", number, "input", "iio", backend_inside=inside))
+    device.describe(port("s", 0, "input", "iio", backend_inside=inside + pins, optional=optional))
     device.start()
     return samples, device.signals()
 
@@ -213,6 +218,56 @@ def test_a_sample_cut_short_is_undefined(device):
     assert device.state.GetState(0) is True  # by the last whole sample
     samples.send(0, 0)
     changes.wait_for(PortChanged, port=0, state=False)
+
+
+def descriptors(device):
+    return len(os.listdir(f"/proc/{device.pid}/fd"))
+
+
+def test_drops_and_refreshes_leave_one_reader_and_no_descriptors(device):
+    samples, changes = sampling(device, "le:u8/8>>0", optional="true")
+    device.state.DropIOPorts(["s"])
+    device.state.RefreshIOPorts()
+    before = descriptors(device)
+    for _ in range(20):
+        assert device.state.DropIOPorts(["s"]) == ["s"]
+        device.state.RefreshIOPorts()
+    assert descriptors(device) == before
+    changes.take()
+    for level, state in ((120, True), (50, False)):
+        samples.send(level)
+        changes.wait_for(PortChanged, port=0, state=state)
+    changes.assert_none(PortChanged)
+    device.state.DropIOPorts(["s"])
+    assert descriptors(device) < before
+
+
+def test_supervision_on_and_off_reads_the_converter_or_the_pin(device):
+    supervised_pins = element("input", pin=17) + element("io_ctrl", pin=18)
+    supervised_pins += element("sio_ctrl", pin=19)
+    pin, *controls = (export(device, number) for number in (17, 18, 19))
+    samples, changes = sampling(device, "le:u8/8>>0", pins=supervised_pins, mode=None)
+    wait_until(
+        lambda: device.first_client.owner(SUPERVISION) is not None, f"{SUPERVISION} on the bus"
+    )
+
+    def supervise(on):
+        device.supervision.SetSupervised(0, on)
+        return [device.read(f"{folder}/value") for folder in controls]
+
+    before = descriptors(device)
+    for _ in range(20):
+        assert supervise(True) == ["0\n", "1\n"]
+        changes.take()
+        samples.send(120)
+        changes.wait_for(PortChanged, port=0, state=True)
+        assert device.supervision.GetSupervisedReadout(0) == ("closed", 120)
+        samples.send(50)
+        changes.wait_for(PortChanged, port=0, state=False)
+        assert supervise(False) == ["1\n", "0\n"]
+        device.write(f"{pin}/value", "1\n")
+        assert device.state.GetState(0) is True
+    assert descriptors(device) == before
 
 
 def test_a_converter_that_hangs_up_is_told_once_and_costs_nothing_more(device):
