@@ -3,6 +3,7 @@
 The daemon has its paths compiled in and no option to move them. So the sandbox gives it a file
 system of its own, built by bubblewrap: the host's /usr (read-only, without /usr/share), and /etc,
 /tmp, /run, /sys and /usr/share/wexd from a scratch folder that mirrors them. `path` translates.
+What lies in the scratch folder's /dev when a program starts is added to a minimal /dev.
 Nothing outside the scratch folder can be written.
 
 Run by root, the daemon is root inside with every capability, exactly as an init would start it, so
@@ -130,9 +131,14 @@ class Sandbox:
             "--bind", str(self.path("/tmp")), "/tmp",
             "--bind", str(self.path("/run")), "/run",
             "--bind", str(self.path("/sys")), "/sys",
+            *self._nodes(),
             *more,
             "--chdir", "/",
         ]  # fmt: skip
+
+    def _nodes(self):
+        for node in sorted(self.path("/dev").glob("*")):
+            yield from ("--bind", str(node), f"/dev/{node.name}")
 
 
 def child_of(pid):

@@ -51,7 +51,7 @@ void iio_read_sysfs(const char* path, char** contents) {
 }
 
 void iio_write_sysfs(const std::string& path, const char* text) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  const int fd = open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
   if (fd < 0) {
     g_warning("%sFailed to open sysfs path '%s': %s", log_prefix, path.c_str(), g_strerror(errno));
     return;

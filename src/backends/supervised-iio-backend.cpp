@@ -122,13 +122,14 @@ void switch_channel(const std::string& channel, int device, const char* on) {
   iio_write_sysfs(buffer_switch, "1");
 }
 
-bool open_node(IioPortData* data, int device) {
+// 0, or the reason of a failure.
+int open_node(IioPortData* data, int device) {
   data->fd.reset(open(iio_device_node(device).c_str(), O_RDONLY | O_CLOEXEC));
-  if (!data->fd) {
-    g_warning("%sFailed to open device: %s", log_prefix, g_strerror(errno));
-    return false;
+  const int reason = data->fd ? 0 : errno;
+  if (reason != 0) {
+    g_warning("%sFailed to open device: %s", log_prefix, g_strerror(reason));
   }
-  return true;
+  return reason;
 }
 
 bool iio_setup_sysfs(IioPortData* data) {
@@ -150,9 +151,9 @@ bool iio_setup_sysfs(IioPortData* data) {
   g_autofree char* before = nullptr;
   iio_read_sysfs((channel + "_en").c_str(), &before);
   switch_channel(channel, device, "1");
-  if (!open_node(data, device)) {
+  if (const int open_errno = open_node(data, device); open_errno != 0) {
     // A channel more in the scan would make every sample too long for whoever has the node open.
-    if (g_strcmp0(before, "0") == 0) {
+    if (open_errno == EBUSY && g_strcmp0(before, "0") == 0) {
       switch_channel(channel, device, "0");
     }
     return false;

@@ -127,7 +127,7 @@ gboolean readout(IoPort* port, bool use_cache, guint* state, guint* level, GErro
   *level = data->cached_level;
   if (port->ranges == nullptr) {
     g_set_error(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_NOT_SUPERVISED,
-                "Failed to get ranges from port %s", port->name ? port->name->c_str() : "");
+                "Failed to get ranges from port %s", c_str_or_null(port->name));
     return FALSE;
   }
   return supervised_lookup_state(port, *level, state, error);
@@ -313,7 +313,7 @@ bool open_event_files(IioIntPortData* data) {
 // Settings of the whole device, told as the description has them; a device without one goes on.
 void write_device_setting(const IioIntPortData* data, const char* file, const char* text) {
   const std::string path = iio_device_folder(data->device_number) + file;
-  const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  const int fd = open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
   if (fd < 0) {
     g_warning("%sFailed to open sysfs path '%s': %s", log_prefix, path.c_str(), g_strerror(errno));
     return;

@@ -98,7 +98,7 @@ gboolean supervised_lookup_state(IoPort* port, guint32 level, guint* state, GErr
   GList* ranges = nullptr;
   if (!io_port_get_supervised_ranges(port, &ranges)) {
     g_set_error(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_NOT_SUPERVISED,
-                "Failed to get ranges from port %s", port->name ? port->name->c_str() : "");
+                "Failed to get ranges from port %s", c_str_or_null(port->name));
     return FALSE;
   }
 

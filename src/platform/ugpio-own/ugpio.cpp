@@ -29,7 +29,7 @@ namespace {
 const std::string class_folder = "/sys/class/gpio/";
 
 bool write_text(const std::string& path, std::string_view text) {
-  const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  const UniqueFd fd(open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
   if (!fd) {
     return false;
   }

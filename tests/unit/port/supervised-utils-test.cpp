@@ -151,6 +151,11 @@ TEST_F(Supervision, cannot_look_a_level_up_without_ranges_to_lend) {
   ASSERT_TRUE(
       g_error_matches(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_NOT_SUPERVISED));
   EXPECT_STREQ(error->message, "Failed to get ranges from port loop");
+
+  port->name = std::nullopt;
+  g_clear_error(&error);
+  EXPECT_FALSE(supervised_lookup_state(port.get(), 1, &state, &error));
+  EXPECT_STREQ(error->message, "Failed to get ranges from port (null)");
 }
 
 TEST_F(Supervision, lends_takes_and_replaces_the_list_of_a_port) {
