@@ -146,6 +146,8 @@ TEST_F(TheImport, stops_a_group_at_a_bad_value_and_goes_on_with_the_next) {
         Row{"no number", "[IOPort.IX.Input]\nName=after\n", "Failed to parse port number"},
         Row{"no number of an output", "[IOPort.IX.Output]\nName=after\n",
             "Failed to parse port number"},
+        Row{"a number of no port", "[IOPort.I4294967299.Input]\nName=after\n",
+            "Failed to parse port number"},
         Row{"a short name", "[Input.Input]\nName=after\n", "Failed to parse port number"}}) {
     SCOPED_TRACE(row.label);
     both->input_name.reset();
