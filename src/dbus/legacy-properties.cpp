@@ -82,7 +82,9 @@ GVariant* read_nbr_outputs() {
 }
 
 GVariant* read_manual_trigger_nbr() {
-  return g_variant_new_int32(virtual_input_get_first_port_no() + 1);
+  // Wraps at the greatest first number.
+  return g_variant_new_int32(
+      static_cast<gint32>(static_cast<guint32>(virtual_input_get_first_port_no()) + 1));
 }
 
 GVariant* read_nbr_ports(IoPort* /*port*/, const char* /*interface_name*/) {
