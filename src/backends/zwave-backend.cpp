@@ -6,6 +6,8 @@
 
 #include <syslog.h>
 
+#include <mutex>
+
 namespace {
 
 constexpr const char* bus_name = "com.norv.ZWave.IO";
@@ -21,6 +23,9 @@ struct ZwavePortData {
   std::atomic<bool> connected{false};
   std::atomic<gint> output_value{0};
   std::atomic<guint> state{0};
+  /// Held from reading the output value until the service has it: the service ends up with the
+  /// value that was set last, whichever thread sends first.
+  std::mutex send_lock;
   gulong signal_handler = 0;
 
   ZwavePortData() = default;
@@ -53,6 +58,7 @@ GVariant* call(ZwavePortData* data, const char* method, GVariant* arguments,
 }
 
 void send_state(IoPort* port, ZwavePortData* data) {
+  const std::lock_guard guard(data->send_lock);
   const gint value = data->output_value;
   data->state = value > 0 ? 1 : 0;
   g_autoptr(GVariant) reply =
@@ -100,8 +106,8 @@ void ask_state(IoPort* port, ZwavePortData* data) {
 // Brings port and service to the same state: an input takes the service's, an output gives its own.
 void synchronise(IoPort* port, ZwavePortData* data) {
   data->connected = true;
-  data->state = state_unknown;
   if (io_port_input(port)) {
+    data->state = state_unknown;
     ask_state(port, data);
   } else {
     send_state(port, data);

@@ -66,7 +66,7 @@ OptionalText text_of(GVariant* value) {
 // Reading. Texts are answered as strings, whatever the declared type says; clients rely on it.
 
 GVariant* text_or_absent(const OptionalText& text) {
-  return g_variant_new_string(text && !text->empty() ? text->c_str() : absent_text);
+  return g_variant_new_string(text ? text->c_str() : absent_text);
 }
 
 GVariant* open_or_closed(bool activelow) {
@@ -82,7 +82,9 @@ GVariant* read_nbr_outputs() {
 }
 
 GVariant* read_manual_trigger_nbr() {
-  return g_variant_new_int32(virtual_input_get_first_port_no() + 1);
+  // Wraps at the greatest first number.
+  return g_variant_new_int32(
+      static_cast<gint32>(static_cast<guint32>(virtual_input_get_first_port_no()) + 1));
 }
 
 GVariant* read_nbr_ports(IoPort* /*port*/, const char* /*interface_name*/) {

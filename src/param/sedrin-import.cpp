@@ -15,6 +15,7 @@
 #include <cstring>
 #include <span>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -154,7 +155,7 @@ std::optional<gint> port_number(std::string_view group) {
   const char* const digits = group.data() + number_offset;
   gchar* end = nullptr;
   const gint64 number = g_ascii_strtoll(digits, &end, 10);
-  if (end == digits) {
+  if (end == digits || !std::in_range<gint>(number)) {
     return std::nullopt;
   }
   return static_cast<gint>(number);

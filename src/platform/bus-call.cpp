@@ -3,8 +3,10 @@
 GVariant* bus_call(GDBusProxy* proxy, const char* method, GVariant* arguments,
                    const GVariantType* reply_type, GError** error) {
   constexpr gint default_timeout = -1;
-  g_autoptr(GVariant) reply = g_dbus_proxy_call_sync(
-      proxy, method, arguments, G_DBUS_CALL_FLAGS_NONE, default_timeout, nullptr, error);
+  // A proxy that refuses the call because its name has no owner leaves floating arguments alone.
+  g_autoptr(GVariant) held = arguments != nullptr ? g_variant_ref_sink(arguments) : nullptr;
+  g_autoptr(GVariant) reply = g_dbus_proxy_call_sync(proxy, method, held, G_DBUS_CALL_FLAGS_NONE,
+                                                     default_timeout, nullptr, error);
   if (reply == nullptr) {
     return nullptr;
   }

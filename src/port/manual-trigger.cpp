@@ -9,6 +9,11 @@ constexpr gint default_first_port_no = 5;
 gint first_port_no = default_first_port_no;
 bool in_use = false;
 
+// The first number is whatever the hardware description says, up to the greatest there is.
+gint wrapping_sum(gint a, gint b) {
+  return static_cast<gint>(static_cast<guint>(a) + static_cast<guint>(b));
+}
+
 std::unique_ptr<IoEvent, IoEventDeleter> manual_trigger_event(gint channel) {
   std::unique_ptr<IoEvent, IoEventDeleter> event(new IoEvent);
   event->declaration = "com.norv.Event.Wxd.ManualTrigger";
@@ -37,7 +42,7 @@ bool virtual_input_in_use() {
 IoPort* io_port_create_manual_trigger(gint channel) {
   IoPort* const port = io_port_new();
   port->type = PORT_OUTPUT;
-  port->number = first_port_no + channel - 1;
+  port->number = wrapping_sum(first_port_no, channel - 1);
   port->name = "manualtrigger" + std::to_string(channel);
   port->is_setup = true;
   port->enabled = false;

@@ -227,3 +227,16 @@ def test_a_crash_between_write_and_rename_leaves_the_old_files(device):
     device.kill()
     assert (device.read(REGISTRY), device.read(MAPPING)) == before
     ElementTree.fromstring(device.read(TEMPORARY))
+
+
+@pytest.mark.parametrize("file", [REGISTRY, MAPPING])
+def test_what_a_crash_left_behind_is_no_port(device, file):
+    """The temporary file is in a folder whose files are read as hardware descriptions."""
+    device.describe(port("a", 0, "io_ctrl") + port("b", 1))
+    device.start()
+    written = device.read(REGISTRY), device.read(MAPPING)
+    device.stop()
+    device.write(TEMPORARY, device.read(file))
+    device.start()
+    assert [entry.name for entry in device.port_list()] == ["b", "a"]
+    assert (device.read(REGISTRY), device.read(MAPPING)) == written

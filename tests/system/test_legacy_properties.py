@@ -295,11 +295,25 @@ def test_the_counts_are_told_on_port_0_without_such_a_port(device):
     ]  # fmt: skip
 
 
-def test_a_name_that_was_emptied_reads_as_missing(legacy):
+def test_a_name_that_was_emptied_is_no_missing_one(legacy):
     legacy.set(0, INPUT, "Name", bytestring(""))
-    assert legacy.get(0, INPUT, "Name") == "<NULL>"
+    assert legacy.get(0, INPUT, "Name") == ""
     legacy.device.restart()
-    assert legacy.get(0, INPUT, "Name") == "<NULL>"
+    assert legacy.get(0, INPUT, "Name") == ""
+
+
+@pytest.mark.parametrize("value", [b"", b"\0"], ids=["no byte", "a lone zero"])
+def test_an_empty_byte_string_is_an_empty_text(legacy, value):
+    legacy.set(0, IOPORT, "Usage", GLib.Variant("ay", value))
+    assert legacy.get(0, IOPORT, "Usage") == ""
+    assert legacy.refusal(1, OUTPUT, "Mode", GLib.Variant("ay", value)) == (
+        INVALID_ARGS,
+        "Incorrect value for Mode",
+    )
+    assert legacy.refusal(2, IOPORT, "Direction", GLib.Variant("ay", value)) == (
+        INVALID_ARGS,
+        "Bad Direction ''",
+    )
 
 
 def test_a_change_from_a_sequence_thread_reaches_the_listener(legacy):

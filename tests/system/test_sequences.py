@@ -5,7 +5,8 @@ import time
 import pytest
 from describe import port, sysfs_input
 
-from sim.bus import ActionSequenceDone, BusError, PortChanged
+from sim.bus import ActionSequenceDone, BusError, PortChanged, wait_until
+from sim.peers import IoBox, ZWave
 
 LONG = 2_000_000  # milliseconds: more than half an hour, and no wrap yet
 DOOR = "/sys/door"
@@ -316,3 +317,64 @@ def test_starts_and_cancellations_in_quick_succession_never_hang(running):
         first.wait()
         second.wait()
         signals.wait_for(ActionSequenceDone, port=1)
+
+
+BLINKS = [(n % 2 == 0, 1) for n in range(100)]
+
+
+def test_a_sequence_drives_an_output_of_an_io_box(device):
+    """Its calls are made on its own thread, while the main one reads and switches the same port."""
+    box = IoBox(device)
+    device.describe(port("out", 1, "output", "iobox") + port("in", 2, "input", "iobox"))
+    device.start()
+    signals = device.signals()
+    start(device, 1, BLINKS)
+    for word in ("closed", "open") * 5:
+        box.line(2, word)
+        device.state.GetState(1)
+        device.supervision.GetSupervisedReadout(1)
+    signals.wait_for(ActionSequenceDone, port=1)
+    changes = [change for change in signals.take() if change.port == 1]
+    assert [change.state for change in changes] == [state for state, _ in BLINKS]
+    assert box.modes[1:] == [(1, int(state), "out") for state, _ in BLINKS]
+
+    start_when_free(device, 1, [(True, 0), (True, LONG)])
+    signals.wait_for(PortChanged, port=1, state=True)
+    device.supervision.SetSupervised(1, True)  # a change of configuration ends the sequence
+    signals.wait_for(ActionSequenceDone, port=1)
+    assert box.modes[-1] == (1, 1, "out")
+
+
+def test_a_sequence_drives_a_z_wave_output(device):
+    peer = ZWave(device)
+    device.describe(port("out", 1, "output", "zwave") + port("in", 2, "input", "zwave"))
+    device.start()
+    signals = device.signals()
+    start(device, 1, BLINKS)
+    for state in (True, False) * 5:
+        peer.device_state(2, state)
+        device.state.GetState(1)
+    signals.wait_for(ActionSequenceDone, port=1)
+    changes = [change for change in signals.take() if change.port == 1]
+    assert [change.state for change in changes] == [state for state, _ in BLINKS]
+    assert peer.sent[1:] == [(1, state) for state, _ in BLINKS]
+
+
+@pytest.mark.parametrize("backend, peer_class", [("iobox", IoBox), ("zwave", ZWave)])
+def test_a_sequence_ends_with_the_port_that_a_service_drives(device, backend, peer_class):
+    """Dropped and refreshed while it runs, and with the service gone and back in the meantime."""
+    peer = peer_class(device)
+    device.describe(port("out", 1, "output", backend, optional="true"))
+    device.start()
+    signals = device.signals()
+    for _ in range(5):
+        start_when_free(device, 1, [(n % 2 == 0, 1) for n in range(5000)])
+        assert device.state.DropIOPorts(["out"]) == ["out"]
+        signals.wait_for(ActionSequenceDone, port=1)
+        device.state.RefreshIOPorts()
+    start_when_free(device, 1, BLINKS)
+    peer.stop()
+    peer.start()
+    signals.wait_for(ActionSequenceDone, port=1)
+    device.state.SetState(1, True)
+    wait_until(lambda: device.state.GetState(1), "the port to be driven again")

@@ -1,3 +1,5 @@
+#include "support/child.h"
+#include "support/log-capture.h"
 #include "support/port-fixture.h"
 #include "support/scratch.h"
 #include "support/streams.h"
@@ -5,6 +7,10 @@
 #include "param/sedrin-import.h"
 #include "platform/log.h"
 #include "port/errors.h"
+
+#include <sys/resource.h>
+
+#include <csignal>
 
 using testing::HasSubstr;
 
@@ -140,6 +146,8 @@ TEST_F(TheImport, stops_a_group_at_a_bad_value_and_goes_on_with_the_next) {
         Row{"no number", "[IOPort.IX.Input]\nName=after\n", "Failed to parse port number"},
         Row{"no number of an output", "[IOPort.IX.Output]\nName=after\n",
             "Failed to parse port number"},
+        Row{"a number of no port", "[IOPort.I4294967299.Input]\nName=after\n",
+            "Failed to parse port number"},
         Row{"a short name", "[Input.Input]\nName=after\n", "Failed to parse port number"}}) {
     SCOPED_TRACE(row.label);
     both->input_name.reset();
@@ -207,4 +215,40 @@ TEST_F(TheMerge, needs_both_files) {
   param_upgrade(there.c_str(), none.c_str(), &no_target);
   ASSERT_NE(no_target, nullptr);
   EXPECT_EQ(no_target->message, "Unable to open output file: " + there);
+}
+
+TEST_F(TheMerge, tells_twice_when_the_target_cannot_be_written) {
+  const auto source = scratch.write("source", "[a]\nk=1\n");
+  const auto target = scratch.write("target", "[a]\nk=0\n");
+  const std::string outcome = in_child([&] {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{.rlim_cur = 4, .rlim_max = 4};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    g_autoptr(GError) error = nullptr;
+    param_upgrade(source.c_str(), target.c_str(), &error);
+    std::string told = error != nullptr ? "an error\n" : "";
+    for (const auto& message : claim_log()) {
+      told += message.level == log_level_user ? message.text : "another level";
+    }
+    return told;
+  });
+  EXPECT_EQ(outcome.find("param_upgrade@755: failed to save key file: " + target + ", error: "), 0U)
+      << outcome;
+  EXPECT_THAT(outcome, HasSubstr("\nparam_upgrade@762: save operation failed! [" + target + "]\n"));
+  EXPECT_EQ(read_file(target), "[a]\nk=0\n");
+}
+
+TEST_F(TheMerge, leaves_the_target_alone_when_a_file_does_not_parse) {
+  const auto broken = scratch.write("broken", "no group\n");
+  const auto whole = scratch.write("whole", "[a]\nk=0\n");
+  g_autoptr(GError) bad_source = nullptr;
+  param_upgrade(broken.c_str(), whole.c_str(), &bad_source);
+  ASSERT_NE(bad_source, nullptr);
+  EXPECT_EQ(bad_source->message, "Unable to open input file: " + broken);
+  EXPECT_EQ(read_file(whole), "[a]\nk=0\n");
+  g_autoptr(GError) bad_target = nullptr;
+  param_upgrade(whole.c_str(), broken.c_str(), &bad_target);
+  ASSERT_NE(bad_target, nullptr);
+  EXPECT_EQ(bad_target->message, "Unable to open output file: " + whole);
+  EXPECT_EQ(read_file(broken), "no group\n");
 }
