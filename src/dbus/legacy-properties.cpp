@@ -65,8 +65,9 @@ OptionalText text_of(GVariant* value) {
 
 // Reading. Texts are answered as strings, whatever the declared type says; clients rely on it.
 
+// A port without a name is saved with an empty one, and must read the same after a restart.
 GVariant* text_or_absent(const OptionalText& text) {
-  return g_variant_new_string(text ? text->c_str() : absent_text);
+  return g_variant_new_string(text && !text->empty() ? text->c_str() : absent_text);
 }
 
 GVariant* open_or_closed(bool activelow) {
