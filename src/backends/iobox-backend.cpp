@@ -122,8 +122,7 @@ void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* sign
                GVariant* arguments, gpointer user_data) {
   auto* port = static_cast<IoPort*>(user_data);
   auto* data = backend_data<IoboxPortData>(port);
-  if (!g_str_equal(signal, "IOStateChanged")
-      || !g_variant_is_of_type(arguments, G_VARIANT_TYPE("(is)"))) {
+  if (!bus_signal_is(signal, arguments, "IOStateChanged", "(is)")) {
     return;
   }
   gint number = 0;
@@ -158,70 +157,75 @@ bool ensure_proxy(IoboxPortData* data) {
   return true;
 }
 
-bool box_attached(IoboxPortData* data) {
-  constexpr gint line = 206;
-  g_autoptr(GVariant) reply =
-      iobox_dbus_call(data, "GetIOBoxConnected", nullptr, G_VARIANT_TYPE("(b)"));
+// A question of the set-up, and what is told when it is not answered.
+struct Question {
+  const char* method;
+  gint line;
+  const char* failure;
+};
+
+GVariant* ask(IoboxPortData* data, const Question& question, GVariant* arguments,
+              const char* reply_type) {
+  GVariant* const reply =
+      iobox_dbus_call(data, question.method, arguments, G_VARIANT_TYPE(reply_type));
   if (reply == nullptr) {
-    setup_failed(line, "Could not get IO box connection status");
-    return false;
+    setup_failed(question.line, question.failure);
   }
-  gboolean attached = FALSE;
-  g_variant_get(reply, "(b)", &attached);
-  return attached != FALSE;
+  return reply;
 }
 
-bool box_fits(IoboxPortData* data) {
-  constexpr gint line = 218;
-  g_autoptr(GVariant) reply = iobox_dbus_call(data, "GetIOBoxType", nullptr, G_VARIANT_TYPE("(s)"));
+std::optional<bool> ask_flag(IoboxPortData* data, const Question& question,
+                             GVariant* arguments = nullptr) {
+  g_autoptr(GVariant) reply = ask(data, question, arguments, "(b)");
   if (reply == nullptr) {
-    setup_failed(line, "Could not get IO box type");
-    return false;
+    return std::nullopt;
   }
-  const gchar* model = nullptr;
-  g_variant_get(reply, "(&s)", &model);
-  return g_str_equal(model, data->box_name ? data->box_name->c_str() : default_model);
+  gboolean flag = FALSE;
+  g_variant_get(reply, "(b)", &flag);
+  return flag != FALSE;
 }
 
-bool port_usable(const IoPort* port, IoboxPortData* data) {
-  constexpr gint line = 242;
-  g_autoptr(GVariant) reply =
-      iobox_dbus_call(data, "GetIOPortStatus", number_argument(port), G_VARIANT_TYPE("(s)"));
+OptionalText ask_text(IoboxPortData* data, const Question& question,
+                      GVariant* arguments = nullptr) {
+  g_autoptr(GVariant) reply = ask(data, question, arguments, "(s)");
   if (reply == nullptr) {
-    setup_failed(line, "Could not get IO port status");
-    return false;
-  }
-  const gchar* status = nullptr;
-  g_variant_get(reply, "(&s)", &status);
-  return g_str_equal(status, "enabled");
-}
-
-bool ask_supervisable(const IoPort* port, IoboxPortData* data) {
-  constexpr gint line = 256;
-  g_autoptr(GVariant) reply =
-      iobox_dbus_call(data, "GetSupervised", number_argument(port), G_VARIANT_TYPE("(b)"));
-  if (reply == nullptr) {
-    setup_failed(line, "Could not get Supervised value");
-    return false;
-  }
-  gboolean supervisable = FALSE;
-  g_variant_get(reply, "(b)", &supervisable);
-  data->supervisable = supervisable != FALSE;
-  return true;
-}
-
-bool ask_input_state(const IoPort* port, IoboxPortData* data) {
-  constexpr gint line = 278;
-  g_autoptr(GVariant) reply =
-      iobox_dbus_call(data, "GetIOState", number_argument(port), G_VARIANT_TYPE("(s)"));
-  if (reply == nullptr) {
-    setup_failed(line, "Could not get initial IO state");
-    return false;
+    return std::nullopt;
   }
   const gchar* text = nullptr;
   g_variant_get(reply, "(&s)", &text);
-  data->state = iobox_state_to_wexd_state(text);
-  return true;
+  return text;
+}
+
+bool box_attached(IoboxPortData* data) {
+  return ask_flag(data, {"GetIOBoxConnected", 206, "Could not get IO box connection status"})
+      .value_or(false);
+}
+
+bool box_fits(IoboxPortData* data) {
+  const auto model = ask_text(data, {"GetIOBoxType", 218, "Could not get IO box type"});
+  return model && *model == data->box_name.value_or(default_model);
+}
+
+bool port_usable(const IoPort* port, IoboxPortData* data) {
+  return ask_text(data, {"GetIOPortStatus", 242, "Could not get IO port status"},
+                  number_argument(port))
+         == "enabled";
+}
+
+bool ask_supervisable(const IoPort* port, IoboxPortData* data) {
+  const auto supervisable = ask_flag(data, {"GetSupervised", 256, "Could not get Supervised value"},
+                                     number_argument(port));
+  data->supervisable = supervisable.value_or(data->supervisable);
+  return supervisable.has_value();
+}
+
+bool ask_input_state(const IoPort* port, IoboxPortData* data) {
+  const auto state =
+      ask_text(data, {"GetIOState", 278, "Could not get initial IO state"}, number_argument(port));
+  if (state) {
+    data->state = iobox_state_to_wexd_state(state->c_str());
+  }
+  return state.has_value();
 }
 
 bool start_state(IoPort* port, IoboxPortData* data, gboolean value) {

@@ -76,8 +76,7 @@ void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* sign
                GVariant* arguments, gpointer user_data) {
   auto* port = static_cast<IoPort*>(user_data);
   auto* data = backend_data<ZwavePortData>(port);
-  if (!g_str_equal(signal, "StateChangedByPort")
-      || !g_variant_is_of_type(arguments, G_VARIANT_TYPE("(ib)"))) {
+  if (!bus_signal_is(signal, arguments, "StateChangedByPort", "(ib)")) {
     return;
   }
   gint number = 0;

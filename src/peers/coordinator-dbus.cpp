@@ -29,8 +29,7 @@ void on_owner_changed(GDBusProxy* /*proxy*/, GParamSpec* /*property*/, gpointer 
 
 void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* signal,
                GVariant* arguments, gpointer /*user_data*/) {
-  if (!g_str_equal(signal, "PtzEnabledChanged")
-      || !g_variant_is_of_type(arguments, G_VARIANT_TYPE("(ib)"))) {
+  if (!bus_signal_is(signal, arguments, "PtzEnabledChanged", "(ib)")) {
     return;
   }
   gboolean enabled = FALSE;

@@ -29,8 +29,7 @@ std::list<ChannelProxy> channel_proxies;
 
 void on_channel_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* signal,
                        GVariant* arguments, gpointer user_data) {
-  if (!g_str_equal(signal, "EnabledChanged")
-      || !g_variant_is_of_type(arguments, G_VARIANT_TYPE("(b)"))) {
+  if (!bus_signal_is(signal, arguments, "EnabledChanged", "(b)")) {
     return;
   }
   gboolean enabled = FALSE;

@@ -12,5 +12,8 @@ GVariant* bus_call(GDBusProxy* proxy, const char* method, GVariant* arguments,
 /// The proxy's cached boolean property, into `value`; false when it is missing or no boolean.
 bool bus_cached_boolean(GDBusProxy* proxy, const char* property, bool* value);
 
+/// Whether a signal is the one of that name, with arguments of that type.
+bool bus_signal_is(const char* signal, GVariant* arguments, const char* name, const char* type);
+
 /// Whether somebody owns the proxy's name.
 bool bus_has_owner(GDBusProxy* proxy);
