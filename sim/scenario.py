@@ -194,6 +194,18 @@ def a_restart_keeps_settings(device, _changes, _names):
         tell("the relay is still called Garage gate and active low")
 
 
+def templates_are_removed(device, _changes, _names):
+    with step("A device without outputs has no use for the templates: they are removed") as tell:
+        engine = device.peers.engine
+        device.describe(
+            '<port name="door"><port_no nbr="0"/><port_type type="input"/>'
+            '<properties ioport="true"/><backend name="check"/></port>'
+        )
+        device.restart()
+        wait_until(lambda: engine.templates == [], "both templates to be removed")
+        tell("only the door is left, and no template")
+
+
 STORY = (
     an_input_flips,
     an_output_is_driven,
@@ -208,6 +220,7 @@ STORY = (
     a_channel_triggers,
     templates_are_registered,
     a_restart_keeps_settings,
+    templates_are_removed,
 )
 
 

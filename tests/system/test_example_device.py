@@ -12,7 +12,7 @@ import time
 import pytest
 from conftest import TOP
 
-STEPS = 13
+STEPS = 14
 
 
 def command(binary, *options):

@@ -215,7 +215,7 @@ def test_a_folder_that_refuses_is_named_and_keeps_its_file(device, closed, messa
 
 @pytest.mark.root
 def test_a_crash_between_write_and_rename_leaves_the_old_files(device):
-    """The target folder is a fifo's reach away: the rename fails, then the daemon is killed."""
+    """What a crash there leaves: the text is written, the rename has not happened, no daemon."""
     device.describe(port("a", 0) + port("extra", 1, optional="true"))
     device.start()
     before = device.read(REGISTRY), device.read(MAPPING)
