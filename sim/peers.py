@@ -48,6 +48,8 @@ class Peer:
              "--parameters", json.dumps(self.parameters)],
             env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.device.bus_address},
             stdout=subprocess.DEVNULL,
+            # An interrupt from the terminal is for whoever runs the device.
+            start_new_session=True,
         )  # fmt: skip
 
     def wait_ready(self):

@@ -35,8 +35,9 @@ extern "C" int ioctl(int /*fd*/, unsigned long request, ...) noexcept {
   EXPECT_EQ(sent[0], 0);
   commands.push_back(sent[1]);
   // Bits outside 4 to 11 mean nothing.
-  const std::array<guint8, 2> answer{static_cast<guint8>(*converter_level << 4U | 0x0FU),
-                                     static_cast<guint8>(*converter_level >> 4U | 0xF0U)};
+  const guint level = *converter_level;
+  const std::array<guint8, 2> answer{static_cast<guint8>(level << 4U | 0x0FU),
+                                     static_cast<guint8>(level >> 4U | 0xF0U)};
   memcpy(reinterpret_cast<void*>(transfer[1].rx_buf), answer.data(), answer.size());
   return 4;
 }
