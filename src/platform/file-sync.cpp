@@ -73,10 +73,9 @@ bool replace_in_place(const char* path, std::string_view text, GError** error) {
   return true;
 }
 
-// The replacement belongs to whoever runs us (before the privilege drop that is root), and the
-// umask has taken its part of the mode.
-// Only root replaces files of others and can give them back; once the daemon is an ordinary user, a
-// file that it replaces is its own from then on.
+// The umask has taken its part of the new file's mode, and the file belongs to whoever runs us.
+// Only root can give it back; once the daemon is an ordinary user, a file that it replaces is its
+// own.
 void restore_owner_and_mode(const char* path, const struct stat& before, int mode) {
   const bool foreign = before.st_uid != geteuid() || before.st_gid != getegid();
   if (foreign && geteuid() == 0 && chown(path, before.st_uid, before.st_gid) != 0) {

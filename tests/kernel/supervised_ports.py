@@ -5,20 +5,9 @@ from chips import ADC_BE12, ADC_LE12, NAMED, PLAIN, SPI_CONVERTERS
 from describe import element, port
 from gpio_ports import pin
 from sim.bus import STATE_NAME, wait_until
-
-NAME = "com.norv.IOSupervised.Supervised"
-PATH = "/com/norv/IOSupervised/Supervised"
-METHODS = {
-    "GetNumberOfPorts": "",
-    "IsSupervisable": "u",
-    "GetSupervised": "u",
-    "SetSupervised": "ub",
-    "SetSupervisedRanges": "usuu",
-    "GetSupervisedRanges": "u",
-    "GetSupervisedReadout": "u",
-    "GetSupervisedStates": "u",
-    "GetSupervisedPortNumbers": "",
-}
+from sim.bus import SUPERVISED_METHODS as METHODS
+from sim.bus import SUPERVISED_NAME as NAME
+from sim.bus import SUPERVISED_PATH as PATH
 
 # Levels that all three can show. Between the ranges a level means nothing.
 RANGES = (("short", 0, 40), ("closed", 50, 100), ("open", 110, 180), ("cut", 200, 255))

@@ -158,9 +158,10 @@ def test_the_man_page_of_the_description_names_every_word_of_the_schema(pytestco
     text = page.read_text().replace("\\-", "-").replace("\\", "")
     schema = ElementTree.parse(TOP / "data/wexd-hardware.rng")
     rng = "{http://relaxng.org/ns/structure/1.0}"
+    note = "{http://relaxng.org/ns/compatibility/annotations/1.0}"
     for kind in ("element", "attribute"):
         for node in schema.iter(rng + kind):
             name = node.get("name")
             if name not in (None, "config"):
                 assert name in text, name
-            assert node.find("{http://relaxng.org/ns/compatibility/annotations/1.0}documentation") is not None or name is None, name
+                assert node.find(f"{note}documentation") is not None, f"{name} is not documented"

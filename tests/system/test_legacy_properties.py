@@ -316,7 +316,7 @@ def test_an_empty_byte_string_is_an_empty_text(legacy, value):
     )
 
 
-def test_a_change_from_a_sequence_thread_reaches_the_listener(legacy):
+def test_settings_are_announced_while_a_sequence_runs(legacy):
     """States change on the sequence's own thread while settings are announced on the main one."""
     signals, states = legacy.changes(1), legacy.device.signals()
     legacy.device.state.StartActionSequence(1, False, [(True, 20), (False, 20)] * 5)
