@@ -5,7 +5,7 @@ import pathlib
 import sys
 import time
 
-from sim import sandbox, scenario, show
+from sim import example, sandbox, scenario, show
 from sim.device import Device
 from sim.peers import Neighbourhood
 
@@ -26,7 +26,7 @@ def main():
     started = time.monotonic()
     try:
         with Device(options.binary, quiet=True) as device:
-            show.furnish(device)
+            example.furnish(device)
             device.peers = Neighbourhood(device)
             device.start()
             took = (time.monotonic() - started) * 1000

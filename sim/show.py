@@ -1,12 +1,10 @@
 """What scripts/run shows: the ports as a table, then each change as it happens."""
 
-import pathlib
 import sys
 import time
 
+from sim import example
 from sim.bus import ActionSequenceDone, PortChanged, wait_until
-
-INPUTS = "/sys/devices/inputs"
 
 _colour = sys.stdout.isatty()
 
@@ -29,13 +27,6 @@ def red(text):
 
 def dim(text):
     return styled(text, 2)
-
-
-def furnish(device):
-    """Gives a device the example description, and the files that its inputs read."""
-    device.write("/usr/share/wexd/conf.xml", (pathlib.Path(__file__).parent / "conf.xml").read_text())
-    for name, level in (("door", 0), ("pir", 1), ("tamper", 0)):
-        device.write(f"{INPUTS}/{name}", f"{level}\n")
 
 
 def table(device):
@@ -91,7 +82,7 @@ def follow(device):
     """Prints changes until the user interrupts or the daemon ends."""
     changes = device.signals()
     names = {number: port.name for number, port in device.ports().items()}
-    inputs = device.path(INPUTS)
+    inputs = device.path(example.INPUTS)
     print(bold("Try, from another terminal:"))
     print(f"  echo 1 > {inputs}/door")
     print(
