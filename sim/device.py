@@ -260,6 +260,11 @@ class Device:
         return self._stream("err").read_text(errors="replace")
 
     @property
+    def log_path(self):
+        """The file on the host that the current (or last) life writes its log to."""
+        return self._stream("out")
+
+    @property
     def log(self):
         """The lines of the log, such as "WARNING: text"."""
         return self.stdout.splitlines()

@@ -14,12 +14,14 @@ import os
 import pathlib
 import termios
 import threading
+from xml.etree import ElementTree
 
+DESCRIPTION = pathlib.Path(__file__).parent / "conf.xml"
 INPUTS = "/sys/devices/inputs"
 
 CONTACTS = {"door": ("door", 0), "pir_detector": ("pir", 1), "tamper": ("tamper", 0)}
-# Converter counts in the middle of each range of the description.
-LEVELS = {"short": 200, "closed": 1050, "open": 2400, "cut": 3650}
+# Converter counts, each well within its range of the description.
+LEVELS = {"short": 200, "closed": 1300, "open": 2700, "cut": 3850}
 LOOPS = {"window": 0, "fence": 1}  # port: number of its converter
 BOX_LINES = {"loop": 10}  # port: its number, which is what the box knows it by
 
@@ -85,10 +87,15 @@ def lines(device):
     return contacts | loops | box
 
 
+def optional_ports():
+    """The names of the ports that may be absent, so that a client may drop them."""
+    ports = ElementTree.parse(DESCRIPTION).findall("port")
+    return {port.get("name") for port in ports if port.get("optional") == "true"}
+
+
 def furnish(device):
     """Gives a device the example description, and what its inputs read."""
-    description = pathlib.Path(__file__).parent / "conf.xml"
-    device.write("/usr/share/wexd/conf.xml", description.read_text())
+    device.write("/usr/share/wexd/conf.xml", DESCRIPTION.read_text())
     for file, level in CONTACTS.values():
         device.write(f"{INPUTS}/{file}", f"{level}\n").chmod(0o666)
     converters = [Converter(device, name, number) for name, number in LOOPS.items()]

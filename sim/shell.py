@@ -1,0 +1,1 @@
+def run(device): return 0
