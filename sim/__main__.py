@@ -1,6 +1,7 @@
 """Runs the example device; see scripts/run."""
 
 import argparse
+import contextlib
 import os
 import pathlib
 import signal
@@ -11,6 +12,7 @@ from sim import example, sandbox, scenario, shell, show
 from sim.device import Device
 from sim.peers import Neighbourhood
 
+ENDINGS = (signal.SIGTERM, signal.SIGHUP)
 TOP = pathlib.Path(__file__).parent.parent
 
 
@@ -47,7 +49,9 @@ def on_a_terminal():
 
 
 def end(number, _frame):
-    """What a request to end does: unwind, so that everything is cleaned up on the way."""
+    """What the first request to end does: unwind, so that all is cleaned up on the way, in peace."""
+    for other in ENDINGS:
+        signal.signal(other, signal.SIG_IGN)
     sys.exit(128 + number)
 
 
@@ -66,7 +70,6 @@ def show_live(device):
     for number in device.supervision.GetSupervisedPortNumbers():
         device.supervision.SetSupervised(number, True)
     app.run(device)
-    print("The simulated device is gone; nothing is left of it.")
 
 
 def main():
@@ -74,7 +77,7 @@ def main():
     able, reason = sandbox.usable()
     if not able:
         sys.exit(f"This host does not let bubblewrap make a sandbox: {reason}")
-    for number in (signal.SIGTERM, signal.SIGHUP):
+    for number in ENDINGS:
         signal.signal(number, end)
 
     started = time.monotonic()
@@ -95,6 +98,9 @@ def main():
     except Exception as failure:  # noqa: BLE001  whatever it was, the run did not go well
         print(f"{show.red('The run failed:')} {failure}", file=sys.stderr)
         return 1
+    if options.kind == "live":
+        with contextlib.suppress(OSError):  # the terminal may be what ended it
+            print("The simulated device is gone; nothing is left of it.", flush=True)
     return 0
 
 

@@ -55,8 +55,9 @@ class Live:
     async def run(self):
         """Returns when the user quits, or the process is told to end."""
         loop = asyncio.get_running_loop()
+        # Not handlers of the loop, which would go with it and leave the cleaning up unprotected.
         for number in (signal.SIGTERM, signal.SIGHUP):
-            loop.add_signal_handler(number, self._quit)
+            signal.signal(number, lambda *_: loop.call_soon_threadsafe(self._quit))
         helpers = [loop.create_task(self._carry()), loop.create_task(self._ask())]
         for helper in helpers:
             helper.add_done_callback(self._failed)
@@ -64,14 +65,14 @@ class Live:
         hook, sys.excepthook = sys.excepthook, lambda _kind, mistake, _trace: self._fail(mistake)
         try:
             await self._app.run_async()
-        except EOFError:  # the terminal is gone
+        except (EOFError, OSError):  # the terminal is gone
             pass
         finally:
             sys.excepthook = hook
+            for number in (signal.SIGTERM, signal.SIGHUP):
+                signal.signal(number, signal.SIG_IGN)
             for helper in helpers:
                 helper.cancel()
-            for number in (signal.SIGTERM, signal.SIGHUP):
-                loop.remove_signal_handler(number)
 
     async def _carry(self):
         """Hands on what the bus brings."""

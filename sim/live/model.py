@@ -18,7 +18,7 @@ LEGACY_PREFIX = "com.norv.Configuration.Legacy.IOControl1."
 SENT_EVENT = re.compile(r"MESSAGE: event send producer=wxd type=(?:[\w.]+\.)?(\w+) id=\d+ (.*)")
 LOGGED = re.compile(r"(WARNING|CRITICAL|ERROR|.*-(?:WARNING|CRITICAL|ERROR))\b.*")
 # What tells one event from another; the rest of its fields is the same every time.
-TOLD_FIELDS = ("port", "state", "tampered")
+TOLD_FIELDS = (r"port=\S*", r"state=\S*", "tampered=1")
 
 # The services around the daemon, by bus name, in the order of device.peers.everyone.
 PEERS = {
@@ -262,7 +262,7 @@ class Model:
         sent = SENT_EVENT.match(line)
         if sent:
             kind, fields = sent.groups()
-            told = [re.search(rf"\b{field}=\S*", fields) for field in TOLD_FIELDS]
+            told = [re.search(rf"\b{field}", fields) for field in TOLD_FIELDS]
             self.note("event", " ".join(["event", kind, *(field[0] for field in told if field)]))
         elif LOGGED.match(line):
             self.note("trouble", line.strip())
