@@ -108,6 +108,17 @@ def test_outputs_are_driven_pulsed_turned_and_inverted(live):
     says(lambda: client.state.GetActive(6)[0], "open")
 
 
+@pytest.mark.parametrize("name, number", [("alarm", 9), ("manualtrigger1", 20)])
+def test_a_virtual_port_is_set(live, name, number):
+    terminal = live()
+    client = terminal.client()
+    choose(terminal, name)
+    for word, state in (("● on", True), ("○ off", False)):
+        terminal.keys("Space")
+        terminal.wait_for(rf"^▶ *{number}  {name} .*{word}", rf"{name}: {word[2:]} \(output, set virt")
+        says(lambda: dict(entry[1:3] for entry in client.state.GetPortProps()[1])[number], state)
+
+
 @pytest.mark.parametrize("key, state, level", [("c", "cut", 3850), ("s", "short", 200)])
 def test_a_measured_line_shows_its_state_and_where_in_its_ranges_it_is(live, key, state, level):
     terminal = live(columns=100)

@@ -1,7 +1,11 @@
 """scripts/run --shell: a shell on the simulated device, alone and on a terminal."""
 
+import contextlib
+import os
 import re
+import signal
 import subprocess
+import time
 
 import pytest
 from conftest import TOP
@@ -94,6 +98,16 @@ def test_a_shell_whose_terminal_goes_away_leaves_nothing_behind(shell):
     shell.wait_for(r"\[1\].*Running.*sleep 1000")
     shell.close()
     shell.wait_clean()
+
+
+@pytest.mark.terminal
+def test_impatience_does_not_disturb_the_cleaning_up(shell):
+    process = shell.process
+    with contextlib.suppress(ProcessLookupError):
+        while True:
+            os.kill(process, signal.SIGHUP)
+            time.sleep(0.001)
+    assert shell.leftovers() == []
 
 
 @pytest.mark.terminal

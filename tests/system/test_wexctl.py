@@ -228,6 +228,7 @@ def test_legacy(daemon, wexctl):
         (("run", "door", "1:1"), "Port not output. (com.norv.IOControl.Error.Not_output)"),
         (("supervised", "on", "relay"),
          "Port is not supervisable. (com.norv.IOSupervised.Not_supervisable)"),
+        (("supervised", "on", "77"), "No such port. (com.norv.IOSupervised.Error.No_port)"),
         (("supervised", "ranges", "line", "open", "5", "5"),
          "Invalid range. (com.norv.IOSupervised.Bad_supervised_range)"),
         (("legacy", "set", "relay", "Button", "none"),

@@ -25,8 +25,8 @@ sides.)"},
 Example: wexctl set relay on)"},
     Details{
         "virtual",
-        R"(Announces the state to everyone who listens, and drives nothing. Inputs and virtual ports may be
-announced too.
+        R"(Announces the state of any port to everyone who listens, and drives no hardware. A virtual port has
+nothing else, and keeps the state.
 Example: wexctl virtual manualtrigger1 on)"},
     Details{
         "drop",
