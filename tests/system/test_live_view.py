@@ -248,6 +248,15 @@ def test_quitting_leaves_nothing_behind(live, key):
     assert terminal.leftovers() == []
 
 
+@pytest.mark.parametrize("options", [(), ("--scenario",)], ids=["live", "story"])
+def test_an_interrupt_of_the_start_leaves_nothing_behind(make_terminal, binary, options):
+    terminal = make_terminal(simulation(binary, *options), columns=120)
+    wait_until(lambda: [*terminal.folder.glob("wexd-*/root/run/dbus/*")], "the bus", DEADLINE)
+    terminal.keys("C-c")
+    terminal.wait_for(r"ended with status (130|0)$")
+    assert terminal.leftovers() == []
+
+
 def test_a_terminal_that_goes_away_leaves_nothing_behind(live):
     terminal = live()
     terminal.close()
