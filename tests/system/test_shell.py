@@ -61,7 +61,7 @@ def test_wexctl_works_and_completes_port_names(shell):
     shell.wait_for("12 +window +Window +input")
     shell.keys("-l", "wexctl set rel")
     shell.keys("Tab")
-    shell.wait_for(r"\$? wexctl set relay $|# wexctl set relay *$")
+    shell.wait_for(r"[#$] wexctl set relay *$")
     shell.keys("-l", "o")
     shell.keys("Tab", "Tab")
     shell.wait_for(r"^off +on")
