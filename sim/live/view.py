@@ -30,13 +30,13 @@ class Seat:
 def screen(model, seat, hints, columns, rows):
     if columns < COLUMNS or rows < ROWS:
         return too_small(columns, rows)
-    lines = measured_lines(model, columns)
+    lines = measured_lines(model, columns)[: rows // 4]
     top = [title(model, columns), ports_heading(columns)]
     foot = [hint_line(hints, columns)]
-    room = rows - len(top) - len(lines) - 1 - len(PEERS) - len(foot) - 1
     if seat.help:
         middle = help_lines(columns, rows - len(top[:1]) - len(foot))
         return top[:1] + middle + foot
+    room = rows - len(top) - len(lines) - 1 - len(PEERS) - len(foot) - 1
     ports = port_lines(model, seat, columns, min(room, len(model.ports)))
     below = changes_and_peers(
         model, columns, rows - len(top) - len(ports) - len(lines) - 1 - len(foot)
