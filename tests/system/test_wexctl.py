@@ -297,6 +297,14 @@ def test_every_verb_tells_of_itself_and_completes(wexctl):
             assert re.search(rf"\b{name.split()[-1]}\b", completion), (name, shell)
 
 
+def test_every_option_completes(daemon, wexctl, binary):
+    """Whatever the help shows of a verb and nothing else."""
+    for name in verbs(wexctl):
+        shown = re.findall(r"^  (--[a-z-]+) ", done(wexctl(*name.split(), "--help")).out, re.MULTILINE)
+        expected = {*shown, "--help"} - {"--help-all"}
+        assert {*complete(daemon, binary, *name.split(), "--")} == expected, name
+
+
 def test_the_examples_of_the_help_work(wexctl, binary):
     text = done(wexctl("--help-all")).out
     examples = re.findall(r"^ *Example: (wexctl .*)$", text, re.MULTILINE)
@@ -474,6 +482,12 @@ def complete(device, binary, *words):
         (("drop", "relay", "do"), ["door"]),
         (("legacy", "get", "relay", "Output.N"), ["Output.Name"]),
         (("connectors", "v"), ["video"]),
+        (("--v",), ["--version"]),
+        (("list", "--j"), ["--json"]),
+        (("run", "--wait", "re"), ["relay"]),
+        (("run", "relay", "--"), ["--virtual", "--wait", "--help"]),
+        (("name", "relay", "--side", "in"), ["input"]),
+        (("active", "--side", "input", "both", "o"), ["open"]),
     ],
     ids=lambda value: " ".join(value),
 )

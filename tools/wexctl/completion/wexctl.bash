@@ -4,14 +4,44 @@ _wexctl_ports() {
   wexctl complete-ports 2>/dev/null
 }
 
+# The options of a verb, given the words up to here with a blank behind.
+_wexctl_options() {
+  case $1 in
+    'list '* | 'get '* | 'drop '* | 'connectors '* | 'monitor '* | 'check '*) echo --json ;;
+    'supervised show '* | 'supervised ranges '* | 'supervised read '*) echo --json ;;
+    'legacy get '*) echo --json ;;
+    'active '* | 'name '*) echo --side ;;
+    'run '*) echo --virtual --wait ;;
+    'pulse '*) echo --wait ;;
+    ' ') echo --help-all --version ;;
+  esac
+  echo --help
+}
+
 _wexctl() {
-  local cur=${COMP_WORDS[COMP_CWORD]} words=("${COMP_WORDS[@]:1:COMP_CWORD-1}")
+  local cur=${COMP_WORDS[COMP_CWORD]} words=() word value=''
   local verbs='list get set direction active name usage virtual run pulse drop refresh supervised
     connectors monitor legacy check'
-  local candidates='' position=${#words[@]} verb=${words[0]:-}
+  local candidates=''
+
+  # Options may stand anywhere, and do not count.
+  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+    if [ -n "$value" ]; then
+      value=''
+    elif [ "$word" = --side ]; then
+      value=side
+    elif [[ $word != -* ]]; then
+      words+=("$word")
+    fi
+  done
+  local position=${#words[@]} verb=${words[0]:-}
 
   COMPREPLY=()
-  if [ "$verb" = supervised ] || [ "$verb" = legacy ]; then
+  if [ -n "$value" ]; then
+    candidates='input output'
+  elif [[ $cur == -* ]]; then
+    candidates=$(_wexctl_options "${words[*]} ")
+  elif [ "$verb" = supervised ] || [ "$verb" = legacy ]; then
     if [ "$position" -eq 1 ]; then
       [ "$verb" = supervised ] && candidates='show on off ranges read' || candidates='get set'
     elif [ "$position" -eq 2 ]; then
@@ -23,7 +53,7 @@ _wexctl() {
         Output.Button Output.PulseTime Output.Mode Output.DelayTime'
     fi
   elif [ "$position" -eq 0 ]; then
-    candidates="$verbs --help --version"
+    candidates=$verbs
   elif [ "$verb" = check ]; then
     mapfile -t COMPREPLY < <(compgen -f -- "$cur")
     return
@@ -34,7 +64,6 @@ _wexctl() {
       get | set | direction | active | name | usage | virtual | run | pulse)
         candidates=$(_wexctl_ports) ;;
       connectors) candidates='video audio all' ;;
-      list | monitor) candidates='--json' ;;
     esac
   elif [ "$position" -eq 2 ]; then
     case $verb in
