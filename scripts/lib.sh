@@ -15,14 +15,14 @@ build_packages=(
   libcli11-dev libfmt-dev nlohmann-json3-dev
   scdoc help2man libxml2-utils
 )
-check_packages=(clang-format clang-tidy shellcheck)
+check_packages=(clang-format clang-tidy shellcheck clang libclang-rt-14-dev)
 sandbox_packages=(
   bubblewrap util-linux dbus-daemon
   python3 python3-gi gir1.2-glib-2.0 python3-dbusmock
 )
 test_packages=(
   python3-pytest python3-pytest-xdist python3-pytest-timeout
-  umockdev valgrind libc6-dbg
+  umockdev valgrind strace libc6-dbg
   libglib2.0-bin systemd debootstrap dpkg-dev
 )
 # The bench kernel and what it is built with, the machine, and what its guest runs from /usr.

@@ -89,7 +89,7 @@ const char* mode_of(IoPort* port) {
 }
 
 void send_mode(IoPort* port, IoboxPortData* data) {
-  g_autoptr(GVariant) reply = iobox_dbus_call(
+  [[maybe_unused]] g_autoptr(GVariant) reply = iobox_dbus_call(
       data, "SetIOMode",
       g_variant_new("(iis)", port->number, data->output_value.load(), mode_of(port)), nullptr);
 }

@@ -61,7 +61,7 @@ void send_state(IoPort* port, ZwavePortData* data) {
   const std::lock_guard guard(data->send_lock);
   const gint value = data->output_value;
   data->state = value > 0 ? 1 : 0;
-  g_autoptr(GVariant) reply =
+  [[maybe_unused]] g_autoptr(GVariant) reply =
       call(data, "SetStateByPort",
            g_variant_new("(ib)", port->number, static_cast<gboolean>(value > 0)), nullptr);
 }
