@@ -27,18 +27,14 @@ struct IioIntPortData {
   std::atomic<guint32> cached_level{0};
   guint last_reported = SUPERVISED_OPEN;
   SupervisedPins pins;
-};
 
-PendingRange pending_range;
+  void take(const char* element, const char* key, const char* value);
+};
 
 PinSetup pin_setup(const IioIntPortData* data) {
   return {.function = "iio_int_setup_gpio",
-          .open_pin = libugpio_port_init_gpio_pin,
-          .open_failure_counts = true,
-          .control_failure_counts = true,
           .sioctrl_optional = true,
-          .ioctrl_always_on = data->pullup_when_supervised,
-          .tells_calls = false};
+          .ioctrl_always_on = data->pullup_when_supervised};
 }
 
 bool measured(IoPort* port, const IioIntPortData* data) {
@@ -244,10 +240,6 @@ guint iio_int_get_state(IoPort* port) {
   return state;
 }
 
-void iio_int_set_state(IoPort* port, gint state) {
-  supervised_drive_output(port, backend_data_ensure<IioIntPortData>(port)->pins, state != 0);
-}
-
 void iio_int_set_direction(IoPort* port, gboolean input) {
   auto* data = backend_data_ensure<IioIntPortData>(port);
   stop_interrupts(port, data);
@@ -281,16 +273,10 @@ constexpr std::array device_keys{
     DescriptionKey<Data>{"pullup_when_supervised", take_pullup},
 };
 
-void iio_int_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
-  auto* data = backend_data_ensure<IioIntPortData>(port);
-  if (supervised_parse_pin(data->pins, element, key, value)) {
-    return;
-  }
-  if (g_str_equal(element, "range")) {
-    supervised_parse_range(pending_range, port, key, value);
-  } else if (g_str_equal(element, "device")) {
-    take_described(device_keys, *data, key, value);
-    iio_threshold_parse(data->channel, key, value);
+void IioIntPortData::take(const char* element, const char* key, const char* value) {
+  if (g_str_equal(element, "device")) {
+    take_described(device_keys, *this, key, value);
+    iio_threshold_parse(channel, key, value);
   }
 }
 
@@ -299,26 +285,21 @@ void iio_int_free(IoPort* port) {
   backend_data_free<IioIntPortData>(port);
 }
 
-constexpr PortFunctions functions{
+constexpr PortFunctions functions = supervised_table<IioIntPortData>({
     .setup = iio_int_setup,
     .is_supervisable = iio_int_is_supervisable,
     .set_supervised = iio_int_set_supervised,
-    .get_supervised_ranges = supervised_get_supervised_ranges,
-    .set_supervised_ranges = supervised_set_supervised_ranges,
     .get_supervised_readout = iio_int_get_supervised_readout,
     .get_state = iio_int_get_state,
-    .set_state = iio_int_set_state,
     .set_watch = iio_int_set_watch,
     .set_direction = iio_int_set_direction,
-    .parse_data = iio_int_parse_data,
     .free = iio_int_free,
     .close = iio_int_close,
-};
+});
 static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* iio_int_setup_functions(IoPort* port) {
-  backend_data_ensure<IioIntPortData>(port);
-  return &functions;
+  return backend_attach<IioIntPortData>(port, functions);
 }
