@@ -7,6 +7,8 @@ import fcntl
 import os
 import pathlib
 import struct
+import subprocess
+import tempfile
 from typing import NamedTuple
 
 DEBUG = pathlib.Path("/sys/kernel/debug")
@@ -15,6 +17,8 @@ GPIO_CLASS = pathlib.Path("/sys/class/gpio")
 GET_CHIP_INFO = 0x8044B401
 GET_LINE = 0xC250B407
 LINE_FLAG_INPUT = 1 << 2
+# From <linux/iio/events.h>
+GET_EVENT_FD = 0x80046990
 IIO_DEVICES = pathlib.Path("/sys/bus/iio/devices")
 
 
@@ -224,6 +228,10 @@ class SpiConverter:
         """Lets a change of word size or speed fail with an errno, 0 for none."""
         (self._files / "setup_error").write_text(str(error))
 
+    def limit_speed(self, hz):
+        """Refuses a clock above it, 0 for none. A fresh converter is at 1,000,000."""
+        (self._files / "top_speed_hz").write_text(str(hz))
+
     @property
     def sent(self):
         """The last message: bytes sent and "<n" for n bytes received, in order."""
@@ -277,6 +285,37 @@ class Adc:
 
     def fail_event_writes(self, error):
         (self._files / "event_error").write_text(str(error))
+
+    @contextlib.contextmanager
+    def take_events(self):
+        """The device's only event descriptor, as some other program; yields it as a file."""
+        with open(self.node, "rb", buffering=0) as node:
+            answer = bytearray(4)
+            fcntl.ioctl(node, GET_EVENT_FD, answer)
+        with open(struct.unpack("=i", answer)[0], "rb", buffering=0) as events:
+            yield events
+
+    @contextlib.contextmanager
+    def events_folder_with(self, missing=(), folders=()):
+        """Covers the folder of event files by a copy that lacks some and has folders for others."""
+        covered = self.folder / "events"
+        folders = set(folders)
+        left_out = folders.union(missing)
+        with tempfile.TemporaryDirectory() as cover:
+            for file in covered.iterdir():
+                if file.is_file() and file.name not in left_out:
+                    pathlib.Path(cover, file.name).write_text(file.read_text())
+            for name in folders:
+                pathlib.Path(cover, name).mkdir()
+            subprocess.run(["/usr/bin/mount", "--bind", cover, covered], check=True)
+            try:
+                yield covered
+            finally:
+                subprocess.run(["/usr/bin/umount", covered], check=True)
+
+    @property
+    def node(self):
+        return pathlib.Path("/dev") / self.folder.name
 
     def attribute(self, name):
         return (self.folder / name).read_text().strip()

@@ -36,13 +36,31 @@ def test_every_state_is_told_apart_and_reported(device, kind):
 
 
 @EVERY_KIND
-def test_tampering_shows_in_the_events(device, kind):
+def test_a_level_between_the_ranges_is_undefined(device, kind):
     kind.show("open")
     supervision = start(device, kind.port())
     supervision.SetSupervised(0, True)
     wait_for_state(supervision, "open")
+    signals = device.signals()
+    # A fresh watch counts from undefined.
+    for state in ("closed", "undefined"):
+        kind.show(state)
+        signals.wait_for(PortChanged, port=0, input=True)
+        wait_for_state(supervision, state)
+    assert supervision.GetSupervisedReadout(0) == ("undefined", LEVELS["undefined"])
+    device.wait_for_log("event send .*SupervisedPort .*state=undefined ")
+
+
+@EVERY_KIND
+def test_tampering_shows_in_events_and_signals(device, kind):
+    kind.show("open")
+    supervision = start(device, kind.port())
+    supervision.SetSupervised(0, True)
+    wait_for_state(supervision, "open")
+    signals = device.signals()
     for state, tampered in (("cut", 1), ("closed", 0), ("short", 1)):
         kind.show(state)
+        signals.wait_for(PortChanged, port=0, input=True)
         device.wait_for_log(f"event send .*SupervisedPort .*tampered={tampered} state={state} ")
         # An answer comes after all that belongs to the change: new thresholds, for one.
         wait_for_state(supervision, state)
@@ -129,12 +147,16 @@ def test_modes_back_and_forth_leak_nothing(device, kind):
     supervision.SetSupervised(0, True)
     wait_for_state(supervision, "open")
     before = device.descriptors
-    for _ in range(100):
+    for _ in range(200):
         supervision.SetSupervised(0, False)
         supervision.SetSupervised(0, True)
         device.state.SetDirection(0, "output")
         device.state.SetDirection(0, "input")
     assert device.descriptors == before
+    # What is left behind, a watch or a timer, would go on without the port.
+    device.state.SetDirection(0, "output")
+    wait_until(lambda: device.passes_a_second_at_rest, "a stretch of quiet")
+    device.state.SetDirection(0, "input")
     signals = device.signals()
     kind.show("cut")
     wait_for_state(supervision, "cut")
