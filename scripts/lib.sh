@@ -18,12 +18,13 @@ build_packages=(
 check_packages=(clang-format clang-tidy shellcheck clang libclang-rt-14-dev)
 sandbox_packages=(
   bubblewrap util-linux dbus-daemon
-  python3 python3-gi gir1.2-glib-2.0 python3-dbusmock
+  python3 python3-gi gir1.2-glib-2.0 python3-dbusmock python3-prompt-toolkit
 )
 test_packages=(
   python3-pytest python3-pytest-xdist python3-pytest-timeout
   umockdev valgrind strace libc6-dbg
   libglib2.0-bin systemd debootstrap dpkg-dev
+  tmux zsh python3-rich
 )
 # The bench kernel and what it is built with, the machine, and what its guest runs from /usr.
 kernel_packages=(

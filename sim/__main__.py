@@ -1,50 +1,106 @@
 """Runs the example device; see scripts/run."""
 
 import argparse
+import contextlib
+import os
 import pathlib
+import signal
 import sys
 import time
 
-from sim import sandbox, scenario, show
+from sim import example, sandbox, scenario, shell, show
 from sim.device import Device
 from sim.peers import Neighbourhood
 
+ENDINGS = (signal.SIGTERM, signal.SIGHUP)
 TOP = pathlib.Path(__file__).parent.parent
 
 
-def main():
-    parser = argparse.ArgumentParser(prog="scripts/run", description="Runs an example device.")
-    parser.add_argument("--scenario", action="store_true", help="play a short story and end")
-    parser.add_argument("--binary", default=TOP / "build/release/wexd", type=pathlib.Path)
+def parse():
+    parser = argparse.ArgumentParser(
+        prog="scripts/run",
+        description="Builds wexd and runs it on a simulated device, in a scratch folder and on a bus"
+        " of its own. On a terminal the device is shown live, and keys play with it; without one a"
+        " short story is played. Nothing stays behind.",
+        epilog="In the live view ? lists the keys. NO_COLOR=1 keeps colours away.",
+    )
+    kind = parser.add_mutually_exclusive_group()
+    kind.add_argument(
+        "--scenario", action="store_const", dest="kind", const="scenario",
+        help="play the short story and end; the status is 0 only if all of it happened",
+    )  # fmt: skip
+    kind.add_argument(
+        "--shell", action="store_const", dest="kind", const="shell",
+        help="open a shell on the device, where wexctl, busctl and gdbus talk to it and"
+        f" {example.INPUTS} holds its wires; commands may also come from standard input",
+    )  # fmt: skip
+    parser.add_argument(
+        "--binary", default=TOP / "build/release/wexd", type=pathlib.Path,
+        help="the daemon to run, with wexctl beside it (default: %(default)s)",
+    )  # fmt: skip
     options = parser.parse_args()
+    options.kind = options.kind or ("live" if on_a_terminal() else "scenario")
+    return options
 
+
+def on_a_terminal():
+    able = os.environ.get("TERM", "dumb") != "dumb"
+    return sys.stdin.isatty() and sys.stdout.isatty() and able
+
+
+def end(number, _frame):
+    """What the first request to end does: unwind, so that all is cleaned up on the way, in peace."""
+    for other in ENDINGS:
+        signal.signal(other, signal.SIG_IGN)
+    sys.exit(128 + number)
+
+
+def tell_the_story(device, started):
+    took = (time.monotonic() - started) * 1000
+    print(f"wexd runs on a scratch device with {len(device.ports())} ports, up in {took:.0f} ms.\n")
+    show.table(device)
+    scenario.play(device)
+    seconds = time.monotonic() - started
+    print(f"\n{show.green('All of it happened')}, in {seconds:.1f} s.")
+
+
+def show_live(device):
+    from sim.live import app  # here, because only this wants the terminal library
+
+    for number in device.supervision.GetSupervisedPortNumbers():
+        device.supervision.SetSupervised(number, True)
+    app.run(device)
+
+
+def main():
+    options = parse()
     able, reason = sandbox.usable()
     if not able:
         sys.exit(f"This host does not let bubblewrap make a sandbox: {reason}")
+    for number in ENDINGS:
+        signal.signal(number, end)
 
-    story = options.scenario or not sys.stdout.isatty()
     started = time.monotonic()
     try:
         with Device(options.binary, quiet=True) as device:
-            show.furnish(device)
+            example.furnish(device)
             device.peers = Neighbourhood(device)
             device.start()
-            took = (time.monotonic() - started) * 1000
-            count = len(device.ports())
-            print(f"wexd runs on a scratch device with {count} ports, up in {took:.0f} ms.\n")
-            show.table(device)
-            if story:
-                scenario.play(device)
+            if options.kind == "live":
+                show_live(device)
+            elif options.kind == "shell":
+                return shell.run(device)
             else:
-                show.follow(device)
+                tell_the_story(device, started)
     except KeyboardInterrupt:
         print("\nStopped.")
-    except Exception as failure:  # noqa: BLE001  whatever it was, the story did not happen
+        return 128 + signal.SIGINT
+    except Exception as failure:  # noqa: BLE001  whatever it was, the run did not go well
         print(f"{show.red('The run failed:')} {failure}", file=sys.stderr)
         return 1
-    if story:
-        seconds = time.monotonic() - started
-        print(f"\n{show.green('All of it happened')}, in {seconds:.1f} s.")
+    if options.kind == "live":
+        with contextlib.suppress(OSError):  # the terminal may be what ended it
+            print("The simulated device is gone; nothing is left of it.", flush=True)
     return 0
 
 

@@ -220,6 +220,16 @@ class Client:
     def signals(self, interface=STATE_NAME, path=STATE_PATH):
         return Signals(self, interface, path)
 
+    def listen(self, interface, member, follower, path=None):
+        """Has follower(path, values) called with every such signal, until the client closes."""
+
+        def arrived(_connection, _sender, path, _interface, _member, parameters):
+            follower(path, parameters.unpack())
+
+        self.connection.signal_subscribe(
+            None, interface, member, path, None, Gio.DBusSignalFlags.NONE, arrived
+        )
+
     def close(self):
         self.connection.close_sync(None)
 
@@ -230,6 +240,7 @@ class Call:
     def __init__(self, connection, name, path, interface, method, signature, arguments):
         self.method = method
         self.outcome = None
+        self._followers = []
         parameters = GLib.Variant(f"({signature})", arguments)
         connection.call(
             name, path, interface, method, parameters, None,
@@ -241,6 +252,12 @@ class Call:
             self.outcome = (connection.call_finish(result).unpack(), None)
         except GLib.Error as error:
             self.outcome = (None, BusError.from_gio(error))
+        for follower in self._followers:
+            follower(*self.outcome)
+
+    def then(self, follower):
+        """Has follower(values, error) called with the answer, for those who never wait."""
+        self._followers.append(follower)
 
     @property
     def done(self):

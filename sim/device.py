@@ -84,18 +84,20 @@ class Device:
         return self
 
     def __exit__(self, kind, *_):
-        orderly = kind in (None, KeyboardInterrupt) and not self.abandoned
+        orderly = kind in (None, KeyboardInterrupt, SystemExit) and not self.abandoned
         try:
             if orderly and self.running:
                 self.stop()
             if orderly:
                 self.assert_clean_log()
         finally:
-            if not (orderly and self.quiet):
-                self.print_log()
-            self.kill()
-            self._closers.close()
-            shutil.rmtree(self.scratch, ignore_errors=True)
+            try:
+                if not (orderly and self.quiet):
+                    self.print_log()
+            finally:  # whoever was to read it may be gone
+                self.kill()
+                self._closers.close()
+                shutil.rmtree(self.scratch, ignore_errors=True)
 
     def on_exit(self, callback):
         """Registers something to undo when the device goes, last come first."""
@@ -258,6 +260,11 @@ class Device:
     @property
     def stderr(self):
         return self._stream("err").read_text(errors="replace")
+
+    @property
+    def log_path(self):
+        """The file on the host that the current (or last) life writes its log to."""
+        return self._stream("out")
 
     @property
     def log(self):

@@ -256,8 +256,8 @@ class Neighbourhood:
         self.streamer = Streamer(device, start=False, channels=[True, False])
         self.coordinator = Coordinator(device, start=False, enabled=True)
         self.engine = ActionEngine(device, start=False)
-        everyone = (self.box, self.zwave, self.streamer, self.coordinator, self.engine)
-        for peer in everyone:
+        self.everyone = (self.box, self.zwave, self.streamer, self.coordinator, self.engine)
+        for peer in self.everyone:
             peer.launch()
-        for peer in everyone:
+        for peer in self.everyone:
             peer.wait_ready()

@@ -21,7 +21,8 @@ WXD_GID = 61712
 HELPERS_GID = 61713  # a supplementary group of the user
 
 BUS_SOCKET = "/run/dbus/system_bus_socket"
-BINARY = "/app/wexd"
+PROGRAMS = "/app"  # where programs of this build are put
+BINARY = f"{PROGRAMS}/wexd"
 
 # The folders that the daemon writes to after it has changed its user.
 WRITABLE = (
@@ -82,12 +83,15 @@ class Sandbox:
         for folder in filter(os.path.isdir, map(self.path, WRITABLE)):
             os.chown(folder, WXD_UID, WXD_GID)
 
-    def command(self, argv, binary, info_fd=None):
+    def command(self, argv, binary, info_fd=None, beside=()):
         """The command line that runs argv inside, where the binary is to be found as BINARY.
 
-        bubblewrap writes the process id of the sandbox's first process to info_fd.
+        bubblewrap writes the process id of the sandbox's first process to info_fd. Programs that
+        are to lie beside the binary keep their names.
         """
-        bwrap = self._bwrap(["--ro-bind", str(binary), BINARY])
+        programs = {BINARY: binary, **{f"{PROGRAMS}/{other.name}": other for other in beside}}
+        binds = (("--ro-bind", str(program), inside) for inside, program in programs.items())
+        bwrap = self._bwrap([word for bind in binds for word in bind])
         if info_fd is not None:
             bwrap += ["--info-fd", str(info_fd)]
         if self.user is not None:

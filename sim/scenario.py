@@ -4,7 +4,7 @@ import contextlib
 import re
 import time
 
-from sim import show
+from sim import example, show
 from sim.bus import ActionSequenceDone, BusError, PortChanged, wait_until
 
 BLINK = [(True, 150), (False, 150), (True, 150), (False, 150)]
@@ -39,7 +39,7 @@ def log_lines(device, pattern, since=0):
 
 def an_input_flips(device, changes, names):
     with step("The door opens: its file turns to 1") as tell:
-        device.poke(f"{show.INPUTS}/door", "1\n")
+        device.poke(f"{example.INPUTS}/door", "1\n")
         tell(show.describe(changes.wait_for(PortChanged, port=0, state=True, input=True), names))
         expect(device.state.GetState(0) is True, "GetState agrees with the signal")
 

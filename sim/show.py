@@ -1,14 +1,11 @@
-"""What scripts/run shows: the ports as a table, then each change as it happens."""
+"""How ports and their changes read on a terminal."""
 
-import pathlib
+import os
 import sys
-import time
 
-from sim.bus import ActionSequenceDone, PortChanged, wait_until
+from sim.bus import ActionSequenceDone
 
-INPUTS = "/sys/devices/inputs"
-
-_colour = sys.stdout.isatty()
+_colour = sys.stdout.isatty() and not os.environ.get("NO_COLOR")
 
 
 def styled(text, code):
@@ -29,13 +26,6 @@ def red(text):
 
 def dim(text):
     return styled(text, 2)
-
-
-def furnish(device):
-    """Gives a device the example description, and the files that its inputs read."""
-    device.write("/usr/share/wexd/conf.xml", (pathlib.Path(__file__).parent / "conf.xml").read_text())
-    for name, level in (("door", 0), ("pir", 1), ("tamper", 0)):
-        device.write(f"{INPUTS}/{name}", f"{level}\n")
 
 
 def table(device):
@@ -69,12 +59,9 @@ def table(device):
     print()
 
 
-def describe(signal, names):
-    """One line of text for a signal; names maps port numbers to names."""
-    name = names.get(signal.port, "?")
-    if isinstance(signal, ActionSequenceDone):
-        return f"port {signal.port} {name}: sequence done"
-    notes = [
+def remarks(signal):
+    """What a PortChanged says beside the state."""
+    return [
         "input" if signal.input else "output",
         *(note for note, holds in (
             ("set virtually", signal.virtual_trig),
@@ -83,28 +70,19 @@ def describe(signal, names):
             ("hidden", signal.hidden),
         ) if holds),
     ]  # fmt: skip
+
+
+def describe(signal, names):
+    """One line of text for a signal; names maps port numbers to names."""
+    name = names.get(signal.port, "?")
+    if isinstance(signal, ActionSequenceDone):
+        return f"port {signal.port} {name}: sequence done"
     state = green("on") if signal.state else "off"
-    return f"port {signal.port} {name}: {state} {dim('(' + ', '.join(notes) + ')')}"
+    return f"port {signal.port} {name}: {state} {dim('(' + ', '.join(remarks(signal)) + ')')}"
 
 
-def follow(device):
-    """Prints changes until the user interrupts or the daemon ends."""
-    changes = device.signals()
-    names = {number: port.name for number, port in device.ports().items()}
-    inputs = device.path(INPUTS)
-    print(bold("Try, from another terminal:"))
-    print(f"  echo 1 > {inputs}/door")
-    print(
-        f"  gdbus call --address {device.bus_address} -d com.norv.IOControl.State "
-        "-o /com/norv/IOControl/State -m com.norv.IOControl.State.SetState 3 true"
-    )
-    print(f"  cat {device.path('/etc/wexd/wexd.conf')}\n")
-    print(bold("Changes, until Ctrl-C:"))
-    while device.running:
-        wait_until(lambda: changes.pending or not device.running, "a change", float("inf"))
-        while changes.pending:
-            signal = changes.pending.pop(0)
-            if isinstance(signal, (PortChanged, ActionSequenceDone)):
-                print(f"  {time.strftime('%H:%M:%S')}  {describe(signal, names)}", flush=True)
-    print(red("The daemon ended by itself."))
-    print(device.stdout + device.stderr)
+def changed_setting(side, name, value):
+    """One line of text for a setting; texts come as bytes with a zero at their end."""
+    if isinstance(value, list):
+        value = bytes(value).rstrip(b"\0").decode(errors="replace")
+    return f"{side}.{name} is now '{value}'"

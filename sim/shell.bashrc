@@ -1,0 +1,5 @@
+# What a shell on the simulated device starts with; see sim/shell.py.
+PS1='\[\e[1;32m\]wexd device\[\e[0m\] \w \$ '
+[ -z "${NO_COLOR:-}" ] || PS1='wexd device \w \$ '
+HISTFILE=
+. /etc/bash_completion.d/wexctl

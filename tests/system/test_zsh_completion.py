@@ -1,0 +1,56 @@
+"""Completion of wexctl in zsh, which has no other way to be asked than at a terminal."""
+
+import os
+
+import pytest
+from conftest import TOP
+from describe import port
+from terminal import Terminal
+
+pytestmark = pytest.mark.terminal
+
+
+@pytest.fixture
+def zsh(device, binary):
+    device.describe(port("relay", 1, optional="true") + port("lamp", 2) + port("both", 3, "io_ctrl"))
+    device.start()
+    terminal = Terminal(
+        ["zsh", "-f", "-i"], columns=100, DBUS_SYSTEM_BUS_ADDRESS=device.bus_address,
+        PATH=f"{binary.parent}:{os.environ['PATH']}", PS1="%% ",
+    )  # fmt: skip
+    terminal.type(
+        f"fpath=({TOP}/tools/wexctl/completion $fpath); autoload -Uz compinit; compinit -u -D"
+        " && echo ready to complete"
+    )
+    terminal.wait_for("^ready to complete")
+    terminal.type("clear")
+    terminal.wait_for(r"\A% *$")
+    yield terminal
+    terminal.close()
+    terminal.remove()
+
+
+@pytest.mark.parametrize(
+    "typed, completed",
+    [
+        ("wexctl dire", "wexctl direction"),
+        ("wexctl set la", "wexctl set lamp"),
+        ("wexctl direction both inp", "wexctl direction both input"),
+        ("wexctl drop relay la", "wexctl drop relay lamp"),
+        ("wexctl supervised rea", "wexctl supervised read"),
+        ("wexctl supervised ranges relay sh", "wexctl supervised ranges relay short"),
+        ("wexctl legacy get relay Output.P", "wexctl legacy get relay Output.PulseTime"),
+        ("wexctl connectors vi", "wexctl connectors video"),
+        ("wexctl check /usr/share/do", "wexctl check /usr/share/doc"),
+    ],
+)
+def test_a_word_is_completed(zsh, typed, completed):
+    zsh.keys("-l", typed)
+    zsh.keys("Tab")
+    zsh.wait_for(rf"^% {completed}[ /]*$")
+
+
+def test_every_port_of_the_running_daemon_is_offered(zsh):
+    zsh.keys("-l", "wexctl get ")
+    zsh.keys("Tab")
+    zsh.wait_for(r"^both +lamp +relay *$")
