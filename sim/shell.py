@@ -9,12 +9,16 @@ import pathlib
 import signal
 import subprocess
 import sys
+import time
 
 from sim import example, sandbox
 
 HERE = pathlib.Path(__file__).parent
 COMPLETION = HERE.parent / "tools/wexctl/completion/wexctl.bash"
 START_FILE = "/etc/wexd-shell.bashrc"
+# While this file is there, somebody waits for a restart; see restart-wexd in the start file.
+RESTART = "/run/restart-wexd"
+POLL_S = 0.05
 
 GREETING = f"""\
 wexd runs here on a simulated device. Try:
@@ -24,6 +28,7 @@ wexd runs here on a simulated device. Try:
   echo 3850 > {example.INPUTS}/window    cut the window's line
   wexctl supervised on window               have lines measured
   wexctl monitor                            watch changes, until Ctrl-C
+  restart-wexd                              end the daemon and start it again
 
 Tab completes port names. exit, or Ctrl-D, leaves; nothing stays behind.
 """
@@ -44,7 +49,12 @@ def run(device):
     before = signal.signal(signal.SIGINT, lambda *_: None)
     shell = subprocess.Popen(command, env=environment())
     try:
-        return shell.wait()
+        while shell.poll() is None:
+            if device.exists(RESTART):
+                device.restart()
+                device.path(RESTART).unlink()
+            time.sleep(POLL_S)
+        return shell.returncode
     finally:
         shell.kill()
         shell.wait()
@@ -62,6 +72,7 @@ def environment():
         "PATH": f"{sandbox.PROGRAMS}:/usr/sbin:/usr/bin:/sbin:/bin",
         "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={sandbox.BUS_SOCKET}",
         "SHELL": "/bin/bash",
+        "BASH_ENV": START_FILE,
     }
 
 

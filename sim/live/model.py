@@ -202,7 +202,8 @@ class Model:
     def _on_port_changed(self, _path, values):
         change = PortChanged(*values)
         port = self.ports.get(change.port)
-        if port is not None and not change.virtual_trig:
+        # A supervised port's signal calls every state but open "on"; its state is asked for.
+        if port is not None and not change.virtual_trig and not port.supervised:
             port.state, port.input = change.state, change.input
         word = "on" if change.state else "off"
         self.note(word, f"{self.label(change.port)}: {word} ({', '.join(remarks(change))})")

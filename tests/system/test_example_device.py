@@ -4,7 +4,8 @@ import subprocess
 
 import pytest
 from conftest import TOP
-from terminal import sim
+
+from sim.terminal import simulation
 
 STEPS = 14
 
@@ -12,7 +13,7 @@ STEPS = 14
 @pytest.mark.parametrize("options", [("--scenario",), ()], ids=["asked for", "no terminal"])
 def test_the_story_is_told_and_happens(binary, options):
     run = subprocess.run(
-        sim(binary, *options), cwd=TOP, capture_output=True, text=True, timeout=60, check=False
+        simulation(binary, *options), cwd=TOP, capture_output=True, text=True, timeout=60, check=False
     )
     assert run.returncode == 0, run.stdout + run.stderr
     assert run.stderr == ""
@@ -25,7 +26,7 @@ def test_the_story_is_told_and_happens(binary, options):
 @pytest.mark.parametrize("imposter", ["/bin/false", "/bin/true"])
 def test_a_story_that_does_not_happen_fails(imposter):
     run = subprocess.run(
-        sim(imposter, "--scenario"), cwd=TOP, capture_output=True, text=True, timeout=60,
+        simulation(imposter, "--scenario"), cwd=TOP, capture_output=True, text=True, timeout=60,
         check=False,
     )  # fmt: skip
     assert run.returncode == 1

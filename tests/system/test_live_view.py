@@ -1,16 +1,18 @@
 """The live view of scripts/run, through a terminal: what keys do, and what is seen of it."""
 
+import contextlib
 import os
 import re
 import shutil
 import signal
+import time
 
 import pytest
-from terminal import DEADLINE, Terminal, sim
 
-from sim.bus import BusError, wait_until
+from sim.bus import wait_until
 from sim.live.model import PEERS
 from sim.peers import ZWave
+from sim.terminal import DEADLINE, Terminal, simulation
 
 pytestmark = pytest.mark.terminal
 
@@ -19,17 +21,8 @@ SHOWN = "16 ports in service"
 
 @pytest.fixture
 def make_terminal():
-    terminals = []
-
-    def make(*arguments, **more):
-        terminals.append(Terminal(*arguments, **more))
-        return terminals[-1]
-
-    yield make
-    for terminal in terminals:
-        terminal.close()
-        terminal.wait_clean()
-        terminal.remove()
+    with contextlib.ExitStack() as stack:
+        yield lambda *arguments, **more: stack.enter_context(Terminal(*arguments, **more))
 
 
 @pytest.fixture
@@ -37,7 +30,7 @@ def live(make_terminal, binary):
     """Starts the live view."""
 
     def start(**more):
-        terminal = make_terminal(sim(binary), **more)
+        terminal = make_terminal(simulation(binary), **more)
         terminal.wait_for(SHOWN, "Alarm loop")
         return terminal
 
@@ -266,6 +259,16 @@ def test_a_request_to_end_is_obeyed(live):
     assert terminal.leftovers() == []
 
 
+def test_impatience_does_not_disturb_the_cleaning_up(live):
+    terminal = live()
+    process = terminal.process
+    with contextlib.suppress(ProcessLookupError):
+        while True:
+            os.kill(process, signal.SIGHUP)
+            time.sleep(0.001)
+    assert terminal.leftovers() == []
+
+
 def test_a_terminal_without_cursor_gets_the_story(make_terminal, binary):
-    terminal = make_terminal(sim(binary), columns=120, TERM="dumb")
+    terminal = make_terminal(simulation(binary), columns=120, TERM="dumb")
     terminal.wait_for("All of it happened", "ended with status 0")

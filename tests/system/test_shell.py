@@ -5,14 +5,16 @@ import subprocess
 
 import pytest
 from conftest import TOP
-from terminal import Terminal, sim
+
+from sim.bus import wait_until
+from sim.terminal import Terminal, simulation
 
 PROMPT = r"wexd device / [#$] ?$"
 
 
 def run(binary, commands):
     return subprocess.run(
-        sim(binary, "--shell"), cwd=TOP, input=commands, capture_output=True, text=True,
+        simulation(binary, "--shell"), cwd=TOP, input=commands, capture_output=True, text=True,
         timeout=60, check=False,
     )  # fmt: skip
 
@@ -44,12 +46,9 @@ def test_the_status_is_that_of_the_shell(binary):
 
 @pytest.fixture
 def shell(binary):
-    terminal = Terminal(sim(binary, "--shell"), columns=110, rows=40)
-    terminal.wait_for("Tab completes port names", PROMPT)
-    yield terminal
-    terminal.close()
-    terminal.wait_clean()
-    terminal.remove()
+    with Terminal(simulation(binary, "--shell"), columns=110, rows=40) as terminal:
+        terminal.wait_for("Tab completes port names", PROMPT)
+        yield terminal
 
 
 @pytest.mark.terminal
@@ -74,6 +73,11 @@ def test_an_interrupt_is_for_the_command_and_an_end_for_the_shell(shell):
     shell.wait_for("watching wexd")
     shell.keys("C-c")
     shell.wait_for(r"\^C\s*" + PROMPT)
+    shell.type("sleep 1000")
+    wait_until(lambda: "sleep" in shell.inhabitants().values(), "the command to run")
+    shell.keys("C-c")
+    shell.wait_for(r"sleep 1000\n\^C\s*" + PROMPT)
+    assert "sleep" not in shell.inhabitants().values()
     shell.type("sleep 1000 &")
     shell.type("jobs")
     shell.wait_for(r"\[1\].*Running.*sleep 1000")
@@ -95,12 +99,9 @@ def test_a_shell_whose_terminal_goes_away_leaves_nothing_behind(shell):
 @pytest.mark.terminal
 def test_the_prompt_has_colours_unless_they_are_unwanted(shell, binary):
     assert re.search(r"\x1b\[\S*32m", "\n".join(shell.screen("-e")))
-    plain = Terminal(sim(binary, "--shell"), NO_COLOR="1")
-    plain.wait_for(PROMPT)
-    assert not re.search(r"\x1b\[\S*3\dm", "\n".join(plain.screen("-e")))
-    plain.close()
-    plain.wait_clean()
-    plain.remove()
+    with Terminal(simulation(binary, "--shell"), NO_COLOR="1") as plain:
+        plain.wait_for(PROMPT)
+        assert not re.search(r"\x1b\[\S*3\dm", "\n".join(plain.screen("-e")))
 
 
 def test_help_lists_all_of_it():

@@ -5,7 +5,8 @@ import os
 import pytest
 from conftest import TOP
 from describe import port
-from terminal import Terminal
+
+from sim.terminal import Terminal
 
 pytestmark = pytest.mark.terminal
 
@@ -14,20 +15,20 @@ pytestmark = pytest.mark.terminal
 def zsh(device, binary):
     device.describe(port("relay", 1, optional="true") + port("lamp", 2) + port("both", 3, "io_ctrl"))
     device.start()
-    terminal = Terminal(
-        ["zsh", "-f", "-i"], columns=100, DBUS_SYSTEM_BUS_ADDRESS=device.bus_address,
-        PATH=f"{binary.parent}:{os.environ['PATH']}", PS1="%% ",
-    )  # fmt: skip
-    terminal.type(
-        f"fpath=({TOP}/tools/wexctl/completion $fpath); autoload -Uz compinit; compinit -u -D"
-        " && echo ready to complete"
-    )
-    terminal.wait_for("^ready to complete")
-    terminal.type("clear")
-    terminal.wait_for(r"\A% *$")
-    yield terminal
-    terminal.close()
-    terminal.remove()
+    environment = {
+        "DBUS_SYSTEM_BUS_ADDRESS": device.bus_address,
+        "PATH": f"{binary.parent}:{os.environ['PATH']}",
+        "PS1": "%% ",
+    }
+    with Terminal(["zsh", "-f", "-i"], columns=100, **environment) as terminal:
+        terminal.type(
+            f"fpath=({TOP}/tools/wexctl/completion $fpath); autoload -Uz compinit; compinit -u -D"
+            " && echo ready to complete"
+        )
+        terminal.wait_for("^ready to complete")
+        terminal.type("clear")
+        terminal.wait_for(r"\A% *$")
+        yield terminal
 
 
 @pytest.mark.parametrize(

@@ -11,15 +11,18 @@ import sys
 import tempfile
 import time
 
-from conftest import TOP
-
 from sim import bus, sandbox
+
+TOP = pathlib.Path(__file__).resolve().parents[1]
 
 DEADLINE = float(os.environ.get("WEXD_DEADLINE", "60"))  # the machine may be busy
 
 
 class Terminal:
-    """Runs a command; the folder that its scratch folders go to is its own, so that none hides."""
+    """Runs a command; the folder that its scratch folders go to is its own, so that none hides.
+
+    Leaving the block takes the terminal away, and fails if something of it stays.
+    """
 
     def __init__(self, command, columns=80, rows=24, **environment):
         # Short, because the name of a socket may have no more than 107 characters.
@@ -108,6 +111,14 @@ class Terminal:
             assert time.monotonic() < end, f"left behind: {left}"
             time.sleep(0.05)
 
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+        self.wait_clean()
+        self.remove()
+
     def close(self):
         """Takes the terminal away."""
         with contextlib.suppress(subprocess.CalledProcessError):
@@ -117,5 +128,6 @@ class Terminal:
         shutil.rmtree(self.folder, ignore_errors=True)
 
 
-def sim(binary, *options):
+def simulation(binary, *options):
+    """The command that scripts/run ends in."""
     return [sys.executable, "-m", "sim", "--binary", str(binary), *options]
