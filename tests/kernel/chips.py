@@ -277,8 +277,18 @@ class Adc:
 
     @property
     def samples(self):
-        """How many scans have been put into the buffer."""
+        """How many scans have been taken for the buffer."""
         return int((self._files / "samples").read_text())
+
+    @property
+    def lost(self):
+        """How many of them the buffer had no room for."""
+        return int((self._files / "lost").read_text())
+
+    @property
+    def changed_ns(self):
+        """When the last changed value went to the buffer, on the clock of time.monotonic_ns."""
+        return int((self._files / "changed_ns").read_text())
 
     def fail_readings(self, error):
         (self._files / "raw_error").write_text(str(error))
@@ -340,6 +350,7 @@ ADC_BE24 = Adc(3, "bench-adc-be24")
 ADC_BE32 = Adc(4, "bench-adc-be32")
 ADC_U8 = Adc(5, "bench-adc-u8")
 ADC_SINGLE = Adc(6, "bench-adc-single")
+ADC_ROW = tuple(Adc(7 + i, f"bench-adc-row{i}") for i in range(8))
 ADCS = (ADC_LE12, ADC_BE12, ADC_LE24, ADC_BE24, ADC_BE32, ADC_U8, ADC_SINGLE)
 
 HRTIMER_TRIGGERS = pathlib.Path("/sys/kernel/config/iio/triggers/hrtimer")

@@ -15,6 +15,7 @@ import pytest
 
 import chips
 from chips import ADC_BE12, ADC_LE12, GPIO_CLASS, LABELLED, NAMED, PLAIN, SPI_CONVERTERS
+from sim.bus import wait_until
 
 SPI_IOC_MESSAGE_2 = 0x40406B00
 SPI_IOC_WR_MAX_SPEED_HZ = 0x40046B04
@@ -238,6 +239,20 @@ def test_a_threshold_event_comes_only_when_enabled_and_crossed(adc, switches):
         assert struct.unpack("=qq", events.read(16))[0] & 0xFFFF == 0
         adc.set_value(199)
         assert adc.events() == 2
+
+
+def test_a_converter_counts_the_samples_that_nobody_fetches():
+    """The buffer has room for two."""
+    with sampling(ADC_LE12, 0, 200) as node:
+        wait_until(lambda: ADC_LE12.lost >= 3, "lost samples")
+        node.read(2)
+        node.read(2)
+        assert ADC_LE12.samples - ADC_LE12.lost >= 2
+        before = time.monotonic_ns()
+        ADC_LE12.set_value(1234)
+        while int.from_bytes(node.read(2), "little") != 1234:
+            pass
+        assert before < ADC_LE12.changed_ns < time.monotonic_ns()
 
 
 def test_a_reading_can_fail():
