@@ -70,6 +70,20 @@ def test_a_property_reads_as_a_string_or_number(legacy, number, interface, name,
 NOT_SETTABLE = "Port Direction is not settable"
 UNSUPPORTED = "Unsupported write of property '{}'"
 
+BOTH_SIDES = {
+    (IOPORT, "Configurable"): True,
+    (IOPORT, "Direction"): "input",
+    (IOPORT, "Usage"): "",
+    (INPUT, "Name"): "I",
+    (INPUT, "Trig"): "closed",
+    (OUTPUT, "Name"): "O",
+    (OUTPUT, "Active"): "closed",
+    (OUTPUT, "Button"): "none",
+    (OUTPUT, "PulseTime"): 0,
+    (OUTPUT, "Mode"): "bistable",
+    (OUTPUT, "DelayTime"): 0,
+}
+
 # For each kind of port, what each property reads and what comes of writing it: the value that it
 # then has, or the error that leaves it as it was.
 KINDS = {
@@ -117,19 +131,7 @@ KINDS = {
     ),
     "configurable": (
         port("p", 1, "io_ctrl", input_name="I", output_name="O", button_type="none"),
-        {
-            (IOPORT, "Configurable"): True,
-            (IOPORT, "Direction"): "input",
-            (IOPORT, "Usage"): "",
-            (INPUT, "Name"): "I",
-            (INPUT, "Trig"): "closed",
-            (OUTPUT, "Name"): "O",
-            (OUTPUT, "Active"): "closed",
-            (OUTPUT, "Button"): "none",
-            (OUTPUT, "PulseTime"): 0,
-            (OUTPUT, "Mode"): "bistable",
-            (OUTPUT, "DelayTime"): 0,
-        },
+        BOTH_SIDES,
         {
             (IOPORT, "Direction", "output"): None,
             (IOPORT, "Usage", "Gate"): None,
@@ -144,19 +146,7 @@ KINDS = {
     ),
     "read-only": (
         port("p", 1, "io_ctrl", properties="ioport readonly", input_name="I", output_name="O"),
-        {
-            (IOPORT, "Configurable"): True,
-            (IOPORT, "Direction"): "input",
-            (IOPORT, "Usage"): "",
-            (INPUT, "Name"): "I",
-            (INPUT, "Trig"): "closed",
-            (OUTPUT, "Name"): "O",
-            (OUTPUT, "Active"): "closed",
-            (OUTPUT, "Button"): "none",
-            (OUTPUT, "PulseTime"): 0,
-            (OUTPUT, "Mode"): "bistable",
-            (OUTPUT, "DelayTime"): 0,
-        },
+        BOTH_SIDES,
         {
             (IOPORT, "Direction", "output"): None,
             (INPUT, "Name", "New"): UNSUPPORTED,
