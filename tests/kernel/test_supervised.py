@@ -52,6 +52,23 @@ def test_a_level_between_the_ranges_is_undefined(device, kind):
 
 
 @EVERY_KIND
+def test_a_port_without_ranges_tells_no_state(device, kind):
+    kind.show("cut")
+    supervision = start(device, kind.port(levels=()))
+    supervision.SetSupervised(0, True)
+    if kind.name == "iio-interrupt":
+        with pytest.raises(BusError) as refusal:
+            supervision.GetSupervisedReadout(0)
+        assert refusal.value.name == "com.norv.IOSupervised.Not_supervised"
+        assert refusal.value.message == "Failed to get ranges from port zone"
+    else:
+        readout = lambda: supervision.GetSupervisedReadout(0)  # noqa: E731
+        wait_until(lambda: readout() == ("undefined", LEVELS["cut"]), "the level")
+    supervision.SetSupervisedRanges(0, "short", *next(r[1:] for r in RANGES if r[0] == "cut"))
+    wait_for_state(supervision, "short")
+
+
+@EVERY_KIND
 def test_tampering_shows_in_events_and_signals(device, kind):
     kind.show("open")
     supervision = start(device, kind.port())
