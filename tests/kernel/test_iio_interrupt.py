@@ -132,6 +132,24 @@ def test_beyond_a_limit_the_level_is_polled_until_it_falls_back(device):
     wait_until(lambda: armed() == (180, 110, ["rising", "falling"]), "armed thresholds")
 
 
+@pytest.mark.parametrize(
+    "limit, polled",
+    [({"upper_limit": 75}, True), ({"upper_limit": 76}, False),
+     ({"lower_limit": 75}, True), ({"lower_limit": 74}, False)],
+)  # fmt: skip
+def test_a_level_at_a_limit_is_beyond_it(device, limit, polled):
+    ADC_LE12.set_value(75, CHANNEL)
+    start(device, IIO_INTERRUPT.port(**limit))
+    assert armed()[2] == ([] if polled else ["rising", "falling"])
+
+
+def test_of_several_ranges_that_hold_a_level_the_last_is_armed(device):
+    ADC_LE12.set_value(75, CHANNEL)
+    supervision = start(device, IIO_INTERRUPT.port(levels=(*RANGES, ("cut", 60, 90))))
+    assert armed() == (90, 60, ["rising", "falling"])
+    assert supervision.GetSupervisedReadout(0)[0] == "cut"
+
+
 def test_a_lower_limit_polls_as_well_and_survives_switching_off(device):
     IIO_INTERRUPT.show("short")
     supervision = start(device, IIO_INTERRUPT.port(lower_limit=30, limit_timeout=10))
