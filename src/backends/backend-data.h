@@ -28,10 +28,13 @@ void backend_data_free(IoPort* port) {
 
 /// The table of a backend whose ports have such a record; only what else is to be done when a port
 /// is freed needs a `free` of its own.
+///
+/// What a table is filled up with is a lambda: with sanitizers, the compiler cannot tell during
+/// compilation whether the address of a template's function is one.
 template <typename Data>
 constexpr PortFunctions backend_table(PortFunctions slots) {
   if (slots.free == nullptr) {
-    slots.free = backend_data_free<Data>;
+    slots.free = [](IoPort* port) { backend_data_free<Data>(port); };
   }
   return slots;
 }

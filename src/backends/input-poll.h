@@ -43,6 +43,6 @@ void take_interval(Data& data, const char* value) {
 /// The table of such a backend.
 template <typename Data>
 constexpr PortFunctions input_poll_table(PortFunctions slots) {
-  slots.set_watch = input_poll_set_watch<Data>;
+  slots.set_watch = [](IoPort* port) { return input_poll_set_watch<Data>(port); };
   return backend_table<Data>(slots);
 }

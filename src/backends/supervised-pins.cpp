@@ -128,10 +128,11 @@ struct ControlLevels {
 };
 
 ControlLevels control_levels(IoPort* port, const PinSetup& how) {
-  if (port->type == PORT_IO_CTRL && !port->direction) {
+  if (port->type != PORT_IO_CTRL) {
+    g_assert(port->type == PORT_INPUT);
+  } else if (!port->direction) {
     return {.ioctrl = false, .sioctrl = false};
   }
-  g_assert(port->type == PORT_INPUT || port->type == PORT_IO_CTRL);
   const bool supervised = io_port_supervised_input(port);
   return {.ioctrl = how.ioctrl_always_on || !supervised, .sioctrl = supervised};
 }

@@ -65,14 +65,8 @@ guint supervised_pin_level(IoPort* port, const SupervisedPins& pins);
 /// Drives the output pin of an output or configurable port.
 void supervised_drive_output(IoPort* port, const SupervisedPins& pins, bool value);
 
-// Slots of backends whose records hold their pins as `pins` and have a function
+// For backends whose records hold their pins as `pins` and have a function
 // `take(element, key, value)` for the rest of their description.
-
-/// The slot that sets an output.
-template <typename Data>
-void supervised_set_state(IoPort* port, gint state) {
-  supervised_drive_output(port, backend_data_ensure<Data>(port)->pins, state != 0);
-}
 
 /// The slot that takes the description; the record takes what tells of neither pins nor ranges.
 template <typename Data>
@@ -92,8 +86,12 @@ constexpr PortFunctions supervised_table(PortFunctions slots) {
   }
   slots.get_supervised_ranges = supervised_get_supervised_ranges;
   slots.set_supervised_ranges = supervised_set_supervised_ranges;
-  slots.set_state = supervised_set_state<Data>;
-  slots.parse_data = supervised_parse_data<Data>;
+  slots.set_state = [](IoPort* port, gint state) {
+    supervised_drive_output(port, backend_data_ensure<Data>(port)->pins, state != 0);
+  };
+  slots.parse_data = [](IoPort* port, const char* element, const char* key, const char* value) {
+    supervised_parse_data<Data>(port, element, key, value);
+  };
   return backend_table<Data>(slots);
 }
 

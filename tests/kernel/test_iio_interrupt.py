@@ -132,6 +132,24 @@ def test_beyond_a_limit_the_level_is_polled_until_it_falls_back(device):
     wait_until(lambda: armed() == (180, 110, ["rising", "falling"]), "armed thresholds")
 
 
+@pytest.mark.parametrize(
+    "limit, polled",
+    [({"upper_limit": 75}, True), ({"upper_limit": 76}, False),
+     ({"lower_limit": 75}, True), ({"lower_limit": 74}, False)],
+)  # fmt: skip
+def test_a_level_at_a_limit_is_beyond_it(device, limit, polled):
+    ADC_LE12.set_value(75, CHANNEL)
+    start(device, IIO_INTERRUPT.port(**limit))
+    assert armed()[2] == ([] if polled else ["rising", "falling"])
+
+
+def test_of_several_ranges_that_hold_a_level_the_last_is_armed(device):
+    ADC_LE12.set_value(75, CHANNEL)
+    supervision = start(device, IIO_INTERRUPT.port(levels=(*RANGES, ("cut", 60, 90))))
+    assert armed() == (90, 60, ["rising", "falling"])
+    assert supervision.GetSupervisedReadout(0)[0] == "cut"
+
+
 def test_a_lower_limit_polls_as_well_and_survives_switching_off(device):
     IIO_INTERRUPT.show("short")
     supervision = start(device, IIO_INTERRUPT.port(lower_limit=30, limit_timeout=10))
@@ -141,6 +159,31 @@ def test_a_lower_limit_polls_as_well_and_survives_switching_off(device):
         supervision.SetSupervised(0, True)
     IIO_INTERRUPT.show("closed")
     wait_until(lambda: armed() == (100, 50, ["rising", "falling"]), "armed thresholds")
+
+
+@pytest.mark.parametrize("word, level", [(None, 75), ("no", 75), ("false", 80)])
+def test_a_readout_may_be_of_the_level_that_was_read_last(device, word, level):
+    """A level that moves within its range wakes nobody."""
+    ADC_LE12.set_value(75, CHANNEL)
+    supervision = start(device, IIO_INTERRUPT.port(cache_ad_value=word))
+    ADC_LE12.set_value(80, CHANNEL)
+    assert supervision.GetSupervisedReadout(0) == ("closed", level)
+    ADC_LE12.set_value(230, CHANNEL)
+    wait_until(lambda: supervision.GetSupervisedReadout(0) == ("cut", 230), "the new level")
+
+
+@pytest.mark.parametrize("word, measured", [(None, (0, 1)), ("yes", (0, 1)), ("true", (1, 1))])
+def test_the_line_may_stay_pulled_up_while_it_is_measured(device, word, measured):
+    pins = lambda: (IIO_INTERRUPT.ioctrl.level, IIO_INTERRUPT.sioctrl.level)  # noqa: E731
+    described = IIO_INTERRUPT.port(kind="io_ctrl", dir="input", pullup_when_supervised=word)
+    supervision = start(device, described)
+    assert pins() == measured
+    device.state.SetDirection(0, "output")
+    assert pins() == (0, 0)
+    device.state.SetDirection(0, "input")
+    assert pins() == measured
+    supervision.SetSupervised(0, False)
+    assert pins() == (1, 0)
 
 
 def test_settings_of_the_whole_device_are_written(device):
@@ -163,9 +206,13 @@ def test_other_names_of_the_settings(device):
     assert ADC_BE12.attribute("events/in_voltage_thresh_either_period") == "5"
 
 
-def test_a_channel_with_a_longer_name(device):
+@pytest.mark.parametrize(
+    "names", [{"chan_extend_name": "loop"}, {"channel_name": "voltage3_loop"},
+              {"channel_name": "voltage3", "chan_extend_name": "loop"}],
+)  # fmt: skip
+def test_a_channel_with_a_longer_name(device, names):
     ADC_BE12.set_value(75, 3)
-    supervision = start(device, IIO_EITHER.port(channel=3, chan_extend_name="loop"))
+    supervision = start(device, IIO_EITHER.port(channel=3, **names))
     assert armed(ADC_BE12, "voltage3_loop") == (100, 50, ["either"])
     signals = device.signals()
     ADC_BE12.set_value(140, 3)

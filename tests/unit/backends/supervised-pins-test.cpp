@@ -194,4 +194,26 @@ TEST_F(ASupervisedPort, is_told_the_word_size_and_only_a_described_speed) {
   EXPECT_THAT(told, ElementsAre(Pair(SPI_IOC_WR_BITS_PER_WORD, 16U)));
 }
 
+using ASupervisedPortDeathTest = ASupervisedPort;
+
+TEST_F(ASupervisedPortDeathTest, ends_the_process_when_an_output_is_to_be_routed) {
+  const auto port = make("spi", PORT_OUTPUT);
+  SupervisedPins pins;
+  EXPECT_DEATH(supervised_set_control_pins(port.get(), pins, {}),
+               "assertion failed: \\(port->type == PORT_INPUT\\)");
+}
+
+TEST_F(ASupervisedPortDeathTest, ends_the_process_without_the_second_control_pin) {
+  for (const char* const backend : {"spi", "iio"}) {
+    EXPECT_DEATH(
+        {
+          const auto port = make(backend, PORT_INPUT);
+          io_port_parse_backend_data(port.get(), "input", "pin", "1");
+          io_port_parse_backend_data(port.get(), "io_ctrl", "pin", "3");
+          io_port_setup(port.get());
+        },
+        "assertion failed: \\(data->sioctrl != NULL\\)");
+  }
+}
+
 } // namespace
