@@ -57,6 +57,7 @@ constexpr PortFunctions functions = backend_table<CheckPortData>({
     .set_direction = check_set_direction,
     .parse_data = check_parse_data,
 });
+static_assert(port_functions_valid(functions));
 
 } // namespace
 

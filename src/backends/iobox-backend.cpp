@@ -284,6 +284,7 @@ constexpr PortFunctions functions = backend_table<IoboxPortData>({
     .set_direction = iobox_set_direction,
     .parse_data = iobox_parse_data,
 });
+static_assert(port_functions_valid(functions));
 
 } // namespace
 

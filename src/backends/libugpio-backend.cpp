@@ -121,6 +121,7 @@ constexpr PortFunctions functions = backend_table<LibugpioPortData>({
     .set_direction = libugpio_port_set_direction,
     .parse_data = libugpio_port_parse_data,
 });
+static_assert(port_functions_valid(functions));
 
 } // namespace
 

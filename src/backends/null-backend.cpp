@@ -34,6 +34,7 @@ constexpr PortFunctions functions{
     .parse_data = null_port_parse_data,
     .free = null_port_free,
 };
+static_assert(port_functions_valid(functions));
 
 } // namespace
 

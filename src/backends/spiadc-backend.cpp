@@ -137,6 +137,7 @@ constexpr PortFunctions functions = input_poll_table<SpiadcPortData>({
     .set_direction = ignore_direction,
     .parse_data = spiadc_port_parse_data,
 });
+static_assert(port_functions_valid(functions));
 
 } // namespace
 

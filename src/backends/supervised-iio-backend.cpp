@@ -309,6 +309,7 @@ constexpr PortFunctions functions = supervised_table<IioPortData>({
     .set_watch = iio_set_watch,
     .set_direction = iio_set_direction,
 });
+static_assert(port_functions_valid(functions));
 
 } // namespace
 

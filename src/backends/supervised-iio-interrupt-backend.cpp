@@ -296,6 +296,7 @@ constexpr PortFunctions functions = supervised_table<IioIntPortData>({
     .free = iio_int_free,
     .close = iio_int_close,
 });
+static_assert(port_functions_valid(functions));
 
 } // namespace
 

@@ -181,6 +181,7 @@ constexpr PortFunctions functions = supervised_table<SpiPortData>({
     .set_watch = spi_set_watch,
     .set_direction = spi_set_direction,
 });
+static_assert(port_functions_valid(functions));
 
 } // namespace
 

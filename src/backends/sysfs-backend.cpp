@@ -124,6 +124,7 @@ constexpr PortFunctions functions = input_poll_table<SysfsPortData>({
     .set_direction = ignore_direction,
     .parse_data = sysfs_port_parse_data,
 });
+static_assert(port_functions_valid(functions));
 
 } // namespace
 

@@ -31,6 +31,7 @@ constexpr PortFunctions functions = backend_table<VirtualPortData>({
     .set_direction = ignore_direction,
     .parse_data = ignore_description,
 });
+static_assert(port_functions_valid(functions));
 
 } // namespace
 

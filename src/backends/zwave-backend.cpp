@@ -125,6 +125,7 @@ constexpr PortFunctions functions = backend_table<ZwavePortData>({
     .set_direction = ignore_direction,
     .parse_data = ignore_description,
 });
+static_assert(port_functions_valid(functions));
 
 } // namespace
 

@@ -78,7 +78,7 @@ struct PortFunctions {
   void (*close)(IoPort* port) = nullptr;
 };
 
-/// Whether every slot that may not be empty is filled; a test asks it of each backend.
+/// Whether every slot that may not be empty is filled; for a static_assert beside each table.
 constexpr bool port_functions_valid(const PortFunctions& table) {
   return table.setup && table.get_state && table.set_state && table.set_watch && table.set_direction
          && table.parse_data && table.free;
