@@ -143,7 +143,9 @@ def essence(name, text):
     """What of a picture must stay the same for it to be true."""
     if name.endswith(".svg"):
         # Columns apart, for what stands beside a change is another one when two come at once.
-        columns = (re.split(r" {3,}", CLOCK.sub("00:00:00", line)) for line in svg_lines(text))
+        # And root has another prompt.
+        lines = (CLOCK.sub("00:00:00", line).replace("/ #", "/ $") for line in svg_lines(text))
+        columns = (re.split(r" {3,}", line) for line in lines)
         return sorted(part for line in columns for part in line)
     # Steps and tables; how long a step took, and what it measured, is different each time.
     lines = (re.sub(r" +\d+ ms$", "", line) for line in recorded_text(text).splitlines())

@@ -78,9 +78,13 @@ class Device:
     # -- life of the device ------------------------------------------------------------------
 
     def __enter__(self):
-        self._bus = bus.Bus(self.sandbox, self.scratch / "bus.log")
-        self._closers.callback(self._bus.close)
-        self._client = self.client()
+        try:
+            self._bus = bus.Bus(self.sandbox, self.scratch / "bus.log")
+            self._closers.callback(self._bus.close)
+            self._client = self.client()
+        except BaseException:  # an interrupt, too, and then nobody calls __exit__
+            self._clear()
+            raise
         return self
 
     def __exit__(self, kind, *_):
@@ -96,8 +100,11 @@ class Device:
                     self.print_log()
             finally:  # whoever was to read it may be gone
                 self.kill()
-                self._closers.close()
-                shutil.rmtree(self.scratch, ignore_errors=True)
+                self._clear()
+
+    def _clear(self):
+        self._closers.close()
+        shutil.rmtree(self.scratch, ignore_errors=True)
 
     def on_exit(self, callback):
         """Registers something to undo when the device goes, last come first."""

@@ -38,7 +38,8 @@ class Terminal:
         self._tmux(
             "-f", str(self.folder / "tmux.conf"), "new-session", "-d", "-x", str(columns),
             "-y", str(rows), "-c", str(TOP),
-            f"{program}; echo ended with status $?; exec sleep 1000",
+            # An interrupt is for the program alone.
+            f"trap : INT; {program}; echo ended with status $?; exec sleep 1000",
         )  # fmt: skip
 
     def _tmux(self, *arguments):

@@ -28,7 +28,7 @@ class Controls:
         line = self.line_of(port)
         if line is not None:
             line.flip()
-        elif port.input or is_trigger(port):
+        elif port.input or is_virtual(port):
             self._call(self._client.state, "SetVirtual", port.number, not port.state)
         else:
             self._call(self._client.state, "SetState", port.number, not port.state)
@@ -94,6 +94,6 @@ class Controls:
         self._device.start()
 
 
-def is_trigger(port):
-    """Whether a port is the manual trigger of a video channel, which nobody drives."""
-    return bool(port.properties.get("virtual")) and port.name.startswith("manualtrigger")
+def is_virtual(port):
+    """Whether a port has no hardware, such as a video channel's manual trigger."""
+    return bool(port.properties.get("virtual"))

@@ -6,7 +6,7 @@ One table, so that the hints at the foot, the help and the terminal never disagr
 import dataclasses
 from typing import Callable
 
-from sim.live.controls import is_trigger
+from sim.live.controls import is_virtual
 
 
 def always(_controls, _port):
@@ -19,7 +19,7 @@ def measured(controls, port):
 
 
 def driven(_controls, port):
-    return not port.input and not is_trigger(port)
+    return not port.input and not is_virtual(port)
 
 
 @dataclasses.dataclass(frozen=True)

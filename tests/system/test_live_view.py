@@ -108,6 +108,17 @@ def test_outputs_are_driven_pulsed_turned_and_inverted(live):
     says(lambda: client.state.GetActive(6)[0], "open")
 
 
+@pytest.mark.parametrize("name, number", [("alarm", 9), ("manualtrigger1", 20)])
+def test_a_virtual_port_is_set(live, name, number):
+    terminal = live()
+    client = terminal.client()
+    choose(terminal, name)
+    for word, state in (("● on", True), ("○ off", False)):
+        terminal.keys("Space")
+        terminal.wait_for(rf"^▶ *{number}  {name} .*{word}", rf"{name}: {word[2:]} \(output, set virt")
+        says(lambda: dict(entry[1:3] for entry in client.state.GetPortProps()[1])[number], state)
+
+
 @pytest.mark.parametrize("key, state, level", [("c", "cut", 3850), ("s", "short", 200)])
 def test_a_measured_line_shows_its_state_and_where_in_its_ranges_it_is(live, key, state, level):
     terminal = live(columns=100)
@@ -234,6 +245,15 @@ def test_quitting_leaves_nothing_behind(live, key):
     assert len(terminal.leftovers()) >= 5, "folder, and the processes of bus and daemon"
     terminal.keys(key)
     terminal.wait_for("nothing is left of it", "ended with status 0")
+    assert terminal.leftovers() == []
+
+
+@pytest.mark.parametrize("options", [(), ("--scenario",)], ids=["live", "story"])
+def test_an_interrupt_of_the_start_leaves_nothing_behind(make_terminal, binary, options):
+    terminal = make_terminal(simulation(binary, *options), columns=120)
+    wait_until(lambda: [*terminal.folder.glob("wexd-*/root/run/dbus/*")], "the bus", DEADLINE)
+    terminal.keys("C-c")
+    terminal.wait_for(r"ended with status (130|0)$")
     assert terminal.leftovers() == []
 
 

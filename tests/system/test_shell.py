@@ -1,7 +1,11 @@
 """scripts/run --shell: a shell on the simulated device, alone and on a terminal."""
 
+import contextlib
+import os
 import re
+import signal
 import subprocess
+import time
 
 import pytest
 from conftest import TOP
@@ -57,7 +61,7 @@ def test_wexctl_works_and_completes_port_names(shell):
     shell.wait_for("12 +window +Window +input")
     shell.keys("-l", "wexctl set rel")
     shell.keys("Tab")
-    shell.wait_for(r"\$? wexctl set relay $|# wexctl set relay *$")
+    shell.wait_for(r"[#$] wexctl set relay *$")
     shell.keys("-l", "o")
     shell.keys("Tab", "Tab")
     shell.wait_for(r"^off +on")
@@ -94,6 +98,16 @@ def test_a_shell_whose_terminal_goes_away_leaves_nothing_behind(shell):
     shell.wait_for(r"\[1\].*Running.*sleep 1000")
     shell.close()
     shell.wait_clean()
+
+
+@pytest.mark.terminal
+def test_impatience_does_not_disturb_the_cleaning_up(shell):
+    process = shell.process
+    with contextlib.suppress(ProcessLookupError):
+        while True:
+            os.kill(process, signal.SIGHUP)
+            time.sleep(0.001)
+    assert shell.leftovers() == []
 
 
 @pytest.mark.terminal

@@ -13,6 +13,7 @@ from describe import element, port
 
 from sim.bus import wait_until
 from sim.peers import IoBox
+from sim.terminal import Terminal, simulation
 
 PORTS = (
     port("door", 0, "input", input_name="Front door", usage="Entry")
@@ -227,6 +228,7 @@ def test_legacy(daemon, wexctl):
         (("run", "door", "1:1"), "Port not output. (com.norv.IOControl.Error.Not_output)"),
         (("supervised", "on", "relay"),
          "Port is not supervisable. (com.norv.IOSupervised.Not_supervisable)"),
+        (("supervised", "on", "77"), "No such port. (com.norv.IOSupervised.Error.No_port)"),
         (("supervised", "ranges", "line", "open", "5", "5"),
          "Invalid range. (com.norv.IOSupervised.Bad_supervised_range)"),
         (("legacy", "set", "relay", "Button", "none"),
@@ -276,7 +278,44 @@ def test_help_names_every_verb_and_status(wexctl):
                  "pulse", "drop", "refresh", "supervised", "connectors", "monitor", "legacy",
                  "check"):  # fmt: skip
         assert re.search(rf"^  {verb} ", out, re.MULTILINE), verb
-    assert "Exit status:" in out and "NO_COLOR" in out and "complete-ports" not in out
+    assert "Exit status of every verb:" in out and "NO_COLOR" in out and "complete-ports" not in out
+
+
+def verbs(wexctl):
+    """Every verb that the help shows, with the verbs inside it."""
+    return re.findall(r"^wexctl ([a-z ]+?) \[.*:$", done(wexctl("--help-all")).out, re.MULTILINE)
+
+
+def test_every_verb_tells_of_itself_and_completes(wexctl):
+    names = verbs(wexctl)
+    assert len(names) == 15 + 5 + 2
+    for name in names:
+        out = done(wexctl(*name.split(), "--help")).out
+        assert f"Usage: wexctl {name} " in out and "REQUIRED" not in out
+        for shell in ("wexctl.bash", "_wexctl"):
+            completion = (TOP / "tools/wexctl/completion" / shell).read_text()
+            assert re.search(rf"\b{name.split()[-1]}\b", completion), (name, shell)
+
+
+def test_the_examples_of_the_help_work(wexctl, binary):
+    text = done(wexctl("--help-all")).out
+    examples = re.findall(r"^ *Example: (wexctl .*)$", text, re.MULTILINE)
+    assert len(examples) > 12
+    commands = "".join(f"{example} || echo failed: {example}\n" for example in examples)
+    shell = subprocess.run(
+        simulation(binary, "--shell"), cwd=TOP, input=commands, capture_output=True, text=True,
+        timeout=100, check=True,
+    )  # fmt: skip
+    assert "failed: " not in shell.stdout and shell.stderr == "", shell.stdout + shell.stderr
+
+
+@pytest.mark.terminal
+@pytest.mark.parametrize("environment, coloured", [({}, True), ({"NO_COLOR": "1"}, False)])
+def test_colours_are_for_terminals_that_want_them(daemon, binary, environment, coloured):
+    address = {"DBUS_SYSTEM_BUS_ADDRESS": daemon.bus_address}
+    with Terminal([str(binary.parent / "wexctl"), "list"], 120, **address, **environment) as terminal:
+        terminal.wait_for("ended with status 0")
+        assert ("\x1b[1m" in "".join(terminal.screen("-e"))) is coloured
 
 
 class Monitor:
@@ -313,6 +352,16 @@ def test_monitor_shows_changes_and_survives_a_restart(daemon, binary, tmp_path):
     monitor.wait_for("wexd is gone, waiting for it\n(.*\n)*.*wexd is back")
     daemon.state.SetState(4, True)
     monitor.wait_for(r"port 4 screen: on \(output\)\n")
+    monitor.end()
+
+
+def test_monitor_names_a_port_that_came_into_service_later(daemon, binary, tmp_path):
+    daemon.state.DropIOPorts(["relay"])
+    monitor = Monitor(daemon, binary, tmp_path / "seen")
+    monitor.wait_for("watching wexd")
+    daemon.state.RefreshIOPorts()
+    daemon.state.SetState(1, True)
+    monitor.wait_for(r"port 1 relay: on \(output\)\n")
     monitor.end()
 
 

@@ -1,6 +1,7 @@
 // The command line: what each verb is called, what it takes, and which function does it.
 #include "wexctl/bus.h"
 #include "wexctl/check.h"
+#include "wexctl/help.h"
 #include "wexctl/legacy.h"
 #include "wexctl/monitor.h"
 #include "wexctl/ports.h"
@@ -17,9 +18,10 @@ namespace {
 
 constexpr const char* description = R"(wexctl - look at and drive the I/O ports of wexd
 
-Ports are told by number, by description name or by the name that users see.)";
+Ports are told by number, by the name in the hardware description or by the name that users see.
+`wexctl VERB --help` tells more of a verb, `wexctl --help-all` of all of them.)";
 
-constexpr const char* footer = R"(Exit status:
+constexpr const char* footer = R"(Exit status of every verb:
   0  done
   1  the daemon refused, or `check` found something
   2  the command line makes no sense
@@ -78,6 +80,8 @@ private:
 CLI::App* CommandLine::verb(CLI::App& parent, const char* name, const char* help,
                             std::function<void(const Daemon&)> action) {
   CLI::App* const added = parent.add_subcommand(name, help);
+  const bool nested = &parent != &app_;
+  added->footer(verb_details(nested ? parent.get_name() + " " + name : name));
   added->callback([this, action = std::move(action)] {
     action_ = [action] {
       const Daemon daemon;
@@ -101,7 +105,7 @@ void CommandLine::add_port_verbs() {
   add_port(set);
   set->add_option("STATE", args_.value, "on or off")->required();
 
-  auto* virt = verb(app_, "virtual", "Announce a virtual state",
+  auto* virt = verb(app_, "virtual", "Announce a virtual state of a port",
                     [this](const Daemon& daemon) { set_virtual(daemon, args_.port, args_.value); });
   add_port(virt);
   virt->add_option("STATE", args_.value, "on or off")->required();
@@ -165,7 +169,8 @@ void CommandLine::add_sequence_verbs() {
 }
 
 void CommandLine::add_supervised_verbs() {
-  auto* supervised = app_.add_subcommand("supervised", "Supervised inputs");
+  auto* supervised =
+      app_.add_subcommand("supervised", "Supervised inputs: show, on, off, ranges, read");
   supervised->require_subcommand(1);
 
   auto* show =
@@ -209,7 +214,7 @@ void CommandLine::add_other_verbs() {
   add_json(verb(app_, "monitor", "Show changes as they happen, until interrupted",
                 [this](const Daemon& daemon) { monitor(daemon, args_.json); }));
 
-  auto* legacy = app_.add_subcommand("legacy", "Legacy configuration properties");
+  auto* legacy = app_.add_subcommand("legacy", "Legacy configuration properties: get, set");
   legacy->require_subcommand(1);
   auto* legacy_get_verb = verb(
       *legacy, "get", "Show a port's properties, or one of them",
@@ -229,6 +234,7 @@ void CommandLine::add_other_verbs() {
   check->add_option("FILE", args_.names, "Files, in the order in which wexd reads them")
       ->required();
   add_json(check);
+  check->footer(verb_details("check"));
   check->callback([this] {
     action_ = [this] {
       if (!check_files(args_.names, args_.json)) {
@@ -238,10 +244,12 @@ void CommandLine::add_other_verbs() {
   });
 
   // For the shells' completion.
-  verb(app_, "complete-ports", "", [](const Daemon& daemon) { complete_ports(daemon); })->group("");
+  auto* complete = app_.add_subcommand("complete-ports")->group("");
+  complete->callback([this] { action_ = [] { complete_ports(Daemon()); }; });
 }
 
 CommandLine::CommandLine() {
+  app_.formatter(std::make_shared<HelpFormatter>());
   app_.require_subcommand(1);
   app_.set_help_all_flag("--help-all", "Show the help of every verb");
   app_.footer(footer);

@@ -34,7 +34,7 @@ private:
   static void on_vanished(GDBusConnection*, const gchar* name, gpointer self);
 
   void learn_names();
-  std::string name_of(int port) const;
+  std::string name_of(int port);
   void tell(Json event, const std::string& text) const;
 
   const Daemon& daemon_;
@@ -61,6 +61,7 @@ std::string bytes_text(GVariant* value) {
 
 // A daemon that is not there has no ports to name; its return will tell them.
 void Monitor::learn_names() {
+  names_.clear();
   try {
     for (const auto& port : daemon_.ports()) {
       names_[port.number] = port.name;
@@ -70,9 +71,13 @@ void Monitor::learn_names() {
   }
 }
 
-std::string Monitor::name_of(int port) const {
-  const auto found = names_.find(port);
-  return found != names_.end() ? found->second : "";
+// A port that was out of service when the names were learned is asked for when it is heard of.
+std::string Monitor::name_of(int port) {
+  if (!names_.contains(port)) {
+    learn_names();
+  }
+  // One that nobody names is not asked for again.
+  return names_[port];
 }
 
 void Monitor::tell(Json event, const std::string& text) const {
@@ -88,7 +93,7 @@ void Monitor::tell(Json event, const std::string& text) const {
 void Monitor::on_port_changed(IOControlState* /*proxy*/, gint port, gboolean is_virtual,
                               gboolean hidden, gboolean input, gboolean virtual_trig,
                               gboolean state, gboolean activelow, gpointer self) {
-  const auto* monitor = static_cast<Monitor*>(self);
+  auto* monitor = static_cast<Monitor*>(self);
   const std::string name = monitor->name_of(port);
   std::string remarks = input ? "input" : "output";
   remarks += virtual_trig ? ", virtual" : "";
@@ -109,7 +114,7 @@ void Monitor::on_port_changed(IOControlState* /*proxy*/, gint port, gboolean is_
 }
 
 void Monitor::on_sequence_done(IOControlState* /*proxy*/, gint port, gpointer self) {
-  const auto* monitor = static_cast<Monitor*>(self);
+  auto* monitor = static_cast<Monitor*>(self);
   const std::string name = monitor->name_of(port);
   monitor->tell({{"event", "sequence-done"}, {"port", port}, {"name", name}},
                 fmt::format("port {} {}: sequence done", port, name));
@@ -118,7 +123,7 @@ void Monitor::on_sequence_done(IOControlState* /*proxy*/, gint port, gpointer se
 void Monitor::on_setting(GDBusConnection* /*connection*/, const gchar* /*sender*/,
                          const gchar* path, const gchar* /*interface*/, const gchar* /*signal*/,
                          GVariant* arguments, gpointer self) {
-  const auto* monitor = static_cast<Monitor*>(self);
+  auto* monitor = static_cast<Monitor*>(self);
   if (!g_str_has_prefix(path, legacy_base_path)) {
     return;
   }
