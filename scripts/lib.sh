@@ -15,14 +15,14 @@ build_packages=(
   libcli11-dev libfmt-dev nlohmann-json3-dev
   scdoc help2man libxml2-utils
 )
-check_packages=(clang-format clang-tidy shellcheck)
+check_packages=(clang-format clang-tidy shellcheck clang libclang-rt-14-dev)
 sandbox_packages=(
   bubblewrap util-linux dbus-daemon
   python3 python3-gi gir1.2-glib-2.0 python3-dbusmock python3-prompt-toolkit
 )
 test_packages=(
   python3-pytest python3-pytest-xdist python3-pytest-timeout
-  umockdev valgrind libc6-dbg
+  umockdev valgrind strace libc6-dbg
   libglib2.0-bin systemd debootstrap dpkg-dev
   tmux zsh python3-rich
 )
@@ -32,6 +32,14 @@ kernel_packages=(
   qemu-system-x86
   kmod dbus-daemon python3 python3-gi gir1.2-glib-2.0 python3-pytest python3-pytest-timeout
 )
+# What scripts/cross runs on this machine, and what the Debian trees hold in which it builds: tools,
+# and libraries of the target's architecture.
+cross_packages=(mmdebstrap bubblewrap qemu-user-static)
+cross_tools=(
+  cmake ninja-build pkg-config libglib2.0-dev-bin scdoc help2man dpkg-dev python3
+  libcli11-dev nlohmann-json3-dev
+)
+cross_libraries=(libglib2.0-dev libfmt-dev libgtest-dev libgmock-dev)
 packages=(
   "${build_packages[@]}" "${check_packages[@]}" "${sandbox_packages[@]}" "${test_packages[@]}"
   "${kernel_packages[@]}"

@@ -7,6 +7,7 @@ type, and send its signals.
 import json
 import os
 import pathlib
+import signal
 import subprocess
 import sys
 
@@ -15,15 +16,22 @@ from sim.bus import BusError, wait_until
 MOCK = "org.freedesktop.DBus.Mock"
 MOCKS = pathlib.Path(__file__).resolve().parent / "mocks"
 
+# What a method may be made to do instead: the type of its reply, and the mock's code.
+FAILURE = ("", "raise dbus.exceptions.DBusException('out of order', name='com.norv.Error.Mock')")
 # A reply of a type that no method of the peers has, with a value of that type.
 WRONG_TYPE = ("ad", "ret = dbus.Array([1.5], signature='d')")
+
+
+def late_properties(seconds):
+    """The properties as they are, told late."""
+    return ("a{sv}", f"import time; time.sleep({seconds}); ret = self.props[args[0]]")
 
 
 class Peer:
     """One mock service; `parameters` are those of its template."""
 
     TEMPLATE = NAME = PATH = INTERFACE = ""
-    SIGNATURES = {}  # in-signature of each method, for faults
+    SIGNATURES = {}  # interface, if it is another one, and in-signature of each method, for faults
 
     def __init__(self, device, start=True, **parameters):
         self.device = device
@@ -75,6 +83,14 @@ class Peer:
             self.process = None
             wait_until(lambda: not self.client.owner(self.NAME), f"{self.NAME} off the bus")
 
+    def freeze(self):
+        """Stays on the bus and answers nobody."""
+        self.process.send_signal(signal.SIGSTOP)
+
+    def thaw(self):
+        """Answers again, what was asked meanwhile too."""
+        self.process.send_signal(signal.SIGCONT)
+
     def mock(self, method, signature="", *arguments, path=None):
         return self.client.call(self.NAME, path or self.PATH, MOCK, method, signature, *arguments)
 
@@ -106,10 +122,9 @@ class Peer:
         self.mock("AddMethod", "sssss", interface or self.INTERFACE, method, signature, reply_type,
                   code)  # fmt: skip
 
-    def fail(self, method, message="out of order"):
-        """From now on the method answers an error."""
-        code = f"raise dbus.exceptions.DBusException({message!r}, name='com.norv.Error.Mock')"
-        self._replace(method, "", code)
+    def fail(self, method):
+        """From now on the method answers the error "out of order"."""
+        self._replace(method, *FAILURE)
 
     def mistype(self, method):
         """From now on the method answers something of another type."""
@@ -198,10 +213,8 @@ class Streamer(Peer):
     def is_loaded(self):
         """The last channel is there."""
         count = len(self.parameters.get("channels", [True]))
-        if count == 0:
-            return True
-        self.client.call(self.NAME, f"{self.PATH}/{count}", "org.freedesktop.DBus.Properties",
-                         "GetAll", "s", self.INTERFACE)  # fmt: skip
+        if count > 0:
+            self.mock("GetCalls", path=f"{self.PATH}/{count}")
         return True
 
     def enable(self, channel, enabled):

@@ -1,6 +1,8 @@
 """Mock of the PTZ coordinator.
 
-Parameters: enabled (bool; any other type is told as it is; absent: the property is missing).
+Parameters: enabled (bool; any other type is told as it is; absent: the property is missing);
+properties (what the properties are answered with, as the type of the reply and the code that makes
+it; absent: what they are).
 """
 
 import dbus
@@ -25,3 +27,5 @@ def load(mock, parameters):
         f"self.props['{MAIN_IFACE}']['PTZEnabled'] = args[0]\n"
         f"self.EmitSignal('{MAIN_IFACE}', 'PtzEnabledChanged', 'ib', [1, args[0]])",
     )
+    if "properties" in parameters:
+        mock.AddMethod(dbus.PROPERTIES_IFACE, "GetAll", "s", *parameters["properties"])

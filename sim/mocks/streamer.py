@@ -1,9 +1,12 @@
 """Mock of the video streamer: numbered channels, each enabled or not.
 
-Parameters: channels (list of true, false, or null for a channel that does not tell).
+Parameters: channels (list of true, false, "" for a channel that does not tell, or anything else to
+be told as it is); properties (what the channels' properties are answered with, as the type of the
+reply and the code that makes it; absent: what they are).
 """
 
 import dbus
+import dbusmock
 
 BUS_NAME = "com.norv.Streamer"
 MAIN_OBJ = "/com/norv/Streamer/Video/Channel"
@@ -18,8 +21,9 @@ def load(mock, parameters):
             properties["Enabled"] = dbus.Boolean(enabled)
         elif enabled != "":
             properties["Enabled"] = enabled
+        path = f"{MAIN_OBJ}/{number}"
         mock.AddObject(
-            f"{MAIN_OBJ}/{number}",
+            path,
             MAIN_IFACE,
             dbus.Dictionary(properties, signature="sv"),
             [
@@ -32,3 +36,7 @@ def load(mock, parameters):
                 )
             ],
         )
+        if "properties" in parameters:
+            dbusmock.get_object(path).AddMethod(
+                dbus.PROPERTIES_IFACE, "GetAll", "s", *parameters["properties"]
+            )

@@ -25,3 +25,23 @@ template <typename Data>
 void backend_data_free(IoPort* port) {
   delete static_cast<Data*>(std::exchange(port->backend_private, nullptr));
 }
+
+/// The table of a backend whose ports have such a record; only what else is to be done when a port
+/// is freed needs a `free` of its own.
+///
+/// What a table is filled up with is a lambda: with sanitizers, the compiler cannot tell during
+/// compilation whether the address of a template's function is one.
+template <typename Data>
+constexpr PortFunctions backend_table(PortFunctions slots) {
+  if (slots.free == nullptr) {
+    slots.free = [](IoPort* port) { backend_data_free<Data>(port); };
+  }
+  return slots;
+}
+
+/// Gives the port a record, if it has none, and returns its backend's table.
+template <typename Data>
+const PortFunctions* backend_attach(IoPort* port, const PortFunctions& functions) {
+  backend_data_ensure<Data>(port);
+  return &functions;
+}

@@ -49,24 +49,18 @@ void check_parse_data(IoPort* port, const char* element, const char* key, const 
       {.element = element, .key = key, .value = value});
 }
 
-void check_free(IoPort* port) {
-  backend_data_free<CheckPortData>(port);
-}
-
-constexpr PortFunctions functions{
+constexpr PortFunctions functions = backend_table<CheckPortData>({
     .setup = check_setup,
     .get_state = check_get_state,
     .set_state = check_set_state,
     .set_watch = check_set_watch,
     .set_direction = check_set_direction,
     .parse_data = check_parse_data,
-    .free = check_free,
-};
+});
 static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* check_setup_functions(IoPort* port) {
-  backend_data_ensure<CheckPortData>(port);
-  return &functions;
+  return backend_attach<CheckPortData>(port, functions);
 }

@@ -1,36 +1,20 @@
 #include "backends/iobox-backend.h"
 
 #include "backends/backend-data.h"
-#include "platform/bus-call.h"
+#include "backends/bus-port.h"
 #include "platform/log.h"
 
 namespace {
 
-constexpr const char* bus_name = "com.norv.IOBoxMonitor";
-constexpr const char* object_path = "/com/norv/IOBoxMonitor";
-constexpr const char* interface_name = "com.norv.IOBoxMonitor";
+constexpr BusService service{.name = "com.norv.IOBoxMonitor",
+                             .path = "/com/norv/IOBoxMonitor",
+                             .flags = G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES};
 constexpr const char* default_model = "x5210";
 
 struct IoboxPortData {
-  GDBusProxy* proxy = nullptr;
-  bool connected = false;
-  bool watching = false;
-  // These two are set by action-sequence threads as well.
-  std::atomic<gint> output_value{0};
-  std::atomic<guint> state{SUPERVISED_OPEN};
   bool supervisable = true;
   OptionalText box_name;
-  gulong signal_handler = 0;
-
-  IoboxPortData() = default;
-  ~IoboxPortData() {
-    if (signal_handler != 0) {
-      g_signal_handler_disconnect(proxy, signal_handler);
-    }
-    g_clear_object(&proxy);
-  }
-  IoboxPortData(const IoboxPortData&) = delete;
-  IoboxPortData& operator=(const IoboxPortData&) = delete;
+  BusPort bus;
 };
 
 struct StateWord {
@@ -61,20 +45,15 @@ SupervisedState iobox_state_to_wexd_state(const char* text) {
   return SUPERVISED_UNDEFINED;
 }
 
+void tell_failed_call(const char* method, const GError* error) {
+  constexpr gint line = 46;
+  g_log(G_LOG_DOMAIN, log_level_user, "%s%s@%d: Failed to call method %s: %s", log_prefix,
+        "iobox_dbus_call", line, method, error->message);
+}
+
 GVariant* iobox_dbus_call(IoboxPortData* data, const char* method, GVariant* arguments,
                           const GVariantType* reply_type) {
-  constexpr gint line = 46;
-  if (data->proxy == nullptr) {
-    g_clear_pointer(&arguments, g_variant_unref);
-    return nullptr;
-  }
-  g_autoptr(GError) error = nullptr;
-  GVariant* const reply = bus_call(data->proxy, method, arguments, reply_type, &error);
-  if (reply == nullptr) {
-    g_log(G_LOG_DOMAIN, log_level_user, "%s%s@%d: Failed to call method %s: %s", log_prefix,
-          __func__, line, method, error->message);
-  }
-  return reply;
+  return bus_port_call(data->bus, method, arguments, reply_type, tell_failed_call);
 }
 
 GVariant* number_argument(const IoPort* port) {
@@ -89,14 +68,14 @@ const char* mode_of(IoPort* port) {
 }
 
 void send_mode(IoPort* port, IoboxPortData* data) {
-  g_autoptr(GVariant) reply = iobox_dbus_call(
+  [[maybe_unused]] g_autoptr(GVariant) reply = iobox_dbus_call(
       data, "SetIOMode",
-      g_variant_new("(iis)", port->number, data->output_value.load(), mode_of(port)), nullptr);
+      g_variant_new("(iis)", port->number, data->bus.output_value.load(), mode_of(port)), nullptr);
 }
 
 void set_output(IoboxPortData* data, gint value) {
-  data->output_value = value;
-  data->state = value > 0 ? SUPERVISED_CLOSED : SUPERVISED_OPEN;
+  data->bus.output_value = value;
+  bus_port_show_output(data->bus);
 }
 
 // The stored state as a plain contact: a cut line is an open one, a short a closed one.
@@ -112,46 +91,23 @@ guint plain_state(guint state) {
 }
 
 guint visible_state(IoPort* port, const IoboxPortData* data) {
-  if (!data->connected) {
+  if (!data->bus.connected) {
     return 0;
   }
-  return io_port_supervised_input(port) ? data->state.load() : plain_state(data->state);
+  const guint state = data->bus.state;
+  return io_port_supervised_input(port) ? state : plain_state(state);
 }
 
-void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* signal,
-               GVariant* arguments, gpointer user_data) {
-  auto* port = static_cast<IoPort*>(user_data);
-  auto* data = backend_data<IoboxPortData>(port);
-  if (!bus_signal_is(signal, arguments, "IOStateChanged", "(is)")) {
-    return;
-  }
-  gint number = 0;
-  const gchar* text = nullptr;
-  g_variant_get(arguments, "(i&s)", &number, &text);
-  if (number != port->number) {
-    return;
-  }
-  const guint state = iobox_state_to_wexd_state(text);
-  if (state == data->state) {
-    return;
-  }
-  data->state = state;
-  if (data->watching) {
-    io_port_trigger(port, io_port_get_state(port) ? 1 : 0);
-  }
-}
+constexpr BusPortSignal state_changed{
+    .name = "IOStateChanged", .type = "(is)", .state_of = [](GVariant* text) -> guint {
+      return iobox_state_to_wexd_state(g_variant_get_string(text, nullptr));
+    }};
 
-bool ensure_proxy(IoboxPortData* data) {
+bool reach_monitor(IoPort* port, IoboxPortData* data) {
   constexpr gint line = 192;
-  if (data->proxy != nullptr) {
-    return true;
-  }
-  data->proxy = g_dbus_proxy_new_for_bus_sync(
-      G_BUS_TYPE_SYSTEM, G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES, nullptr, bus_name, object_path,
-      interface_name, nullptr, nullptr);
-  if (data->proxy == nullptr) {
+  if (!bus_port_open(data->bus, port, service, nullptr)) {
     g_message("%s%s@%d: Proxy for %s not available", log_prefix, "iobox_port_setup", line,
-              bus_name);
+              service.name);
     return false;
   }
   return true;
@@ -223,7 +179,7 @@ bool ask_input_state(const IoPort* port, IoboxPortData* data) {
   const auto state =
       ask_text(data, {"GetIOState", 278, "Could not get initial IO state"}, number_argument(port));
   if (state) {
-    data->state = iobox_state_to_wexd_state(state->c_str());
+    data->bus.state = iobox_state_to_wexd_state(state->c_str());
   }
   return state.has_value();
 }
@@ -237,12 +193,9 @@ bool start_state(IoPort* port, IoboxPortData* data, gboolean value) {
   return true;
 }
 
-void follow_box(IoPort* port, IoboxPortData* data) {
+void follow_box(IoboxPortData* data) {
   constexpr gint line = 295;
-  if (data->signal_handler == 0) {
-    data->signal_handler = g_signal_connect(data->proxy, "g-signal", G_CALLBACK(on_signal), port);
-  }
-  if (data->signal_handler == 0) {
+  if (!bus_port_follow(data->bus, state_changed)) {
     setup_failed(line, "Failed to setup signal handler");
   }
 }
@@ -250,12 +203,12 @@ void follow_box(IoPort* port, IoboxPortData* data) {
 gboolean iobox_port_setup(IoPort* port, gboolean value) {
   auto* data = backend_data_ensure<IoboxPortData>(port);
   io_port_set_enabled(port, false);
-  data->connected = false;
-  if (!ensure_proxy(data)) {
+  data->bus.connected = false;
+  if (!reach_monitor(port, data)) {
     return FALSE;
   }
-  data->connected = true;
-  data->state = SUPERVISED_UNDEFINED;
+  data->bus.connected = true;
+  data->bus.state = SUPERVISED_UNDEFINED;
   if (!box_attached(data) || !box_fits(data) || !port_usable(port, data)) {
     return FALSE;
   }
@@ -263,7 +216,7 @@ gboolean iobox_port_setup(IoPort* port, gboolean value) {
   if (!ask_supervisable(port, data) || !start_state(port, data, value)) {
     return FALSE;
   }
-  follow_box(port, data);
+  follow_box(data);
   return TRUE;
 }
 
@@ -304,7 +257,7 @@ void iobox_set_state(IoPort* port, gint value) {
 }
 
 gboolean iobox_set_watch(IoPort* port) {
-  backend_data_ensure<IoboxPortData>(port)->watching = true;
+  backend_data_ensure<IoboxPortData>(port)->bus.watching = true;
   return TRUE;
 }
 
@@ -318,11 +271,7 @@ void iobox_parse_data(IoPort* port, const char* element, const char* key, const 
   }
 }
 
-void iobox_free(IoPort* port) {
-  backend_data_free<IoboxPortData>(port);
-}
-
-constexpr PortFunctions functions{
+constexpr PortFunctions functions = backend_table<IoboxPortData>({
     .setup = iobox_port_setup,
     .is_supervisable = iobox_is_supervisable,
     .set_supervised = iobox_set_supervised,
@@ -334,13 +283,11 @@ constexpr PortFunctions functions{
     .set_watch = iobox_set_watch,
     .set_direction = iobox_set_direction,
     .parse_data = iobox_parse_data,
-    .free = iobox_free,
-};
+});
 static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* iobox_setup_functions(IoPort* port) {
-  backend_data_ensure<IoboxPortData>(port);
-  return &functions;
+  return backend_attach<IoboxPortData>(port, functions);
 }

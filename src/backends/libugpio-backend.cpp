@@ -99,38 +99,32 @@ void libugpio_port_set_direction(IoPort* port, gboolean input) {
   }
 }
 
+constexpr std::array pin_elements{
+    PinElement<LibugpioPortData>{.element = "input", .pin = &LibugpioPortData::input},
+    PinElement<LibugpioPortData>{.element = "output", .pin = &LibugpioPortData::output},
+    PinElement<LibugpioPortData>{.element = "io_ctrl", .pin = &LibugpioPortData::io_ctrl},
+};
+
 void libugpio_port_parse_data(IoPort* port, const char* element, const char* key,
                               const char* value) {
   auto* data = backend_data_ensure<LibugpioPortData>(port);
-  if (g_str_equal(element, "input")) {
-    libugpio_parse_data_pin(data->input, key, value);
-  } else if (g_str_equal(element, "output")) {
-    libugpio_parse_data_pin(data->output, key, value);
-  } else if (g_str_equal(element, "io_ctrl")) {
-    libugpio_parse_data_pin(data->io_ctrl, key, value);
-  } else {
+  if (!libugpio_parse_pin_element(pin_elements, *data, element, key, value)) {
     g_warning("%sCould not parse backend data!\n", log_prefix);
   }
 }
 
-void libugpio_port_free(IoPort* port) {
-  backend_data_free<LibugpioPortData>(port);
-}
-
-constexpr PortFunctions functions{
+constexpr PortFunctions functions = backend_table<LibugpioPortData>({
     .setup = libugpio_port_setup,
     .get_state = libugpio_port_get_state,
     .set_state = libugpio_port_set_state,
     .set_watch = libugpio_port_set_watch,
     .set_direction = libugpio_port_set_direction,
     .parse_data = libugpio_port_parse_data,
-    .free = libugpio_port_free,
-};
+});
 static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* libugpio_setup_functions(IoPort* port) {
-  backend_data_ensure<LibugpioPortData>(port);
-  return &functions;
+  return backend_attach<LibugpioPortData>(port, functions);
 }

@@ -6,6 +6,7 @@
 
 #include "port/ioport.h"
 
+#include <array>
 #include <memory>
 
 enum class PinActiveLow : guint32 {
@@ -35,6 +36,27 @@ void libugpio_parse_data_pin(GpioPin* pin, const char* key, const char* value);
 
 /// As above for the pin in `pin`, which is made when there is none.
 void libugpio_parse_data_pin(GpioPinPtr& pin, const char* key, const char* value);
+
+/// Which element of a description tells of which pin of a record.
+template <typename Record>
+struct PinElement {
+  const char* element;
+  GpioPinPtr Record::*pin;
+};
+
+/// Takes an attribute of a pin's element; false when the element is none of the table's.
+template <typename Record, gsize Count>
+bool libugpio_parse_pin_element(const std::array<PinElement<Record>, Count>& elements,
+                                Record& record, const char* element, const char* key,
+                                const char* value) {
+  for (const auto& entry : elements) {
+    if (g_str_equal(entry.element, element)) {
+      libugpio_parse_data_pin(record.*entry.pin, key, value);
+      return true;
+    }
+  }
+  return false;
+}
 
 /// Requests and opens the pin as an input (with both edges) or as an output that starts at `value`
 /// without a glitch. A pin in use is given back first. False, with a warning, on failure.

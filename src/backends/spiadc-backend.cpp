@@ -1,8 +1,10 @@
 #include "backends/spiadc-backend.h"
 
 #include "backends/backend-data.h"
+#include "backends/description-keys.h"
+#include "backends/empty-slots.h"
+#include "backends/input-poll.h"
 #include "backends/spi-utils.h"
-#include "platform/handles.h"
 #include "platform/log.h"
 
 #include <fcntl.h>
@@ -25,16 +27,16 @@ struct SpiadcPortData {
   int fd = 0;
   /// Newest first.
   std::list<Band> bands;
-  guint timeout_ms = 0;
   bool inverted = false;
   bool active = false;
-  SourceId poll_source;
+  InputPoll poll;
 
   SpiadcPortData() = default;
   ~SpiadcPortData() { close_device(); }
   SpiadcPortData(const SpiadcPortData&) = delete;
   SpiadcPortData& operator=(const SpiadcPortData&) = delete;
 
+  bool refresh();
   void close_device() {
     if (fd != 0) {
       close(fd);
@@ -65,16 +67,10 @@ gint read_level(const SpiadcPortData* data) {
   return spi_level(word);
 }
 
-gboolean spiadc_poll(gpointer user_data) {
-  auto* port = static_cast<IoPort*>(user_data);
-  auto* data = backend_data<SpiadcPortData>(port);
-  const bool before = data->active;
-  data->active = level_active(data, read_level(data));
-  const bool state = io_port_get_state(port);
-  if (data->active != before) {
-    io_port_trigger(port, state ? 1 : 0);
-  }
-  return G_SOURCE_CONTINUE;
+bool SpiadcPortData::refresh() {
+  const bool before = active;
+  active = level_active(this, read_level(this));
+  return active != before;
 }
 
 gboolean spiadc_port_setup(IoPort* port, gboolean /*activelow_output*/) {
@@ -98,48 +94,26 @@ guint spiadc_port_get_state(IoPort* port) {
   return data != nullptr && data->active ? 1 : 0;
 }
 
-void spiadc_port_set_state(IoPort* /*port*/, gint /*state*/) {}
+// Numbers are decimal, 0x-hexadecimal or octal.
+constexpr std::array device_keys{
+    DescriptionKey<SpiadcPortData>{"device", take_text<&SpiadcPortData::device>},
+    DescriptionKey<SpiadcPortData>{"timeout", take_interval<SpiadcPortData>},
+    DescriptionKey<SpiadcPortData>{"address", take_number<&SpiadcPortData::address, 0>},
+    DescriptionKey<SpiadcPortData>{"inverted", take_switch<&SpiadcPortData::inverted>},
+};
 
-gboolean spiadc_port_set_watch(IoPort* port) {
-  auto* data = backend_data_ensure<SpiadcPortData>(port);
-  if (!data->poll_source) {
-    data->poll_source.reset(g_timeout_add(data->timeout_ms, spiadc_poll, port));
-  }
-  return TRUE;
-}
-
-void spiadc_port_set_direction(IoPort* /*port*/, gboolean /*input*/) {}
-
-// Decimal, 0x-hexadecimal or octal.
-gint number(const char* value) {
-  return static_cast<gint>(g_ascii_strtoll(value, nullptr, 0));
-}
-
-void parse_device(SpiadcPortData* data, const char* key, const char* value) {
-  if (g_str_equal(key, "device")) {
-    data->device = value;
-  } else if (g_str_equal(key, "timeout")) {
-    data->timeout_ms = static_cast<guint>(number(value));
-  } else if (g_str_equal(key, "address")) {
-    data->address = number(value);
-  } else if (g_str_equal(key, "inverted")) {
-    data->inverted = g_str_equal(value, "true");
-  }
-}
+constexpr std::array band_keys{
+    DescriptionKey<Band>{"active_min", take_number<&Band::active_min, 0>},
+    DescriptionKey<Band>{"active_max", take_number<&Band::active_max, 0>},
+    DescriptionKey<Band>{"hysteresis", take_number<&Band::hysteresis, 0>},
+};
 
 void parse_band(SpiadcPortData* data, const char* key, const char* value) {
   if (data->bands.empty()) {
     g_warning("%sSpi ADC backend configured incorrectly", log_prefix);
     return;
   }
-  Band& band = data->bands.front();
-  if (g_str_equal(key, "active_min")) {
-    band.active_min = number(value);
-  } else if (g_str_equal(key, "active_max")) {
-    band.active_max = number(value);
-  } else if (g_str_equal(key, "hysteresis")) {
-    band.hysteresis = number(value);
-  }
+  take_described(band_keys, data->bands.front(), key, value);
 }
 
 void spiadc_port_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
@@ -150,30 +124,23 @@ void spiadc_port_parse_data(IoPort* port, const char* element, const char* key, 
   } else if (g_str_equal(element, "input")) {
     parse_band(data, key, value);
   } else if (g_str_equal(element, "device")) {
-    parse_device(data, key, value);
+    take_described(device_keys, *data, key, value);
   } else {
     g_warning("%sCould not parse backend data!\n", log_prefix);
   }
 }
 
-void spiadc_port_free(IoPort* port) {
-  backend_data_free<SpiadcPortData>(port);
-}
-
-constexpr PortFunctions functions{
+constexpr PortFunctions functions = input_poll_table<SpiadcPortData>({
     .setup = spiadc_port_setup,
     .get_state = spiadc_port_get_state,
-    .set_state = spiadc_port_set_state,
-    .set_watch = spiadc_port_set_watch,
-    .set_direction = spiadc_port_set_direction,
+    .set_state = ignore_state,
+    .set_direction = ignore_direction,
     .parse_data = spiadc_port_parse_data,
-    .free = spiadc_port_free,
-};
+});
 static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* spiadc_setup_functions(IoPort* port) {
-  backend_data_ensure<SpiadcPortData>(port);
-  return &functions;
+  return backend_attach<SpiadcPortData>(port, functions);
 }

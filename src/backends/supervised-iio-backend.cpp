@@ -1,6 +1,7 @@
 #include "backends/supervised-iio-backend.h"
 
 #include "backends/backend-data.h"
+#include "backends/description-keys.h"
 #include "backends/iio-utils.h"
 #include "backends/supervised-pins.h"
 #include "platform/handles.h"
@@ -11,7 +12,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 
 namespace {
 
@@ -37,21 +37,15 @@ struct IioPortData {
   SourceId sample_watch;
 
   [[nodiscard]] gsize storage_bytes() const { return iio_type.size / 8; }
+
+  void take(const char* element, const char* key, const char* value);
 };
 
 constexpr const char* trigger_folder = "/sys/kernel/config/iio/triggers/hrtimer/";
 constexpr int trigger_folder_mode = 0775;
 constexpr int trigger_type = 1;
 
-PendingRange pending_range;
-
-constexpr PinSetup pin_setup{.function = "iio_setup_gpio",
-                             .open_pin = libugpio_port_init_gpio_pin,
-                             .open_failure_counts = true,
-                             .control_failure_counts = true,
-                             .sioctrl_optional = false,
-                             .ioctrl_always_on = false,
-                             .tells_calls = true};
+constexpr PinSetup pin_setup{.function = "iio_setup_gpio", .tells_calls = true};
 
 const char* text_or_empty(const OptionalText& text) {
   return text ? text->c_str() : "";
@@ -279,69 +273,46 @@ guint iio_get_state(IoPort* port) {
   return state;
 }
 
-void iio_set_state(IoPort* port, gint state) {
-  supervised_drive_output(port, backend_data_ensure<IioPortData>(port)->pins, state != 0);
-}
-
 void iio_set_direction(IoPort* port, gboolean input) {
   auto* data = backend_data_ensure<IioPortData>(port);
   data->sample_watch.reset();
   supervised_turn_pins(port, data->pins, input, pin_setup);
 }
 
-void parse_device(IioPortData* data, const char* key, const char* value) {
-  if (g_str_equal(key, "name")) {
-    data->device = value;
-  } else if (g_str_equal(key, "adc")) {
-    data->trigger_consumer = value;
-  } else if (g_str_equal(key, "hrtimer")) {
-    data->trigger = value;
-  } else if (g_str_equal(key, "freq")) {
-    data->frequency = value;
-  } else if (g_str_equal(key, "shift")) {
-    data->extra_shift = static_cast<guint>(strtol(value, nullptr, 10));
-  } else if (g_str_equal(key, "channel")) {
-    data->channel = static_cast<gint>(strtol(value, nullptr, 10));
-  } else if (g_str_equal(key, "mode") && g_str_equal(value, "adc")) {
-    data->mode = Mode::Adc;
+constexpr std::array device_keys{
+    DescriptionKey<IioPortData>{"name", take_text<&IioPortData::device>},
+    DescriptionKey<IioPortData>{"adc", take_text<&IioPortData::trigger_consumer>},
+    DescriptionKey<IioPortData>{"hrtimer", take_text<&IioPortData::trigger>},
+    DescriptionKey<IioPortData>{"freq", take_text<&IioPortData::frequency>},
+    DescriptionKey<IioPortData>{"shift", take_number<&IioPortData::extra_shift>},
+    DescriptionKey<IioPortData>{"channel", take_number<&IioPortData::channel>},
+    DescriptionKey<IioPortData>{"mode",
+                                [](IioPortData& data, const char* value) {
+                                  if (g_str_equal(value, "adc")) {
+                                    data.mode = Mode::Adc;
+                                  }
+                                }},
+};
+
+void IioPortData::take(const char* element, const char* key, const char* value) {
+  if (g_str_equal(element, "device")) {
+    take_described(device_keys, *this, key, value);
   }
 }
 
-void iio_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
-  auto* data = backend_data_ensure<IioPortData>(port);
-  if (supervised_parse_pin(data->pins, element, key, value)) {
-    return;
-  }
-  if (g_str_equal(element, "range")) {
-    supervised_parse_range(pending_range, port, key, value);
-  } else if (g_str_equal(element, "device")) {
-    parse_device(data, key, value);
-  }
-}
-
-void iio_free(IoPort* port) {
-  backend_data_free<IioPortData>(port);
-}
-
-constexpr PortFunctions functions{
+constexpr PortFunctions functions = supervised_table<IioPortData>({
     .setup = iio_setup,
     .is_supervisable = iio_is_supervisable,
     .set_supervised = iio_set_supervised,
-    .get_supervised_ranges = supervised_get_supervised_ranges,
-    .set_supervised_ranges = supervised_set_supervised_ranges,
     .get_supervised_readout = classify_cached,
     .get_state = iio_get_state,
-    .set_state = iio_set_state,
     .set_watch = iio_set_watch,
     .set_direction = iio_set_direction,
-    .parse_data = iio_parse_data,
-    .free = iio_free,
-};
+});
 static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* iio_setup_functions(IoPort* port) {
-  backend_data_ensure<IioPortData>(port);
-  return &functions;
+  return backend_attach<IioPortData>(port, functions);
 }

@@ -1,67 +1,40 @@
 #include "backends/supervised-iio-interrupt-backend.h"
 
 #include "backends/backend-data.h"
+#include "backends/description-keys.h"
 #include "backends/iio-event-device.h"
-#include "backends/iio-utils.h"
+#include "backends/iio-threshold-channel.h"
 #include "backends/supervised-pins.h"
 #include "platform/handles.h"
 #include "platform/log.h"
-
-#include <fcntl.h>
-
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 
 namespace {
 
 constexpr guint32 limit_unset = G_MAXUINT32;
 constexpr guint default_limit_timeout_ms = 1000;
-constexpr double us_per_s = 1000000.0;
 
 struct IioIntPortData {
   /// No pins; the port is read through the converter only.
   bool adc_only = false;
-  guint hysteresis = 0;
-  std::string device_path;
-  OptionalText driver;
-  OptionalText chan_extend_name;
-  /// Write-only, kept open: a threshold is moved on every change of the level's range.
-  UniqueFd rising_value;
-  UniqueFd falling_value;
-  UniqueFd rising_enable;
-  UniqueFd falling_enable;
-  UniqueFd either_enable;
-  guint64 channel = 0;
-  OptionalText channel_name;
-  int device_number = -1;
+  IioThresholdChannel channel;
   guint32 lower_limit = limit_unset;
   guint32 upper_limit = limit_unset;
   guint limit_timeout_ms = default_limit_timeout_ms;
   SourceId limit_timer;
-  gint bitshift = 0;
-  OptionalText shared_samplefreq;
-  OptionalText shared_thresh_either_period;
-  gint64 integration_time_us = 0;
-  bool one_threshold = false;
   bool use_cached_level = true;
   bool pullup_when_supervised = false;
   // Also looked at by action-sequence threads.
   std::atomic<guint32> cached_level{0};
   guint last_reported = SUPERVISED_OPEN;
   SupervisedPins pins;
-};
 
-PendingRange pending_range;
+  void take(const char* element, const char* key, const char* value);
+};
 
 PinSetup pin_setup(const IioIntPortData* data) {
   return {.function = "iio_int_setup_gpio",
-          .open_pin = libugpio_port_init_gpio_pin,
-          .open_failure_counts = true,
-          .control_failure_counts = true,
           .sioctrl_optional = true,
-          .ioctrl_always_on = data->pullup_when_supervised,
-          .tells_calls = false};
+          .ioctrl_always_on = data->pullup_when_supervised};
 }
 
 bool measured(IoPort* port, const IioIntPortData* data) {
@@ -70,40 +43,12 @@ bool measured(IoPort* port, const IioIntPortData* data) {
 
 // Reading
 
-// "in_<channel>[_<extension>]_<attribute>".
-std::string attribute_name(const IioIntPortData* data, const char* attribute) {
-  std::string name =
-      "in_" + data->channel_name.value_or("voltage" + std::to_string(data->channel)) + '_';
-  if (data->chan_extend_name) {
-    name += *data->chan_extend_name + '_';
-  }
-  return name + attribute;
-}
-
-std::string channel_path(const IioIntPortData* data, const char* attribute) {
-  return iio_device_folder(data->device_number) + attribute_name(data, attribute);
-}
-
-std::string event_path(const IioIntPortData* data, const char* attribute) {
-  return iio_device_folder(data->device_number) + "events/" + attribute_name(data, attribute);
-}
-
-guint bitshift(const IioIntPortData* data) {
-  return data->bitshift < 0 ? 0 : static_cast<guint>(data->bitshift);
-}
-
 bool read_level(IioIntPortData* data, GError** error) {
-  const std::string path = channel_path(data, "raw");
-  g_autofree char* text = nullptr;
-  iio_read_sysfs(path.c_str(), &text);
-  if (text == nullptr) {
-    g_set_error(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_GENERIC,
-                "Failed to read '%s'", path.c_str());
-    return false;
+  const auto level = iio_threshold_read(data->channel, error);
+  if (level) {
+    data->cached_level = *level;
   }
-  const auto raw = static_cast<guint32>(strtol(text, nullptr, 0));
-  data->cached_level = iio_shift_right(raw, bitshift(data));
-  return true;
+  return level.has_value();
 }
 
 // The last range that holds the level, or nullptr.
@@ -145,56 +90,7 @@ void report_if_changed(IoPort* port, IioIntPortData* data, guint state) {
   }
 }
 
-// Arming
-
-void write_number(const UniqueFd& fd, gint number) {
-  if (!fd) {
-    return;
-  }
-  const std::string text = std::to_string(number);
-  if (pwrite(fd.get(), text.data(), text.size(), 0) < 0) {
-    g_warning("%sFailed to write sysfs: %s", log_prefix, g_strerror(errno));
-  }
-}
-
-void enable_events(const IioIntPortData* data, bool enable) {
-  if (data->either_enable) {
-    write_number(data->either_enable, enable ? 1 : 0);
-  } else {
-    write_number(data->rising_enable, enable ? 1 : 0);
-    write_number(data->falling_enable, enable ? 1 : 0);
-  }
-}
-
-// The device's own counts; what is below 0 or beyond 32 bits wraps, as the kernel is told "%d".
-gint shifted_threshold(const IioIntPortData* data, guint32 level) {
-  const guint shift = bitshift(data);
-  return static_cast<gint>(shift < 32 ? level << shift : 0);
-}
-
-void arm_one_threshold(const IioIntPortData* data, const SupervisedRange* range) {
-  const bool rising = range->lower == 0;
-  if (rising) {
-    write_number(data->rising_value, static_cast<gint>(range->upper + data->hysteresis));
-  } else {
-    write_number(data->falling_value, static_cast<gint>(range->lower - data->hysteresis));
-  }
-  if (data->either_enable) {
-    write_number(data->either_enable, 1);
-  } else {
-    write_number(rising ? data->rising_enable : data->falling_enable, 1);
-  }
-}
-
-void arm_thresholds(const IioIntPortData* data, const SupervisedRange* range) {
-  if (data->one_threshold) {
-    arm_one_threshold(data, range);
-    return;
-  }
-  write_number(data->rising_value, shifted_threshold(data, range->upper + data->hysteresis));
-  write_number(data->falling_value, shifted_threshold(data, range->lower - data->hysteresis));
-  enable_events(data, true);
-}
+// Watching
 
 bool beyond_limits(const IioIntPortData* data, guint32 level) {
   return (data->lower_limit != limit_unset && level <= data->lower_limit)
@@ -225,7 +121,7 @@ void update_thresholds(IoPort* port) {
     data->limit_timer.reset(g_timeout_add(data->limit_timeout_ms, on_limit_timer, port));
     return;
   }
-  arm_thresholds(data, range);
+  iio_threshold_arm(data->channel, *range);
 }
 
 gboolean on_limit_timer(gpointer user_data) {
@@ -247,14 +143,12 @@ gboolean on_limit_timer(gpointer user_data) {
   return G_SOURCE_REMOVE;
 }
 
-// Watching
-
 void on_device_event(IoPort* port, gint channel) {
   auto* data = backend_data<IioIntPortData>(port);
-  if (static_cast<guint64>(channel) != data->channel) {
+  if (static_cast<guint64>(channel) != data->channel.channel) {
     return;
   }
-  enable_events(data, false);
+  iio_threshold_disarm(data->channel);
   guint state = SUPERVISED_UNDEFINED;
   guint level = 0;
   g_autoptr(GError) error = nullptr;
@@ -268,8 +162,8 @@ void on_device_event(IoPort* port, gint channel) {
 
 void stop_interrupts(IoPort* port, IioIntPortData* data) {
   data->limit_timer.reset();
-  enable_events(data, false);
-  iio_event_device_unwatch(port, data->device_path);
+  iio_threshold_disarm(data->channel);
+  iio_event_device_unwatch(port, data->channel.device_path);
 }
 
 gboolean iio_int_set_watch(IoPort* port) {
@@ -281,92 +175,20 @@ gboolean iio_int_set_watch(IoPort* port) {
   }
   data->pins.logic_watch.stop();
   data->last_reported = SUPERVISED_UNDEFINED;
-  iio_event_device_watch(port, data->device_path, on_device_event);
+  iio_event_device_watch(port, data->channel.device_path, on_device_event);
   update_thresholds(port);
   return TRUE;
 }
 
 // Setting up
 
-bool open_event_file(IioIntPortData* data, const char* attribute, UniqueFd& fd) {
-  const std::string path = event_path(data, attribute);
-  fd.reset(open(path.c_str(), O_WRONLY | O_CLOEXEC));
-  if (!fd) {
-    g_warning("%sFailed to open sysfs path '%s': %s", log_prefix, path.c_str(), g_strerror(errno));
-    return false;
-  }
-  return true;
-}
-
-bool open_event_files(IioIntPortData* data) {
-  if (!open_event_file(data, "thresh_rising_value", data->rising_value)
-      || !open_event_file(data, "thresh_falling_value", data->falling_value)) {
-    return false;
-  }
-  if (g_file_test(event_path(data, "thresh_rising_en").c_str(), G_FILE_TEST_EXISTS)) {
-    return open_event_file(data, "thresh_rising_en", data->rising_enable)
-           && open_event_file(data, "thresh_falling_en", data->falling_enable);
-  }
-  return open_event_file(data, "thresh_either_en", data->either_enable);
-}
-
-// Settings of the whole device, told as the description has them; a device without one goes on.
-void write_device_setting(const IioIntPortData* data, const char* file, const char* text) {
-  const std::string path = iio_device_folder(data->device_number) + file;
-  const int fd = open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-  if (fd < 0) {
-    g_warning("%sFailed to open sysfs path '%s': %s", log_prefix, path.c_str(), g_strerror(errno));
-    return;
-  }
-  if (write(fd, text, strlen(text)) < 0) {
-    g_warning("%sFailed to write sysfs: %s", log_prefix, g_strerror(errno));
-  }
-  if (close(fd) != 0) {
-    g_autofree gchar* name = g_path_get_basename(file);
-    g_warning("%sCouldn't close %s", log_prefix, name);
-  }
-}
-
-void write_device_settings(const IioIntPortData* data) {
-  if (data->shared_samplefreq) {
-    constexpr const char* shared = "in_voltage_sampling_frequency";
-    const std::string path = iio_device_folder(data->device_number) + shared;
-    write_device_setting(
-        data, g_file_test(path.c_str(), G_FILE_TEST_EXISTS) ? shared : "sampling_frequency",
-        data->shared_samplefreq->c_str());
-  }
-  if (data->shared_thresh_either_period) {
-    write_device_setting(data, "events/in_voltage_thresh_either_period",
-                         data->shared_thresh_either_period->c_str());
-  }
-  if (data->integration_time_us > 0) {
-    const auto seconds = static_cast<double>(data->integration_time_us) / us_per_s;
-    g_autofree gchar* text = g_strdup_printf("%f", seconds);
-    write_device_setting(data, "in_proximity_integration_time", text);
-  }
-}
-
-bool iio_int_setup_sysfs(IioIntPortData* data) {
-  data->device_number = iio_get_device_number(data->driver ? data->driver->c_str() : "");
-  if (data->device_number == -1) {
-    g_warning("%sFailed to find device name", log_prefix);
-    g_warning("%sFailed to setup sysfs", log_prefix);
-    return false;
-  }
-  data->device_path = iio_device_node(data->device_number);
-  return true;
-}
-
-bool setup_converter(IoPort* port, IioIntPortData* data) {
-  if (!iio_int_setup_sysfs(data) || !iio_event_device_join(port, data->device_path)
-      || !open_event_files(data)) {
+bool setup_converter(IoPort* port, IioThresholdChannel& channel) {
+  if (!iio_threshold_find(channel) || !iio_event_device_join(port, channel.device_path)
+      || !iio_threshold_open(channel)) {
     g_warning("%sFailed to setup iio device.", log_prefix);
     return false;
   }
-  write_device_settings(data);
-  write_number(data->falling_value, 0);
-  write_number(data->rising_value, 1);
-  enable_events(data, false);
+  iio_threshold_prepare(channel);
   return true;
 }
 
@@ -376,19 +198,16 @@ void iio_int_close(IoPort* port) {
     return;
   }
   stop_interrupts(port, data);
-  iio_event_device_leave(port, data->device_path);
+  iio_event_device_leave(port, data->channel.device_path);
   supervised_close_pins(data->pins);
-  for (auto* fd : {&data->rising_value, &data->falling_value, &data->rising_enable,
-                   &data->falling_enable, &data->either_enable}) {
-    fd->reset();
-  }
+  iio_threshold_close(data->channel);
 }
 
 gboolean iio_int_setup(IoPort* port, gboolean state) {
   auto* data = backend_data_ensure<IioIntPortData>(port);
   const bool pins_ready =
       data->adc_only || supervised_setup_pins(port, data->pins, state, pin_setup(data));
-  if (pins_ready && (port->type == PORT_OUTPUT || setup_converter(port, data))) {
+  if (pins_ready && (port->type == PORT_OUTPUT || setup_converter(port, data->channel))) {
     return TRUE;
   }
   iio_int_close(port);
@@ -421,10 +240,6 @@ guint iio_int_get_state(IoPort* port) {
   return state;
 }
 
-void iio_int_set_state(IoPort* port, gint state) {
-  supervised_drive_output(port, backend_data_ensure<IioIntPortData>(port)->pins, state != 0);
-}
-
 void iio_int_set_direction(IoPort* port, gboolean input) {
   auto* data = backend_data_ensure<IioIntPortData>(port);
   stop_interrupts(port, data);
@@ -433,76 +248,35 @@ void iio_int_set_direction(IoPort* port, gboolean input) {
 
 // Vocabulary
 
-using Apply = void (*)(IioIntPortData* data, const char* value);
+using Data = IioIntPortData;
 
-struct DeviceKey {
-  const char* key;
-  Apply apply;
-};
-
-template <OptionalText IioIntPortData::*Field>
-void set_text(IioIntPortData* data, const char* value) {
-  data->*Field = value;
+// Switches that one word turns, and no other word back.
+void take_mode(Data& data, const char* value) {
+  data.adc_only = data.adc_only || g_str_equal(value, "adc");
 }
 
-template <auto Field>
-void set_unsigned(IioIntPortData* data, const char* value) {
-  data->*Field = static_cast<std::remove_reference_t<decltype(data->*Field)>>(
-      g_ascii_strtoull(value, nullptr, 10));
+void take_cache(Data& data, const char* value) {
+  data.use_cached_level = data.use_cached_level && !g_str_equal(value, "false");
 }
 
-template <auto Field>
-void set_signed(IioIntPortData* data, const char* value) {
-  data->*Field = static_cast<std::remove_reference_t<decltype(data->*Field)>>(
-      g_ascii_strtoll(value, nullptr, 10));
+void take_pullup(Data& data, const char* value) {
+  data.pullup_when_supervised = data.pullup_when_supervised || g_str_equal(value, "true");
 }
 
+// Those of the port itself; the channel has its own.
 constexpr std::array device_keys{
-    DeviceKey{"driver", set_text<&IioIntPortData::driver>},
-    DeviceKey{"channel_name", set_text<&IioIntPortData::channel_name>},
-    DeviceKey{"chan_extend_name", set_text<&IioIntPortData::chan_extend_name>},
-    DeviceKey{"shared_samplefreq", set_text<&IioIntPortData::shared_samplefreq>},
-    DeviceKey{"shared_thresh_either_period",
-              set_text<&IioIntPortData::shared_thresh_either_period>},
-    DeviceKey{"channel", set_unsigned<&IioIntPortData::channel>},
-    DeviceKey{"hysteresis", set_unsigned<&IioIntPortData::hysteresis>},
-    DeviceKey{"limit_timeout", set_unsigned<&IioIntPortData::limit_timeout_ms>},
-    DeviceKey{"lower_limit", set_signed<&IioIntPortData::lower_limit>},
-    DeviceKey{"upper_limit", set_signed<&IioIntPortData::upper_limit>},
-    DeviceKey{"bitshift", set_signed<&IioIntPortData::bitshift>},
-    DeviceKey{"integration_time", set_signed<&IioIntPortData::integration_time_us>},
-    DeviceKey{"one_threshold",
-              [](IioIntPortData* data, const char* value) {
-                data->one_threshold = g_str_equal(value, "true");
-              }},
-    DeviceKey{"mode",
-              [](IioIntPortData* data, const char* value) {
-                data->adc_only = data->adc_only || g_str_equal(value, "adc");
-              }},
-    DeviceKey{"cache_ad_value",
-              [](IioIntPortData* data, const char* value) {
-                data->use_cached_level = data->use_cached_level && !g_str_equal(value, "false");
-              }},
-    DeviceKey{"pullup_when_supervised",
-              [](IioIntPortData* data, const char* value) {
-                data->pullup_when_supervised =
-                    data->pullup_when_supervised || g_str_equal(value, "true");
-              }},
+    DescriptionKey<Data>{"limit_timeout", take_unsigned<&Data::limit_timeout_ms>},
+    DescriptionKey<Data>{"lower_limit", take_number<&Data::lower_limit>},
+    DescriptionKey<Data>{"upper_limit", take_number<&Data::upper_limit>},
+    DescriptionKey<Data>{"mode", take_mode},
+    DescriptionKey<Data>{"cache_ad_value", take_cache},
+    DescriptionKey<Data>{"pullup_when_supervised", take_pullup},
 };
 
-void iio_int_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
-  auto* data = backend_data_ensure<IioIntPortData>(port);
-  if (supervised_parse_pin(data->pins, element, key, value)) {
-    return;
-  }
-  if (g_str_equal(element, "range")) {
-    supervised_parse_range(pending_range, port, key, value);
-  } else if (g_str_equal(element, "device")) {
-    for (const auto& entry : device_keys) {
-      if (g_str_equal(entry.key, key)) {
-        entry.apply(data, value);
-      }
-    }
+void IioIntPortData::take(const char* element, const char* key, const char* value) {
+  if (g_str_equal(element, "device")) {
+    take_described(device_keys, *this, key, value);
+    iio_threshold_parse(channel, key, value);
   }
 }
 
@@ -511,26 +285,21 @@ void iio_int_free(IoPort* port) {
   backend_data_free<IioIntPortData>(port);
 }
 
-constexpr PortFunctions functions{
+constexpr PortFunctions functions = supervised_table<IioIntPortData>({
     .setup = iio_int_setup,
     .is_supervisable = iio_int_is_supervisable,
     .set_supervised = iio_int_set_supervised,
-    .get_supervised_ranges = supervised_get_supervised_ranges,
-    .set_supervised_ranges = supervised_set_supervised_ranges,
     .get_supervised_readout = iio_int_get_supervised_readout,
     .get_state = iio_int_get_state,
-    .set_state = iio_int_set_state,
     .set_watch = iio_int_set_watch,
     .set_direction = iio_int_set_direction,
-    .parse_data = iio_int_parse_data,
     .free = iio_int_free,
     .close = iio_int_close,
-};
+});
 static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* iio_int_setup_functions(IoPort* port) {
-  backend_data_ensure<IioIntPortData>(port);
-  return &functions;
+  return backend_attach<IioIntPortData>(port, functions);
 }

@@ -8,16 +8,11 @@
 
 namespace {
 
-struct PinElement {
-  const char* element;
-  GpioPinPtr SupervisedPins::*pin;
-};
-
 constexpr std::array pin_elements{
-    PinElement{.element = "io_ctrl", .pin = &SupervisedPins::ioctrl},
-    PinElement{.element = "sio_ctrl", .pin = &SupervisedPins::sioctrl},
-    PinElement{.element = "input", .pin = &SupervisedPins::input},
-    PinElement{.element = "output", .pin = &SupervisedPins::output},
+    PinElement<SupervisedPins>{.element = "io_ctrl", .pin = &SupervisedPins::ioctrl},
+    PinElement<SupervisedPins>{.element = "sio_ctrl", .pin = &SupervisedPins::sioctrl},
+    PinElement<SupervisedPins>{.element = "input", .pin = &SupervisedPins::input},
+    PinElement<SupervisedPins>{.element = "output", .pin = &SupervisedPins::output},
 };
 
 bool has_input_side(const IoPort* port) {
@@ -133,29 +128,16 @@ struct ControlLevels {
 };
 
 ControlLevels control_levels(IoPort* port, const PinSetup& how) {
-  if (port->type == PORT_IO_CTRL && !port->direction) {
+  if (port->type != PORT_IO_CTRL) {
+    g_assert(port->type == PORT_INPUT);
+  } else if (!port->direction) {
     return {.ioctrl = false, .sioctrl = false};
   }
-  g_assert(port->type == PORT_INPUT || port->type == PORT_IO_CTRL);
   const bool supervised = io_port_supervised_input(port);
   return {.ioctrl = how.ioctrl_always_on || !supervised, .sioctrl = supervised};
 }
 
-} // namespace
-
-bool supervised_parse_pin(SupervisedPins& pins, const char* element, const char* key,
-                          const char* value) {
-  for (const auto& entry : pin_elements) {
-    if (g_str_equal(entry.element, element)) {
-      libugpio_parse_data_pin(pins.*entry.pin, key, value);
-      return true;
-    }
-  }
-  return false;
-}
-
-void supervised_parse_range(PendingRange& pending, IoPort* port, const char* key,
-                            const char* value) {
+void parse_range(PendingRange& pending, IoPort* port, const char* key, const char* value) {
   if (g_str_equal(key, "state")) {
     pending.state = value;
   } else if (g_str_equal(key, "lower")) {
@@ -170,6 +152,17 @@ void supervised_parse_range(PendingRange& pending, IoPort* port, const char* key
     }
     pending = {};
   }
+}
+
+} // namespace
+
+bool supervised_parse_line(IoPort* port, SupervisedPins& pins, PendingRange& pending,
+                           const char* element, const char* key, const char* value) {
+  if (g_str_equal(element, "range")) {
+    parse_range(pending, port, key, value);
+    return true;
+  }
+  return libugpio_parse_pin_element(pin_elements, pins, element, key, value);
 }
 
 bool supervised_setup_pins(IoPort* port, SupervisedPins& pins, bool state, const PinSetup& how) {

@@ -2,6 +2,7 @@
 // analogue measuring circuit by two control pins, and the ranges that judge the measured level.
 #pragma once
 
+#include "backends/backend-data.h"
 #include "backends/libugpio-utils.h"
 #include "port/ioport.h"
 
@@ -24,29 +25,26 @@ struct PendingRange {
 /// How a backend sets its pins up; what differs between them.
 struct PinSetup {
   /// Name of the backend's step in messages about broken preconditions.
-  const char* function;
+  const char* function = nullptr;
   /// Opens a pin; see libugpio-utils.h.
-  bool (*open_pin)(GpioPin* pin, bool input, bool value);
+  bool (*open_pin)(GpioPin* pin, bool input, bool value) = libugpio_port_init_gpio_pin;
   /// Whether a pin that cannot be opened fails the set-up.
-  bool open_failure_counts;
+  bool open_failure_counts = true;
   /// Whether control pins that cannot be written fail the set-up.
-  bool control_failure_counts;
+  bool control_failure_counts = true;
   /// Whether the port can do without "sio_ctrl".
-  bool sioctrl_optional;
+  bool sioctrl_optional = false;
   /// Whether "io_ctrl" stays at its input level while the line is measured (it pulls the line up).
-  bool ioctrl_always_on;
+  bool ioctrl_always_on = false;
   /// Whether a failed step is also told as a broken precondition, naming the call.
-  bool tells_calls;
+  bool tells_calls = false;
 };
 
-/// Takes an attribute of a pin's element; false when the element is no pin.
-bool supervised_parse_pin(SupervisedPins& pins, const char* element, const char* key,
-                          const char* value);
-
-/// Takes an attribute of a "range" element. The order of attributes matters: "upper" adds the range
-/// to the port with the state and lower limit told before. A refused range is logged.
-void supervised_parse_range(PendingRange& pending, IoPort* port, const char* key,
-                            const char* value);
+/// Takes an attribute of a pin's or a "range" element; false when the element is neither. In a
+/// "range" the order of attributes matters: "upper" adds the range to the port with the state and
+/// lower limit told before. A refused range is logged.
+bool supervised_parse_line(IoPort* port, SupervisedPins& pins, PendingRange& pending,
+                           const char* element, const char* key, const char* value);
 
 /// Requests the port's pins for its type and direction and sets the control pins. An output starts
 /// at `state`. False, with a warning, on failure.
@@ -66,6 +64,36 @@ guint supervised_pin_level(IoPort* port, const SupervisedPins& pins);
 
 /// Drives the output pin of an output or configurable port.
 void supervised_drive_output(IoPort* port, const SupervisedPins& pins, bool value);
+
+// For backends whose records hold their pins as `pins` and have a function
+// `take(element, key, value)` for the rest of their description.
+
+/// The slot that takes the description; the record takes what tells of neither pins nor ranges.
+template <typename Data>
+void supervised_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
+  static PendingRange pending; // One per kind of port.
+  auto* data = backend_data_ensure<Data>(port);
+  if (!supervised_parse_line(port, data->pins, pending, element, key, value)) {
+    data->take(element, key, value);
+  }
+}
+
+/// The table of such a backend: what all of them do alike stands in it.
+template <typename Data>
+constexpr PortFunctions supervised_table(PortFunctions slots) {
+  if (slots.is_supervisable == nullptr) {
+    slots.is_supervisable = supervised_is_supervisable;
+  }
+  slots.get_supervised_ranges = supervised_get_supervised_ranges;
+  slots.set_supervised_ranges = supervised_set_supervised_ranges;
+  slots.set_state = [](IoPort* port, gint state) {
+    supervised_drive_output(port, backend_data_ensure<Data>(port)->pins, state != 0);
+  };
+  slots.parse_data = [](IoPort* port, const char* element, const char* key, const char* value) {
+    supervised_parse_data<Data>(port, element, key, value);
+  };
+  return backend_table<Data>(slots);
+}
 
 /// Releases all pins, keeping their description.
 void supervised_close_pins(SupervisedPins& pins);

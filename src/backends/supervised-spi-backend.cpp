@@ -23,6 +23,8 @@ struct SpiPortData {
   UniqueFd fd;
   SupervisedPins pins;
   SourceId poll_timer;
+
+  void take(const char* element, const char* key, const char* value);
 };
 
 constexpr guint poll_interval_ms = 250;
@@ -30,7 +32,6 @@ constexpr guint8 bits_per_word = 16;
 
 // Shared by all ports of this kind, by port number.
 std::array<guint, 6> last_reported;
-PendingRange pending_range;
 
 // The pin starts by its flags alone and is not written again.
 bool spi_init_pin(GpioPin* pin, bool input, bool value) {
@@ -38,13 +39,12 @@ bool spi_init_pin(GpioPin* pin, bool input, bool value) {
   return libugpio_open_gpio_pin(pin, input, value);
 }
 
-constexpr PinSetup pin_setup{.function = "spi_setup_gpio",
-                             .open_pin = spi_init_pin,
-                             .open_failure_counts = false,
-                             .control_failure_counts = false,
-                             .sioctrl_optional = false,
-                             .ioctrl_always_on = false,
-                             .tells_calls = false};
+constexpr PinSetup pin_setup{
+    .function = "spi_setup_gpio",
+    .open_pin = spi_init_pin,
+    .open_failure_counts = false,
+    .control_failure_counts = false,
+};
 
 bool configure_device(SpiPortData* data) {
   const char* const path = data->device ? data->device->c_str() : "";
@@ -157,55 +157,34 @@ guint spi_get_state(IoPort* port) {
   return data != nullptr ? supervised_pin_level(port, data->pins) : 0;
 }
 
-void spi_set_state(IoPort* port, gint state) {
-  supervised_drive_output(port, backend_data_ensure<SpiPortData>(port)->pins, state != 0);
-}
-
 void spi_set_direction(IoPort* port, gboolean input) {
   auto* data = backend_data_ensure<SpiPortData>(port);
   data->poll_timer.reset();
   supervised_turn_pins(port, data->pins, input, pin_setup);
 }
 
-void spi_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
-  auto* data = backend_data_ensure<SpiPortData>(port);
-  if (supervised_parse_pin(data->pins, element, key, value)) {
-    return;
-  }
-  if (g_str_equal(element, "range")) {
-    supervised_parse_range(pending_range, port, key, value);
-  } else if (g_str_equal(element, "address")) {
-    sscanf(value, "%x", &data->address);
+void SpiPortData::take(const char* element, const char* key, const char* value) {
+  if (g_str_equal(element, "address")) {
+    sscanf(value, "%x", &address);
   } else if (g_str_equal(element, "device") && g_str_equal(key, "path")) {
-    data->device = value;
+    device = value;
   } else if (g_str_equal(element, "speed") && g_str_equal(key, "value")) {
-    data->speed_hz = static_cast<guint32>(strtol(value, nullptr, 0));
+    speed_hz = static_cast<guint32>(strtol(value, nullptr, 0));
   }
 }
 
-void spi_free(IoPort* port) {
-  backend_data_free<SpiPortData>(port);
-}
-
-constexpr PortFunctions functions{
+constexpr PortFunctions functions = supervised_table<SpiPortData>({
     .setup = spi_setup,
-    .is_supervisable = supervised_is_supervisable,
     .set_supervised = spi_set_supervised,
-    .get_supervised_ranges = supervised_get_supervised_ranges,
-    .set_supervised_ranges = supervised_set_supervised_ranges,
     .get_supervised_readout = spi_readout,
     .get_state = spi_get_state,
-    .set_state = spi_set_state,
     .set_watch = spi_set_watch,
     .set_direction = spi_set_direction,
-    .parse_data = spi_parse_data,
-    .free = spi_free,
-};
+});
 static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* spi_setup_functions(IoPort* port) {
-  backend_data_ensure<SpiPortData>(port);
-  return &functions;
+  return backend_attach<SpiPortData>(port, functions);
 }

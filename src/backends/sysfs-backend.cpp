@@ -1,6 +1,9 @@
 #include "backends/sysfs-backend.h"
 
 #include "backends/backend-data.h"
+#include "backends/description-keys.h"
+#include "backends/empty-slots.h"
+#include "backends/input-poll.h"
 #include "platform/handles.h"
 #include "platform/log.h"
 
@@ -14,11 +17,12 @@ namespace {
 struct SysfsPortData {
   OptionalText path;
   UniqueFd fd;
-  guint timeout_ms = 0;
   gint value = 0;
-  SourceId poll_source;
   bool clear_flag = false;
   bool inverted = false;
+  InputPoll poll;
+
+  bool refresh();
 };
 
 constexpr gsize max_text = 63;
@@ -70,16 +74,10 @@ gint read_value(const SysfsPortData* data) {
   return set != data->inverted ? 1 : 0;
 }
 
-gboolean sysfs_poll(gpointer user_data) {
-  auto* port = static_cast<IoPort*>(user_data);
-  auto* data = backend_data<SysfsPortData>(port);
-  const gint before = data->value;
-  data->value = read_value(data);
-  const bool state = io_port_get_state(port);
-  if (data->value != before) {
-    io_port_trigger(port, state ? 1 : 0);
-  }
-  return G_SOURCE_CONTINUE;
+bool SysfsPortData::refresh() {
+  const gint before = value;
+  value = read_value(this);
+  return value != before;
 }
 
 gboolean sysfs_port_setup(IoPort* port, gboolean /*activelow_output*/) {
@@ -103,17 +101,12 @@ guint sysfs_port_get_state(IoPort* port) {
   return data != nullptr && data->value > 0 ? 1 : 0;
 }
 
-void sysfs_port_set_state(IoPort* /*port*/, gint /*state*/) {}
-
-gboolean sysfs_port_set_watch(IoPort* port) {
-  auto* data = backend_data_ensure<SysfsPortData>(port);
-  if (!data->poll_source) {
-    data->poll_source.reset(g_timeout_add(data->timeout_ms, sysfs_poll, port));
-  }
-  return TRUE;
-}
-
-void sysfs_port_set_direction(IoPort* /*port*/, gboolean /*input*/) {}
+constexpr std::array device_keys{
+    DescriptionKey<SysfsPortData>{"path", take_text<&SysfsPortData::path>},
+    DescriptionKey<SysfsPortData>{"timeout", take_interval<SysfsPortData>},
+    DescriptionKey<SysfsPortData>{"clear_flag", take_switch<&SysfsPortData::clear_flag>},
+    DescriptionKey<SysfsPortData>{"inverted", take_switch<&SysfsPortData::inverted>},
+};
 
 void sysfs_port_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
   auto* data = backend_data_ensure<SysfsPortData>(port);
@@ -121,35 +114,20 @@ void sysfs_port_parse_data(IoPort* port, const char* element, const char* key, c
     g_warning("%sCould not parse backend data!\n", log_prefix);
     return;
   }
-  if (g_str_equal(key, "path")) {
-    data->path = value;
-  } else if (g_str_equal(key, "timeout")) {
-    data->timeout_ms = static_cast<guint>(g_ascii_strtoll(value, nullptr, 0));
-  } else if (g_str_equal(key, "clear_flag")) {
-    data->clear_flag = g_str_equal(value, "true");
-  } else if (g_str_equal(key, "inverted")) {
-    data->inverted = g_str_equal(value, "true");
-  }
+  take_described(device_keys, *data, key, value);
 }
 
-void sysfs_port_free(IoPort* port) {
-  backend_data_free<SysfsPortData>(port);
-}
-
-constexpr PortFunctions functions{
+constexpr PortFunctions functions = input_poll_table<SysfsPortData>({
     .setup = sysfs_port_setup,
     .get_state = sysfs_port_get_state,
-    .set_state = sysfs_port_set_state,
-    .set_watch = sysfs_port_set_watch,
-    .set_direction = sysfs_port_set_direction,
+    .set_state = ignore_state,
+    .set_direction = ignore_direction,
     .parse_data = sysfs_port_parse_data,
-    .free = sysfs_port_free,
-};
+});
 static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* sysfs_setup_functions(IoPort* port) {
-  backend_data_ensure<SysfsPortData>(port);
-  return &functions;
+  return backend_attach<SysfsPortData>(port, functions);
 }

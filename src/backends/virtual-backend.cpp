@@ -1,6 +1,7 @@
 #include "backends/virtual-backend.h"
 
 #include "backends/backend-data.h"
+#include "backends/empty-slots.h"
 
 namespace {
 
@@ -22,33 +23,18 @@ void virtual_set_state(IoPort* port, gint state) {
   backend_data_ensure<VirtualPortData>(port)->state = state;
 }
 
-gboolean virtual_set_watch(IoPort* /*port*/) {
-  return TRUE;
-}
-
-void virtual_set_direction(IoPort* /*port*/, gboolean /*input*/) {}
-
-void virtual_parse_data(IoPort* /*port*/, const char* /*element*/, const char* /*key*/,
-                        const char* /*value*/) {}
-
-void virtual_free(IoPort* port) {
-  backend_data_free<VirtualPortData>(port);
-}
-
-constexpr PortFunctions functions{
+constexpr PortFunctions functions = backend_table<VirtualPortData>({
     .setup = virtual_setup,
     .get_state = virtual_get_state,
     .set_state = virtual_set_state,
-    .set_watch = virtual_set_watch,
-    .set_direction = virtual_set_direction,
-    .parse_data = virtual_parse_data,
-    .free = virtual_free,
-};
+    .set_watch = ignore_watch,
+    .set_direction = ignore_direction,
+    .parse_data = ignore_description,
+});
 static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* virtual_setup_functions(IoPort* port) {
-  backend_data_ensure<VirtualPortData>(port);
-  return &functions;
+  return backend_attach<VirtualPortData>(port, functions);
 }

@@ -10,7 +10,9 @@ import contextlib
 import os
 import pathlib
 import re
+import shutil
 import statistics
+import subprocess
 import sys
 import tempfile
 import time
@@ -25,6 +27,7 @@ from sim import bus  # noqa: E402
 from sim.device import Device  # noqa: E402
 
 MEMORY = "/dev/shm"
+REST_S = 2  # until a service that was started has come to rest
 PATIENCE = 30  # times the usual deadline, for thousands of ports
 
 
@@ -76,6 +79,52 @@ def resident(memory):
     for count, kib in memory.items():
         print(f"{count:6} ports {kib:8} KiB")
     print(f"  a port: {(memory[most] - memory[least]) / (most - least):.2f} KiB")
+
+
+def stripped_size(binary):
+    """Bytes of the binary as a package has it."""
+    with tempfile.NamedTemporaryFile() as stripped:
+        subprocess.run(["strip", "-o", stripped.name, binary], check=True)
+        return os.path.getsize(stripped.name)
+
+
+def private_memory(pid):
+    """KiB that the process has to itself: what its end would give back."""
+    shares = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()
+    return sum(int(kib) for kib in re.findall(r"^Private_\w+:\s+(\d+) kB", shares, re.MULTILINE))
+
+
+def at_rest(command, address):
+    """Private memory of a service on that bus once it has nothing more to do."""
+    environment = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=address)
+    service = subprocess.Popen(command, env=environment, stdout=subprocess.DEVNULL)
+    try:
+        time.sleep(REST_S)
+        assert service.poll() is None, f"{command} does not run"
+        return private_memory(service.pid)
+    finally:
+        service.terminate()
+        service.wait()
+
+
+def size(binary, ports=16):
+    """Beside what the same libraries take in a program that does nothing, and a known neighbour."""
+    print(f"\nsize: stripped binary, and private memory at rest ({ports} ports)")
+    rows = []
+    with Device(binary, quiet=True) as device:
+        device.describe("".join(port(f"port{i}", i) for i in range(ports)))
+        device.start()
+        time.sleep(REST_S)
+        rows.append(("wexd", binary, private_memory(device.pid)))
+        bare = pathlib.Path(binary).parent / "bench/bare-loop"
+        rows.append(("bare GLib service", bare, at_rest([bare], device.bus_address)))
+        neighbour = shutil.which("gpio-manager")
+        if neighbour:
+            rows.append(("gpio-manager", neighbour, at_rest([neighbour], device.bus_address)))
+    for name, path, memory in rows:
+        print(f"  {name:18} {stripped_size(path) / 1024:6.0f} KiB {memory:8} KiB")
+    if not neighbour:
+        print("  gpio-manager       not installed")
 
 
 class Caller:
@@ -180,6 +229,7 @@ def main():
     counts = (8, 64, 512) if options.quick else (8, 64, 512, 4096)
     memory = start_up(options.binary, counts)
     resident(memory)
+    size(options.binary)
     round_trips(options.binary, 500)
     legacy_rebuild(options.binary, (8, 64, 512))
     legacy_get_all(options.binary, 500)

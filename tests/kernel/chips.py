@@ -7,6 +7,8 @@ import fcntl
 import os
 import pathlib
 import struct
+import subprocess
+import tempfile
 from typing import NamedTuple
 
 DEBUG = pathlib.Path("/sys/kernel/debug")
@@ -15,6 +17,8 @@ GPIO_CLASS = pathlib.Path("/sys/class/gpio")
 GET_CHIP_INFO = 0x8044B401
 GET_LINE = 0xC250B407
 LINE_FLAG_INPUT = 1 << 2
+# From <linux/iio/events.h>
+GET_EVENT_FD = 0x80046990
 IIO_DEVICES = pathlib.Path("/sys/bus/iio/devices")
 
 
@@ -224,6 +228,10 @@ class SpiConverter:
         """Lets a change of word size or speed fail with an errno, 0 for none."""
         (self._files / "setup_error").write_text(str(error))
 
+    def limit_speed(self, hz):
+        """Refuses a clock above it, 0 for none. A fresh converter is at 1,000,000."""
+        (self._files / "top_speed_hz").write_text(str(hz))
+
     @property
     def sent(self):
         """The last message: bytes sent and "<n" for n bytes received, in order."""
@@ -269,14 +277,55 @@ class Adc:
 
     @property
     def samples(self):
-        """How many scans have been put into the buffer."""
+        """How many scans have been taken for the buffer."""
         return int((self._files / "samples").read_text())
+
+    @property
+    def lost(self):
+        """How many of them the buffer had no room for."""
+        return int((self._files / "lost").read_text())
+
+    @property
+    def changed_ns(self):
+        """When the last changed value went to the buffer, on the clock of time.monotonic_ns."""
+        return int((self._files / "changed_ns").read_text())
 
     def fail_readings(self, error):
         (self._files / "raw_error").write_text(str(error))
 
     def fail_event_writes(self, error):
         (self._files / "event_error").write_text(str(error))
+
+    @contextlib.contextmanager
+    def take_events(self):
+        """The device's only event descriptor, as some other program; yields it as a file."""
+        with open(self.node, "rb", buffering=0) as node:
+            answer = bytearray(4)
+            fcntl.ioctl(node, GET_EVENT_FD, answer)
+        with open(struct.unpack("=i", answer)[0], "rb", buffering=0) as events:
+            yield events
+
+    @contextlib.contextmanager
+    def events_folder_with(self, missing=(), folders=()):
+        """Covers the folder of event files by a copy that lacks some and has folders for others."""
+        covered = self.folder / "events"
+        folders = set(folders)
+        left_out = folders.union(missing)
+        with tempfile.TemporaryDirectory() as cover:
+            for file in covered.iterdir():
+                if file.is_file() and file.name not in left_out:
+                    pathlib.Path(cover, file.name).write_text(file.read_text())
+            for name in folders:
+                pathlib.Path(cover, name).mkdir()
+            subprocess.run(["/usr/bin/mount", "--bind", cover, covered], check=True)
+            try:
+                yield covered
+            finally:
+                subprocess.run(["/usr/bin/umount", covered], check=True)
+
+    @property
+    def node(self):
+        return pathlib.Path("/dev") / self.folder.name
 
     def attribute(self, name):
         return (self.folder / name).read_text().strip()
@@ -301,6 +350,7 @@ ADC_BE24 = Adc(3, "bench-adc-be24")
 ADC_BE32 = Adc(4, "bench-adc-be32")
 ADC_U8 = Adc(5, "bench-adc-u8")
 ADC_SINGLE = Adc(6, "bench-adc-single")
+ADC_ROW = tuple(Adc(7 + i, f"bench-adc-row{i}") for i in range(8))
 ADCS = (ADC_LE12, ADC_BE12, ADC_LE24, ADC_BE24, ADC_BE32, ADC_U8, ADC_SINGLE)
 
 HRTIMER_TRIGGERS = pathlib.Path("/sys/kernel/config/iio/triggers/hrtimer")

@@ -15,9 +15,10 @@ import pytest
 
 import chips
 from chips import ADC_BE12, ADC_LE12, GPIO_CLASS, LABELLED, NAMED, PLAIN, SPI_CONVERTERS
+from sim.bus import wait_until
 
 SPI_IOC_MESSAGE_2 = 0x40406B00
-IIO_GET_EVENT_FD = 0x80046990
+SPI_IOC_WR_MAX_SPEED_HZ = 0x40046B04
 
 ALL_ADCS = pytest.mark.parametrize("adc", chips.ADCS, ids=lambda adc: adc.name)
 
@@ -129,6 +130,16 @@ def test_an_spi_converter_answers_by_command():
     assert converter.messages == 2
 
 
+def test_an_spi_converter_refuses_a_clock_above_its_own():
+    converter = SPI_CONVERTERS[0]
+    converter.limit_speed(1500000)
+    with open(converter.device, "rb", buffering=0) as node:
+        fcntl.ioctl(node, SPI_IOC_WR_MAX_SPEED_HZ, struct.pack("=I", 1500000))
+        with pytest.raises(OSError) as refusal:
+            fcntl.ioctl(node, SPI_IOC_WR_MAX_SPEED_HZ, struct.pack("=I", 1500001))
+    assert refusal.value.errno == errno.EINVAL
+
+
 def test_an_spi_converter_can_fail():
     converter = SPI_CONVERTERS[1]
     converter.fail(errno.EIO)
@@ -172,7 +183,7 @@ def sampling(adc, channel, frequency):
     (switch if switch.exists() else scan / f"in_voltage{channel}_en").write_text("1")
     (adc.folder / "buffer" / "enable").write_text("1")
     try:
-        with open(f"/dev/{adc.folder.name}", "rb", buffering=0) as node:
+        with open(adc.node, "rb", buffering=0) as node:
             yield node
     finally:
         (adc.folder / "buffer" / "enable").write_text("0")
@@ -204,15 +215,6 @@ def test_the_timer_keeps_its_rate():
     assert 150 < rate < 250
 
 
-@contextlib.contextmanager
-def event_descriptor(adc):
-    with open(f"/dev/{adc.folder.name}", "rb", buffering=0) as node:
-        answer = bytearray(4)
-        fcntl.ioctl(node, IIO_GET_EVENT_FD, answer)
-    with open(struct.unpack("=i", answer)[0], "rb", buffering=0) as events:
-        yield events
-
-
 @pytest.mark.parametrize(
     "adc, switches",
     [(ADC_LE12, ("rising_en", "falling_en")), (ADC_BE12, ("either_en",))],
@@ -223,7 +225,7 @@ def test_a_threshold_event_comes_only_when_enabled_and_crossed(adc, switches):
     adc.set_value(500)
     (files / "in_voltage0_thresh_rising_value").write_text("1000")
     (files / "in_voltage0_thresh_falling_value").write_text("200")
-    with event_descriptor(adc) as events:
+    with adc.take_events() as events:
         adc.set_value(1500)
         adc.set_value(500)
         assert adc.events() == 0
@@ -237,6 +239,20 @@ def test_a_threshold_event_comes_only_when_enabled_and_crossed(adc, switches):
         assert struct.unpack("=qq", events.read(16))[0] & 0xFFFF == 0
         adc.set_value(199)
         assert adc.events() == 2
+
+
+def test_a_converter_counts_the_samples_that_nobody_fetches():
+    """The buffer has room for two."""
+    with sampling(ADC_LE12, 0, 200) as node:
+        wait_until(lambda: ADC_LE12.lost >= 3, "lost samples")
+        node.read(2)
+        node.read(2)
+        assert ADC_LE12.samples - ADC_LE12.lost >= 2
+        before = time.monotonic_ns()
+        ADC_LE12.set_value(1234)
+        while int.from_bytes(node.read(2), "little") != 1234:
+            pass
+        assert before < ADC_LE12.changed_ns < time.monotonic_ns()
 
 
 def test_a_reading_can_fail():

@@ -1,5 +1,6 @@
 """Converters that are read through a buffer: layouts, triggers, and set-ups that fail."""
 
+import errno
 import os
 import re
 
@@ -99,8 +100,43 @@ def test_a_fault_of_the_description_drops_only_its_port(root_device, fault, mess
     assert not any(line.exported for line in (IIO.inputs, IIO.ioctrl, IIO.sioctrl))
 
 
+def test_a_trigger_that_cannot_be_made_is_told_by_its_folder(root_device):
+    start(root_device, IIO.port(hrtimer="no/such/trigger"), gpio_input("door", 1, PLAIN[8]))
+    folder = chips.HRTIMER_TRIGGERS / "no/such/trigger"
+    told = [line for line in root_device.log if line.startswith("WARNING")][:3]
+    assert re.fullmatch(f"WARNING: Failed to create sysfs directory '{folder}': .+", told[0])
+    assert told[1:] == [
+        "WARNING: Failed to find trigger",
+        "WARNING: Failed to setup iio device.",
+    ]
+
+
+def test_a_pace_that_the_trigger_refuses_is_told_only(device):
+    IIO.show("closed")
+    supervision = start(device, IIO.port(freq="none"))
+    path = f"{chips.IIO_DEVICES}/trigger[0-9]+/sampling_frequency"
+    refused = os.strerror(errno.EINVAL)
+    assert device.log_count(f"^WARNING: Failed to write sysfs path '{path}': {refused}$") == 1
+    supervision.SetSupervised(0, True)
+    wait_for_level(supervision, LEVELS["closed"])
+
+
+def test_a_converter_that_runs_on_another_trigger_keeps_it(device):
+    """The kernel changes nothing about a buffer that runs, and its samples are as good."""
+    start(device, IIO.port(hrtimer="first-rate"))
+    device.kill()
+    IIO.show("closed")
+    supervision = start(device, IIO.port(hrtimer="other-rate"))
+    path = ADC_LE12.folder / "trigger/current_trigger"
+    refused = os.strerror(errno.EBUSY)
+    assert device.log_count(f"^WARNING: Failed to write sysfs path '{path}': {refused}$") == 1
+    assert ADC_LE12.attribute("trigger/current_trigger") == "first-rate"
+    supervision.SetSupervised(0, True)
+    wait_for_level(supervision, LEVELS["closed"])
+
+
 def test_a_converter_that_is_open_elsewhere_drops_only_its_port(device):
-    with open(f"/dev/{ADC_LE12.folder.name}", "rb", buffering=0):
+    with open(ADC_LE12.node, "rb", buffering=0):
         start(device, IIO.port(), gpio_input("door", 1, PLAIN[8]))
     assert list(device.ports()) == [1]
     assert device.log_count(f"^WARNING: Failed to open device: {os.strerror(16)}") == 1
@@ -146,10 +182,7 @@ def test_a_converter_that_vanishes_costs_nothing_and_returns(root_device):
     ADC_LE12.unplug()
     PLAIN[8].pull(1)
     signals.wait_for(PortChanged, port=1, state=True)
-    before = root_device.cpu_s
-    for _ in range(100):
-        root_device.sync()
-    assert root_device.cpu_s - before < 1
+    wait_until(lambda: root_device.passes_a_second_at_rest, "a stretch of quiet")
     assert root_device.log_count("^WARNING: read Error") <= 1
 
     root_device.state.DropIOPorts(["zone"])

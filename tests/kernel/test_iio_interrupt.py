@@ -1,13 +1,14 @@
 """Converters that wake the daemon by threshold events: what is armed, when, and what follows."""
 
 import errno
+import os
 
 import pytest
 
 from chips import ADC_BE12, ADC_LE12, PLAIN
 from gpio_ports import gpio_input
 from sim.bus import PortChanged, wait_until
-from supervised_ports import IIO_EITHER, IIO_INTERRUPT, RANGES, Supervision
+from supervised_ports import IIO_EITHER, IIO_INTERRUPT, LEVELS, RANGES, Supervision
 
 CHANNEL = IIO_INTERRUPT.channel
 
@@ -19,6 +20,10 @@ def start(device, *ports, supervised=True):
     if supervised:
         supervision.SetSupervised(0, True)
     return supervision
+
+
+def warnings(device):
+    return [line for line in device.log if line.startswith("WARNING")]
 
 
 def armed(adc=ADC_LE12, channel=f"voltage{CHANNEL}"):
@@ -127,6 +132,24 @@ def test_beyond_a_limit_the_level_is_polled_until_it_falls_back(device):
     wait_until(lambda: armed() == (180, 110, ["rising", "falling"]), "armed thresholds")
 
 
+@pytest.mark.parametrize(
+    "limit, polled",
+    [({"upper_limit": 75}, True), ({"upper_limit": 76}, False),
+     ({"lower_limit": 75}, True), ({"lower_limit": 74}, False)],
+)  # fmt: skip
+def test_a_level_at_a_limit_is_beyond_it(device, limit, polled):
+    ADC_LE12.set_value(75, CHANNEL)
+    start(device, IIO_INTERRUPT.port(**limit))
+    assert armed()[2] == ([] if polled else ["rising", "falling"])
+
+
+def test_of_several_ranges_that_hold_a_level_the_last_is_armed(device):
+    ADC_LE12.set_value(75, CHANNEL)
+    supervision = start(device, IIO_INTERRUPT.port(levels=(*RANGES, ("cut", 60, 90))))
+    assert armed() == (90, 60, ["rising", "falling"])
+    assert supervision.GetSupervisedReadout(0)[0] == "cut"
+
+
 def test_a_lower_limit_polls_as_well_and_survives_switching_off(device):
     IIO_INTERRUPT.show("short")
     supervision = start(device, IIO_INTERRUPT.port(lower_limit=30, limit_timeout=10))
@@ -136,6 +159,31 @@ def test_a_lower_limit_polls_as_well_and_survives_switching_off(device):
         supervision.SetSupervised(0, True)
     IIO_INTERRUPT.show("closed")
     wait_until(lambda: armed() == (100, 50, ["rising", "falling"]), "armed thresholds")
+
+
+@pytest.mark.parametrize("word, level", [(None, 75), ("no", 75), ("false", 80)])
+def test_a_readout_may_be_of_the_level_that_was_read_last(device, word, level):
+    """A level that moves within its range wakes nobody."""
+    ADC_LE12.set_value(75, CHANNEL)
+    supervision = start(device, IIO_INTERRUPT.port(cache_ad_value=word))
+    ADC_LE12.set_value(80, CHANNEL)
+    assert supervision.GetSupervisedReadout(0) == ("closed", level)
+    ADC_LE12.set_value(230, CHANNEL)
+    wait_until(lambda: supervision.GetSupervisedReadout(0) == ("cut", 230), "the new level")
+
+
+@pytest.mark.parametrize("word, measured", [(None, (0, 1)), ("yes", (0, 1)), ("true", (1, 1))])
+def test_the_line_may_stay_pulled_up_while_it_is_measured(device, word, measured):
+    pins = lambda: (IIO_INTERRUPT.ioctrl.level, IIO_INTERRUPT.sioctrl.level)  # noqa: E731
+    described = IIO_INTERRUPT.port(kind="io_ctrl", dir="input", pullup_when_supervised=word)
+    supervision = start(device, described)
+    assert pins() == measured
+    device.state.SetDirection(0, "output")
+    assert pins() == (0, 0)
+    device.state.SetDirection(0, "input")
+    assert pins() == measured
+    supervision.SetSupervised(0, False)
+    assert pins() == (1, 0)
 
 
 def test_settings_of_the_whole_device_are_written(device):
@@ -158,9 +206,13 @@ def test_other_names_of_the_settings(device):
     assert ADC_BE12.attribute("events/in_voltage_thresh_either_period") == "5"
 
 
-def test_a_channel_with_a_longer_name(device):
+@pytest.mark.parametrize(
+    "names", [{"chan_extend_name": "loop"}, {"channel_name": "voltage3_loop"},
+              {"channel_name": "voltage3", "chan_extend_name": "loop"}],
+)  # fmt: skip
+def test_a_channel_with_a_longer_name(device, names):
     ADC_BE12.set_value(75, 3)
-    supervision = start(device, IIO_EITHER.port(channel=3, chan_extend_name="loop"))
+    supervision = start(device, IIO_EITHER.port(channel=3, **names))
     assert armed(ADC_BE12, "voltage3_loop") == (100, 50, ["either"])
     signals = device.signals()
     ADC_BE12.set_value(140, 3)
@@ -184,21 +236,33 @@ def test_an_event_of_another_channel_is_dropped(device):
 
 def test_two_ports_on_one_converter(root_device):
     """Its events serve the port that was watched first, as long as that is watched."""
-    IIO_INTERRUPT.show("closed")
-    ADC_LE12.set_value(75, 1)
+    first, second = CHANNEL, 1
+    for channel in (first, second):
+        ADC_LE12.set_value(LEVELS["closed"], channel)
     root_device.describe(
-        IIO_INTERRUPT.port("gate", 1, mode="adc", pins="", channel=1)
-        + IIO_INTERRUPT.port("zone", 0, mode="adc", pins="", optional="true")
+        IIO_INTERRUPT.port("gate", 1, mode="adc", pins="", channel=second)
+        + IIO_INTERRUPT.port("zone", 0, mode="adc", pins="", channel=first, optional="true")
     )
     root_device.start()
+    assert root_device.descriptors.count("anon_inode:iio:event") == 1
     signals = root_device.signals()
     signals.take()
-    IIO_INTERRUPT.show("open")
-    wait_until(lambda: root_device.state.GetState(0) is False, "the new state")
+    ADC_LE12.set_value(LEVELS["open"], second)
+    assert ADC_LE12.events(second) == 1
+    ADC_LE12.set_value(LEVELS["open"], first)
+    signals.wait_for(PortChanged, port=0, state=False)
+    root_device.sync()
+    signals.assert_none()
+
     root_device.state.DropIOPorts(["zone"])
-    assert list(root_device.ports()) == [1]
+    signals.take()
+    ADC_LE12.set_value(LEVELS["closed"], second)
+    signals.wait_for(PortChanged, port=1, state=True)
     root_device.state.RefreshIOPorts()
     assert sorted(root_device.ports()) == [0, 1]
+    signals.take()
+    ADC_LE12.set_value(LEVELS["open"], second)
+    signals.wait_for(PortChanged, port=1, state=False)
 
 
 @pytest.mark.parametrize(
@@ -219,6 +283,127 @@ def test_a_fault_of_the_description_drops_only_its_port(root_device, fault, mess
     lines = (IIO_INTERRUPT.inputs, IIO_INTERRUPT.ioctrl, IIO_INTERRUPT.sioctrl)
     assert not any(line.exported for line in lines)
     assert not any("iio" in target for target in root_device.descriptors)
+
+
+@pytest.mark.parametrize(
+    "kind, missing, folders, told, reason",
+    [
+        (IIO_INTERRUPT, ["rising_value"], [], "rising_value", errno.ENOENT),
+        (IIO_INTERRUPT, ["falling_value"], [], "falling_value", errno.ENOENT),
+        (IIO_INTERRUPT, [], ["rising_en"], "rising_en", errno.EISDIR),
+        (IIO_INTERRUPT, ["falling_en"], [], "falling_en", errno.ENOENT),
+        (IIO_EITHER, ["either_en"], [], "either_en", errno.ENOENT),
+    ],
+)
+def test_an_event_file_that_cannot_be_opened_drops_only_its_port(
+    root_device, kind, missing, folders, told, reason
+):
+    name = lambda file: f"in_voltage{CHANNEL}_thresh_{file}"  # noqa: E731
+    covered = kind.chip.events_folder_with(missing=map(name, missing), folders=map(name, folders))
+    with covered as folder:
+        start(root_device, kind.port(), gpio_input("door", 1, PLAIN[8]), supervised=False)
+        assert warnings(root_device)[:2] == [
+            f"WARNING: Failed to open sysfs path '{folder / name(told)}': {os.strerror(reason)}",
+            "WARNING: Failed to setup iio device.",
+        ]
+        assert list(root_device.ports()) == [1]
+        assert not any(line.exported for line in (kind.inputs, kind.ioctrl, kind.sioctrl))
+        assert not any("iio" in target for target in root_device.descriptors)
+        root_device.stop()
+
+
+def test_a_converter_whose_events_somebody_else_takes_drops_only_its_port(device):
+    with ADC_LE12.take_events():
+        start(device, IIO_INTERRUPT.port(), gpio_input("door", 1, PLAIN[8]), supervised=False)
+    assert list(device.ports()) == [1]
+    assert warnings(device)[:3] == [
+        f"WARNING: Failed to open device {ADC_LE12.node}: {os.strerror(errno.EBUSY)}",
+        "WARNING: Failed to open backend->device",
+        "WARNING: Failed to setup iio device.",
+    ]
+
+
+def test_a_converter_that_is_open_elsewhere_drops_only_its_port(device):
+    with open(ADC_LE12.node, "rb", buffering=0):
+        start(device, IIO_INTERRUPT.port(), gpio_input("door", 1, PLAIN[8]), supervised=False)
+    assert list(device.ports()) == [1]
+    assert warnings(device)[:3] == [
+        f"WARNING: Failed to open device: {os.strerror(errno.EBUSY)}",
+        "WARNING: Failed to open backend->device",
+        "WARNING: Failed to setup iio device.",
+    ]
+
+
+@pytest.mark.parametrize("kind, writes", [(IIO_INTERRUPT, 6), (IIO_EITHER, 4)], ids=repr)
+def test_events_that_cannot_be_armed_are_told_only(device, kind, writes):
+    """Two thresholds, and each switch twice; the level is read all the same."""
+    told = f"^WARNING: Failed to write sysfs: {os.strerror(errno.EIO)}$"
+    kind.show("closed")
+    kind.chip.fail_event_writes(errno.EIO)
+    supervision = start(device, kind.port(), supervised=False)
+    assert device.log_count(told) == writes
+    supervision.SetSupervised(0, True)
+    assert device.log_count(told) > writes
+    assert supervision.GetSupervisedReadout(0) == ("closed", 75)
+    assert armed(kind.chip)[2] == []
+    told_so_far = device.log_count(told)
+    device.sync()
+    assert device.log_count(told) == told_so_far
+
+    kind.chip.fail_event_writes(0)
+    supervision.SetSupervised(0, False)
+    supervision.SetSupervised(0, True)
+    assert armed(kind.chip)[:2] == (100, 50)
+    signals = device.signals()
+    kind.show("cut")
+    signals.wait_for(PortChanged, port=0, input=True)
+
+
+@pytest.mark.parametrize(
+    "kind, settings, message",
+    [
+        (IIO_INTERRUPT, {"shared_samplefreq": "fast"}, "Failed to write sysfs: Invalid argument"),
+        (
+            IIO_INTERRUPT,
+            {"shared_thresh_either_period": 5},
+            "Failed to open sysfs path '{}/events/in_voltage_thresh_either_period': "
+            "No such file or directory",
+        ),
+        (
+            IIO_EITHER,
+            {"integration_time": 250000},
+            "Failed to open sysfs path '{}/in_proximity_integration_time': "
+            "No such file or directory",
+        ),
+    ],
+)  # fmt: skip
+def test_a_setting_that_the_device_does_not_take_is_told_only(device, kind, settings, message):
+    kind.show("closed")
+    supervision = start(device, kind.port(**settings))
+    assert warnings(device)[0] == f"WARNING: {message.format(kind.chip.folder)}"
+    assert supervision.GetSupervisedReadout(0) == ("closed", 75)
+    assert armed(kind.chip)[:2] == (100, 50)
+
+
+@pytest.mark.parametrize("end", ["supervision off", "turned to output", "dropped"])
+def test_the_polling_beyond_a_limit_ends_with_the_watch(root_device, end):
+    IIO_INTERRUPT.show("cut")
+    root_device.describe(
+        IIO_INTERRUPT.port(
+            kind="io_ctrl", dir="input", optional="true", upper_limit=200, limit_timeout=10
+        )
+    )
+    root_device.start()
+    supervision = Supervision(root_device)
+    supervision.SetSupervised(0, True)
+    assert not root_device.passes_a_second_at_rest
+    if end == "supervision off":
+        supervision.SetSupervised(0, False)
+    elif end == "turned to output":
+        root_device.state.SetDirection(0, "output")
+    else:
+        root_device.state.DropIOPorts(["zone"])
+    wait_until(lambda: root_device.passes_a_second_at_rest, "a stretch of quiet")
 
 
 def test_a_reading_that_fails_is_told_and_gets_over(device):

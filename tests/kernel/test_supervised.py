@@ -4,7 +4,7 @@ be in, and the ways in and out of supervision."""
 import pytest
 
 from sim.bus import BusError, PortChanged, wait_until
-from supervised_ports import KINDS, LEVELS, RANGES, Supervision
+from supervised_ports import IIO, IIO_INTERRUPT, KINDS, LEVELS, RANGES, SPI, Supervision
 
 EVERY_KIND = pytest.mark.parametrize("kind", KINDS, ids=repr)
 
@@ -36,13 +36,48 @@ def test_every_state_is_told_apart_and_reported(device, kind):
 
 
 @EVERY_KIND
-def test_tampering_shows_in_the_events(device, kind):
+def test_a_level_between_the_ranges_is_undefined(device, kind):
     kind.show("open")
     supervision = start(device, kind.port())
     supervision.SetSupervised(0, True)
     wait_for_state(supervision, "open")
+    signals = device.signals()
+    # A fresh watch counts from undefined.
+    for state in ("closed", "undefined"):
+        kind.show(state)
+        signals.wait_for(PortChanged, port=0, input=True)
+        wait_for_state(supervision, state)
+    assert supervision.GetSupervisedReadout(0) == ("undefined", LEVELS["undefined"])
+    device.wait_for_log("event send .*SupervisedPort .*state=undefined ")
+
+
+@EVERY_KIND
+def test_a_port_without_ranges_tells_no_state(device, kind):
+    kind.show("cut")
+    supervision = start(device, kind.port(levels=()))
+    supervision.SetSupervised(0, True)
+    if kind.name == "iio-interrupt":
+        with pytest.raises(BusError) as refusal:
+            supervision.GetSupervisedReadout(0)
+        assert refusal.value.name == "com.norv.IOSupervised.Not_supervised"
+        assert refusal.value.message == "Failed to get ranges from port zone"
+    else:
+        readout = lambda: supervision.GetSupervisedReadout(0)  # noqa: E731
+        wait_until(lambda: readout() == ("undefined", LEVELS["cut"]), "the level")
+    supervision.SetSupervisedRanges(0, "short", *next(r[1:] for r in RANGES if r[0] == "cut"))
+    wait_for_state(supervision, "short")
+
+
+@EVERY_KIND
+def test_tampering_shows_in_events_and_signals(device, kind):
+    kind.show("open")
+    supervision = start(device, kind.port())
+    supervision.SetSupervised(0, True)
+    wait_for_state(supervision, "open")
+    signals = device.signals()
     for state, tampered in (("cut", 1), ("closed", 0), ("short", 1)):
         kind.show(state)
+        signals.wait_for(PortChanged, port=0, input=True)
         device.wait_for_log(f"event send .*SupervisedPort .*tampered={tampered} state={state} ")
         # An answer comes after all that belongs to the change: new thresholds, for one.
         wait_for_state(supervision, state)
@@ -122,19 +157,24 @@ def test_a_configurable_port_goes_through_all_its_modes(device, kind):
     signals.wait_for(PortChanged, port=0, input=True)
 
 
-@EVERY_KIND
+@pytest.mark.parametrize("kind", [SPI, IIO, IIO_INTERRUPT], ids=repr)
 def test_modes_back_and_forth_leak_nothing(device, kind):
     kind.show("open")
     supervision = start(device, kind.port(kind="io_ctrl", dir="input"))
     supervision.SetSupervised(0, True)
     wait_for_state(supervision, "open")
     before = device.descriptors
-    for _ in range(100):
+    for _ in range(200):
         supervision.SetSupervised(0, False)
         supervision.SetSupervised(0, True)
         device.state.SetDirection(0, "output")
         device.state.SetDirection(0, "input")
+    device.sync()  # the last change is saved behind its answer
     assert device.descriptors == before
+    # What is left behind, a watch or a timer, would go on without the port.
+    device.state.SetDirection(0, "output")
+    wait_until(lambda: device.passes_a_second_at_rest, "a stretch of quiet")
+    device.state.SetDirection(0, "input")
     signals = device.signals()
     kind.show("cut")
     wait_for_state(supervision, "cut")

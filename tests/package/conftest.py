@@ -1,11 +1,13 @@
-"""A clean Debian tree with the package in it, its own system bus, and users of three kinds."""
+"""A clean Debian system, booted, with the package installed as the README says, and users of three
+kinds on it."""
 
 import os
 import pathlib
+import re
 import shutil
-import subprocess
 
 import pytest
+from machine import Machine, run
 from sim.bus import wait_until
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
@@ -15,10 +17,6 @@ PACKAGES = "dbus,systemd,libfmt9,libglib2.0-0,python3-gi"
 
 def pytest_addoption(parser):
     parser.addoption("--package", required=True, help="the Debian package under test")
-
-
-def run(*command, **options):
-    return subprocess.run(command, check=True, capture_output=True, text=True, **options).stdout
 
 
 def mirror():
@@ -41,79 +39,55 @@ def clean_tree():
     return tree
 
 
-class Tree:
-    """The installed tree; commands run in it, as whom they like."""
-
-    def __init__(self, root):
-        self.root = root
-        self.processes = []
-
-    def path(self, inside):
-        return self.root / inside.lstrip("/")
-
-    def command(self, *command, user=None):
-        become = ["setpriv", "--reuid", user, "--regid", user, "--init-groups"] if user else []
-        return ["chroot", str(self.root), *become, *command]
-
-    def run(self, *command, user=None):
-        return run(*self.command(*command, user=user))
-
-    def start(self, *command, log):
-        process = subprocess.Popen(
-            self.command(*command), stdout=log.open("w"), stderr=subprocess.STDOUT
-        )
-        self.processes.append(process)
-        return process
-
-    def stop(self):
-        for process in reversed(self.processes):
-            process.terminate()
-            process.wait()
-
-
 @pytest.fixture(scope="session")
-def installed(clean_tree, tmp_path_factory, pytestconfig):
-    """The clean tree with the package installed, as `apt` would."""
+def machine(clean_tree, tmp_path_factory):
+    """The clean tree, booted; what is written in it goes with the run."""
     scratch = tmp_path_factory.mktemp("tree")
     for name in ("upper", "work", "root"):
         (scratch / name).mkdir()
     root = scratch / "root"
     layers = f"lowerdir={clean_tree},upperdir={scratch}/upper,workdir={scratch}/work"
     run("mount", "-t", "overlay", "overlay", "-o", layers, str(root))
-    run("mount", "-t", "proc", "proc", str(root / "proc"))
-    run("mount", "--rbind", "--make-rslave", "/dev", str(root / "dev"))
     try:
-        package = pathlib.Path(pytestconfig.getoption("--package"))
-        shutil.copy(package, root / "tmp/wexd.deb")
-        tree = Tree(root)
-        tree.run("dpkg", "-i", "/tmp/wexd.deb")
-        yield tree
+        booted = Machine(root, scratch)
+        try:
+            yield booted
+        finally:
+            booted.halt()
     finally:
-        run("umount", "-R", str(root / "dev"))
-        run("umount", str(root / "proc"))
         run("umount", str(root))
 
 
+def walk_of_the_readme():
+    """The commands of the README's walk, as they stand there."""
+    block = re.search(
+        r"<!-- The walk.*?-->\n```sh\n(.*?)```", (TOP / "README.md").read_text(), re.DOTALL
+    )
+    return block[1]
+
+
 @pytest.fixture(scope="session")
-def running(installed, tmp_path_factory):
-    """The tree with a system bus and the daemon on it, as the README's reader gets it."""
-    logs = tmp_path_factory.mktemp("logs")
-    installed.run("mkdir", "-p", "/run/dbus")
-    installed.run("useradd", "--system", "--groups", "wxd", "member")
-    installed.run("useradd", "--system", "stranger")
-    installed.path("/usr/share/wexd/conf.xml").write_text(
-        "<config><port name='relay' optional='true'><port_no nbr='0'/><port_type type='output'/>"
-        "<properties ioport='true'/><backend name='check'/></port></config>"
-    )
-    installed.daemon_log = logs / "wexd"
-    installed.start("dbus-daemon", "--system", "--nofork", "--nopidfile", log=logs / "bus")
-    wait_until(
-        installed.path("/run/dbus/system_bus_socket").is_socket, "the system bus", deadline=20
-    )
-    installed.daemon = installed.start("/usr/sbin/wexd", log=installed.daemon_log)
+def walk(machine, pytestconfig):
+    """What a stranger has after following the README: the walk's commands and what they print."""
+    package = pathlib.Path(pytestconfig.getoption("--package"))
+    folder = machine.path("/root/walk")
+    folder.mkdir()
+    shutil.copy(package, folder)
+    script = f"cd /root/walk; set -ex\n{walk_of_the_readme()}"
+    return machine.attempt("sh", "-c", script)
+
+
+@pytest.fixture(scope="session")
+def running(machine, walk):
+    """The system after the walk, with a member of the group and a stranger on it."""
+    if walk.returncode != 0:
+        said = machine.attempt("journalctl", "--no-pager", "--lines=60", "--output=cat").stdout
+        pytest.fail(f"{walk.stdout}\n{walk.stderr}\n{said}")
+    machine.run("useradd", "--system", "--groups", "wxd", "member")
+    machine.run("useradd", "--system", "stranger")
 
     def ready():
-        names = installed.run("busctl", "list", "--no-legend")
+        names = machine.run("busctl", "list", "--no-legend")
         return all(
             name in names
             for name in (
@@ -123,8 +97,5 @@ def running(installed, tmp_path_factory):
             )
         )  # fmt: skip
 
-    try:
-        wait_until(ready, "the daemon's names", deadline=20)
-        yield installed
-    finally:
-        installed.stop()
+    wait_until(ready, "the daemon's names", deadline=60)
+    return machine

@@ -65,6 +65,57 @@ def test_an_empty_answer_keeps_every_port_with_a_warning(device):
     assert device.log_count(NO_ID) == 2
 
 
+@pytest.mark.parametrize(
+    "fault, told",
+    [
+        ("fail", "GDBus.Error:com.norv.Error.Mock: out of order"),
+        ("mistype", r"Unexpected reply of type '\(ad\)' from ReadBootblockParam"),
+    ],
+)
+def test_a_service_that_answers_badly_is_asked_again_and_keeps_every_port(device, fault, told):
+    boot_block = BootBlock(device, "ABC123")
+    getattr(boot_block, fault)("ReadBootblockParam")
+    device.describe(variant("X", "a") + variant("Y", "b", 1))
+    device.start()
+    assert names(device) == ["b", "a"]
+    assert device.log_count(NO_ID) == 2
+    assert device.log_count(f"^INFO: Failed to request policykit system: {told}$") == 2
+    assert boot_block.asked == ["HWID", "HWID"]
+
+
+def test_a_late_answer_counts(device):
+    boot_block = BootBlock(device, "ABC123")
+    boot_block.delay("ReadBootblockParam", 2, "s", "ret = 'ABC123'")
+    device.describe(variant("X", "a") + variant("AB", "b", 1))
+    device.start()
+    assert names(device) == ["b"]
+    assert boot_block.asked == ["HWID"]
+
+
+def test_the_service_counts_where_a_description_is_read_and_nowhere_else(device):
+    """Ports are neither taken nor brought when it comes, goes or returns, but by the next start."""
+    device.describe(variant("X", "a") + variant("AB", "b", 1))
+    device.start()
+    assert names(device) == ["b", "a"]
+    boot_block = BootBlock(device, "ABC123")
+    device.state.DropIOPorts(["b"])
+    device.state.RefreshIOPorts()
+    assert names(device) == ["b", "a"] and boot_block.asked == []
+    device.stop()
+    device.start()
+    assert names(device) == ["b"] and boot_block.asked == ["HWID"]
+    boot_block.stop()
+    device.sync()
+    assert names(device) == ["b"]
+    device.stop()
+    device.start()
+    assert names(device) == ["b", "a"]
+    boot_block.start()
+    device.stop()
+    device.start()
+    assert names(device) == ["b"]
+
+
 def test_everything_within_a_skipped_port_is_skipped(device):
     BootBlock(device, "ABC123")
     inside = element("param_default_name", output="Stray") + element("properties", stray="true")

@@ -120,6 +120,30 @@ def test_a_type_that_cannot_be_read(device):
     assert device.read(f"{ADC}/buffer/enable") == "0\n"
 
 
+@pytest.mark.parametrize(
+    "kind, reason", [("\n", "Success"), ("le:u12/0>>0\n", "samples of no size")]
+)
+def test_a_type_that_says_nothing(device, kind, reason):
+    converter(device, kind=kind)
+    start(device)
+    assert warnings(device)[-2:] == [
+        f"WARNING: Failed to find device type: {reason}",
+        "WARNING: Failed to setup iio device.",
+    ]
+    assert device.read(f"{ADC}/buffer/enable") == "0\n"
+
+
+def test_a_consumer_without_a_trigger_file_is_told_only(device):
+    converter(device)
+    path = f"{CONSUMER}/trigger/current_trigger"
+    device.path(path).unlink()
+    start(device)
+    reason = "No such file or directory"
+    assert device.log_count(f"^WARNING: Failed to read sysfs path '{path}': .*{reason}$") == 1
+    assert device.log_count(f"^WARNING: Failed to open sysfs path '{path}': {reason}$") == 1
+    assert device.read(f"{ADC}/buffer/enable") == "1"
+
+
 def test_files_that_cannot_be_written_are_told_only(device):
     converter(device)
     device.path(f"{TIMER}/sampling_frequency").unlink()

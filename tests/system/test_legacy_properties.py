@@ -67,6 +67,129 @@ def test_a_property_reads_as_a_string_or_number(legacy, number, interface, name,
     assert legacy.get_typed(number, interface, name) == value
 
 
+NOT_SETTABLE = "Port Direction is not settable"
+UNSUPPORTED = "Unsupported write of property '{}'"
+
+BOTH_SIDES = {
+    (IOPORT, "Configurable"): True,
+    (IOPORT, "Direction"): "input",
+    (IOPORT, "Usage"): "",
+    (INPUT, "Name"): "I",
+    (INPUT, "Trig"): "closed",
+    (OUTPUT, "Name"): "O",
+    (OUTPUT, "Active"): "closed",
+    (OUTPUT, "Button"): "none",
+    (OUTPUT, "PulseTime"): 0,
+    (OUTPUT, "Mode"): "bistable",
+    (OUTPUT, "DelayTime"): 0,
+}
+
+# For each kind of port, what each property reads and what comes of writing it: the value that it
+# then has, or the error that leaves it as it was.
+KINDS = {
+    "input": (
+        port("p", 1, "input", input_name="I"),
+        {
+            (IOPORT, "Configurable"): False,
+            (IOPORT, "Direction"): "input",
+            (IOPORT, "Usage"): "",
+            (INPUT, "Name"): "I",
+            (INPUT, "Trig"): "closed",
+        },
+        {
+            (IOPORT, "Direction", "output"): NOT_SETTABLE,
+            (IOPORT, "Direction", "input"): None,
+            (IOPORT, "Usage", "Gate"): None,
+            (INPUT, "Name", "New"): None,
+            (INPUT, "Trig", "open"): None,
+        },
+    ),
+    "output": (
+        port("p", 1, "output", output_name="O", button_type="pulse", pulse_time=7,
+             port_mode="monostable"),
+        {
+            (IOPORT, "Configurable"): False,
+            (IOPORT, "Direction"): "output",
+            (IOPORT, "Usage"): "",
+            (OUTPUT, "Name"): "O",
+            (OUTPUT, "Active"): "closed",
+            (OUTPUT, "Button"): "pulse",
+            (OUTPUT, "PulseTime"): 7,
+            (OUTPUT, "Mode"): "monostable",
+            (OUTPUT, "DelayTime"): 0,
+        },
+        {
+            (IOPORT, "Direction", "input"): NOT_SETTABLE,
+            (IOPORT, "Direction", "output"): None,
+            (IOPORT, "Usage", "Gate"): None,
+            (OUTPUT, "Name", "New"): None,
+            (OUTPUT, "Active", "open"): None,
+            (OUTPUT, "PulseTime", 70): None,
+            (OUTPUT, "Mode", "bistable"): None,
+            (OUTPUT, "DelayTime", 90): None,
+        },
+    ),
+    "configurable": (
+        port("p", 1, "io_ctrl", input_name="I", output_name="O", button_type="none"),
+        BOTH_SIDES,
+        {
+            (IOPORT, "Direction", "output"): None,
+            (IOPORT, "Usage", "Gate"): None,
+            (INPUT, "Name", "New"): None,
+            (INPUT, "Trig", "open"): None,
+            (OUTPUT, "Name", "Newer"): None,
+            (OUTPUT, "Active", "open"): None,
+            (OUTPUT, "PulseTime", 70): None,
+            (OUTPUT, "Mode", "monostable"): None,
+            (OUTPUT, "DelayTime", 90): None,
+        },
+    ),
+    "read-only": (
+        port("p", 1, "io_ctrl", properties="ioport readonly", input_name="I", output_name="O"),
+        BOTH_SIDES,
+        {
+            (IOPORT, "Direction", "output"): None,
+            (INPUT, "Name", "New"): UNSUPPORTED,
+            (INPUT, "Trig", "open"): UNSUPPORTED,
+            (OUTPUT, "Name", "Newer"): UNSUPPORTED,
+            (OUTPUT, "Active", "open"): "Setting Active failed",
+            (OUTPUT, "PulseTime", 70): None,
+            (OUTPUT, "Mode", "monostable"): None,
+            (OUTPUT, "DelayTime", 90): None,
+        },
+    ),
+}  # fmt: skip
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_each_kind_of_port_shows_and_takes_what_it_has(device, kind):
+    description, shown, written = KINDS[kind]
+    device.describe(description)
+    device.start()
+    legacy = Legacy(device)
+    assert set(legacy.interfaces(1)) == {interface for interface, _ in shown}
+    counts = {"NbrOfIOPorts", "NbrOfInputs", "NbrOfOutputs", "ManualTriggerNbr"}
+    told = {
+        (interface, name): value
+        for interface in legacy.interfaces(1)
+        for name, value in legacy.get_all(1, interface).items()
+        if name not in counts
+    }
+    assert told == shown
+    for (interface, name, value), error in written.items():
+        before = legacy.get(1, interface, name)
+        if error is None:
+            legacy.set(1, interface, name, value)
+            assert legacy.get(1, interface, name) == value
+        else:
+            refusal = legacy.refusal(1, interface, name, value)
+            assert refusal == (INVALID_ARGS, error.format(name))
+            assert legacy.get(1, interface, name) == before
+    after = {key: legacy.get(1, *key) for key in shown}
+    device.restart()
+    assert {key: legacy.get(1, *key) for key in shown} == after
+
+
 @pytest.mark.parametrize("name", ["Configurable", "Direction"])
 def test_a_port_that_is_no_ioport_has_no_value_for_some(legacy, name):
     with pytest.raises(BusError) as refused:

@@ -13,7 +13,7 @@ EVENT = element(
 )
 
 
-@pytest.mark.valgrind
+@pytest.mark.uninstrumented
 def test_a_whole_life_loses_and_misuses_no_memory(make_device):
     device = make_device(wrapper=VALGRIND, patience=6)
     BootBlock(device, "ABC")

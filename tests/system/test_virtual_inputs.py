@@ -4,9 +4,11 @@ import pytest
 from describe import element, port
 
 from sim.bus import PortChanged, wait_until
-from sim.peers import Coordinator, Streamer
+from sim.peers import FAILURE, WRONG_TYPE, Coordinator, Streamer, late_properties
 
 FIRST = 10
+LATE = 1  # second
+FAULTS = pytest.mark.parametrize("fault", [FAILURE, WRONG_TYPE], ids=["an error", "another type"])
 
 
 def describe(device, ports=None, nbr=FIRST):
@@ -181,6 +183,120 @@ def test_a_coordinator_that_goes_is_unknown(device):
     streamer.enable(2, False)
     device.sync()
     assert enabled(device, 2)  # left as it is while PTZ is disabled
+
+
+@FAULTS
+def test_channels_that_answer_badly_are_none_until_the_streamer_is_back_in_order(device, fault):
+    streamer = Streamer(device, channels=[True, True], properties=fault)
+    Coordinator(device, enabled=False)
+    describe(device)
+    device.start()
+    wait_for_triggers(device, [1])  # the one that is there without any channel
+    device.sync()
+    assert set(triggers(device)) == {1}
+    streamer.stop()
+    del streamer.parameters["properties"]
+    streamer.start()
+    wait_for_triggers(device, [1, 2])
+
+
+@FAULTS
+def test_a_streamer_that_comes_back_broken_has_no_channels(device, fault):
+    streamer = Streamer(device, channels=[True, True])
+    Coordinator(device, enabled=True)
+    describe(device)
+    device.start()
+    wait_for_triggers(device, [1, 2])
+    streamer.stop()
+    wait_for_triggers(device, [1])
+    streamer.start(properties=fault)
+    device.sync()
+    device.sync()
+    assert set(triggers(device)) == {1}
+    assert device.state.GetState(0) is False
+
+
+@pytest.mark.parametrize("present", [True, False], ids=["at start", "later"])
+def test_every_channel_of_a_late_streamer_is_met(device, present):
+    streamer = Streamer(
+        device, start=False, channels=[True, True, True], properties=late_properties(LATE)
+    )
+    Coordinator(device, enabled=True)
+    describe(device)
+    if present:
+        streamer.start()
+    device.start()
+    if not present:
+        streamer.start()
+    wait_for_triggers(device, [1, 2, 3])
+    streamer.enable(3, False)
+    wait_until(lambda: enabled(device, 3) is False, "channel 3 to be disabled")
+
+
+@FAULTS
+def test_a_coordinator_that_answers_badly_is_unknown(device, fault):
+    coordinator = Coordinator(device, enabled=False, properties=fault)
+    describe(device)
+    device.start()
+    Streamer(device, channels=[True, True])
+    wait_for_triggers(device, [1, 2])
+    assert enabled(device, 2)  # were PTZ known to be disabled, it would not be
+    # What it says by itself counts.
+    coordinator.enable(False)
+    coordinator.enable(True)
+    device.sync()
+    assert enabled(device, 2)
+
+
+@FAULTS
+def test_a_coordinator_that_comes_back_broken_is_unknown(device, fault):
+    coordinator = Coordinator(device, enabled=False)
+    describe(device)
+    device.start()
+    coordinator.stop()
+    coordinator.start(properties=fault)
+    device.sync()
+    Streamer(device, channels=[True, True])
+    wait_for_triggers(device, [1, 2])
+    assert enabled(device, 2)
+
+
+@pytest.mark.parametrize("present", [True, False], ids=["at start", "later"])
+def test_what_a_late_coordinator_says_counts(device, present):
+    coordinator = Coordinator(
+        device, start=False, enabled=False, properties=late_properties(LATE)
+    )
+    describe(device)
+    if present:
+        coordinator.start()
+    device.start()
+    if not present:
+        coordinator.start()
+        # It is asked without waiting, and answers its next caller when it has answered the daemon.
+        assert device.state.GetState(0) is False
+        coordinator.mock("GetCalls")
+        device.sync()
+    Streamer(device, channels=[True, True])
+    wait_for_triggers(device, [1, 2])
+    assert not enabled(device, 2)
+
+
+def test_the_coordinator_may_come_after_the_channels_and_go_and_return(device):
+    describe(device)
+    device.start()
+    streamer = Streamer(device, channels=[True, True])
+    wait_for_triggers(device, [1, 2])
+    coordinator = Coordinator(device, enabled=False)
+    for _ in range(2):
+        device.sync()
+        streamer.enable(2, False)
+        device.sync()
+        assert enabled(device, 2)  # left as it is while PTZ is disabled
+        coordinator.stop()
+        wait_until(lambda: not device.client().owner(coordinator.NAME), "the coordinator to go")
+        device.sync()
+        streamer.enable(2, True)
+        coordinator.start()
 
 
 def test_signals_of_another_form_are_ignored(device):

@@ -24,11 +24,13 @@ def check_clock():
 
 
 def run(arguments):
-    """Runs the tests, or with --bench the benchmark; the rest of the arguments is pytest's."""
+    """Runs the tests, or with --bench the benchmarks; the rest of the arguments is pytest's, or
+    names benchmarks to be run alone."""
     os.chdir(BENCH / "tests")
     if arguments[:1] == ["--bench"]:
-        command = [sys.executable, "bench_edge.py", *arguments[1:]]
-        return subprocess.run(command, check=False).returncode
+        files = [f"bench_{name}.py" for name in arguments[1:] if name]
+        files = files or sorted(path.name for path in pathlib.Path().glob("bench_*.py"))
+        return max(subprocess.run([sys.executable, file], check=False).returncode for file in files)
     import pytest  # pylint: disable=import-outside-toplevel
 
     options = ["-v", "--tb=short", "--timeout=60", "-p", "no:cacheprovider"]

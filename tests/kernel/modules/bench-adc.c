@@ -46,6 +46,15 @@ static const struct adc_plan plans[] = {
 	{ "bench-adc-u8", { IIO_LE, 8, 8, 0 }, EVENTS_NONE },
 	{ "bench-adc-single", { IIO_LE, 10, 16, 6 }, EVENTS_NONE,
 	  .single = true },
+	/* Eight of a kind, to be sampled at the same time. */
+	{ "bench-adc-row0", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row1", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row2", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row3", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row4", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row5", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row6", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row7", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
 };
 
 struct adc_channel {
@@ -65,7 +74,10 @@ struct bench_adc {
 	struct iio_chan_spec specs[CHANNELS + 1];
 	u32 raw_error; /* errno that reading a raw value fails with, or 0 */
 	u32 event_error; /* errno that writing event files fails with, or 0 */
-	u32 samples; /* scans put into the buffer */
+	u32 samples; /* scans taken for the buffer */
+	u32 lost; /* those among them that it had no room for */
+	bool changed; /* a value is another than in the last scan */
+	u64 changed_ns; /* when the last such scan went to the buffer */
 	int frequency;
 	int period;
 	int integration[2];
@@ -111,6 +123,7 @@ static int value_set(void *data, u64 value)
 	mutex_lock(&c->adc->lock);
 	before = c->value;
 	c->value = value;
+	c->adc->changed |= before != after;
 	if ((c->rising_en || c->either_en) && before <= c->rising &&
 	    after > c->rising)
 		send_event(c, IIO_EV_DIR_RISING);
@@ -282,8 +295,12 @@ static irqreturn_t take_scan(int irq, void *data)
 		at += layout->storagebits / 8;
 	}
 	adc->samples++;
+	if (adc->changed)
+		adc->changed_ns = ktime_get_ns();
+	adc->changed = false;
 	mutex_unlock(&adc->lock);
-	iio_push_to_buffers(indio, scan);
+	if (iio_push_to_buffers(indio, scan))
+		adc->lost++;
 	iio_trigger_notify_done(indio->trig);
 	return IRQ_HANDLED;
 }
@@ -353,6 +370,8 @@ static void add_debug_files(struct bench_adc *adc, unsigned int channels)
 	debugfs_create_u32("raw_error", 0644, adc->dir, &adc->raw_error);
 	debugfs_create_u32("event_error", 0644, adc->dir, &adc->event_error);
 	debugfs_create_u32("samples", 0444, adc->dir, &adc->samples);
+	debugfs_create_u32("lost", 0444, adc->dir, &adc->lost);
+	debugfs_create_u64("changed_ns", 0444, adc->dir, &adc->changed_ns);
 	for (i = 0; i < channels; i++) {
 		char name[12];
 		struct dentry *dir;

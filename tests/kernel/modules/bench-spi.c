@@ -27,7 +27,8 @@ struct converter {
 	u8 reply[COMMANDS + 1][REPLY_BYTES];
 	bool has_reply[COMMANDS];
 	u32 transfer_error; /* errno that every message fails with, or 0 */
-	u32 setup_error; /* errno that a change of word size fails with */
+	u32 setup_error; /* errno that every change of a setting fails with */
+	u32 top_speed_hz; /* a clock above it is refused, 0 for none */
 	u32 messages;
 	u32 bits;
 	u32 speed_hz;
@@ -94,7 +95,11 @@ static int transfer_message(struct spi_controller *ctlr,
 
 static int setup_device(struct spi_device *spi)
 {
-	return -(int)of_spi(spi)->setup_error;
+	struct converter *c = of_spi(spi);
+
+	if (c->top_speed_hz && spi->max_speed_hz > c->top_speed_hz)
+		return -EINVAL;
+	return -(int)c->setup_error;
 }
 
 /* "f0 0a" sets the common reply, "90: f0 0a" that of one command. */
@@ -155,6 +160,7 @@ static ssize_t reset_write(struct file *file, const char __user *user,
 	memset(c->reply, 0, sizeof(c->reply));
 	memset(c->has_reply, 0, sizeof(c->has_reply));
 	c->transfer_error = c->setup_error = c->messages = 0;
+	c->top_speed_hz = 0;
 	c->sent[0] = '\0';
 	mutex_unlock(&c->lock);
 	return count;
@@ -182,6 +188,7 @@ static void add_debug_files(struct converter *c, unsigned int number)
 	debugfs_create_u32("speed_hz", 0444, dir, &c->speed_hz);
 	debugfs_create_u32("transfer_error", 0644, dir, &c->transfer_error);
 	debugfs_create_u32("setup_error", 0644, dir, &c->setup_error);
+	debugfs_create_u32("top_speed_hz", 0644, dir, &c->top_speed_hz);
 }
 
 /* spidev binds only to names in its own table; this one is as good as any. */

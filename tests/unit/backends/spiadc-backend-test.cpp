@@ -1,11 +1,9 @@
-// The converter answers through an ioctl of the test's own.
 #include "support/backend-fixture.h"
-#include "support/child.h"
+#include "support/fake-ioctl.h"
 
 #include <linux/spi/spidev.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 #include <optional>
 
@@ -16,14 +14,8 @@ std::optional<guint8> converter_level;
 std::vector<guint8> commands;
 std::size_t transfers = 0;
 
-} // namespace
-
-// Stands before the C library's for this executable.
-extern "C" int ioctl(int /*fd*/, unsigned long request, ...) noexcept {
-  std::va_list arguments;
-  va_start(arguments, request);
-  auto* const transfer = va_arg(arguments, spi_ioc_transfer*);
-  va_end(arguments);
+int answer(int /*fd*/, unsigned long request, void* argument) {
+  const auto* transfer = static_cast<spi_ioc_transfer*>(argument);
   transfers++;
   if (request != SPI_IOC_MESSAGE(2) || !converter_level) {
     errno = EIO;
@@ -36,19 +28,22 @@ extern "C" int ioctl(int /*fd*/, unsigned long request, ...) noexcept {
   commands.push_back(sent[1]);
   // Bits outside 4 to 11 mean nothing.
   const guint level = *converter_level;
-  const std::array<guint8, 2> answer{static_cast<guint8>(level << 4U | 0x0FU),
-                                     static_cast<guint8>(level >> 4U | 0xF0U)};
-  memcpy(reinterpret_cast<void*>(transfer[1].rx_buf), answer.data(), answer.size());
+  const std::array<guint8, 2> word{static_cast<guint8>(level << 4U | 0x0FU),
+                                   static_cast<guint8>(level >> 4U | 0xF0U)};
+  memcpy(reinterpret_cast<void*>(transfer[1].rx_buf), word.data(), word.size());
   return 4;
 }
-
-namespace {
 
 struct ASpiAdcPort : BackendTest {
   void SetUp() override {
     BackendTest::SetUp();
+    fake_ioctl = answer;
     converter_level = 0;
     commands.clear();
+  }
+  void TearDown() override {
+    BackendTest::TearDown();
+    fake_ioctl = nullptr;
   }
 
   static IoPortRef describe(const char* inverted = "false") {

@@ -22,8 +22,11 @@ std::map<std::string, std::array<int, 2>> pipes;
 
 // Writes the call down; false when it is to fail.
 bool note(const std::string& what, const std::string& rest) {
-  fake_pins.calls.push_back(what + ' ' + rest);
-  const bool fails = std::ranges::find(fake_pins.faults, what) != fake_pins.faults.end();
+  const std::string call = what + ' ' + rest;
+  fake_pins.calls.push_back(call);
+  const bool fails = std::ranges::any_of(fake_pins.faults, [&](const std::string& fault) {
+    return (call + ' ').starts_with(fault + ' ');
+  });
   errno = fails ? EIO : errno;
   return !fails;
 }
@@ -108,6 +111,10 @@ int ugpio_get_value(ugpio_t* pin) {
 }
 
 int ugpio_set_value(ugpio_t* pin, int value) {
+  if (pin == nullptr) {
+    errno = EBADF;
+    return -1;
+  }
   return note("set_value", pin->name + ' ' + std::to_string(value)) ? 0 : -1;
 }
 

@@ -10,7 +10,7 @@ struct FakePins {
   std::vector<std::string> calls;
   /// Levels by pin, as ugpio_get_value gives them.
   std::map<std::string, int> levels;
-  /// Calls that fail, by their first word; "set_value" may be made to fail and the like.
+  /// Calls that fail, by how they start: "set_value" for every pin, "set_value 17" for one.
   std::vector<std::string> faults;
 
   /// Forgets everything and releases the descriptors.

@@ -25,9 +25,12 @@ class UnclaimedMessages : public testing::EmptyTestEventListener {
 } // namespace
 
 int main(int argc, char* argv[]) {
+  // Children of death tests start anew: the modules under test keep state, and may have threads. An
+  // emulated test cannot start itself, and is told so in its environment.
+  if (g_getenv("GTEST_DEATH_TEST_STYLE") == nullptr) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+  }
   testing::InitGoogleTest(&argc, argv);
-  // Children of death tests start anew: the modules under test keep state, and may have threads.
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   log_capture_install();
   testing::UnitTest::GetInstance()->listeners().Append(new UnclaimedMessages);
   return RUN_ALL_TESTS();

@@ -1,0 +1,61 @@
+// What the ports behind another service of the bus have in common: the proxy to it, the state that
+// it told last, and the signal by which it tells a change. A service knows a port by its number.
+#pragma once
+
+#include "port/ioport.h"
+
+#include <gio/gio.h>
+
+#include <atomic>
+
+/// The signal of a service that tells a port's new state: (number, state).
+struct BusPortSignal {
+  const char* name;
+  /// "(i" and the type of the state.
+  const char* type;
+  guint (*state_of)(GVariant* state);
+};
+
+/// Part of the port's record. Handlers on the proxy are connected with this as their data and end
+/// with it.
+struct BusPort {
+  GDBusProxy* proxy = nullptr;
+  /// Whom the handlers serve; set with the proxy.
+  IoPort* port = nullptr;
+  bool watching = false;
+  // These three are used by action-sequence threads as well.
+  std::atomic<bool> connected{false};
+  std::atomic<gint> output_value{0};
+  std::atomic<guint> state{SUPERVISED_OPEN};
+  const BusPortSignal* followed = nullptr;
+
+  BusPort() = default;
+  ~BusPort();
+  BusPort(const BusPort&) = delete;
+  BusPort& operator=(const BusPort&) = delete;
+};
+
+/// Where a service is found; its interface has the name of its connection.
+struct BusService {
+  const char* name;
+  const char* path;
+  GDBusProxyFlags flags;
+};
+
+/// Makes the proxy, if there is none yet; false with `error` on failure.
+bool bus_port_open(BusPort& bus, IoPort* port, const BusService& service, GError** error);
+
+/// Calls the service and returns a reply of `reply_type` (g_variant_unref; nullptr: any type). NULL
+/// on failure, which `tell` hears, and without a proxy, which it does not.
+GVariant* bus_port_call(BusPort& bus, const char* method, GVariant* arguments,
+                        const GVariantType* reply_type,
+                        void (*tell)(const char* method, const GError* error));
+
+/// Follows the service's signal; a second time changes nothing. False when it cannot.
+bool bus_port_follow(BusPort& bus, const BusPortSignal& signal);
+
+/// Stores the state that the output value shows; whether that is the active one.
+bool bus_port_show_output(BusPort& bus);
+
+/// Reports the port's state, if it is watched.
+void bus_port_report(const BusPort& bus);

@@ -1,0 +1,48 @@
+// The poll of an input whose hardware does not tell its changes.
+//
+// A record of such a backend has an `InputPoll poll` and a function `refresh`, which reads the
+// hardware anew and returns whether the value is another than before.
+#pragma once
+
+#include "backends/backend-data.h"
+#include "backends/description-keys.h"
+#include "platform/handles.h"
+#include "port/ioport.h"
+
+struct InputPoll {
+  /// 0 polls on every turn of the main loop.
+  guint interval_ms = 0;
+  SourceId source;
+};
+
+/// Reports the port's state when it has changed; keeps polling.
+gboolean input_poll_report(IoPort* port, bool changed);
+
+template <typename Data>
+gboolean input_poll_on_time(gpointer user_data) {
+  auto* port = static_cast<IoPort*>(user_data);
+  return input_poll_report(port, backend_data<Data>(port)->refresh());
+}
+
+/// The slot that starts the poll; a running one stays as it is.
+template <typename Data>
+gboolean input_poll_set_watch(IoPort* port) {
+  InputPoll& poll = backend_data_ensure<Data>(port)->poll;
+  if (!poll.source) {
+    poll.source.reset(g_timeout_add(poll.interval_ms, input_poll_on_time<Data>, port));
+  }
+  return TRUE;
+}
+
+/// A row's function for the attribute that tells the interval; decimal, 0x-hexadecimal or octal.
+template <typename Data>
+void take_interval(Data& data, const char* value) {
+  take_number<&InputPoll::interval_ms, 0>(data.poll, value);
+}
+
+/// The table of such a backend.
+template <typename Data>
+constexpr PortFunctions input_poll_table(PortFunctions slots) {
+  slots.set_watch = [](IoPort* port) { return input_poll_set_watch<Data>(port); };
+  return backend_table<Data>(slots);
+}

@@ -1,0 +1,68 @@
+#include "fuzz-support.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace {
+
+bool is_text(std::string_view text) {
+  return g_utf8_validate_len(text.data(), text.size(), nullptr);
+}
+
+bool is_text(const OptionalText& text) {
+  return !text || is_text(std::string_view(*text));
+}
+
+void add_port(gint number, guint type, const char* name, guint backend, const char* property) {
+  const IoPortRef port(io_port_new());
+  port->type = type;
+  port->number = number;
+  port->name = name;
+  io_port_add_property(port.get(), "ioport", "true");
+  if (property != nullptr) {
+    io_port_add_property(port.get(), property, "true");
+  }
+  io_port_set_backend(port.get(), backend);
+  fuzz_require(io_port_setup(port.get()));
+  io_port_list_add(port.get());
+}
+
+} // namespace
+
+FuzzFile::FuzzFile(FuzzInput contents)
+    : fd(memfd_create("input", MFD_CLOEXEC)), path_("/proc/self/fd/" + std::to_string(fd)) {
+  fuzz_require(fd >= 0
+               && write(fd, contents.data(), contents.size())
+                      == static_cast<gssize>(contents.size()));
+}
+
+FuzzFile::~FuzzFile() {
+  close(fd);
+}
+
+void fuzz_add_ports() {
+  add_port(0, PORT_INPUT, "in", BACKEND_GPIO, nullptr);
+  add_port(1, PORT_OUTPUT, "out", BACKEND_GPIO, nullptr);
+  add_port(2, PORT_IO_CTRL, "both", BACKEND_GPIO, nullptr);
+  add_port(3, PORT_IO_CTRL, "locked", BACKEND_GPIO, "readonly");
+  add_port(4, PORT_INPUT, "line", BACKEND_IIO, nullptr);
+}
+
+void fuzz_check_ports() {
+  const IoPortListLock lock;
+  for (const IoPort* port : io_port_list_get()) {
+    fuzz_require(is_text(port->name) && is_text(port->input_name) && is_text(port->output_name)
+                 && is_text(std::string_view(port->usage)));
+  }
+}
+
+// Messages about bad input are the rule here, and printing them would be most of the time spent.
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  stderr = fopen("/dev/null", "w");
+  g_log_set_writer_func(
+      [](GLogLevelFlags, const GLogField*, gsize, gpointer) { return G_LOG_WRITER_HANDLED; },
+      nullptr, nullptr);
+  return 0;
+}

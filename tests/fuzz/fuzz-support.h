@@ -1,0 +1,51 @@
+// What the fuzz targets share: input as a file or as numbers, a bench of ports, and silence.
+#pragma once
+
+#include "port/ioport-list.h"
+#include "port/ioport.h"
+
+#include <algorithm>
+#include <span>
+#include <string>
+#include <string_view>
+
+using FuzzInput = std::span<const guint8>;
+
+/// Ends the process when an invariant is broken, which the fuzzer then reports with its input.
+inline void fuzz_require(bool holds) {
+  if (!holds) {
+    __builtin_trap();
+  }
+}
+
+/// A file in memory that code which wants a path can read, and replace by another.
+class FuzzFile {
+public:
+  explicit FuzzFile(FuzzInput contents);
+  ~FuzzFile();
+  FuzzFile(const FuzzFile&) = delete;
+  FuzzFile& operator=(const FuzzFile&) = delete;
+
+  [[nodiscard]] const char* path() const { return path_.c_str(); }
+
+private:
+  int fd;
+  std::string path_;
+};
+
+/// Takes numbers from the front of the input; zeros when it is used up.
+template <typename Number>
+Number fuzz_take(FuzzInput& input) {
+  Number number{};
+  const gsize size = std::min(input.size(), sizeof number);
+  std::ranges::copy(input.first(size), reinterpret_cast<guint8*>(&number));
+  input = input.subspan(size);
+  return number;
+}
+
+/// Fills the port list with one port of each type on fake hardware: an input (0), an output (1), a
+/// configurable one (2), a read-only one (3) and a supervised input (4).
+void fuzz_add_ports();
+
+/// What must be true of every port, whatever was read into it: its texts can go over the bus.
+void fuzz_check_ports();
