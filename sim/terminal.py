@@ -117,8 +117,10 @@ class Terminal:
 
     def __exit__(self, *_):
         self.close()
-        self.wait_clean()
-        self.remove()
+        try:
+            self.wait_clean()
+        finally:
+            self.remove()
 
     def close(self):
         """Takes the terminal away."""
