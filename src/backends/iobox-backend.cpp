@@ -17,6 +17,12 @@ struct IoboxPortData {
   BusPort bus;
 };
 
+void iobox_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
+  if (g_str_equal(element, "box") && g_str_equal(key, "name")) {
+    backend_data_ensure<IoboxPortData>(port)->box_name = value;
+  }
+}
+
 struct StateWord {
   const char* word;
   SupervisedState state;
@@ -263,12 +269,6 @@ gboolean iobox_set_watch(IoPort* port) {
 
 void iobox_set_direction(IoPort* port, gboolean /*input*/) {
   send_mode(port, backend_data_ensure<IoboxPortData>(port));
-}
-
-void iobox_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
-  if (g_str_equal(element, "box") && g_str_equal(key, "name")) {
-    backend_data_ensure<IoboxPortData>(port)->box_name = value;
-  }
 }
 
 constexpr PortFunctions functions = backend_table<IoboxPortData>({

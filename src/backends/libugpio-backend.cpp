@@ -15,6 +15,20 @@ struct LibugpioPortData {
   LogicWatch watch;
 };
 
+constexpr std::array pin_elements{
+    PinElement<LibugpioPortData>{.element = "input", .pin = &LibugpioPortData::input},
+    PinElement<LibugpioPortData>{.element = "output", .pin = &LibugpioPortData::output},
+    PinElement<LibugpioPortData>{.element = "io_ctrl", .pin = &LibugpioPortData::io_ctrl},
+};
+
+void libugpio_port_parse_data(IoPort* port, const char* element, const char* key,
+                              const char* value) {
+  auto* data = backend_data_ensure<LibugpioPortData>(port);
+  if (!libugpio_parse_pin_element(pin_elements, *data, element, key, value)) {
+    g_warning("%sCould not parse backend data!\n", log_prefix);
+  }
+}
+
 GpioPin* current_pin(IoPort* port) {
   const auto* data = backend_data<LibugpioPortData>(port);
   return io_port_input(port) ? data->input.get() : data->output.get();
@@ -96,20 +110,6 @@ void libugpio_port_set_direction(IoPort* port, gboolean input) {
   } else {
     switch_line_driver(port, true);
     libugpio_port_set_state(port, port->activelow_output ? 1 : 0);
-  }
-}
-
-constexpr std::array pin_elements{
-    PinElement<LibugpioPortData>{.element = "input", .pin = &LibugpioPortData::input},
-    PinElement<LibugpioPortData>{.element = "output", .pin = &LibugpioPortData::output},
-    PinElement<LibugpioPortData>{.element = "io_ctrl", .pin = &LibugpioPortData::io_ctrl},
-};
-
-void libugpio_port_parse_data(IoPort* port, const char* element, const char* key,
-                              const char* value) {
-  auto* data = backend_data_ensure<LibugpioPortData>(port);
-  if (!libugpio_parse_pin_element(pin_elements, *data, element, key, value)) {
-    g_warning("%sCould not parse backend data!\n", log_prefix);
   }
 }
 

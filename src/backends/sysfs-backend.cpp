@@ -25,6 +25,22 @@ struct SysfsPortData {
   bool refresh();
 };
 
+constexpr std::array device_keys{
+    DescriptionKey<SysfsPortData>{"path", take_text<&SysfsPortData::path>},
+    DescriptionKey<SysfsPortData>{"timeout", take_interval<SysfsPortData>},
+    DescriptionKey<SysfsPortData>{"clear_flag", take_switch<&SysfsPortData::clear_flag>},
+    DescriptionKey<SysfsPortData>{"inverted", take_switch<&SysfsPortData::inverted>},
+};
+
+void sysfs_port_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
+  auto* data = backend_data_ensure<SysfsPortData>(port);
+  if (!g_str_equal(element, "device")) {
+    g_warning("%sCould not parse backend data!\n", log_prefix);
+    return;
+  }
+  take_described(device_keys, *data, key, value);
+}
+
 constexpr gsize max_text = 63;
 
 void rewind_file(const SysfsPortData* data) {
@@ -99,22 +115,6 @@ gboolean sysfs_port_setup(IoPort* port, gboolean /*activelow_output*/) {
 guint sysfs_port_get_state(IoPort* port) {
   const auto* data = backend_data<SysfsPortData>(port);
   return data != nullptr && data->value > 0 ? 1 : 0;
-}
-
-constexpr std::array device_keys{
-    DescriptionKey<SysfsPortData>{"path", take_text<&SysfsPortData::path>},
-    DescriptionKey<SysfsPortData>{"timeout", take_interval<SysfsPortData>},
-    DescriptionKey<SysfsPortData>{"clear_flag", take_switch<&SysfsPortData::clear_flag>},
-    DescriptionKey<SysfsPortData>{"inverted", take_switch<&SysfsPortData::inverted>},
-};
-
-void sysfs_port_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
-  auto* data = backend_data_ensure<SysfsPortData>(port);
-  if (!g_str_equal(element, "device")) {
-    g_warning("%sCould not parse backend data!\n", log_prefix);
-    return;
-  }
-  take_described(device_keys, *data, key, value);
 }
 
 constexpr PortFunctions functions = input_poll_table<SysfsPortData>({
