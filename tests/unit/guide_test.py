@@ -1,5 +1,5 @@
-"""Holds docs/operating.md to the sources: whatever the daemon complains of stands in it, and what
-stands in it the daemon says."""
+"""Holds docs/operating.md to the sources: whatever daemon and client complain of stands in it, and
+what stands in it they say."""
 
 import pathlib
 import re
@@ -11,6 +11,10 @@ COMPLAINT = re.compile(
     rf"(?:g_warning|g_critical|g_error|g_log)\((?:G_LOG_DOMAIN,\s*log_level_user,)?\s*((?:{STRING}\s*)+)"
     rf"|fprintf\(stderr,\s*((?:{STRING}\s*)+)"
 )
+REFUSAL = re.compile(
+    rf"CommandError\(\s*Status::(\w+),\s*(?:fmt::format\()?((?:{STRING}\s*)+)"
+)
+STATUS = {"Refused": 1, "Usage": 2, "Unreachable": 3}
 PLACE = re.compile(r"%[#0+ -]*\d*(?:hh|h|ll|l|z)?[diuxXcs]")
 
 
@@ -43,8 +47,9 @@ def in_order(fixed, text):
 
 class TheOperatingGuide(unittest.TestCase):
     def setUp(self):
-        guide = (TOP / "docs/operating.md").read_text()
-        self.section = guide[guide.index("## Messages") : guide.index("## Services that hang")]
+        self.guide = (TOP / "docs/operating.md").read_text()
+        ends = self.guide.index("## Messages"), self.guide.index("## What wexctl says")
+        self.section = self.guide[slice(*ends)]
         self.messages = [
             span
             for line in self.section.splitlines()
@@ -62,6 +67,20 @@ class TheOperatingGuide(unittest.TestCase):
         for message in self.messages:
             with self.subTest(message):
                 self.assertTrue(any(in_order(fixed, message) for fixed in said))
+
+    def test_lists_every_line_of_the_client_with_its_status(self):
+        section = self.guide[self.guide.index("## What wexctl says") :]
+        rows = re.findall(r"^\| `(.+)` \| (\d) \|$", section, re.MULTILINE)
+        listed = sorted(
+            (re.sub(r"\b(NAME|TEXT|N|REASON)\b", "{}", text), int(status)) for text, status in rows
+        )
+        said = set()
+        for source in (TOP / "tools/wexctl").glob("*.cpp"):
+            for status, literals in REFUSAL.findall(source.read_text()):
+                text = "".join(literal[1:-1] for literal in re.findall(STRING, literals))
+                if text:
+                    said.add((text, STATUS[status]))
+        self.assertEqual(listed, sorted(said))
 
 
 if __name__ == "__main__":
