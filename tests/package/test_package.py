@@ -180,7 +180,7 @@ def test_the_package_brings_what_it_promises(running):
     files = running.run("dpkg", "-L", "wexd").split()
     for name in (
         "/usr/sbin/wexd", "/usr/bin/wexctl", "/usr/lib/systemd/system/wexd.service",
-        "/usr/lib/sysusers.d/wexd.conf", "/usr/lib/tmpfiles.d/wexd.conf",
+        "/usr/lib/udev/rules.d/60-wexd.rules", "/usr/lib/sysusers.d/wexd.conf", "/usr/lib/tmpfiles.d/wexd.conf",
         "/usr/share/dbus-1/system.d/com.norv.wexd.conf", "/usr/share/wexd/wexd-hardware.rng",
         "/usr/share/doc/wexd/examples/conf.xml", "/usr/share/doc/wexd/examples/any-machine.xml",
         "/etc/wexd/actions/com.norv.action.fixed.io.toggle.xml",
