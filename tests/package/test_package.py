@@ -214,3 +214,24 @@ def test_the_man_page_of_the_description_names_every_word_of_the_schema(pytestco
             if name not in (None, "config"):
                 assert name in text, name
                 assert node.find(f"{note}documentation") is not None, f"{name} is not documented"
+
+
+def test_an_upgrade_keeps_the_settings_and_starts_the_new_daemon(running):
+    running.run("wexctl", "usage", "relay", "upgraded")
+    before = running.run("systemctl", "show", "--value", "--property=InvocationID", "wexd")
+    running.run("sh", "-c", "dpkg -i /root/walk/wexd_*.deb")
+    assert running.run("systemctl", "show", "--value", "--property=InvocationID", "wexd") != before
+    wait_until(
+        lambda: "upgraded" in running.attempt("wexctl", "list").stdout, "the settings", deadline=60
+    )
+
+
+def test_a_purge_leaves_nothing_but_the_description(running):
+    """The last test: the system is without the package afterwards."""
+    running.run("dpkg", "--purge", "wexd")
+    assert running.attempt("systemctl", "is-active", "wexd").stdout.strip() == "inactive"
+    assert running.attempt("systemctl", "is-enabled", "wexd").returncode != 0
+    for folder in ("/etc/wexd", "/etc/wexd.d", "/usr/share/wexd", "/etc/service_registry",
+                   "/etc/legacyconfig"):  # fmt: skip
+        left = [path for path in running.path(folder).rglob("*") if not path.is_dir()]
+        assert left in ([], [running.path("/usr/share/wexd/conf.xml")]), left
