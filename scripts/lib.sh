@@ -14,8 +14,9 @@ build_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libfmt-dev nlohmann-json3-dev
   scdoc help2man libxml2-utils
+  dpkg-dev file
 )
-check_packages=(clang-format clang-tidy shellcheck clang libclang-rt-14-dev)
+check_packages=(git clang-format clang-tidy shellcheck clang libclang-rt-14-dev)
 sandbox_packages=(
   bubblewrap util-linux dbus-daemon
   python3 python3-gi gir1.2-glib-2.0 python3-dbusmock python3-prompt-toolkit
@@ -23,14 +24,14 @@ sandbox_packages=(
 test_packages=(
   python3-pytest python3-pytest-xdist python3-pytest-timeout
   umockdev valgrind strace libc6-dbg
-  libglib2.0-bin systemd debootstrap dpkg-dev
+  libglib2.0-bin systemd debootstrap
   tmux zsh python3-rich
 )
 # The bench kernel and what it is built with, the machine, and what its guest runs from /usr.
 kernel_packages=(
   linux-source-6.1 xz-utils make gcc flex bison bc libelf-dev libssl-dev
   qemu-system-x86
-  kmod dbus-daemon python3 python3-gi gir1.2-glib-2.0 python3-pytest python3-pytest-timeout
+  kmod udev dbus-daemon python3 python3-gi gir1.2-glib-2.0 python3-pytest python3-pytest-timeout
 )
 # What scripts/cross runs on this machine, and what the Debian trees hold in which it builds: tools,
 # and libraries of the target's architecture.

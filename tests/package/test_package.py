@@ -180,7 +180,7 @@ def test_the_package_brings_what_it_promises(running):
     files = running.run("dpkg", "-L", "wexd").split()
     for name in (
         "/usr/sbin/wexd", "/usr/bin/wexctl", "/usr/lib/systemd/system/wexd.service",
-        "/usr/lib/sysusers.d/wexd.conf", "/usr/lib/tmpfiles.d/wexd.conf",
+        "/usr/lib/udev/rules.d/60-wexd.rules", "/usr/lib/sysusers.d/wexd.conf", "/usr/lib/tmpfiles.d/wexd.conf",
         "/usr/share/dbus-1/system.d/com.norv.wexd.conf", "/usr/share/wexd/wexd-hardware.rng",
         "/usr/share/doc/wexd/examples/conf.xml", "/usr/share/doc/wexd/examples/any-machine.xml",
         "/etc/wexd/actions/com.norv.action.fixed.io.toggle.xml",
@@ -214,3 +214,24 @@ def test_the_man_page_of_the_description_names_every_word_of_the_schema(pytestco
             if name not in (None, "config"):
                 assert name in text, name
                 assert node.find(f"{note}documentation") is not None, f"{name} is not documented"
+
+
+def test_an_upgrade_keeps_the_settings_and_starts_the_new_daemon(running):
+    running.run("wexctl", "usage", "relay", "upgraded")
+    before = running.run("systemctl", "show", "--value", "--property=InvocationID", "wexd")
+    running.run("sh", "-c", "dpkg -i /root/walk/wexd_*.deb")
+    assert running.run("systemctl", "show", "--value", "--property=InvocationID", "wexd") != before
+    wait_until(
+        lambda: "upgraded" in running.attempt("wexctl", "list").stdout, "the settings", deadline=60
+    )
+
+
+def test_a_purge_leaves_nothing_but_the_description(running):
+    """The last test: the system is without the package afterwards."""
+    running.run("dpkg", "--purge", "wexd")
+    assert running.attempt("systemctl", "is-active", "wexd").stdout.strip() == "inactive"
+    assert running.attempt("systemctl", "is-enabled", "wexd").returncode != 0
+    for folder in ("/etc/wexd", "/etc/wexd.d", "/usr/share/wexd", "/etc/service_registry",
+                   "/etc/legacyconfig"):  # fmt: skip
+        left = [path for path in running.path(folder).rglob("*") if not path.is_dir()]
+        assert left in ([], [running.path("/usr/share/wexd/conf.xml")]), left

@@ -442,7 +442,10 @@ def test_check_names_file_and_line(wexctl, tmp_path, text, finding):
     assert findings and all(entry["file"] == str(file) for entry in findings)
 
 
-@pytest.mark.parametrize("shipped", ["sim/conf.xml", "data/examples/conf.xml"])
+SHIPPED = ["sim/conf.xml", *(f"data/examples/{f.name}" for f in (TOP / "data/examples").iterdir())]
+
+
+@pytest.mark.parametrize("shipped", sorted(SHIPPED))
 def test_shipped_descriptions_pass_the_check_and_the_schema(wexctl, shipped):
     result = wexctl("check", str(TOP / shipped))
     assert (result.status, result.out) == (0, "")

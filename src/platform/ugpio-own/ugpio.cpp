@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <glib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -40,6 +41,17 @@ bool write_text(const std::string& path, std::string_view text) {
 bool exists(const std::string& folder) {
   struct stat status {};
   return stat(folder.c_str(), &status) == 0;
+}
+
+// The files of a fresh pin are root's. Where the daemon's user may take pins, the device manager
+// hands them over a moment later, "value" as the last; a busy machine may take seconds.
+void wait_for_access(const std::string& folder) {
+  constexpr gulong step_us = 5 * 1000;
+  constexpr int steps = 1000;
+  const std::string path = folder + "/value";
+  for (int i = 0; i < steps && access(path.c_str(), W_OK) != 0 && errno == EACCES; i++) {
+    g_usleep(step_us);
+  }
 }
 
 // Where the kernel shows the pin: by number, or by the line's name when the chip's driver says so.
@@ -114,6 +126,7 @@ ugpio_t* ugpio_request(unsigned int number, const char* /*label*/) {
     errno = ENOENT;
     return nullptr;
   }
+  wait_for_access(pin->folder);
   return pin.release();
 }
 

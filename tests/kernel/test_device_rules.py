@@ -1,0 +1,73 @@
+"""The rules for device files that are installed, applied by the real device manager: with them the
+daemon's user takes hardware again that it has dropped."""
+
+import pathlib
+import subprocess
+
+import pytest
+from chips import PLAIN
+from gpio_ports import gpio_input, gpio_output
+
+RULES = pathlib.Path("/bench/60-wexd.rules")
+
+
+def manage(*arguments):
+    subprocess.run(["/usr/bin/udevadm", *arguments], check=True, timeout=50)
+
+
+@pytest.fixture
+def rules(device):
+    """A device manager with our rules and no others, which cost seconds on the emulated machine."""
+    folder = pathlib.Path("/run/udev/rules.d")
+    folder.mkdir(parents=True, exist_ok=True)
+    (folder / RULES.name).write_text(RULES.read_text())
+    others = [*pathlib.Path("/usr/lib/udev/rules.d").glob("*.rules")]
+    for other in others:
+        (folder / other.name).symlink_to("/dev/null")
+    # Returns once it listens.
+    subprocess.run(["/usr/lib/systemd/systemd-udevd", "--daemon"], check=True, timeout=50)
+    try:
+        manage("trigger", "--action=add", "--subsystem-match=gpio")
+        manage("settle")
+        yield
+    finally:
+        manage("control", "--exit")
+        for rule in folder.iterdir():
+            rule.unlink()
+
+
+def ports():
+    return gpio_input("sensor", 0, PLAIN[1], optional="true") + gpio_output(
+        "relay", 1, PLAIN[3], optional="true"
+    )
+
+
+def test_the_daemons_user_takes_dropped_pins_again(device, rules):
+    device.describe(ports())
+    device.start()
+    manage("settle")
+    assert set(device.state.DropIOPorts(["sensor", "relay"])) == {"sensor", "relay"}
+    assert device.ports() == {}
+    assert not PLAIN[1].exported and not PLAIN[3].exported
+    device.state.RefreshIOPorts()
+    assert sorted(device.ports()) == [0, 1]
+    device.state.SetState(1, True)
+    assert PLAIN[3].driven_levels[-1] == 1
+
+
+def test_without_the_rules_dropped_pins_stay_away(device):
+    device.describe(ports())
+    device.start()
+    assert set(device.state.DropIOPorts(["sensor", "relay"])) == {"sensor", "relay"}
+    device.state.RefreshIOPorts()
+    assert device.ports() == {}
+
+
+def test_a_pin_that_was_never_taken_is_there_with_the_first_refresh(device, rules):
+    device.describe(ports())
+    PLAIN[1].refuse_requests()
+    device.start()
+    assert sorted(device.ports()) == [1]
+    PLAIN[1].refuse_requests(False)
+    device.state.RefreshIOPorts()
+    assert sorted(device.ports()) == [0, 1]
