@@ -7,6 +7,8 @@ import subprocess
 import pytest
 from chips import PLAIN
 from gpio_ports import gpio_input, gpio_output
+from sim.bus import wait_until
+from supervised_ports import IIO, IIO_INTERRUPT, SPI, Supervision
 
 RULES = pathlib.Path("/bench/60-wexd.rules")
 
@@ -27,7 +29,8 @@ def rules(device):
     # Returns once it listens.
     subprocess.run(["/usr/lib/systemd/systemd-udevd", "--daemon"], check=True, timeout=50)
     try:
-        manage("trigger", "--action=add", "--subsystem-match=gpio")
+        matches = (f"--subsystem-match={name}" for name in ("gpio", "iio", "spidev"))
+        manage("trigger", "--action=add", *matches)
         manage("settle")
         yield
     finally:
@@ -71,3 +74,21 @@ def test_a_pin_that_was_never_taken_is_there_with_the_first_refresh(device, rule
     PLAIN[1].refuse_requests(False)
     device.state.RefreshIOPorts()
     assert sorted(device.ports()) == [0, 1]
+
+
+@pytest.mark.parametrize("kind", [SPI, IIO, IIO_INTERRUPT], ids=repr)
+def test_the_daemons_user_takes_dropped_converters_again(device, rules, kind):
+    device.describe(kind.port(optional="true"))
+    device.start()
+    manage("settle")
+    supervision = Supervision(device)
+    assert device.state.DropIOPorts(["zone"]) == ["zone"]
+    device.state.RefreshIOPorts()
+    assert list(device.ports()) == [0]
+    supervision.SetSupervised(0, True)
+    for state in ("cut", "closed"):
+        kind.show(state)
+        wait_until(
+            lambda state=state: supervision.GetSupervisedReadout(0)[0] == state, state, deadline=30
+        )
+    assert device.log_count("^WARNING") == 0

@@ -46,7 +46,7 @@ bool exists(const std::string& folder) {
 // The files of a fresh pin are root's. Where the daemon's user may take pins, the device manager
 // hands them over a moment later, "value" as the last; a busy machine may take seconds.
 void wait_for_access(const std::string& folder) {
-  constexpr gulong step_us = 5 * 1000;
+  constexpr gulong step_us = 5000;
   constexpr int steps = 1000;
   const std::string path = folder + "/value";
   for (int i = 0; i < steps && access(path.c_str(), W_OK) != 0 && errno == EACCES; i++) {
