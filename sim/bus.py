@@ -97,6 +97,7 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC
 </busconfig>
 """
 
+# How long to wait for anything, in seconds. Whoever knows the machine to be slow asks for more.
 DEADLINE = float(os.environ.get("WEXD_DEADLINE", "20"))
 
 
@@ -235,7 +236,7 @@ class Client:
 
 
 class Call:
-    """A method call under way."""
+    """A method call under way. The bus sets it no time limit; whoever waits for it does."""
 
     def __init__(self, connection, name, path, interface, method, signature, arguments):
         self.method = method
@@ -244,7 +245,7 @@ class Call:
         parameters = GLib.Variant(f"({signature})", arguments)
         connection.call(
             name, path, interface, method, parameters, None,
-            Gio.DBusCallFlags.NO_AUTO_START, -1, None, self._done,
+            Gio.DBusCallFlags.NO_AUTO_START, GLib.MAXINT, None, self._done,
         )  # fmt: skip
 
     def _done(self, connection, result):

@@ -14,7 +14,7 @@ RULES = pathlib.Path("/bench/60-wexd.rules")
 
 
 def manage(*arguments):
-    subprocess.run(["/usr/bin/udevadm", *arguments], check=True, timeout=50)
+    subprocess.run(["/usr/bin/udevadm", *arguments], check=True)
 
 
 @pytest.fixture
@@ -27,7 +27,7 @@ def rules(device):
     for other in others:
         (folder / other.name).symlink_to("/dev/null")
     # Returns once it listens.
-    subprocess.run(["/usr/lib/systemd/systemd-udevd", "--daemon"], check=True, timeout=50)
+    subprocess.run(["/usr/lib/systemd/systemd-udevd", "--daemon"], check=True)
     try:
         matches = (f"--subsystem-match={name}" for name in ("gpio", "iio", "spidev"))
         manage("trigger", "--action=add", *matches)
@@ -89,6 +89,6 @@ def test_the_daemons_user_takes_dropped_converters_again(device, rules, kind):
     for state in ("cut", "closed"):
         kind.show(state)
         wait_until(
-            lambda state=state: supervision.GetSupervisedReadout(0)[0] == state, state, deadline=30
+            lambda state=state: supervision.GetSupervisedReadout(0)[0] == state, state
         )
     assert device.log_count("^WARNING") == 0
