@@ -47,16 +47,6 @@ std::string object_path(gint port_number) {
   return std::string(legacy_base_path) + '/' + std::to_string(port_number);
 }
 
-// The interfaces have no methods, so none reach this in practice.
-void iocontrol_conf_legacy_dbus_handle_method_call(
-    GDBusConnection* connection, const gchar* /*sender*/, const gchar* /*path*/,
-    const gchar* /*interface_name*/, const gchar* /*method*/, GVariant* /*parameters*/,
-    GDBusMethodInvocation* invocation, gpointer user_data) {
-  g_return_if_fail(connection != nullptr);
-  g_return_if_fail(invocation != nullptr);
-  g_return_if_fail(user_data != nullptr);
-}
-
 GVariant* iocontrol_conf_legacy_dbus_get_property(GDBusConnection* /*connection*/,
                                                   const gchar* /*sender*/, const gchar* path,
                                                   const gchar* interface_name,
@@ -73,10 +63,40 @@ gboolean iocontrol_conf_legacy_dbus_set_property(GDBusConnection* /*connection*/
   return legacy_property_set(path, interface_name, property, value, error);
 }
 
+// The interfaces have no methods of their own; what reaches this are the writes of properties.
+void iocontrol_conf_legacy_dbus_handle_method_call(GDBusConnection* connection, const gchar* sender,
+                                                   const gchar* path,
+                                                   const gchar* /*interface_name*/,
+                                                   const gchar* method, GVariant* parameters,
+                                                   GDBusMethodInvocation* invocation,
+                                                   gpointer user_data) {
+  g_return_if_fail(connection != nullptr);
+  g_return_if_fail(invocation != nullptr);
+  g_return_if_fail(user_data != nullptr);
+  if (g_dbus_method_invocation_get_property_info(invocation) == nullptr
+      || !g_str_equal(method, "Set")) {
+    return;
+  }
+  const gchar* interface_name = nullptr;
+  const gchar* property = nullptr;
+  g_autoptr(GVariant) value = nullptr;
+  g_variant_get(parameters, "(&s&sv)", &interface_name, &property, &value);
+  GError* error = nullptr;
+  if (iocontrol_conf_legacy_dbus_set_property(connection, sender, path, interface_name, property,
+                                              value, &error, user_data)) {
+    g_dbus_method_invocation_return_value(invocation, nullptr);
+  } else {
+    g_dbus_method_invocation_take_error(invocation, error);
+  }
+}
+
+// Without an operation for writes GLib checks a write and then hands it over as a method call. That
+// is how it should be: its own way does not look whether the object was unregistered while the
+// write was waiting its turn, and then calls into memory that was freed.
 const GDBusInterfaceVTable vtable{
     .method_call = iocontrol_conf_legacy_dbus_handle_method_call,
     .get_property = iocontrol_conf_legacy_dbus_get_property,
-    .set_property = iocontrol_conf_legacy_dbus_set_property,
+    .set_property = nullptr,
     .padding = {},
 };
 

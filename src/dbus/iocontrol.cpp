@@ -310,10 +310,10 @@ gboolean on_handle_start_action_sequence(IOControlState* object, GDBusMethodInvo
     return TRUE;
   }
   auto steps = action_steps(port.get(), is_virtual, seq);
-  if (steps.empty()) {
-    answer_error(invocation, IO_CONTROL_ERROR_GENERIC, "The action sequence has no steps.");
-  } else if (io_port_lock_taken(port.get())) {
+  if (io_port_lock_taken(port.get())) {
     answer_error(invocation, IO_CONTROL_ERROR_BUSY, "The port is busy.");
+  } else if (steps.empty()) {
+    answer_error(invocation, IO_CONTROL_ERROR_GENERIC, "The action sequence has no steps.");
   } else if (!io_port_run_action_sequence(port.get(), std::move(steps))) {
     answer_error(invocation, IO_CONTROL_ERROR_NOT_OUTPUT, "Port not output.");
   } else {

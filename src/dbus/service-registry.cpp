@@ -18,32 +18,43 @@ constexpr const char* registry_file = "/etc/service_registry/services.d/wexd_ser
 constexpr const char* mapping_file = "/etc/legacyconfig/legacymappings.d/wexd.xml";
 constexpr const char* temporary_file = "/etc/wexd.d/legacy.tmp";
 
-// The reader of the target must never meet half a file.
-void write_through_temporary(const std::string& text, const char* target,
-                             const char* write_failed) {
+// What went wrong is a warning, one for each file; the reason stands beside it as information.
+constexpr const char* hint = "(the folder must be writable by the daemon's user)";
+
+bool write_temporary(const std::string& text) {
   g_autoptr(GError) error = nullptr;
   if (!g_file_set_contents(temporary_file, text.c_str(), static_cast<gssize>(text.size()),
                            &error)) {
-    g_warning("%s%s", log_prefix, write_failed);
-    g_warning("%s%s (its folder must be writable by the daemon's user)", log_prefix,
-              error->message);
-    return;
+    g_info("%s%s %s", log_prefix, error->message, hint);
+    return false;
   }
   if (const UniqueFd fd(open(temporary_file, O_RDONLY | O_CLOEXEC)); fd) {
     fsync(fd.get());
   }
+  return true;
+}
+
+// The reader of the target must never meet half a file.
+void move_temporary(const char* target) {
   if (rename(temporary_file, target) != 0) {
     const int saved_errno = errno;
     g_warning("%sCouldn't move service registry file correctly", log_prefix);
-    g_warning("%sCould not rename %s to %s: %s (the folder must be writable by the daemon's user)",
-              log_prefix, temporary_file, target, g_strerror(saved_errno));
+    g_info("%sCould not rename %s to %s: %s %s", log_prefix, temporary_file, target,
+           g_strerror(saved_errno), hint);
   }
 }
 
 } // namespace
 
 void generate_service_registry() {
-  write_through_temporary(legacy_registry_text(), registry_file,
-                          "Couldn't write to service registry");
-  write_through_temporary(legacy_mapping_text(), mapping_file, "Couldn't write to legacy mappings");
+  if (write_temporary(legacy_registry_text())) {
+    move_temporary(registry_file);
+  } else {
+    g_warning("%sCouldn't write to service registry", log_prefix);
+  }
+  if (write_temporary(legacy_mapping_text())) {
+    move_temporary(mapping_file);
+  } else {
+    g_warning("%sCouldn't write to legacy mappings", log_prefix);
+  }
 }

@@ -208,6 +208,8 @@ def test_a_folder_that_refuses_is_named_and_keeps_its_file(device, closed, messa
     device.wait_for_log(f"WARNING: {message}")
     device.wait_for_log(closed)
     device.wait_for_log("must be writable by the daemon's user")
+    expected = 2 if closed == "/etc/wexd.d" else 1
+    assert device.log_count("^WARNING: ") == expected, "one warning for each file"
     after = device.read(REGISTRY), device.read(MAPPING)
     assert (after[0] == before[0]) == (closed != "/etc/legacyconfig/legacymappings.d")
     assert (after[1] == before[1]) == (closed != "/etc/service_registry/services.d")

@@ -4,7 +4,7 @@ import subprocess
 
 import pytest
 from describe import element, port
-from legacy import BASE, INPUT, IOPORT, NAME, OUTPUT, Legacy, path
+from legacy import BASE, INPUT, IOPORT, NAME, OUTPUT, PROPERTIES, Legacy, bytestring, path
 from sim.bus import BusError, wait_until
 
 PORTS = (
@@ -110,6 +110,29 @@ def test_a_dropped_port_takes_its_object_along_and_a_refresh_brings_it_back(devi
         assert sorted(children(device)) == ["0", "1", "2", "3"]
     assert device.log_count("config-event declare") == 7
     assert device.log_count("config-event undeclare") == 6
+
+
+def test_writes_that_wait_while_the_objects_are_rebuilt_are_all_answered(device):
+    start(device)
+    answers = set()
+    for number in range(20):
+        change = ("RefreshIOPorts",) if number % 2 else ("DropIOPorts", ["extra"])
+        rebuild = device.state.begin(*change)
+        writes = [
+            device.first_client.begin(
+                NAME, path(1), PROPERTIES, "Set", "ssv", IOPORT, "Usage", bytestring("door")
+            )
+            for _ in range(20)
+        ]
+        rebuild.wait()
+        for write in writes:
+            try:
+                answers.add(write.wait())
+            except BusError as error:
+                answers.add(error.name.rpartition(".")[2])
+    # Whoever comes too early for the new object is told so.
+    assert answers <= {None, "UnknownMethod", "ServiceUnknown", "NameHasNoOwner"}
+    assert device.running
 
 
 def test_nothing_is_rebuilt_when_nothing_was_dropped(device):

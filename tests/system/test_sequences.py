@@ -167,6 +167,11 @@ def test_the_busy_test_comes_before_the_kind_of_port(running):
     assert refusal(running, 0, [(True, 0)]) == ("Busy", "The port is busy.")
 
 
+def test_the_busy_test_comes_before_the_number_of_steps(running):
+    start(running, 1, [(True, LONG)])
+    assert refusal(running, 1, []) == ("Busy", "The port is busy.")
+
+
 def test_of_many_simultaneous_starts_one_wins(running):
     clients = [running.client() for _ in range(4)]
     calls = [
