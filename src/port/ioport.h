@@ -132,8 +132,6 @@ struct IoPort {
   std::condition_variable sequence_wake;
   /// Guards `cancel_sequence` and `sequence_running`.
   std::mutex sequence_lock;
-  /// Held while the converter is read out, which a sequence's events may ask for as well. A leaf.
-  std::mutex readout_lock;
   std::condition_variable sequence_done;
   std::atomic<bool> cancel_sequence{false};
   std::atomic<bool> sequence_running{false};
@@ -159,6 +157,8 @@ struct IoPort {
   /// The thread that holds `lock` for a configuration change; backends may then change the
   /// configuration further from inside an operation.
   std::atomic<std::thread::id> config_owner{};
+  /// Held while the converter is read out, which a sequence's events may ask for as well. A leaf.
+  std::mutex readout_lock;
 };
 
 /// Owns one reference of a port.
