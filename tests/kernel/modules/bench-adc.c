@@ -144,7 +144,7 @@ DEFINE_DEBUGFS_ATTRIBUTE(value_ops, value_get, value_set, "%llu\n");
 /* Attributes */
 
 static int bench_read_raw(struct iio_dev *indio,
-			  const struct iio_chan_spec *spec, int *val, int *val2,
+			  const struct iio_chan_spec *chan, int *val, int *val2,
 			  long mask)
 {
 	struct bench_adc *adc = iio_priv(indio);
@@ -153,7 +153,7 @@ static int bench_read_raw(struct iio_dev *indio,
 	case IIO_CHAN_INFO_RAW:
 		if (adc->raw_error)
 			return -(int)adc->raw_error;
-		*val = adc->channels[spec->channel].value;
+		*val = adc->channels[chan->channel].value;
 		return IIO_VAL_INT;
 	case IIO_CHAN_INFO_SAMP_FREQ:
 		*val = adc->frequency;
@@ -168,7 +168,7 @@ static int bench_read_raw(struct iio_dev *indio,
 }
 
 static int bench_write_raw(struct iio_dev *indio,
-			   const struct iio_chan_spec *spec, int val, int val2,
+			   const struct iio_chan_spec *chan, int val, int val2,
 			   long mask)
 {
 	struct bench_adc *adc = iio_priv(indio);
@@ -199,17 +199,17 @@ static bool *enable_flag(struct adc_channel *c, enum iio_event_direction dir)
 }
 
 static int bench_read_event_config(struct iio_dev *indio,
-				   const struct iio_chan_spec *spec,
+				   const struct iio_chan_spec *chan,
 				   enum iio_event_type type,
 				   enum iio_event_direction dir)
 {
 	struct bench_adc *adc = iio_priv(indio);
 
-	return *enable_flag(&adc->channels[spec->channel], dir);
+	return *enable_flag(&adc->channels[chan->channel], dir);
 }
 
 static int bench_write_event_config(struct iio_dev *indio,
-				    const struct iio_chan_spec *spec,
+				    const struct iio_chan_spec *chan,
 				    enum iio_event_type type,
 				    enum iio_event_direction dir, int state)
 {
@@ -218,16 +218,16 @@ static int bench_write_event_config(struct iio_dev *indio,
 	if (adc->event_error)
 		return -(int)adc->event_error;
 	mutex_lock(&adc->lock);
-	*enable_flag(&adc->channels[spec->channel], dir) = state;
+	*enable_flag(&adc->channels[chan->channel], dir) = state;
 	mutex_unlock(&adc->lock);
 	return 0;
 }
 
 static int *event_number(struct bench_adc *adc,
-			 const struct iio_chan_spec *spec,
+			 const struct iio_chan_spec *chan,
 			 enum iio_event_direction dir, enum iio_event_info info)
 {
-	struct adc_channel *c = &adc->channels[spec->channel];
+	struct adc_channel *c = &adc->channels[chan->channel];
 
 	if (info == IIO_EV_INFO_PERIOD)
 		return &adc->period;
@@ -235,17 +235,17 @@ static int *event_number(struct bench_adc *adc,
 }
 
 static int bench_read_event_value(struct iio_dev *indio,
-				  const struct iio_chan_spec *spec,
+				  const struct iio_chan_spec *chan,
 				  enum iio_event_type type,
 				  enum iio_event_direction dir,
 				  enum iio_event_info info, int *val, int *val2)
 {
-	*val = *event_number(iio_priv(indio), spec, dir, info);
+	*val = *event_number(iio_priv(indio), chan, dir, info);
 	return IIO_VAL_INT;
 }
 
 static int bench_write_event_value(struct iio_dev *indio,
-				   const struct iio_chan_spec *spec,
+				   const struct iio_chan_spec *chan,
 				   enum iio_event_type type,
 				   enum iio_event_direction dir,
 				   enum iio_event_info info, int val, int val2)
@@ -255,7 +255,7 @@ static int bench_write_event_value(struct iio_dev *indio,
 	if (adc->event_error)
 		return -(int)adc->event_error;
 	mutex_lock(&adc->lock);
-	*event_number(adc, spec, dir, info) = val;
+	*event_number(adc, chan, dir, info) = val;
 	mutex_unlock(&adc->lock);
 	return 0;
 }
@@ -329,37 +329,37 @@ static const struct iio_buffer_setup_ops buffer_ops = {
 static void fill_channel(struct bench_adc *adc, unsigned int i)
 {
 	const struct adc_plan *plan = adc->plan;
-	struct iio_chan_spec *spec = &adc->specs[i];
+	struct iio_chan_spec *chan = &adc->specs[i];
 
-	spec->type = IIO_VOLTAGE;
-	spec->indexed = !plan->single;
-	spec->channel = i;
-	spec->scan_index = i;
-	spec->scan_type.sign = 'u';
-	spec->scan_type.realbits = plan->layout.realbits;
-	spec->scan_type.storagebits = plan->layout.storagebits;
-	spec->scan_type.shift = plan->layout.shift;
-	spec->scan_type.endianness = plan->layout.endianness;
-	spec->info_mask_separate = BIT(IIO_CHAN_INFO_RAW);
+	chan->type = IIO_VOLTAGE;
+	chan->indexed = !plan->single;
+	chan->channel = i;
+	chan->scan_index = i;
+	chan->scan_type.sign = 'u';
+	chan->scan_type.realbits = plan->layout.realbits;
+	chan->scan_type.storagebits = plan->layout.storagebits;
+	chan->scan_type.shift = plan->layout.shift;
+	chan->scan_type.endianness = plan->layout.endianness;
+	chan->info_mask_separate = BIT(IIO_CHAN_INFO_RAW);
 	if (plan->extended && i == CHANNELS - 1)
-		spec->extend_name = "loop";
+		chan->extend_name = "loop";
 	if (plan->events == EVENTS_SEPARATE) {
-		spec->info_mask_shared_by_type = BIT(IIO_CHAN_INFO_SAMP_FREQ);
-		spec->event_spec = separate_events;
-		spec->num_event_specs = ARRAY_SIZE(separate_events);
+		chan->info_mask_shared_by_type = BIT(IIO_CHAN_INFO_SAMP_FREQ);
+		chan->event_spec = separate_events;
+		chan->num_event_specs = ARRAY_SIZE(separate_events);
 	} else if (plan->events == EVENTS_EITHER) {
-		spec->info_mask_shared_by_all = BIT(IIO_CHAN_INFO_SAMP_FREQ);
-		spec->event_spec = either_events;
-		spec->num_event_specs = ARRAY_SIZE(either_events);
+		chan->info_mask_shared_by_all = BIT(IIO_CHAN_INFO_SAMP_FREQ);
+		chan->event_spec = either_events;
+		chan->num_event_specs = ARRAY_SIZE(either_events);
 	}
 }
 
 /* A proximity channel is there only for its integration time. */
-static void fill_proximity(struct iio_chan_spec *spec)
+static void fill_proximity(struct iio_chan_spec *chan)
 {
-	spec->type = IIO_PROXIMITY;
-	spec->scan_index = -1;
-	spec->info_mask_shared_by_type = BIT(IIO_CHAN_INFO_INT_TIME);
+	chan->type = IIO_PROXIMITY;
+	chan->scan_index = -1;
+	chan->info_mask_shared_by_type = BIT(IIO_CHAN_INFO_INT_TIME);
 }
 
 static void add_debug_files(struct bench_adc *adc, unsigned int channels)
