@@ -1,10 +1,10 @@
 #include "backends/iio-event-device.h"
 
+#include "backends/readable-watch.h"
 #include "platform/handles.h"
 #include "platform/log.h"
 
 #include <fcntl.h>
-#include <glib-unix.h>
 #include <linux/iio/events.h>
 #include <sys/ioctl.h>
 
@@ -26,7 +26,7 @@ struct IntDevice {
   std::vector<IoPort*> watchers;
   IioEventHandler handler = nullptr;
   // Last, so that it goes before the descriptor that it polls.
-  SourceId watch;
+  ReadableWatch watch;
 };
 
 /// Guards the list of devices and the records in it.
@@ -91,41 +91,26 @@ struct PendingEvent {
   IoPort* port = nullptr;
   IioEventHandler handler = nullptr;
   gint channel = -1;
-  bool gone = false;
 };
 
-PendingEvent take_event(const std::string& path, GIOCondition condition) {
+PendingEvent take_event(const std::string& path) {
   const std::lock_guard guard(devices_mutex);
   IntDevice* const device = find_device(path);
   if (device == nullptr) {
     g_warning("%sCouldn't find interrupt device after triggered interrupt", log_prefix);
-    return {.gone = true};
+    return {};
   }
-  PendingEvent event{.handler = device->handler,
-                     .channel = read_event_channel(device->event_fd.get()),
-                     .gone = (condition & G_IO_IN) == 0};
-  if (event.gone) {
-    // A device that only reports trouble is gone; polling it would never rest.
-    device->watch.forget();
-  }
-  event.port = device->watchers.empty() ? nullptr : device->watchers.front();
-  return event;
+  return {.port = device->watchers.empty() ? nullptr : device->watchers.front(),
+          .handler = device->handler,
+          .channel = read_event_channel(device->event_fd.get())};
 }
 
-gboolean on_event(gint /*fd*/, GIOCondition condition, gpointer user_data) {
-  const PendingEvent event = take_event(*static_cast<std::string*>(user_data), condition);
+// The path is the record's own, which outlives its watch.
+void on_event(gpointer user_data) {
+  const PendingEvent event = take_event(*static_cast<const std::string*>(user_data));
   if (event.port != nullptr && event.channel >= 0) {
     event.handler(event.port, event.channel);
   }
-  return event.gone ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
-}
-
-void start_watch(IntDevice* device) {
-  constexpr auto condition = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP | G_IO_NVAL);
-  device->watch.reset(
-      g_unix_fd_add_full(G_PRIORITY_DEFAULT, device->event_fd.get(), condition, on_event,
-                         new std::string(device->path),
-                         [](gpointer path) { delete static_cast<std::string*>(path); }));
 }
 
 } // namespace
@@ -160,9 +145,7 @@ void iio_event_device_watch(IoPort* port, const std::string& path, IioEventHandl
   }
   insert_once(device->watchers, port);
   device->handler = handler;
-  if (!device->watch) {
-    start_watch(device);
-  }
+  device->watch.start(device->event_fd.get(), device->path.c_str(), on_event, &device->path);
 }
 
 bool iio_event_device_unwatch(IoPort* port, const std::string& path) {
@@ -172,7 +155,7 @@ bool iio_event_device_unwatch(IoPort* port, const std::string& path) {
     return false;
   }
   if (device->watchers.empty()) {
-    device->watch.reset();
+    device->watch.stop();
   }
   return true;
 }

@@ -62,14 +62,18 @@ bool open_event_file(const Channel& channel, const char* attribute, UniqueFd& fd
   return true;
 }
 
+// The kernel takes each write as the whole value. A plain file or a pipe in the place of the
+// attribute shows the same: no tail of a longer number, and no complaint about where to write.
 void write_number(const UniqueFd& fd, gint number) {
   if (!fd) {
     return;
   }
   const std::string text = std::to_string(number);
-  if (pwrite(fd.get(), text.data(), text.size(), 0) < 0) {
+  lseek(fd.get(), 0, SEEK_SET);
+  if (write(fd.get(), text.data(), text.size()) < 0) {
     g_warning("%sFailed to write sysfs: %s", log_prefix, g_strerror(errno));
   }
+  [[maybe_unused]] const int cut = ftruncate(fd.get(), static_cast<off_t>(text.size()));
 }
 
 void enable_events(const Channel& channel, bool enable) {

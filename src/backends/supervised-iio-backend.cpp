@@ -3,12 +3,12 @@
 #include "backends/backend-data.h"
 #include "backends/description-keys.h"
 #include "backends/iio-utils.h"
+#include "backends/readable-watch.h"
 #include "backends/supervised-pins.h"
 #include "platform/handles.h"
 #include "platform/log.h"
 
 #include <fcntl.h>
-#include <glib-unix.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -34,7 +34,7 @@ struct IioPortData {
   gint channel = 0;
   guint last_reported = SUPERVISED_OPEN;
   // Last, so that it goes before the descriptor that it polls.
-  SourceId sample_watch;
+  ReadableWatch sample_watch;
 
   [[nodiscard]] gsize storage_bytes() const { return iio_type.size / 8; }
 
@@ -198,7 +198,7 @@ bool read_sample(IioPortData* data, GError** error) {
   return true;
 }
 
-gboolean on_sample(gint /*fd*/, GIOCondition condition, gpointer user_data) {
+void on_sample(gpointer user_data) {
   auto* port = static_cast<IoPort*>(user_data);
   auto* data = backend_data<IioPortData>(port);
   guint state = SUPERVISED_UNDEFINED;
@@ -207,16 +207,10 @@ gboolean on_sample(gint /*fd*/, GIOCondition condition, gpointer user_data) {
   if (!read_sample(data, &error) || !classify_cached(port, &state, &level, &error)) {
     g_warning("%sReadout failed: %s", log_prefix, error->message);
   }
-  // A device that only reports trouble is gone; polling it would never rest.
-  const bool gone = (condition & G_IO_IN) == 0;
-  if (gone) {
-    data->sample_watch.forget();
-  }
   if (state != data->last_reported) {
     io_port_trigger(port, state);
     data->last_reported = state;
   }
-  return gone ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
 void start_sample_watch(IoPort* port, IioPortData* data) {
@@ -224,8 +218,7 @@ void start_sample_watch(IoPort* port, IioPortData* data) {
     return;
   }
   data->last_reported = SUPERVISED_UNDEFINED;
-  constexpr auto condition = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP | G_IO_NVAL);
-  data->sample_watch.reset(g_unix_fd_add(data->fd.get(), condition, on_sample, port));
+  data->sample_watch.start(data->fd.get(), text_or_empty(data->device), on_sample, port);
 }
 
 void apply_watches(IoPort* port) {
@@ -235,7 +228,7 @@ void apply_watches(IoPort* port) {
     data->pins.logic_watch.stop();
     start_sample_watch(port, data);
   } else {
-    data->sample_watch.reset();
+    data->sample_watch.stop();
     data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins));
   }
 }
@@ -275,7 +268,7 @@ guint iio_get_state(IoPort* port) {
 
 void iio_set_direction(IoPort* port, gboolean input) {
   auto* data = backend_data_ensure<IioPortData>(port);
-  data->sample_watch.reset();
+  data->sample_watch.stop();
   supervised_turn_pins(port, data->pins, input, pin_setup);
 }
 

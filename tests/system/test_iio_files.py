@@ -164,13 +164,16 @@ class Samples:
     """A pipe as the device node: what is written to it is what the converter sends."""
 
     def __init__(self, device):
-        path = device.path(NODE)
-        path.parent.mkdir(exist_ok=True)
-        os.mkfifo(path)
-        path.chmod(0o666)
-        # Open on both sides, so that neither end waits for the other.
-        self._pipe = os.open(path, os.O_RDWR)
+        self._path = device.path(NODE)
+        self._path.parent.mkdir(exist_ok=True)
+        os.mkfifo(self._path)
+        self._path.chmod(0o666)
+        self.open()
         device.on_exit(self.close)
+
+    def open(self):
+        # Open on both sides, so that neither end waits for the other.
+        self._pipe = os.open(self._path, os.O_RDWR)
 
     def send(self, *sample):
         os.write(self._pipe, bytes(sample))
@@ -294,15 +297,22 @@ def test_supervision_on_and_off_reads_the_converter_or_the_pin(device):
     assert descriptors(device) == before
 
 
-def test_a_converter_that_hangs_up_is_told_once_and_costs_nothing_more(device):
+def test_a_converter_that_hangs_up_is_told_once_and_read_again_when_it_is_back(device):
     samples, changes = sampling(device, "le:u8/8>>0")
     samples.send(120)
     changes.wait_for(PortChanged, port=0, state=True)
-    samples.close()
-    device.wait_for_log("^WARNING: Readout failed: ")
-    for _ in range(5):
-        device.state.GetState(0)
-    assert device.log_count("^WARNING: read Error: ") == 1
+    for times, (level, state) in enumerate(((50, False), (120, True)), 1):
+        samples.close()
+        told = "^WARNING: adc hung up, looking at it again every 100 ms$"
+        device.wait_for_log(told, count=times)
+        # Nothing was read, so nothing has changed.
+        assert device.state.GetState(0) is not state
+        changes.assert_none(PortChanged)
+        samples.open()
+        samples.send(level)
+        changes.wait_for(PortChanged, port=0, state=state)
+    assert device.log_count(" hung up, ") == 2
+    assert device.log_count("read Error") == 0
 
 
 @pytest.mark.parametrize(

@@ -140,14 +140,34 @@ TEST_F(AnEventDevice, serves_nobody_with_an_event_cut_short) {
   EXPECT_THAT(take_served(), ElementsAre(Pair(first.get(), 3)));
 }
 
-TEST_F(AnEventDevice, is_not_polled_any_more_once_it_hangs_up) {
+TEST_F(AnEventDevice, rests_when_it_hangs_up_and_is_served_again) {
+  join(first);
+  watch(first);
+  for (const gint channel : {5, 6}) {
+    close(std::exchange(pipe[1], -1));
+    // It rests: nothing is ready, however often one looks.
+    run_pending();
+    EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, path + " hung up, looking at it again every 100 ms"));
+    EXPECT_THAT(take_served(), IsEmpty());
+
+    const std::string end = "/proc/self/fd/" + std::to_string(pipe[0]);
+    pipe[1] = open(end.c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_NE(pipe[1], -1);
+    send(static_cast<guint64>(channel));
+    EXPECT_TRUE(run_until([] { return !served.empty(); }));
+    EXPECT_THAT(take_served(), ElementsAre(Pair(first.get(), channel)));
+  }
+}
+
+TEST_F(AnEventDevice, is_left_while_it_rests) {
   join(first);
   watch(first);
   close(std::exchange(pipe[1], -1));
   run_pending();
-  EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "read Error: event cut short"));
-  run_pending();
-  EXPECT_THAT(claim_lines("read Error"), IsEmpty());
+  EXPECT_TRUE(logged_part(G_LOG_LEVEL_WARNING, " hung up, "));
+  leave(first.get());
+  EXPECT_FALSE(g_main_context_pending(nullptr));
+  EXPECT_TRUE(event_fd_closed());
 }
 
 TEST_F(AnEventDevice, cannot_be_joined_without_its_node) {
