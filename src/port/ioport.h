@@ -49,6 +49,10 @@ enum PortMode : guint { PORT_MODE_MONOSTABLE = 1, PORT_MODE_BISTABLE = 2 };
 inline constexpr std::array<const char*, 3> button_type_string{"none", "pulse", "actinact"};
 inline constexpr std::array<const char*, 3> port_mode_string{"", "monostable", "bistable"};
 
+/// Bytes of the longest name or usage that a port takes, without the final zero. All texts of all
+/// ports together must fit into one message of the bus.
+inline constexpr gsize io_port_text_limit = 65'536;
+
 /// A backend's operations. Each backend keeps one static table; empty slots hold nullptr.
 struct PortFunctions {
   /// Takes the hardware into use; an output starts at the level that `activelow_output` asks for.
