@@ -9,6 +9,7 @@
 #include "param/sedrin-import.h"
 #include "peers/action-engine.h"
 #include "peers/virtual-input.h"
+#include "platform/file-sync.h"
 #include "platform/handles.h"
 #include "platform/log.h"
 #include "port/ioport-list.h"
@@ -143,6 +144,7 @@ int main(int argc, char* argv[]) {
   main_loop.reset(g_main_loop_new(nullptr, FALSE));
   install_signal_sources();
 
+  file_remove_leftovers(param_file);
   read_hardware_description();
   migrate_old_params();
   if (!read_user_params()) {

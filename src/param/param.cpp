@@ -6,10 +6,13 @@
 #include "platform/checks.h"
 #include "platform/file-sync.h"
 #include "platform/log.h"
+#include "platform/regular-file.h"
 #include "port/ioport-list.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -31,16 +34,43 @@ struct KeyFileFree {
 std::mutex key_mutex;
 std::unique_ptr<GKeyFile, KeyFileFree> key_file;
 
+// The folder belongs to the daemon's user, and the start reads the file as root: links in it lead
+// nowhere.
+bool load_key_file(const char* path, GError** error) {
+  std::string text;
+  if (!regular_file_get_contents(path, Links::Refused, &text, error)) {
+    return false;
+  }
+  // Rewriting in place fills the file up with line ends before it cuts them off.
+  while (text.ends_with("\n\n")) {
+    text.pop_back();
+  }
+  return g_key_file_load_from_data(key_file.get(), text.data(), text.size(),
+                                   G_KEY_FILE_KEEP_COMMENTS, error);
+}
+
+// What has a second name, or is only a link, may be somebody else's.
+UniqueFd open_to_hand_over(const char* path, GError** error) {
+  struct stat status {};
+  UniqueFd fd = regular_file_open(AT_FDCWD, path, Links::Refused, &status, error);
+  if (fd && status.st_nlink != 1) {
+    g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_INVAL, "it has more than one name");
+    return {};
+  }
+  return fd;
+}
+
 } // namespace
 
 bool param_read_configuration(const char* path) {
   const std::lock_guard guard(key_mutex);
   key_file.reset(g_key_file_new());
-  if (access(path, F_OK) != 0) {
+  struct stat status {};
+  if (lstat(path, &status) != 0) {
     return true;
   }
   g_autoptr(GError) error = nullptr;
-  if (!g_key_file_load_from_file(key_file.get(), path, G_KEY_FILE_KEEP_COMMENTS, &error)) {
+  if (!load_key_file(path, &error)) {
     fprintf(stderr, "Could not read key file: %s\n", error->message);
     key_file.reset();
     return false;
@@ -113,7 +143,14 @@ void param_set_owner_group(const char* file) {
   if (group == nullptr) {
     g_warning("%sFailed to get gid", log_prefix);
   }
-  if (chown(file, uid, group != nullptr ? group->gr_gid : unchanged) != 0) {
+  const gid_t gid = group != nullptr ? group->gr_gid : unchanged;
+  g_autoptr(GError) error = nullptr;
+  const UniqueFd fd = open_to_hand_over(file, &error);
+  if (!fd) {
+    g_warning("%sNot handing over '%s': %s", log_prefix, file, error->message);
+    return;
+  }
+  if (fchown(fd.get(), uid, gid) != 0) {
     const int saved_errno = errno;
     std::array<char, 128> buffer{};
     g_warning("%schown failed on file '%s': (%d) %s", log_prefix, file, saved_errno,

@@ -9,7 +9,7 @@ struct IoPort;
 inline constexpr const char* param_file = "/etc/wexd/wexd.conf";
 
 /// Loads `path` into the module's key file; a missing file is an empty one. False when the file
-/// cannot be read or parsed; nothing is loaded then.
+/// cannot be read or parsed, or is no regular file (a link is none); nothing is loaded then.
 bool param_read_configuration(const char* path);
 /// Writes the loaded key file to `path` and syncs it; false when that fails.
 bool param_store_key_file(const char* path);
@@ -24,5 +24,5 @@ bool param_set_conf_vals(IoPort* port);
 void param_save_for_port(IoPort* port, const char* file);
 /// Saves every I/O port of the list, one by one.
 void param_save_all(const char* file);
-/// Hands the file to the user and group `wxd`.
+/// Hands the file to the user and group `wxd`, unless it is a link or has a second name.
 void param_set_owner_group(const char* file);

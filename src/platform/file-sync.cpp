@@ -1,21 +1,51 @@
-// The ordinary way is GLib's durable replace. The in-place way reserves the space first, so that
-// the usual reason for a failed write (a full disk) is met before the old content is touched.
+// All is done relative to the folder that was opened first, and to files that are open: names may
+// change hands at any time in a folder that a less privileged user writes.
 #include "platform/file-sync.h"
 
 #include "platform/handles.h"
+#include "platform/regular-file.h"
 
+#include <dirent.h>
 #include <fcntl.h>
-#include <glib.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <memory>
 #include <string>
 
 namespace {
 
-constexpr int default_mode = 0644;
+constexpr mode_t default_mode = 0644;
+/// Of a file that is not yet whole, or not yet its owner's.
+constexpr mode_t private_mode = 0600;
+constexpr mode_t kept_mode_bits = 0777;
+
+struct CloseDir {
+  void operator()(DIR* dir) const { closedir(dir); }
+};
+
+// One file to write, and where it lies.
+struct Target {
+  explicit Target(const char* whole_path);
+
+  const char* path;
+  std::string name;
+  std::string temporary;
+  UniqueFd folder;
+  struct stat before {};
+  bool existed = false;
+};
+
+Target::Target(const char* whole_path) : path(whole_path) {
+  g_autofree gchar* folder_path = g_path_get_dirname(path);
+  g_autofree gchar* base = g_path_get_basename(path);
+  name = base;
+  temporary = "." + name + ".new";
+  // Reading the folder may be forbidden where writing the file is not.
+  folder.reset(open(folder_path, O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
 
 bool fail(GError** error, const char* what, const char* path) {
   const int saved_errno = errno;
@@ -24,9 +54,24 @@ bool fail(GError** error, const char* what, const char* path) {
   return false;
 }
 
+enum class Replaced {
+  Yes,
+  /// The disk is not to blame: the file itself may still take the text.
+  FolderRefused,
+  No,
+};
+
+Replaced refused(GError** error, const char* what, const Target& target) {
+  static constexpr std::array of_the_folder{EACCES, EPERM, EROFS, EBUSY};
+  const bool by_folder = std::ranges::find(of_the_folder, errno) != of_the_folder.end();
+  fail(error, what, target.path);
+  return by_folder ? Replaced::FolderRefused : Replaced::No;
+}
+
 bool write_all(int fd, std::string_view text) {
+  off_t place = 0;
   while (!text.empty()) {
-    const ssize_t written = write(fd, text.data(), text.size());
+    const ssize_t written = pwrite(fd, text.data(), text.size(), place);
     if (written < 0 && errno == EINTR) {
       continue;
     }
@@ -34,89 +79,196 @@ bool write_all(int fd, std::string_view text) {
       return false;
     }
     text.remove_prefix(static_cast<gsize>(written));
+    place += written;
   }
   return true;
 }
 
-bool overwrite(int fd, std::string_view text) {
-  return lseek(fd, 0, SEEK_SET) == 0 && write_all(fd, text)
-         && ftruncate(fd, static_cast<off_t>(text.size())) == 0 && fsync(fd) == 0;
+// The new file belongs to whoever runs us. Only root can give it back; once the daemon is an
+// ordinary user, a file that it replaces is its own. A settings file is never a program, whatever
+// its mode said.
+void take_after(int fd, const Target& target) {
+  const struct stat& before = target.before;
+  const bool foreign = before.st_uid != geteuid() || before.st_gid != getegid();
+  if (foreign && geteuid() == 0 && fchown(fd, before.st_uid, before.st_gid) != 0) {
+    g_warning("Could not restore the owner of '%s': %s", target.path, g_strerror(errno));
+  }
+  if (fchmod(fd, before.st_mode & kept_mode_bits) != 0) {
+    g_warning("Could not restore the mode of '%s': %s", target.path, g_strerror(errno));
+  }
 }
 
-bool replace_in_place(const char* path, std::string_view text, GError** error) {
-  const UniqueFd fd(open(path, O_RDWR | O_CLOEXEC));
-  if (!fd) {
-    return fail(error, "open", path);
+bool fill(int fd, std::string_view text, const Target& target) {
+  if (!write_all(fd, text)) {
+    return false;
   }
+  if (target.existed) {
+    take_after(fd, target);
+  }
+  return fsync(fd) == 0;
+}
 
-  struct stat before {};
-  if (fstat(fd.get(), &before) != 0) {
+// Some file systems cannot sync a folder, and some folders may be written but not opened.
+bool sync_folder(const Target& target) {
+  const UniqueFd fd(openat(target.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return !fd || fsync(fd.get()) == 0 || errno == EINVAL;
+}
+
+bool remove_temporary(const Target& target) {
+  return unlinkat(target.folder.get(), target.temporary.c_str(), 0) == 0 || errno == ENOENT;
+}
+
+Replaced replace(const Target& target, std::string_view text, GError** error) {
+  if (!remove_temporary(target)) {
+    return refused(error, "clear the way for", target);
+  }
+  const UniqueFd fd(openat(target.folder.get(), target.temporary.c_str(),
+                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                           target.existed ? private_mode : default_mode));
+  if (!fd) {
+    return refused(error, "make a file beside", target);
+  }
+  if (!fill(fd.get(), text, target)) {
+    fail(error, "write", target.path);
+    remove_temporary(target);
+    return Replaced::No;
+  }
+  if (renameat(target.folder.get(), target.temporary.c_str(), target.folder.get(),
+               target.name.c_str())
+      != 0) {
+    const auto result = refused(error, "replace", target);
+    remove_temporary(target);
+    return result;
+  }
+  if (!sync_folder(target)) {
+    fail(error, "sync the folder of", target.path);
+    return Replaced::No;
+  }
+  return Replaced::Yes;
+}
+
+// A text of less than the old length is filled up: whatever of it has reached the disk, no end of
+// the old text is behind it.
+bool overwrite(int fd, std::string_view text, gsize old_size) {
+  std::string padded(text);
+  padded.resize(std::max(text.size(), old_size), '\n');
+  if (!write_all(fd, padded) || fsync(fd) != 0) {
+    return false;
+  }
+  return padded.size() == text.size()
+         || (ftruncate(fd, static_cast<off_t>(text.size())) == 0 && fsync(fd) == 0);
+}
+
+void restore(int fd, std::string_view old) {
+  if (write_all(fd, old) && ftruncate(fd, static_cast<off_t>(old.size())) == 0) {
+    fsync(fd);
+  }
+}
+
+bool is_one_file(int fd, struct stat* status, const char* path, GError** error) {
+  if (fstat(fd, status) != 0) {
     return fail(error, "inspect", path);
   }
-
-  std::string old(static_cast<gsize>(before.st_size), '\0');
-  if (pread(fd.get(), old.data(), old.size(), 0) != before.st_size) {
-    return fail(error, "read", path);
-  }
-
-  if (text.size() > old.size()
-      && fallocate(fd.get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(text.size())) != 0
-      && errno != EOPNOTSUPP) {
-    return fail(error, "reserve space for", path);
-  }
-
-  if (!overwrite(fd.get(), text)) {
-    fail(error, "write", path);
-    overwrite(fd.get(), old);
+  if (!S_ISREG(status->st_mode) || status->st_nlink != 1) {
+    g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_INVAL,
+                "'%s' is not a regular file with one name, so it is not written in place", path);
     return false;
   }
   return true;
 }
 
-// The umask has taken its part of the new file's mode, and the file belongs to whoever runs us.
-// Only root can give it back; once the daemon is an ordinary user, a file that it replaces is its
-// own.
-void restore_owner_and_mode(const char* path, const struct stat& before, int mode) {
-  const bool foreign = before.st_uid != geteuid() || before.st_gid != getegid();
-  if (foreign && geteuid() == 0 && chown(path, before.st_uid, before.st_gid) != 0) {
-    g_warning("Could not restore the owner of '%s': %s", path, g_strerror(errno));
+// Room for a longer text is reserved first, so that the usual reason for a failed write (a full
+// disk) is met before the old content is touched.
+bool rewrite_in_place(int fd, std::string_view text, const char* path, GError** error) {
+  struct stat status {};
+  if (!is_one_file(fd, &status, path, error)) {
+    return false;
   }
-  if (chmod(path, static_cast<mode_t>(mode)) != 0) {
-    g_warning("Could not restore the mode of '%s': %s", path, g_strerror(errno));
+  std::string old(static_cast<gsize>(status.st_size), '\0');
+  if (pread(fd, old.data(), old.size(), 0) != status.st_size) {
+    return fail(error, "read", path);
   }
+  if (text.size() > old.size()
+      && fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(text.size())) != 0
+      && errno != EOPNOTSUPP) {
+    return fail(error, "reserve space for", path);
+  }
+  if (!overwrite(fd, text, old.size())) {
+    fail(error, "write", path);
+    restore(fd, old);
+    return false;
+  }
+  return true;
 }
 
-// Reasons that concern the folder or the name, not the disk: here the file may still take it.
-// FAILED is what GLib makes of EBUSY, which a file that is itself a mount point gives to a rename.
-bool folder_refused(const GError* error) {
-  static constexpr std::array codes{G_FILE_ERROR_ACCES, G_FILE_ERROR_PERM, G_FILE_ERROR_ROFS,
-                                    G_FILE_ERROR_FAILED};
-  return std::ranges::any_of(
-      codes, [error](auto code) { return g_error_matches(error, G_FILE_ERROR, code); });
+bool may_be_replaced(Target& target, GError** error) {
+  if (!target.folder) {
+    return fail(error, "open the folder of", target.path);
+  }
+  target.existed =
+      fstatat(target.folder.get(), target.name.c_str(), &target.before, AT_SYMLINK_NOFOLLOW) == 0;
+  if (!target.existed && errno != ENOENT) {
+    return fail(error, "inspect", target.path);
+  }
+  if (target.existed && !S_ISREG(target.before.st_mode)) {
+    g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_INVAL, "'%s' is not a regular file", target.path);
+    return false;
+  }
+  return true;
+}
+
+bool is_random_ending(std::string_view text) {
+  constexpr gsize length = 6;
+  const auto all = [](std::string_view part, auto is) { return std::ranges::all_of(part, is); };
+  const auto alphanumeric = [](char c) { return g_ascii_isalnum(c); };
+  if (text.size() != length || !all(text, alphanumeric)) {
+    return false;
+  }
+  const bool word = g_ascii_isalpha(text.front())
+                    && all(text.substr(1), [](char c) { return g_ascii_islower(c); });
+  const bool date = all(text, [](char c) { return g_ascii_isdigit(c); });
+  return !word && !date;
 }
 
 } // namespace
 
 bool file_set_contents_synced(const char* path, std::string_view text, GError** error) {
-  struct stat before {};
-  const bool existed = stat(path, &before) == 0;
-  const int mode = existed ? static_cast<int>(before.st_mode & 07777U) : default_mode;
-
+  Target target(path);
+  if (!may_be_replaced(target, error)) {
+    return false;
+  }
   g_autoptr(GError) replace_error = nullptr;
-  constexpr auto durable =
-      static_cast<GFileSetContentsFlags>(static_cast<unsigned>(G_FILE_SET_CONTENTS_CONSISTENT)
-                                         | static_cast<unsigned>(G_FILE_SET_CONTENTS_DURABLE));
-  if (g_file_set_contents_full(path, text.data(), static_cast<gssize>(text.size()), durable, mode,
-                               &replace_error)) {
-    if (existed) {
-      restore_owner_and_mode(path, before, mode);
-    }
+  const auto replaced = replace(target, text, &replace_error);
+  if (replaced == Replaced::Yes) {
     return true;
   }
-
-  if (existed && folder_refused(replace_error) && access(path, W_OK) == 0) {
-    return replace_in_place(path, text, error);
+  if (replaced == Replaced::FolderRefused && target.existed) {
+    const UniqueFd fd(openat(target.folder.get(), target.name.c_str(),
+                             O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (fd) {
+      return rewrite_in_place(fd.get(), text, path, error);
+    }
   }
   g_propagate_error(error, g_steal_pointer(&replace_error));
   return false;
+}
+
+void file_remove_leftovers(const char* path) {
+  const Target target(path);
+  const int fd = openat(target.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const std::unique_ptr<DIR, CloseDir> entries(fd >= 0 ? fdopendir(fd) : nullptr);
+  if (entries == nullptr) {
+    return;
+  }
+  remove_temporary(target);
+  while (const dirent* entry = readdir(entries.get())) {
+    std::string_view left = entry->d_name;
+    if (!left.starts_with(target.name + ".")) {
+      continue;
+    }
+    left.remove_prefix(target.name.size() + 1);
+    if (is_random_ending(left)) {
+      unlinkat(target.folder.get(), entry->d_name, 0);
+    }
+  }
 }

@@ -1,11 +1,13 @@
 """Which user the daemon is, what it may still do, and who owns what it writes."""
 
 import os
+import pathlib
+import signal
 
 import pytest
 from describe import port
 
-from sim.bus import STATE_NAME, PortChanged
+from sim.bus import STATE_NAME, PortChanged, wait_until
 from sim.device import KEY_FILE
 from sim.sandbox import HELPERS_GID, WXD_GID, WXD_UID
 
@@ -225,3 +227,87 @@ def test_no_owner_is_set_where_there_is_no_file(ordinary_device):
     device.describe(RELAY)
     device.start()
     assert device.log_count("chown failed") == 0
+
+
+SECRET = "[secret]\nkey=1\n"
+
+
+def write_secret(device):
+    """A file of root's that happens to parse as settings."""
+    secret = device.write("/etc/secret", SECRET)
+    secret.chmod(0o600)
+    return secret
+
+
+def assert_untouched(device, secret):
+    if os.getuid() == 0:
+        assert owner(device, "/etc/secret") == (0, 0)
+    assert secret.stat().st_mode & 0o777 == 0o600
+    assert secret.read_text() == SECRET
+
+
+@pytest.mark.parametrize("target", ["/etc/secret", "/etc/nothing"])
+def test_settings_that_are_a_link_end_the_start(device, target):
+    secret = write_secret(device)
+    device.describe(RELAY)
+    device.path(KEY_FILE).symlink_to(target)
+    device.start(ready=False)
+    device.wait_exit(1)
+    assert device.stderr == (
+        f"Could not read key file: '{KEY_FILE}' is a symbolic link, which is not followed\n"
+    )
+    assert device.log_count("^WARNING: Could not read configuration file$") == 1
+    assert device.path(KEY_FILE).is_symlink()
+    assert not device.exists("/etc/nothing")
+    assert_untouched(device, secret)
+
+
+def test_settings_with_a_second_name_are_not_handed_over(device):
+    secret = write_secret(device)
+    device.describe(RELAY)
+    os.link(secret, device.path(KEY_FILE))
+    device.start()
+    assert device.log_count(
+        rf"^WARNING: Not handing over '{KEY_FILE}': it has more than one name$"
+    ) == 1
+    assert_untouched(device, secret)
+    assert device.saved["relay"]["usage"] == ""
+    # What was saved has one name, so that all is well with the next start.
+    device.restart()
+    assert device.log_count("Not handing over") == 0
+    assert_untouched(device, secret)
+
+
+@as_root
+@pytest.mark.uninstrumented
+def test_a_name_that_changes_hands_right_after_a_save_changes_no_other_file(make_device):
+    """The daemon is stopped between its rename of the new settings and whatever it does next."""
+    device = make_device(
+        wrapper=("strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=rename,renameat",
+                 "-e", "inject=rename,renameat:signal=SIGSTOP:when=1"),
+        patience=3,
+    )  # fmt: skip
+    secret = write_secret(device)
+    device.describe(RELAY)
+    device.settings("")
+    before = device.path(KEY_FILE).stat().st_ino
+    device.path(KEY_FILE).chmod(0o666)
+    device.start("--disable_legacy_interface", ready=False)
+    children = pathlib.Path(f"/proc/{device.pid}/task/{device.pid}/children")
+
+    def stopped():
+        pids = children.read_text().split()
+        state = pids and pathlib.Path(f"/proc/{pids[0]}/stat").read_text().rsplit(")", 1)[1][1]
+        # Under a tracer it may show as traced, and the file is the new one either way.
+        return device.path(KEY_FILE).stat().st_ino != before and state in "tT" and int(pids[0])
+
+    daemon = wait_until(stopped, "the stop after the rename")
+    assert owner(device, KEY_FILE) == (WXD_UID, WXD_GID)
+    assert device.path(KEY_FILE).stat().st_mode & 0o777 == 0o666
+    device.path(KEY_FILE).rename(device.path("/etc/wexd/aside"))
+    device.path(KEY_FILE).symlink_to("/etc/secret")
+    os.kill(daemon, signal.SIGCONT)
+    device.wait_ready()
+    os.kill(daemon, signal.SIGTERM)
+    device.wait_exit()
+    assert_untouched(device, secret)

@@ -3,6 +3,7 @@
 import contextlib
 import os
 import random
+import signal
 
 import pytest
 from describe import port
@@ -89,6 +90,60 @@ def test_a_save_works_again_once_the_obstacle_is_gone(device):
     device.state.SetName(0, False, "Gate")
     device.sync()
     assert device.saved["out"]["usage"] == "lost", "the port's present settings are saved whole"
+
+
+def killed_at(call, when):
+    """A command that runs the daemon and kills it as it begins its when-th system call of a kind."""
+    return (
+        "strace", "-f", "-qq", "-o", "/dev/null", "-e", f"trace={call}",
+        "-e", f"inject={call}:signal=SIGKILL:when={when}",
+    )  # fmt: skip
+
+
+def entries(device):
+    return set(os.listdir(device.path("/etc/wexd"))) - {"actions"}
+
+
+@pytest.mark.uninstrumented
+def test_deaths_before_the_rename_leave_one_file_and_the_next_start_none(make_device):
+    # The start saves the only port once.
+    device = make_device(wrapper=killed_at("rename,renameat", 2), patience=3)
+    device.describe(port("out", 0, usage="old"))
+    for n in range(3):
+        device.start("--disable_legacy_interface")
+        device.state.begin("SetUsage", 0, f"new {n}")
+        device.wait_exit(128 + signal.SIGKILL)
+        assert entries(device) == {"wexd.conf", ".wexd.conf.new"}
+        assert device.saved["out"]["usage"] == "old"
+    device.wrapper = ()
+    device.start()
+    assert entries(device) == {"wexd.conf"}
+
+
+def test_what_earlier_releases_left_is_removed_and_copies_stay(device):
+    copies = {"wexd.conf.backup", "wexd.conf.240131", "wexd.conf.old", "wexd.conf~"}
+    for name in {"wexd.conf.A1b2C3", "wexd.conf.zQ8kXw", "wexd.conf.x0x0x0", *copies}:
+        device.write(f"/etc/wexd/{name}", "[out]\nusage=half")
+    device.describe(port("out", 0))
+    device.start()
+    assert entries(device) == {"wexd.conf", *copies}
+
+
+@pytest.mark.uninstrumented
+def test_a_death_while_rewriting_in_place_leaves_no_old_tail(make_device):
+    device = make_device(wrapper=killed_at("ftruncate", 1), patience=3)
+    device.describe(port("out", 0, usage="a=[long]\\usage " * 400))
+    device.start()
+    close_folder(device, file_is_writable=True)
+    device.state.begin("SetUsage", 0, "short")
+    device.wait_exit(128 + signal.SIGKILL)
+    assert device.read(KEY_FILE).rstrip("\n").endswith("usage=short")
+    device.wrapper = ()
+    device.path("/etc/wexd").chmod(0o755)
+    device.start()
+    assert device.state.GetUsage(0) == "short"
+    assert device.read(KEY_FILE).endswith("usage=short\n")
+    assert not device.read(KEY_FILE).endswith("\n\n")
 
 
 TEXTS = {fill: fill * 60_000 for fill in "abcdef"}

@@ -75,6 +75,31 @@ TEST_F(TheKeyFile, must_be_loaded_to_be_used) {
       logged(G_LOG_LEVEL_CRITICAL, "param_store_key_file: assertion 'key_file != NULL' failed"));
 }
 
+TEST_F(TheKeyFile, is_read_from_a_regular_file_only) {
+  const auto target = scratch.write("target", "[a]\nusage=x\n");
+  const auto link = scratch.path("link");
+  std::filesystem::create_symlink(target, link);
+  EXPECT_FALSE(errors_of([&] { return param_read_configuration(link.c_str()); }));
+  EXPECT_EQ(err,
+            "Could not read key file: '" + link + "' is a symbolic link, which is not followed\n");
+
+  std::filesystem::remove(target);
+  EXPECT_FALSE(errors_of([&] { return param_read_configuration(link.c_str()); }))
+      << "a link to nothing is no missing file";
+
+  const auto pipe = scratch.path("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_FALSE(errors_of([&] { return param_read_configuration(pipe.c_str()); }));
+  EXPECT_EQ(err, "Could not read key file: '" + pipe + "' is not a regular file\n");
+}
+
+TEST_F(TheKeyFile, loses_the_line_ends_that_a_broken_rewriting_in_place_left) {
+  const auto file = scratch.write("conf", "# top\n\n[a]\nusage=x\n" + std::string(1000, '\n'));
+  ASSERT_TRUE(param_read_configuration(file.c_str()));
+  ASSERT_TRUE(param_store_key_file(file.c_str()));
+  EXPECT_EQ(read_file(file), "# top\n\n[a]\nusage=x\n");
+}
+
 TEST_F(TheKeyFile, gives_a_port_its_settings) {
   const auto file = scratch.write("conf", "[a]\noutput_name=lamp\noutput_activelow=true\n"
                                           "pulse_time=1\nport_mode=bistable\ndelay_time=2\n");

@@ -12,6 +12,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <set>
 
 using testing::HasSubstr;
 
@@ -36,6 +37,14 @@ struct stat inspect(const std::string& path) {
 auto entries(const std::string& folder) {
   const std::filesystem::directory_iterator first(folder);
   return std::distance(begin(first), end(first));
+}
+
+std::set<std::string> names(const std::string& folder) {
+  std::set<std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    found.insert(entry.path().filename());
+  }
+  return found;
 }
 
 struct ASyncedFile : testing::Test {
@@ -178,4 +187,75 @@ TEST_F(ASyncedFile, is_restored_when_rewriting_in_place_breaks_off) {
   });
   EXPECT_THAT(outcome, HasSubstr("File too large"));
   EXPECT_EQ(read_file(path), old_text);
+}
+
+TEST_F(ASyncedFile, is_written_by_way_of_one_name_whatever_holds_it) {
+  overwrite_file(path, "old");
+  const auto temporary = scratch.path(".file.new");
+  const auto bystander = scratch.write("bystander", "untouched");
+  std::filesystem::create_symlink(bystander, temporary);
+  EXPECT_EQ(store(path, "new"), "ok");
+  EXPECT_EQ(read_file(path), "new");
+  overwrite_file(temporary, "of a write that broke off");
+  EXPECT_EQ(store(path, "newer"), "ok");
+  EXPECT_EQ(read_file(path), "newer");
+  EXPECT_EQ(read_file(bystander), "untouched");
+  EXPECT_EQ(names(scratch.path()), (std::set<std::string>{"file", "bystander"}));
+
+  std::filesystem::create_directory(temporary);
+  EXPECT_THAT(store(path, "newest"), HasSubstr("Is a directory"));
+  EXPECT_EQ(read_file(path), "newer");
+}
+
+TEST_F(ASyncedFile, does_not_follow_a_link) {
+  const auto target = scratch.write("target", "untouched");
+  std::filesystem::create_symlink(target, path);
+  EXPECT_THAT(store(path, "new"), HasSubstr("is not a regular file"));
+  EXPECT_EQ(read_file(target), "untouched");
+  EXPECT_TRUE(std::filesystem::is_symlink(path));
+}
+
+TEST_F(ASyncedFile, does_not_wait_for_a_pipe) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_THAT(store(path, "new"), HasSubstr("is not a regular file"));
+}
+
+TEST_F(ASyncedFile, with_a_second_name_is_not_rewritten_in_place) {
+  overwrite_file(path, "old");
+  ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+  std::filesystem::create_hard_link(path, scratch.path("second"));
+  std::filesystem::permissions(scratch.path(), std::filesystem::perms(0555));
+  EXPECT_THAT(as_ordinary_user([&] { return store(path, "new"); }), HasSubstr("with one name"));
+  EXPECT_EQ(read_file(path), "old");
+}
+
+TEST_F(ASyncedFile, is_not_rewritten_in_place_where_its_folder_is_not_to_blame) {
+  overwrite_file(path, std::string(3'000, 'o'));
+  const std::filesystem::file_time_type long_ago;
+  std::filesystem::last_write_time(path, long_ago);
+  const std::string outcome = in_child([&] {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{.rlim_cur = 5'000, .rlim_max = 5'000};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    return store(path, std::string(8'000, 'n'));
+  });
+  EXPECT_THAT(outcome, HasSubstr("File too large"));
+  EXPECT_EQ(std::filesystem::last_write_time(path), long_ago);
+  EXPECT_EQ(entries(scratch.path()), 1);
+}
+
+TEST_F(ASyncedFile, loses_what_broken_writes_have_left_but_nobody_s_copies) {
+  for (const char* left :
+       {".file.new", "file.AbC123", "file.XXXXXX", "file.aaaaa0", "file.q1W2e3"}) {
+    scratch.write(left, "left");
+  }
+  const std::set<std::string> kept{"file",         "file.backup", "file.Backup",  "file.240131",
+                                   "file.old",     "file.AbC12",  "file.AbC1234", "file.Ab-123",
+                                   "file2.AbC123", ".file.AbC123"};
+  for (const auto& name : kept) {
+    scratch.write(name, "kept");
+  }
+  file_remove_leftovers(path.c_str());
+  EXPECT_EQ(names(scratch.path()), kept);
+  file_remove_leftovers(scratch.path("no folder/file").c_str());
 }

@@ -1,0 +1,26 @@
+// Reading files in folders where somebody else may have put something in their place.
+#pragma once
+
+#include "platform/handles.h"
+
+#include <glib.h>
+#include <sys/stat.h>
+
+#include <string>
+
+enum class Links { Refused, Followed };
+
+/// Opens a regular file for reading. Anything else in its place is refused without being opened,
+/// so that neither a pipe holds the caller nor a device is woken. `name` is looked up in `folder`
+/// (AT_FDCWD: as open does); `status` tells of the file that is open then.
+///
+/// Nothing is held and `error` is set when there is no such file or it cannot be opened.
+[[nodiscard]] UniqueFd regular_file_open(int folder, const char* name, Links links,
+                                         struct stat* status, GError** error);
+
+/// Reads from the start to the end; `name` is for the error's text.
+[[nodiscard]] bool regular_file_read(int fd, const char* name, std::string* text, GError** error);
+
+/// Both of the above for a path.
+[[nodiscard]] bool regular_file_get_contents(const char* path, Links links, std::string* text,
+                                             GError** error);
