@@ -246,6 +246,69 @@ class ActionEngine(Peer):
         return self.client.call(self.NAME, self.PATH, self.TEMPLATES, "Templates")
 
 
+class Witness:
+    """A service that its maker plays, whenever that waits for something: it sees who calls it.
+
+    `methods` is {name: (types in, types out, function of the arguments)}; the function returns the
+    values of the answer, None for no answer at all.
+    """
+
+    def __init__(self, device, service, methods):
+        from gi.repository import Gio, GLib
+
+        self.service = service
+        self.methods = methods
+        self.calls = []  # (user id, method, arguments)
+        self.variant = GLib.Variant
+        self.client, self.asking = device.client(), device.client()
+        interface = Gio.DBusNodeInfo.new_for_xml(self._xml()).interfaces[0]
+        self.client.connection.register_object(service.PATH, interface, self._called, None, None)
+        self.appear()
+
+    def _xml(self):
+        def arguments(types, direction):
+            return "".join(f'<arg type="{kind}" direction="{direction}"/>' for kind in types)
+
+        methods = "".join(
+            f'<method name="{name}">{arguments(into, "in")}{arguments(out, "out")}</method>'
+            for name, (into, out, _) in self.methods.items()
+        )
+        return f'<node><interface name="{self.service.INTERFACE}">{methods}</interface></node>'
+
+    def _called(self, _connection, sender, _path, _interface, method, parameters, invocation):
+        user = self._of_bus(self.asking, "GetConnectionUnixUser", "s", sender)
+        self.calls.append((user, method, parameters.unpack()))
+        _, out, function = self.methods[method]
+        values = function(*parameters.unpack())
+        if values is not None:
+            invocation.return_value(self.variant(f"({out})", values))
+
+    def _of_bus(self, client, method, signature, *arguments):
+        reply = client.connection.call_sync(
+            "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
+            self.variant(f"({signature})", arguments), None, 0, -1, None,
+        )  # fmt: skip
+        return reply.unpack()[0]
+
+    def appear(self):
+        """Takes its name, which it may have given up before."""
+        self._of_bus(self.client, "RequestName", "su", self.service.NAME, 0)
+
+    def vanish(self):
+        """Gives its name up, and stays connected."""
+        self._of_bus(self.client, "ReleaseName", "s", self.service.NAME)
+
+    def emit(self, signal, signature, *arguments):
+        self.client.connection.emit_signal(
+            None, self.service.PATH, self.service.INTERFACE, signal,
+            self.variant(f"({signature})", arguments),
+        )  # fmt: skip
+
+    def asked(self, method):
+        """The arguments of every call of a method, in order."""
+        return [arguments for _, name, arguments in self.calls if name == method]
+
+
 class Neighbourhood:
     """The services around the example device, all of them running."""
 

@@ -1,8 +1,16 @@
 #include "backends/bus-port.h"
 
 #include "platform/bus-call.h"
+#include "platform/bus-connection.h"
+#include "platform/log.h"
+
+#include <utility>
+#include <vector>
 
 namespace {
+
+/// Those with a proxy. Main thread only.
+std::vector<BusPort*> open_ports;
 
 void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* signal,
                GVariant* arguments, gpointer user_data) {
@@ -22,23 +30,97 @@ void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* sign
   }
 }
 
+void on_owner_changed(GDBusProxy* /*proxy*/, GParamSpec* /*property*/, gpointer user_data) {
+  auto* bus = static_cast<BusPort*>(user_data);
+  bus->service->owner_changed(*bus);
+}
+
+void connect_handlers(BusPort& bus) {
+  if (bus.service->owner_changed != nullptr) {
+    g_signal_connect(bus.proxy, "notify::g-name-owner", G_CALLBACK(on_owner_changed), &bus);
+  }
+  if (bus.followed != nullptr) {
+    g_signal_connect(bus.proxy, "g-signal", G_CALLBACK(on_signal), &bus);
+  }
+}
+
+void release_proxy(GDBusProxy* proxy, BusPort* bus) {
+  g_signal_handlers_disconnect_matched(proxy, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr, bus);
+  g_object_unref(proxy);
+}
+
+// Another proxy of the same service, which knows the service already.
+GDBusProxy* renewed_proxy(const BusService& service) {
+  g_autoptr(GError) error = nullptr;
+  BusService known = service;
+  known.flags =
+      static_cast<GDBusProxyFlags>(service.flags | G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES
+                                   | G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START_AT_CONSTRUCTION);
+  GDBusProxy* const proxy = bus_proxy_new(known, &error);
+  if (proxy == nullptr) {
+    g_warning("%sError creating proxy to %s: %s\n", log_prefix, service.name, error->message);
+  }
+  return proxy;
+}
+
+bool same_owner(GDBusProxy* one, GDBusProxy* other) {
+  g_autofree gchar* owner = g_dbus_proxy_get_name_owner(one);
+  g_autofree gchar* other_owner = g_dbus_proxy_get_name_owner(other);
+  return g_strcmp0(owner, other_owner) == 0;
+}
+
+// Returns the proxy that the port had. It still tells of states, but not of owners: it would have
+// to ask over the connection that is left, so that is the new one's.
+GDBusProxy* renew(BusPort& bus) {
+  GDBusProxy* const old = std::exchange(bus.proxy, renewed_proxy(bus.service->at));
+  g_signal_handlers_disconnect_matched(old, G_SIGNAL_MATCH_FUNC, 0, 0, nullptr,
+                                       reinterpret_cast<gpointer>(on_owner_changed), nullptr);
+  if (bus.proxy == nullptr) {
+    bus.connected = false;
+    return old;
+  }
+  connect_handlers(bus);
+  if (!same_owner(old, bus.proxy)) {
+    g_object_notify(G_OBJECT(bus.proxy), "g-name-owner");
+  }
+  return old;
+}
+
 } // namespace
 
 BusPort::~BusPort() {
+  std::erase(open_ports, this);
   if (proxy != nullptr) {
-    g_signal_handlers_disconnect_matched(proxy, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr, this);
+    release_proxy(proxy, this);
   }
-  g_clear_object(&proxy);
 }
 
-bool bus_port_open(BusPort& bus, IoPort* port, const BusService& service, GError** error) {
-  if (bus.proxy == nullptr) {
-    bus.proxy =
-        g_dbus_proxy_new_for_bus_sync(G_BUS_TYPE_SYSTEM, service.flags, nullptr, service.name,
-                                      service.path, service.name, nullptr, error);
-    bus.port = port;
+bool bus_port_open(BusPort& bus, IoPort* port, const BusPortService& service, GError** error) {
+  if (bus.proxy != nullptr) {
+    return true;
   }
-  return bus.proxy != nullptr;
+  bus.proxy = bus_proxy_new(service.at, error);
+  if (bus.proxy == nullptr) {
+    return false;
+  }
+  bus.service = &service;
+  bus.port = port;
+  open_ports.push_back(&bus);
+  connect_handlers(bus);
+  return true;
+}
+
+// For a moment a state is told over both connections, which is harmless; over none would not be.
+void bus_ports_change_connection() {
+  std::vector<std::pair<BusPort*, GDBusProxy*>> left;
+  for (BusPort* bus : open_ports) {
+    left.emplace_back(bus, renew(*bus));
+  }
+  bus_connection_leave_start();
+  for (const auto& [bus, proxy] : left) {
+    release_proxy(proxy, bus);
+  }
+  std::erase_if(open_ports, [](const BusPort* bus) { return bus->proxy == nullptr; });
 }
 
 GVariant* bus_port_call(BusPort& bus, const char* method, GVariant* arguments,

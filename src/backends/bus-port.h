@@ -2,6 +2,7 @@
 // it told last, and the signal by which it tells a change. A service knows a port by its number.
 #pragma once
 
+#include "platform/bus-proxy.h"
 #include "port/ioport.h"
 
 #include <gio/gio.h>
@@ -16,10 +17,21 @@ struct BusPortSignal {
   guint (*state_of)(GVariant* state);
 };
 
+struct BusPort;
+
+/// A service that has ports.
+struct BusPortService {
+  BusService at;
+  /// Called when the service has come or gone, if anyone wants to know.
+  void (*owner_changed)(BusPort& bus) = nullptr;
+};
+
 /// Part of the port's record. Handlers on the proxy are connected with this as their data and end
 /// with it.
 struct BusPort {
   GDBusProxy* proxy = nullptr;
+  /// Whose proxy it is; set with it.
+  const BusPortService* service = nullptr;
   /// Whom the handlers serve; set with the proxy.
   IoPort* port = nullptr;
   bool watching = false;
@@ -35,15 +47,13 @@ struct BusPort {
   BusPort& operator=(const BusPort&) = delete;
 };
 
-/// Where a service is found; its interface has the name of its connection.
-struct BusService {
-  const char* name;
-  const char* path;
-  GDBusProxyFlags flags;
-};
-
 /// Makes the proxy, if there is none yet; false with `error` on failure.
-bool bus_port_open(BusPort& bus, IoPort* port, const BusService& service, GError** error);
+bool bus_port_open(BusPort& bus, IoPort* port, const BusPortService& service, GError** error);
+
+/// Takes every open port over to the connection that bus_connection_share() has opened, and leaves
+/// the start's. What a service told in between is not lost; it is asked nothing again. Main thread
+/// only, before anything else can use the ports.
+void bus_ports_change_connection();
 
 /// Calls the service and returns a reply of `reply_type` (g_variant_unref; nullptr: any type). NULL
 /// on failure, which `tell` hears, and without a proxy, which it does not.

@@ -6,9 +6,10 @@
 
 namespace {
 
-constexpr BusService service{.name = "com.norv.IOBoxMonitor",
-                             .path = "/com/norv/IOBoxMonitor",
-                             .flags = G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES};
+constexpr BusPortService service{.at = {.name = "com.norv.IOBoxMonitor",
+                                        .path = "/com/norv/IOBoxMonitor",
+                                        .interface_name = "com.norv.IOBoxMonitor",
+                                        .flags = G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES}};
 constexpr const char* default_model = "x5210";
 
 struct IoboxPortData {
@@ -113,7 +114,7 @@ bool reach_monitor(IoPort* port, IoboxPortData* data) {
   constexpr gint line = 192;
   if (!bus_port_open(data->bus, port, service, nullptr)) {
     g_message("%s%s@%d: Proxy for %s not available", log_prefix, "iobox_port_setup", line,
-              service.name);
+              service.at.name);
     return false;
   }
   return true;

@@ -12,10 +12,6 @@
 
 namespace {
 
-constexpr BusService service{.name = "com.norv.ZWave.IO",
-                             .path = "/com/norv/ZWave",
-                             .flags = G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START};
-
 constexpr guint state_unknown = 4;
 
 struct ZwavePortData {
@@ -71,31 +67,31 @@ void synchronise(IoPort* port, ZwavePortData* data) {
   }
 }
 
-void on_owner_changed(GDBusProxy* proxy, GParamSpec* /*property*/, gpointer user_data) {
-  auto* bus = static_cast<BusPort*>(user_data);
-  if (bus_has_owner(proxy)) {
-    synchronise(bus->port, backend_data<ZwavePortData>(bus->port));
+void on_owner_changed(BusPort& bus) {
+  if (bus_has_owner(bus.proxy)) {
+    synchronise(bus.port, backend_data<ZwavePortData>(bus.port));
   } else {
-    bus->connected = false;
+    bus.connected = false;
   }
 }
 
-void reach_service(IoPort* port, BusPort* bus) {
-  if (bus->proxy != nullptr) {
-    return;
-  }
+constexpr BusPortService service{.at = {.name = "com.norv.ZWave.IO",
+                                        .path = "/com/norv/ZWave",
+                                        .interface_name = "com.norv.ZWave.IO",
+                                        .flags = G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START},
+                                 .owner_changed = on_owner_changed};
+
+void reach_service(IoPort* port, BusPort& bus) {
   g_autoptr(GError) error = nullptr;
-  if (!bus_port_open(*bus, port, service, &error)) {
-    g_warning("%sError creating proxy to %s: %s\n", log_prefix, service.name, error->message);
-    return;
+  if (!bus_port_open(bus, port, service, &error)) {
+    g_warning("%sError creating proxy to %s: %s\n", log_prefix, service.at.name, error->message);
   }
-  g_signal_connect(bus->proxy, "notify::g-name-owner", G_CALLBACK(on_owner_changed), bus);
 }
 
 gboolean zwave_setup(IoPort* port, gboolean value) {
   auto* data = backend_data_ensure<ZwavePortData>(port);
   io_port_set_enabled(port, true);
-  reach_service(port, &data->bus);
+  reach_service(port, data->bus);
   data->bus.output_value = value;
   synchronise(port, data);
   return TRUE;

@@ -1,4 +1,5 @@
 // The daemon's life: what is started in which order, and what is stopped in which.
+#include "backends/bus-port.h"
 #include "core/conf-reader.h"
 #include "core/privileges.h"
 #include "dbus/iocontrol-conf-legacy-dbus.h"
@@ -9,6 +10,7 @@
 #include "param/sedrin-import.h"
 #include "peers/action-engine.h"
 #include "peers/virtual-input.h"
+#include "platform/bus-connection.h"
 #include "platform/file-sync.h"
 #include "platform/handles.h"
 #include "platform/log.h"
@@ -159,6 +161,8 @@ int main(int argc, char* argv[]) {
   }
   // Backends have opened their devices by now; everything later is done as an ordinary user.
   drop_privileges();
+  bus_connection_share();
+  bus_ports_change_connection();
   start_services();
   io_port_list_set_watch();
   io_port_list_declare_events();

@@ -1,6 +1,7 @@
 #include "peers/action-engine.h"
 
 #include "platform/bus-call.h"
+#include "platform/bus-proxy.h"
 #include "platform/log.h"
 #include "port/ioport-list.h"
 #include "port/port-observer.h"
@@ -11,9 +12,9 @@
 
 namespace {
 
-constexpr const char* bus_name = "com.norv.Event.ActionEngine.User";
-constexpr const char* object_path = "/com/norv/Event/ActionEngine";
-constexpr const char* interface_name = "com.norv.Event.ActionEngine.User";
+constexpr BusService service{.name = "com.norv.Event.ActionEngine.User",
+                             .path = "/com/norv/Event/ActionEngine",
+                             .interface_name = "com.norv.Event.ActionEngine.User"};
 
 #define TEMPLATE_METHOD(name) "com.norv.Event.ActionEngine.ActionTemplate." name
 
@@ -113,8 +114,7 @@ void on_name_appeared(GDBusConnection* /*connection*/, const gchar* /*name*/,
   release_proxy();
   {
     const std::lock_guard guard(registration_mutex);
-    proxy = g_dbus_proxy_new_for_bus_sync(G_BUS_TYPE_SYSTEM, G_DBUS_PROXY_FLAGS_NONE, nullptr,
-                                          bus_name, object_path, interface_name, nullptr, nullptr);
+    proxy = bus_proxy_new(service, nullptr);
   }
   apply_wish();
 }
@@ -129,7 +129,7 @@ void on_name_vanished(GDBusConnection* /*connection*/, const gchar* /*name*/,
 void actionengine_dbus_init() {
   port_observer.outputs_wanted = actionengine_dbus_update_action_registration;
   io_port_list_update_action_registration();
-  watch_id = g_bus_watch_name(G_BUS_TYPE_SYSTEM, bus_name, G_BUS_NAME_WATCHER_FLAGS_NONE,
+  watch_id = g_bus_watch_name(G_BUS_TYPE_SYSTEM, service.name, G_BUS_NAME_WATCHER_FLAGS_NONE,
                               on_name_appeared, on_name_vanished, nullptr, nullptr);
 }
 

@@ -2,13 +2,15 @@
 
 #include "peers/virtual-input.h"
 #include "platform/bus-call.h"
+#include "platform/bus-proxy.h"
 #include "platform/log.h"
 
 namespace {
 
-constexpr const char* bus_name = "com.norv.PTZ.Coordinator";
-constexpr const char* object_path = "/com/norv/PTZ/Coordinator/1";
-constexpr const char* interface_name = "com.norv.PTZ.Coordinator";
+constexpr BusService service{.name = "com.norv.PTZ.Coordinator",
+                             .path = "/com/norv/PTZ/Coordinator/1",
+                             .interface_name = "com.norv.PTZ.Coordinator",
+                             .flags = G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START};
 
 GDBusProxy* coordinator = nullptr;
 
@@ -41,9 +43,7 @@ void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* sign
 
 void coordinator_dbus_init() {
   g_autoptr(GError) error = nullptr;
-  coordinator = g_dbus_proxy_new_for_bus_sync(
-      G_BUS_TYPE_SYSTEM, G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START, nullptr, bus_name, object_path,
-      interface_name, nullptr, &error);
+  coordinator = bus_proxy_new(service, &error);
   if (coordinator == nullptr) {
     g_warning("%sError creating proxy: %s\n", log_prefix, error->message);
     return;

@@ -2,6 +2,7 @@
 
 #include "peers/virtual-input.h"
 #include "platform/bus-call.h"
+#include "platform/bus-proxy.h"
 #include "platform/log.h"
 #include "port/ioport-list.h"
 
@@ -39,8 +40,9 @@ void on_channel_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gch
 
 GDBusProxy* new_proxy(const std::string& path, GDBusProxyFlags flags) {
   g_autoptr(GError) error = nullptr;
-  GDBusProxy* const proxy = g_dbus_proxy_new_for_bus_sync(
-      G_BUS_TYPE_SYSTEM, flags, nullptr, bus_name, path.c_str(), interface_name, nullptr, &error);
+  GDBusProxy* const proxy = bus_proxy_new(
+      {.name = bus_name, .path = path.c_str(), .interface_name = interface_name, .flags = flags},
+      &error);
   if (proxy == nullptr) {
     g_warning("%sError creating proxy: %s\n", log_prefix, error->message);
   }

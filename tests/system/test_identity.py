@@ -7,8 +7,9 @@ import signal
 import pytest
 from describe import port
 
-from sim.bus import STATE_NAME, PortChanged, wait_until
+from sim.bus import SERVICE_NAMES, PortChanged, wait_until
 from sim.device import KEY_FILE
+from sim.peers import BootBlock, IoBox, Witness, ZWave
 from sim.sandbox import HELPERS_GID, WXD_GID, WXD_UID
 
 as_root = pytest.mark.root
@@ -51,15 +52,126 @@ def test_capabilities_that_a_careless_starter_made_inheritable_go_too(make_devic
         assert int(status[capabilities][0], 16) == 0, capabilities
 
 
-@as_root
-def test_the_services_are_published_as_the_unprivileged_user(device):
-    device.describe(RELAY)
-    device.start()
-    uid = device.first_client.call(
+LEGACY_NAME = "com.norv.Configuration.Legacy.IOControl1.IOPort"
+
+
+def user_of(device, name):
+    return device.first_client.call(
         "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "GetConnectionUnixUser", "s", STATE_NAME,
+        "GetConnectionUnixUser", "s", name,
     )  # fmt: skip
-    assert uid == WXD_UID
+
+
+def boot_block(device):
+    return BootBlock(device, "ABC")
+
+
+@as_root
+@pytest.mark.parametrize(
+    "ports, peer",
+    [
+        pytest.param(RELAY, None, id="of the device alone"),
+        pytest.param(port("box", 1, "output", "iobox"), IoBox, id="of an IO box"),
+        pytest.param(port("far", 1, "input", "zwave"), ZWave, id="of a Z-Wave device"),
+        pytest.param(
+            RELAY.replace("<port ", '<port hwid="A" ', 1), boot_block, id="for certain hardware"
+        ),
+    ],
+)
+def test_the_services_are_published_as_the_unprivileged_user(device, ports, peer):
+    if peer is not None:
+        peer(device)
+    device.describe(ports)
+    device.start()
+    assert len(device.port_list()) == 1
+    assert {user_of(device, name) for name in (*SERVICE_NAMES, LEGACY_NAME)} == {WXD_UID}
+
+
+def play_box(device, told):
+    """An IO box whose ports are all open; `told` is called with the number of each port asked for."""
+
+    def state(number):
+        told(number)
+        return ("open",)
+
+    return Witness(device, IoBox, {
+        "GetIOBoxConnected": ("", "b", lambda: (True,)),
+        "GetIOBoxType": ("", "s", lambda: ("x5210",)),
+        "GetIOPortStatus": ("i", "s", lambda number: ("enabled",)),
+        "GetSupervised": ("i", "b", lambda number: (False,)),
+        "GetIOState": ("i", "s", state),
+        "SetIOMode": ("iis", "", lambda *arguments: ()),
+    })  # fmt: skip
+
+
+SET_UP = ["GetIOBoxConnected", "GetIOBoxType", "GetIOPortStatus", "GetSupervised"]
+
+
+@as_root
+def test_a_box_is_set_up_by_root_and_driven_by_the_unprivileged_user(device):
+    box = play_box(device, told=lambda number: None)
+    device.describe(port("in", 1, "input", "iobox") + port("out", 2, "output", "iobox"))
+    device.start()
+    device.state.SetState(2, True)
+    # Each question is asked once, the port that was described last first.
+    assert [(user, method) for user, method, _ in box.calls] == [
+        *((0, method) for method in [*SET_UP, "SetIOMode", *SET_UP, "GetIOState"]),
+        (WXD_UID, "SetIOMode"),
+    ]
+    signals = device.signals()
+    box.emit("IOStateChanged", "is", 1, "closed")
+    signals.wait_for(PortChanged, port=1, state=True)
+
+
+@as_root
+def test_a_z_wave_device_is_set_up_by_root_and_driven_by_the_unprivileged_user(device):
+    peer = Witness(device, ZWave, {
+        "GetStateByPort": ("i", "b", lambda number: (False,)),
+        "SetStateByPort": ("ib", "", lambda *arguments: ()),
+    })  # fmt: skip
+    device.describe(port("in", 1, "input", "zwave") + port("out", 2, "output", "zwave"))
+    device.start()
+    device.state.SetState(2, True)
+    assert peer.calls == [
+        (0, "SetStateByPort", (2, False)),
+        (0, "GetStateByPort", (1,)),
+        (WXD_UID, "SetStateByPort", (2, True)),
+    ]
+    signals = device.signals()
+    peer.emit("StateChangedByPort", "ib", 1, True)
+    signals.wait_for(PortChanged, port=1, state=True)
+    peer.vanish()
+    peer.appear()
+    device.sync()
+    wait_until(lambda: len(peer.calls) == 5, "the service to be asked and told again")
+    assert {user for user, _, _ in peer.calls[3:]} == {WXD_UID}
+
+
+def test_what_a_box_tells_during_the_start_is_not_lost(device):
+    """The first port to be set up changes while the box is asked about the second."""
+
+    def told(number):
+        if number == 0:
+            for state in ("closed", "open", "closed"):
+                box.emit("IOStateChanged", "is", 1, state)
+
+    box = play_box(device, told)
+    device.describe(port("late", 0, "input", "iobox") + port("early", 1, "input", "iobox"))
+    device.start()
+    assert device.state.GetState(1) is True
+    assert device.state.GetState(0) is False
+
+
+def test_a_z_wave_service_that_vanishes_during_the_start_is_missed_and_met_again(device):
+    """It gives up its name while another port is asked about at its own service."""
+    peer = Witness(device, ZWave, {"GetStateByPort": ("i", "b", lambda number: (True,))})
+    play_box(device, told=lambda number: peer.vanish())
+    device.describe(port("late", 0, "input", "iobox") + port("early", 1, "input", "zwave"))
+    device.start()
+    assert peer.asked("GetStateByPort") == [(1,)]
+    assert device.state.GetState(1) is False
+    peer.appear()
+    wait_until(lambda: device.state.GetState(1) is True, "the state of the service that is back")
 
 
 @as_root

@@ -1,0 +1,74 @@
+#include "platform/bus-connection.h"
+
+namespace {
+
+// The start's; none where it asks nobody.
+GDBusConnection* start_connection = nullptr;
+GMainContext* start_context = nullptr;
+
+bool sharing = false;
+/// Kept for the life of the process.
+GDBusConnection* shared_connection = nullptr;
+
+// As GLib opens the shared one. Its function for private ones refuses the last of these flags, by
+// which users of another name space are let in.
+GDBusConnection* open_for_start(GError** error) {
+  constexpr auto flags = static_cast<GDBusConnectionFlags>(
+      G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION
+      | G_DBUS_CONNECTION_FLAGS_CROSS_NAMESPACE);
+  g_autofree gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error);
+  if (address == nullptr) {
+    return nullptr;
+  }
+  return G_DBUS_CONNECTION(g_initable_new(G_TYPE_DBUS_CONNECTION, nullptr, error, "address",
+                                          address, "flags", flags, nullptr));
+}
+
+GDBusConnection* connection_of_start(GError** error) {
+  if (start_connection == nullptr) {
+    start_connection = open_for_start(error);
+  }
+  return start_connection;
+}
+
+// The bus answers in the order of what it sent, so with the answer everything before it is here.
+void catch_up(GDBusConnection* connection) {
+  constexpr gint default_timeout = -1;
+  [[maybe_unused]] g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
+      connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
+      nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, default_timeout, nullptr, nullptr);
+}
+
+} // namespace
+
+GDBusConnection* bus_connection(GError** error) {
+  if (!sharing) {
+    return connection_of_start(error);
+  }
+  if (shared_connection == nullptr) {
+    shared_connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error);
+  }
+  return shared_connection;
+}
+
+GMainContext* bus_connection_context() {
+  if (!sharing && start_context == nullptr) {
+    start_context = g_main_context_new();
+  }
+  return sharing ? nullptr : start_context;
+}
+
+void bus_connection_share() {
+  sharing = true;
+  bus_connection(nullptr);
+}
+
+void bus_connection_leave_start() {
+  if (start_connection != nullptr) {
+    catch_up(start_connection);
+  }
+  while (start_context != nullptr && g_main_context_iteration(start_context, FALSE)) {
+  }
+  g_clear_object(&start_connection);
+  g_clear_pointer(&start_context, g_main_context_unref);
+}

@@ -1,0 +1,24 @@
+// The connections to the system bus. The bus knows a connection for good by the user that opened
+// it, so the start, which may ask other services as root, has one of its own. The shared one, which
+// carries the daemon's names, is opened by the user that the daemon has become.
+//
+// Main thread only.
+#pragma once
+
+#include <gio/gio.h>
+
+/// The connection over which other services are reached: until bus_connection_share() the start's
+/// own, opened when first asked for, then the shared one. Owned by this module; NULL with `error`
+/// without a bus.
+GDBusConnection* bus_connection(GError** error);
+
+/// What proxies on bus_connection() are to be made in: signals that come over the start's
+/// connection wait in this context, all others in the default one (NULL).
+GMainContext* bus_connection_context();
+
+/// From here on the shared connection is the one. To be called by the user that is to own the
+/// daemon's names.
+void bus_connection_share();
+
+/// Dispatches what came over the start's connection until now, and lets go of it.
+void bus_connection_leave_start();
