@@ -55,6 +55,9 @@ def shell(binary, size):
     """Some of wexctl, in a shell on the device."""
     with Terminal(simulation(binary, "--shell"), *size) as terminal:
         terminal.wait_for("Tab completes", PROMPT)
+        # A key that runs until the daemon has seen the line cut, and leaves no trace on the screen.
+        terminal.type("seen() { until wexctl supervised show window | grep -q cut; do :; done; }")
+        terminal.type(f"""bind -x '"\\C-g": seen'""")
         terminal.type("clear")
         terminal.wait_for(r"\Awexd device / . *$")
         for command, shown in (
@@ -67,6 +70,8 @@ def shell(binary, size):
         ):
             terminal.type(command)
             terminal.wait_for(shown, PROMPT)
+            if command.startswith("echo"):
+                terminal.keys("C-g")
         return terminal.screen("-e")
 
 
