@@ -165,7 +165,8 @@ bool event_builtin_known(const char* type_name) {
   return find(type_name) != nullptr;
 }
 
-NvEventDeclaration* event_builtin_declaration(IoPort* port, const char* type_name) {
+NvEventDeclaration* event_builtin_declaration(IoPort* port, const char* type_name,
+                                              InitialState initial_state) {
   const Declaration* const table = find(type_name);
   WEXD_ASSERT_NONNULL(table);
   auto* declaration = nv_event_declaration_new(type_name);
@@ -174,7 +175,8 @@ NvEventDeclaration* event_builtin_declaration(IoPort* port, const char* type_nam
   }
   // The any-port declaration belongs to no port.
   const bool any = table->fill == fill_port_any;
-  nv_event_declaration_set_property(declaration, table->property, table->fill,
+  nv_event_declaration_set_property(declaration, table->property,
+                                    initial_state == InitialState::Sent ? table->fill : nullptr,
                                     any ? nullptr : GINT_TO_POINTER(port->number));
   return declaration;
 }

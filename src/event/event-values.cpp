@@ -66,6 +66,9 @@ std::string supervised_text(IoPort* port, NvEventType type) {
 } // namespace
 
 NvEventType event_value_type(const EventKeyValue& key_value) {
+  if (!key_value.type) {
+    return NV_EVENT_STRING;
+  }
   for (const auto& entry : type_words) {
     if (key_value.type == entry.word) {
       return entry.type;

@@ -6,8 +6,8 @@
 
 #include <string>
 
-/// The type word of a key value as the event library's code; an unknown word is a programming
-/// error.
+/// The type word of a key value as the event library's code, a string without a word; an unknown
+/// word is a programming error.
 NvEventType event_value_type(const EventKeyValue& key_value);
 
 /// The text that fills the key: the placeholder's meaning for this port now, or the value itself.

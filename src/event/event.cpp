@@ -10,10 +10,12 @@
 #include "platform/checks.h"
 #include "platform/event-library.h"
 #include "platform/log.h"
+#include "port/ioport-list.h"
 #include "port/ioport.h"
 
 #include <memory>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -35,12 +37,18 @@ std::mutex event_mutex;
 ProducerHandle producer;
 /// The one declaration that all any-port events share; 0 until declared.
 guint port_any_id = 0;
+InitialState port_any_initial_state = InitialState::Withheld;
 
 bool is_type(const IoEvent* event, const char* type_name) {
   return event->declaration == type_name;
 }
 
 enum class FillMode { Declaration, Send };
+
+// An event that is only declared is never sent, not even with the state that it starts with.
+InitialState initial_state_of(const IoEvent* event) {
+  return event->declare_only ? InitialState::Withheld : InitialState::Sent;
+}
 
 OptionalText nice_name(IoPort* port, const OptionalText& name) {
   if (name != "PORT_NAME") {
@@ -164,34 +172,15 @@ void declare_generic(IoPort* port, IoEvent* event) {
     g_warning("%sFailed to declare event %s for port %d", log_prefix, type_name, port->number);
     return;
   }
-  if (nv_event_declaration_is_property(declaration.get()) && !event->declare_only) {
+  event->is_property = nv_event_declaration_is_property(declaration.get());
+  if (event->is_property && !event->declare_only) {
     send_initial_state(port, event);
   }
 }
 
-guint declare_builtin(IoPort* port, const char* type_name) {
-  const DeclarationHandle declaration(event_builtin_declaration(port, type_name));
+guint declare_builtin(IoPort* port, const char* type_name, InitialState initial_state) {
+  const DeclarationHandle declaration(event_builtin_declaration(port, type_name, initial_state));
   return nv_event_producer_declare(producer.get(), declaration.get(), nullptr);
-}
-
-void declare(IoPort* port, IoEvent* event) {
-  if (producer == nullptr) {
-    producer.reset(nv_event_producer_new(producer_name));
-  }
-  event->filter_reset = true;
-  if (event->id != 0 || !io_event_currently_applicable(port, event)) {
-    return;
-  }
-  if (is_type(event, event_port_any)) {
-    if (port_any_id == 0) {
-      port_any_id = declare_builtin(port, event_port_any);
-    }
-    event->id = port_any_id;
-  } else if (event_builtin_known(c_str_or_null(event->declaration))) {
-    event->id = declare_builtin(port, event->declaration->c_str());
-  } else {
-    declare_generic(port, event);
-  }
 }
 
 // The library withdraws an id only once, and the any-port id is shared by all ports.
@@ -201,6 +190,7 @@ void undeclare(IoEvent* event) {
   }
   nv_event_producer_undeclare(producer.get(), event->id, nullptr);
   event->id = 0;
+  event->stale = false;
 }
 
 bool send_state(guint id, gint value, GError** error) {
@@ -237,6 +227,83 @@ bool dispatch(IoPort* port, const IoEvent* event, gint value, GError** error) {
   return send_generic(port, event, error);
 }
 
+// What the filter compares and a supervised port's event tells.
+gint compared_value(IoPort* port, const IoEvent* event, gint value) {
+  // An IO box reports all of its changes as plain levels, which tell no cut line from an open one.
+  const bool plain_levels = port->backend == BACKEND_IOBOX && event->supervised_input
+                            && !event_builtin_known(c_str_or_null(event->declaration))
+                            && io_port_supervised_input(port);
+  return is_type(event, event_supervised_port) || plain_levels
+             ? static_cast<gint>(io_port_get_supervised_state(port))
+             : value;
+}
+
+bool send(IoPort* port, IoEvent* event, gint value) {
+  event->last_value = value;
+  event->filter_reset = false;
+  g_autoptr(GError) error = nullptr;
+  const bool sent = dispatch(port, event, value, &error);
+  if (error != nullptr) {
+    g_warning("%sError sending event: %s", log_prefix, error->message);
+  }
+  return sent;
+}
+
+// The any-port event is nobody's in particular and is not renewed for one port's return.
+void refresh_state(IoPort* port, IoEvent* event) {
+  if (event->is_property && !event->declare_only) {
+    send(port, event, compared_value(port, event, io_port_get_state(port) ? 1 : 0));
+    event->filter_reset = true;
+  }
+}
+
+void send_present_port_any(gpointer /*unused*/) {
+  const gint value = io_port_list_get_port_any_value();
+  const std::lock_guard guard(event_mutex);
+  send_port_any(value, nullptr);
+}
+
+// The declaration is shared: it tells its state from the start as soon as one of its events is
+// sent.
+void declare_port_any(IoPort* port, IoEvent* event) {
+  const auto wanted = initial_state_of(event);
+  if (port_any_id == 0) {
+    port_any_id = declare_builtin(port, event_port_any, wanted);
+    port_any_initial_state = wanted;
+  } else if (wanted == InitialState::Sent && port_any_initial_state == InitialState::Withheld) {
+    port_any_initial_state = wanted;
+    g_idle_add_once(send_present_port_any, nullptr);
+  }
+  event->id = port_any_id;
+}
+
+void declare(IoPort* port, IoEvent* event) {
+  if (producer == nullptr) {
+    producer.reset(nv_event_producer_new(producer_name));
+  }
+  event->filter_reset = true;
+  if (!port->is_setup) {
+    return;
+  }
+  if (event->id != 0) {
+    if (std::exchange(event->stale, false)) {
+      refresh_state(port, event);
+    }
+    return;
+  }
+  if (!io_event_currently_applicable(port, event)) {
+    return;
+  }
+  if (is_type(event, event_port_any)) {
+    declare_port_any(port, event);
+  } else if (event_builtin_known(c_str_or_null(event->declaration))) {
+    event->id = declare_builtin(port, event->declaration->c_str(), initial_state_of(event));
+    event->is_property = true;
+  } else {
+    declare_generic(port, event);
+  }
+}
+
 } // namespace
 
 bool io_event_currently_applicable(IoPort* port, const IoEvent* event) {
@@ -257,21 +324,11 @@ bool io_event_send_event(IoPort* port, IoEvent* event, gint value) {
   if (event->id == 0 || producer == nullptr || event->declare_only) {
     return false;
   }
-  if (is_type(event, event_supervised_port)) {
-    value = static_cast<gint>(io_port_get_supervised_state(port));
-  }
+  value = compared_value(port, event, value);
   if (event->supervised_input && !event->filter_reset && value == event->last_value) {
     return false;
   }
-  event->last_value = value;
-  event->filter_reset = false;
-
-  g_autoptr(GError) error = nullptr;
-  const bool sent = dispatch(port, event, value, &error);
-  if (error != nullptr) {
-    g_warning("%sError sending event: %s", log_prefix, error->message);
-  }
-  return sent;
+  return send(port, event, value);
 }
 
 void io_event_redeclare_port(IoPort* port, IoEvent* event) {
@@ -286,6 +343,11 @@ void io_event_redeclare_port(IoPort* port, IoEvent* event) {
 void io_event_undeclare_event(IoEvent* event) {
   const std::lock_guard guard(event_mutex);
   undeclare(event);
+}
+
+void io_event_mark_stale(IoEvent* event) {
+  const std::lock_guard guard(event_mutex);
+  event->stale = event->id != 0;
 }
 
 void io_event_reset_filter(IoEvent* event) {

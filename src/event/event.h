@@ -27,6 +27,11 @@ struct IoEvent {
   std::optional<std::string> declaration;
   /// Id from the event library; 0 while not declared.
   guint id = 0;
+  /// Declared as a state rather than an occurrence.
+  bool is_property = false;
+  /// The port's hardware was released since the declaration: what the event system holds for the
+  /// state is no longer known to be true.
+  bool stale = false;
   /// Whether the event applies while the port is an output, an input, a supervised input.
   bool output = true;
   bool input = true;
@@ -47,7 +52,9 @@ inline constexpr const char* event_supervised_port = "com.norv.Event.Wxd.Supervi
 
 /// Whether the event fits what the port currently is (output, input, supervised input).
 bool io_event_currently_applicable(IoPort* port, const IoEvent* event);
-/// Declares the event if it applies and is not declared; always true, failures are logged.
+/// Declares the event if it applies, is not declared, and its port is set up; before that, the port
+/// has no state that an event could tell. An event that was declared already and went stale sends
+/// the state that its port has now. Always true, failures are logged.
 bool io_event_declare_event(IoPort* port, IoEvent* event);
 /// Sends the event with `value`; true when the event system took it.
 bool io_event_send_event(IoPort* port, IoEvent* event, gint value);
@@ -55,6 +62,8 @@ bool io_event_send_event(IoPort* port, IoEvent* event, gint value);
 void io_event_redeclare_port(IoPort* port, IoEvent* event);
 /// Withdraws the declaration; the shared any-port declaration stays.
 void io_event_undeclare_event(IoEvent* event);
+/// Notes that the port's hardware is released; the declaration stays.
+void io_event_mark_stale(IoEvent* event);
 /// Lets the next send pass the duplicate filter.
 void io_event_reset_filter(IoEvent* event);
 /// Withdraws and frees; NULL is allowed.

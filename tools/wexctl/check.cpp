@@ -71,13 +71,18 @@ private:
   bool in_backend_ = false;
 };
 
-std::string attribute(const gchar** names, const gchar** values, const char* name) {
+std::optional<std::string> find_attribute(const gchar** names, const gchar** values,
+                                          const char* name) {
   for (; *names != nullptr; names++, values++) {
     if (g_str_equal(*names, name)) {
       return *values;
     }
   }
-  return {};
+  return std::nullopt;
+}
+
+std::string attribute(const gchar** names, const gchar** values, const char* name) {
+  return find_attribute(names, values, name).value_or("");
 }
 
 bool is_true(const std::string& text) {
@@ -268,7 +273,7 @@ void Checker::check_keyvalue(const gchar** names, const gchar** values) {
     tell(Severity::Warning, "a 'keyvalue' without an 'event' is ignored");
     return;
   }
-  const auto type = attribute(names, values, "type");
+  const auto type = find_attribute(names, values, "type").value_or("string");
   if (!types.contains(type)) {
     tell(Severity::Error,
          fmt::format("type '{}' of a key value would end the daemon: int, bool, double or string",

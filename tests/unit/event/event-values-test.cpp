@@ -118,5 +118,9 @@ TEST_F(APlaceholderDeathTest, needs_one_of_the_four_types) {
   for (const char* type : {"Int", "boolean", ""}) {
     EXPECT_DEATH(event_value_type(entry("1", type)), "should not be reached");
   }
-  EXPECT_DEATH(event_value_type({.key = "key", .value = "1"}), "should not be reached");
+}
+
+TEST_F(APlaceholder, is_a_text_when_no_type_is_given) {
+  const EventKeyValue untyped{.key = "key", .value = "1"};
+  EXPECT_EQ(event_value_type(untyped), NV_EVENT_STRING);
 }
