@@ -9,12 +9,16 @@
 #include "dbus/service-registry.h"
 #include "param/param.h"
 #include "platform/log.h"
+#include "platform/memory.h"
 #include "port/action-sequence.h"
 #include "port/errors.h"
 #include "port/ioport-list.h"
 #include "port/port-observer.h"
 
 #include <array>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
 
 namespace {
 
@@ -286,6 +290,9 @@ gboolean on_handle_get_port_props(IOControlState* object, GDBusMethodInvocation*
   return TRUE;
 }
 
+/// From here on a call is so large that its memory is worth giving back.
+constexpr gsize many_steps = 1000;
+
 ActionSequence action_steps(IoPort* port, gboolean is_virtual, GVariant* seq) {
   ActionSequence steps;
   GVariantIter iter;
@@ -301,6 +308,21 @@ ActionSequence action_steps(IoPort* port, gboolean is_virtual, GVariant* seq) {
   return steps;
 }
 
+void answer_sequence_start(IOControlState* object, GDBusMethodInvocation* invocation,
+                           SequenceStart start) {
+  switch (start) {
+  case SequenceStart::Started:
+    iocontrol_state_complete_start_action_sequence(object, invocation);
+    break;
+  case SequenceStart::Refused:
+    answer_error(invocation, IO_CONTROL_ERROR_NOT_OUTPUT, "Port not output.");
+    break;
+  case SequenceStart::NoThread:
+    answer_error(invocation, IO_CONTROL_ERROR_GENERIC, "The action sequence could not be started.");
+    break;
+  }
+}
+
 gboolean on_handle_start_action_sequence(IOControlState* object, GDBusMethodInvocation* invocation,
                                          guint number, gboolean is_virtual, GVariant* seq,
                                          gpointer /*user_data*/) {
@@ -310,14 +332,18 @@ gboolean on_handle_start_action_sequence(IOControlState* object, GDBusMethodInvo
     return TRUE;
   }
   auto steps = action_steps(port.get(), is_virtual, seq);
+  if (steps.size() >= many_steps) {
+    memory_give_back_soon();
+  }
   if (io_port_lock_taken(port.get())) {
     answer_error(invocation, IO_CONTROL_ERROR_BUSY, "The port is busy.");
   } else if (steps.empty()) {
     answer_error(invocation, IO_CONTROL_ERROR_GENERIC, "The action sequence has no steps.");
-  } else if (!io_port_run_action_sequence(port.get(), std::move(steps))) {
-    answer_error(invocation, IO_CONTROL_ERROR_NOT_OUTPUT, "Port not output.");
+  } else if (steps.size() > action_sequence_step_limit) {
+    answer_error(invocation, IO_CONTROL_ERROR_GENERIC, "The action sequence has too many steps.");
   } else {
-    iocontrol_state_complete_start_action_sequence(object, invocation);
+    answer_sequence_start(object, invocation,
+                          io_port_run_action_sequence(port.get(), std::move(steps)));
   }
   return TRUE;
 }
@@ -364,6 +390,58 @@ gboolean on_handle_refresh_io_ports(IOControlState* object, GDBusMethodInvocatio
   return TRUE;
 }
 
+// A wait, by one thread, for another to have flushed the connection.
+class Flush {
+public:
+  void done() {
+    {
+      const std::lock_guard guard(mutex_);
+      done_ = true;
+    }
+    changed_.notify_one();
+  }
+
+  void wait() {
+    std::unique_lock guard(mutex_);
+    changed_.wait_for(guard, longest_wait, [this] { return done_; });
+  }
+
+private:
+  /// A bus that stands still must not hold up a sequence.
+  static constexpr std::chrono::milliseconds longest_wait{100};
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool done_ = false;
+};
+
+using SharedFlush = std::shared_ptr<Flush>;
+
+void flush_in_thread(GTask* task, gpointer connection, gpointer data, GCancellable* /*unused*/) {
+  g_dbus_connection_flush_sync(static_cast<GDBusConnection*>(connection), nullptr, nullptr);
+  (*static_cast<SharedFlush*>(data))->done();
+  g_task_return_boolean(task, TRUE);
+}
+
+// Waits a moment until the bus has taken the signals so far. GLib's flush cannot be interrupted, so
+// a thread of its pool does it.
+void wait_for_signals_to_leave() {
+  const auto flush = std::make_shared<Flush>();
+  state_interface.with([&](IOControlState* skeleton) {
+    auto* const connection =
+        g_dbus_interface_skeleton_get_connection(G_DBUS_INTERFACE_SKELETON(skeleton));
+    if (connection == nullptr) {
+      flush->done();
+      return;
+    }
+    g_autoptr(GTask) task = g_task_new(connection, nullptr, nullptr, nullptr);
+    g_task_set_task_data(task, new SharedFlush(flush),
+                         [](gpointer data) { delete static_cast<SharedFlush*>(data); });
+    g_task_run_in_thread(task, flush_in_thread);
+  });
+  flush->wait();
+}
+
 const std::array<MethodHandler, 17> handlers{{
     {"handle-start-action-sequence", G_CALLBACK(on_handle_start_action_sequence)},
     {"handle-drop-ioports", G_CALLBACK(on_handle_drop_io_ports)},
@@ -399,6 +477,7 @@ bool iocontrol_init_dbus() {
   register_errors();
   port_observer.port_changed = iocontrol_emit_port_changed;
   port_observer.sequence_done = iocontrol_emit_action_sequence_done;
+  port_observer.burst_announced = wait_for_signals_to_leave;
   state_owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, state_name, G_BUS_NAME_OWNER_FLAGS_NONE,
                                   iocontrol_on_bus_acquired, nullptr, nullptr, nullptr, nullptr);
   connector_owner_id =
@@ -409,6 +488,7 @@ bool iocontrol_init_dbus() {
 
 bool iocontrol_unreg_dbus() {
   port_observer.port_changed = nullptr;
+  port_observer.burst_announced = nullptr;
   port_observer.sequence_done = nullptr;
   state_interface.reset();
   g_bus_unown_name(std::exchange(state_owner_id, 0));

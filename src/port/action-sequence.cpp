@@ -1,5 +1,5 @@
-// The sequence's thread holds the port's lock except while it waits between steps. It is marked as
-// running before it starts, so that a canceller never meets a thread that holds the lock without
+// The sequence's thread holds the port's lock except while it waits between steps, and between any
+// two steps it lets in whoever waits to write the port's state. It is marked as running before it starts, so that a canceller never meets a thread that holds the lock without
 // saying so; the thread's last touch of the port happens under `sequence_lock`, so that a canceller
 // may free the port as soon as it has been told of the end.
 #include "port/action-sequence.h"
@@ -26,9 +26,9 @@ guint live_threads = 0;
 constexpr guint32 us_per_ms = 1000;
 
 // The product is formed in 32 bits on purpose: a duration above 2,147,483 ms wraps and is not held.
-Clock::time_point deadline_after(gint32 duration_ms) {
-  const auto wrapped = static_cast<gint32>(static_cast<guint32>(duration_ms) * us_per_ms);
-  return Clock::now() + std::chrono::microseconds(wrapped);
+std::chrono::microseconds hold_time(gint32 duration_ms) {
+  return std::chrono::microseconds(
+      static_cast<gint32>(static_cast<guint32>(duration_ms) * us_per_ms));
 }
 
 bool take_cancel(IoPort* port) {
@@ -54,7 +54,48 @@ bool hold_step(IoPort* port, std::unique_lock<std::mutex>& guard, Clock::time_po
       return false;
     }
   }
-  return !take_cancel(port);
+  return true;
+}
+
+// A mutex is not fair: without this wait, a sequence of steps of no length would take it again and
+// again before a writer gets it.
+void let_writers_in(IoPort* port, std::unique_lock<std::mutex>& guard) {
+  port->sequence_wake.wait(guard, [port] { return port->waiting_writers == 0; });
+}
+
+// Counts the steps that follow each other without a pause. What they announce would pile up in
+// memory, and the answers to other clients would queue behind it.
+class Pace {
+public:
+  /// Called after each step, with the port's lock held; lends the lock out for a moment when what
+  /// was announced has to leave first.
+  void after_step(std::unique_lock<std::mutex>& guard, std::chrono::microseconds held) {
+    quick_steps_ = held < pause ? quick_steps_ + 1 : 0;
+    if (quick_steps_ < burst) {
+      return;
+    }
+    quick_steps_ = 0;
+    guard.unlock();
+    announce(port_observer.burst_announced);
+    guard.lock();
+  }
+
+private:
+  static constexpr guint burst = 64;
+  static constexpr std::chrono::milliseconds pause{1};
+  guint quick_steps_ = 0;
+};
+
+// Applies the step and holds it. False when the sequence was cancelled.
+bool run_step(const ActionStep& step, Pace& pace, std::unique_lock<std::mutex>& guard) {
+  apply_step(step);
+  const auto held = hold_time(step.duration_ms);
+  if (!hold_step(step.port, guard, Clock::now() + held)) {
+    return false;
+  }
+  pace.after_step(guard, held);
+  let_writers_in(step.port, guard);
+  return !take_cancel(step.port);
 }
 
 void forget_running(IoPort* port) {
@@ -84,9 +125,9 @@ void io_port_run_sequence_internal(ActionSequence steps) {
   WEXD_RETURN_IF_FAIL(port != NULL);
 
   std::unique_lock guard(port->lock);
+  Pace pace;
   for (const auto& step : steps) {
-    apply_step(step);
-    if (!hold_step(port, guard, deadline_after(step.duration_ms))) {
+    if (!run_step(step, pace, guard)) {
       break;
     }
   }
@@ -134,7 +175,7 @@ IoPortRef any_running_port() {
 
 } // namespace
 
-bool io_port_run_action_sequence(IoPort* ioport, ActionSequence steps) {
+SequenceStart io_port_run_action_sequence(IoPort* ioport, ActionSequence steps) {
   WEXD_ASSERT_NONNULL(ioport);
   g_assert(!steps.empty());
 
@@ -142,7 +183,7 @@ bool io_port_run_action_sequence(IoPort* ioport, ActionSequence steps) {
   if ((hardware_step && (io_port_input(ioport) || ioport->backend == BACKEND_VIRTUAL))
       || !ioport->is_setup) {
     g_warning("%sSet action seq on incorrect port", log_prefix);
-    return false;
+    return SequenceStart::Refused;
   }
 
   mark_running(io_port_ref(ioport));
@@ -154,11 +195,11 @@ bool io_port_run_action_sequence(IoPort* ioport, ActionSequence steps) {
               error->message);
     unmark_running(ioport);
     io_port_unref(ioport);
-    return false;
+    return SequenceStart::NoThread;
   }
   owned.release(); // NOLINT(bugprone-unused-return-value): the thread owns it now
   g_thread_unref(thread);
-  return true;
+  return SequenceStart::Started;
 }
 
 void action_sequences_stop() {

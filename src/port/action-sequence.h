@@ -20,10 +20,21 @@ struct ActionStep {
 
 using ActionSequence = std::vector<ActionStep>;
 
+/// Longest sequence that a client may start.
+inline constexpr gsize action_sequence_step_limit = 100'000;
+
+enum class [[nodiscard]] SequenceStart {
+  Started,
+  /// The port cannot run the sequence.
+  Refused,
+  /// The system has no thread left for it.
+  NoThread,
+};
+
 /// Runs `steps` on the port in a detached thread of its own, which owns `steps` and a reference of
-/// the port from then on. False, with a warning in the log, when the port cannot run the sequence.
-/// `steps` must not be empty and the port not be busy (io_port_lock_taken).
-bool io_port_run_action_sequence(IoPort* ioport, ActionSequence steps);
+/// the port from then on. Anything but Started has been logged as a warning. `steps` must not be
+/// empty and the port not be busy (io_port_lock_taken).
+SequenceStart io_port_run_action_sequence(IoPort* ioport, ActionSequence steps);
 
 /// Cancels whatever sequence still runs, on any port, and waits until all have ended.
 void action_sequences_stop();

@@ -101,16 +101,16 @@ void io_port_free(IoPort* ioport) {
 }
 
 const PortFunctions* io_port_set_backend(IoPort* ioport, guint kind) {
+  const guint replaced = std::exchange(ioport->backend, kind);
   const auto* entry = backend_registry_find(kind);
   if (entry == nullptr) {
     return nullptr;
   }
-  if (ioport->functions != nullptr && ioport->backend != kind) {
+  if (ioport->functions != nullptr && replaced != kind) {
     // The record belongs to the backend that is being replaced.
     ioport->functions->free(ioport);
     ioport->backend_description.clear();
   }
-  ioport->backend = kind;
   ioport->functions = entry->setup_functions(ioport);
   return ioport->functions;
 }
@@ -133,6 +133,9 @@ void io_port_close(IoPort* ioport) {
   }
   const PortConfigLock config_lock(ioport);
   ioport->is_setup = false;
+  for (const auto& event : ioport->events) {
+    io_event_mark_stale(event.get());
+  }
   if (ioport->functions->close != nullptr) {
     ioport->functions->close(ioport);
   } else {

@@ -7,7 +7,21 @@
 #include "platform/log.h"
 #include "port/port-observer.h"
 
+#include <string_view>
+
 namespace {
+
+// Announces a state writer to the sequence that runs on the port, takes the port's lock, and tells
+// the sequence, which waits for its own turn again, that the writer has it.
+std::unique_lock<std::mutex> take_turn_between_steps(IoPort* ioport) {
+  ioport->waiting_writers.fetch_add(1);
+  std::unique_lock guard(ioport->lock);
+  if (ioport->waiting_writers.fetch_sub(1) == 1) {
+    ioport->sequence_wake.notify_all();
+  }
+  return guard;
+}
+
 
 const char* open_or_closed(bool activelow) {
   return activelow ? "open" : "closed";
@@ -15,6 +29,10 @@ const char* open_or_closed(bool activelow) {
 
 bool read_only(IoPort* ioport, const char* property) {
   return io_port_get_property(ioport, "readonly") || io_port_get_property(ioport, property);
+}
+
+bool too_long(const char* text) {
+  return text != nullptr && std::string_view(text).size() > io_port_text_limit;
 }
 
 bool activelow_of_current_side(IoPort* port) {
@@ -139,7 +157,7 @@ bool io_port_set_state(IoPort* ioport, bool state) {
     g_warning("%sSet state on incorrect port", log_prefix);
     return false;
   }
-  const std::lock_guard guard(ioport->lock);
+  const auto turn = take_turn_between_steps(ioport);
   io_port_set_state_internal(ioport, state);
   return true;
 }
@@ -264,7 +282,7 @@ bool set_name(IoPort* ioport, const char* name, PortSide side, guint other) {
   if (g_strcmp0(name, c_str_or_null(stored)) == 0) {
     return true;
   }
-  if (read_only(ioport, "readonly_Name")) {
+  if (read_only(ioport, "readonly_Name") || too_long(name)) {
     return false;
   }
   stored = name != nullptr ? OptionalText(name) : std::nullopt;
@@ -300,7 +318,7 @@ bool io_port_set_usage(IoPort* ioport, const char* usage) {
   if (text == ioport->usage) {
     return true;
   }
-  if (read_only(ioport, "readonly_Usage")) {
+  if (read_only(ioport, "readonly_Usage") || too_long(usage)) {
     return false;
   }
   ioport->usage = text;

@@ -132,6 +132,9 @@ struct IoPort {
   /// Held while the state is changed, by an action sequence but for its waits, and by every
   /// configuration change.
   std::mutex lock;
+  /// Plain state writes that wait for `lock`; a sequence lets them in between two steps. Counted up
+  /// without `lock`, down with it.
+  std::atomic<guint> waiting_writers{0};
   /// Wakes a sequence that waits between steps.
   std::condition_variable sequence_wake;
   /// Guards `cancel_sequence` and `sequence_running`.
@@ -195,8 +198,8 @@ IoPort* io_port_ref(IoPort* ioport);
 void io_port_unref(IoPort* ioport);
 /// Ends a running sequence and frees the port, whatever its reference count.
 void io_port_free(IoPort* ioport);
-/// Attaches the backend of that kind and returns its table; nullptr (table unchanged) for an
-/// unknown kind.
+/// Stores the kind, attaches its backend and returns the table; nullptr (kind stored, table
+/// unchanged) when no backend is of that kind.
 const PortFunctions* io_port_set_backend(IoPort* ioport, guint kind);
 /// Takes the port's hardware into use. False when the backend refuses.
 bool io_port_setup(IoPort* ioport);
@@ -248,10 +251,13 @@ bool io_port_set_activelow(IoPort* ioport, bool value, bool input_side);
 gchar* io_port_get_name(IoPort* ioport);
 /// Copies (g_free) of the names of the sides that the port has; the other is left untouched.
 void io_port_get_names(IoPort* ioport, gchar** input_name, gchar** output_name);
+/// Rename one side. False when the port lacks the side, or its names are read-only, or `name` is
+/// longer than io_port_text_limit.
 bool io_port_set_input_name(IoPort* ioport, const char* name);
 bool io_port_set_output_name(IoPort* ioport, const char* name);
 /// Copy (g_free), never NULL for a port.
 gchar* io_port_get_usage(IoPort* ioport);
+/// False when the usage is read-only or `usage` is longer than io_port_text_limit.
 bool io_port_set_usage(IoPort* ioport, const char* usage);
 
 // Properties

@@ -19,6 +19,7 @@ struct PortObserver {
                                gboolean input, gboolean virtual_trig, gboolean state,
                                gboolean activelow);
   using SequenceDone = void (*)(gint port_number);
+  using BurstAnnounced = void (*)();
   using SettingChanged = void (*)(const char* property, const char* value, gint port_number,
                                   PortSide side);
   using OutputsWanted = void (*)(gboolean wanted);
@@ -27,6 +28,9 @@ struct PortObserver {
   std::atomic<PortChanged> port_changed{nullptr};
   /// An action sequence ended, completed or cancelled.
   std::atomic<SequenceDone> sequence_done{nullptr};
+  /// Many changes were announced at once, on the calling thread, which holds no lock. The callback
+  /// may wait a bounded moment until they have left.
+  std::atomic<BurstAnnounced> burst_announced{nullptr};
   /// A user-visible setting has a new value.
   std::atomic<SettingChanged> setting_changed{nullptr};
   /// Whether the device has an output-capable port; told after every change of the port list.

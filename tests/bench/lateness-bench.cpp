@@ -76,7 +76,8 @@ void run_sequence(const std::vector<gint32>& durations) {
     sequence.push_back(
         {.port = port.get(), .is_virtual = false, .state = value, .duration_ms = duration_ms});
   }
-  io_port_run_action_sequence(port.get(), std::move(sequence));
+  const auto started = io_port_run_action_sequence(port.get(), std::move(sequence));
+  g_assert(started == SequenceStart::Started);
   std::unique_lock guard(mutex);
   ended.wait(guard, [] { return over; });
   guard.unlock();

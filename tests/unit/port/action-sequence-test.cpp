@@ -31,7 +31,8 @@ struct AnActionSequence : PortTest {
   }
 
   static bool start(IoPort* port, const std::vector<Step>& steps, bool is_virtual = false) {
-    return io_port_run_action_sequence(port, sequence(port, steps, is_virtual));
+    return io_port_run_action_sequence(port, sequence(port, steps, is_virtual))
+           == SequenceStart::Started;
   }
 
   /// A port whose sequence has applied a first step that it holds for a minute.
@@ -303,7 +304,8 @@ TEST_F(AnActionSequence, does_not_make_its_canceller_spin) {
 }
 
 TEST_F(AnActionSequenceDeathTest, ends_the_process_without_a_port_or_steps) {
-  EXPECT_DEATH(io_port_run_action_sequence(nullptr, {{}}), "'ioport' should not be NULL");
+  EXPECT_DEATH(std::ignore = io_port_run_action_sequence(nullptr, {{}}),
+               "'ioport' should not be NULL");
   const auto port = make({});
-  EXPECT_DEATH(io_port_run_action_sequence(port.get(), {}), "!steps.empty\\(\\)");
+  EXPECT_DEATH(std::ignore = io_port_run_action_sequence(port.get(), {}), "!steps.empty\\(\\)");
 }

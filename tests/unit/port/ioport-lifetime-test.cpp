@@ -50,6 +50,7 @@ TEST_F(APortsLife, gets_the_backend_of_a_kind) {
   }
   const auto* const before = port->functions;
   EXPECT_EQ(io_port_set_backend(port.get(), 11), nullptr);
+  EXPECT_EQ(port->backend, 11U);
   EXPECT_EQ(port->functions, before);
 }
 

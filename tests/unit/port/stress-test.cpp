@@ -110,7 +110,7 @@ struct Stress : PortTest {
       steps.push_back(
           {.port = port, .is_virtual = is_virtual, .state = toss(), .duration_ms = pick(4)});
     }
-    if (io_port_run_action_sequence(port, std::move(steps))) {
+    if (io_port_run_action_sequence(port, std::move(steps)) == SequenceStart::Started) {
       starts++;
     }
   }

@@ -1,0 +1,26 @@
+#include "platform/memory.h"
+
+#include <glib.h>
+#include <malloc.h>
+
+#include <atomic>
+
+namespace {
+
+constexpr guint moment_ms = 1000;
+std::atomic<bool> pending{false};
+
+} // namespace
+
+void memory_give_back_soon() {
+  if (pending.exchange(true)) {
+    return;
+  }
+  g_timeout_add_once(
+      moment_ms,
+      [](gpointer) {
+        pending = false;
+        malloc_trim(0);
+      },
+      nullptr);
+}
