@@ -232,7 +232,8 @@ class Client:
         )
 
     def close(self):
-        self.connection.close_sync(None)
+        if not self.connection.is_closed():  # as it is when the bus has ended
+            self.connection.close_sync(None)
 
 
 class Call:

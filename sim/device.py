@@ -330,6 +330,10 @@ class Device:
         self.on_exit(client.close)
         return client
 
+    def end_bus(self):
+        """The bus ends, with all connections to it, and does not come back."""
+        self._bus.close()
+
     @property
     def bus_address(self):
         return self._bus.address

@@ -43,6 +43,7 @@ guint term_source = 0;
 guint hup_source = 0;
 /// Cleared when SIGTERM arrives, for threads that want to notice.
 guint running = 1;
+int exit_status = EXIT_SUCCESS;
 
 gboolean handle_signal(gpointer user_data) {
   switch (GPOINTER_TO_INT(user_data)) {
@@ -58,6 +59,15 @@ gboolean handle_signal(gpointer user_data) {
     break;
   }
   return G_SOURCE_CONTINUE;
+}
+
+// A daemon that nobody can reach is of no use; its starter shall try another. One that was told to
+// end has nothing to lose any more.
+void on_bus_lost() {
+  if (running != 0) {
+    exit_status = EXIT_FAILURE;
+  }
+  g_main_loop_quit(main_loop.get());
 }
 
 void install_signal_sources() {
@@ -161,7 +171,7 @@ int main(int argc, char* argv[]) {
   }
   // Backends have opened their devices by now; everything later is done as an ordinary user.
   drop_privileges();
-  bus_connection_share();
+  bus_connection_share(on_bus_lost);
   bus_ports_change_connection();
   start_services();
   io_port_list_set_watch();
@@ -174,5 +184,5 @@ int main(int argc, char* argv[]) {
   virtual_input_finalize();
   remove_signal_sources();
   io_port_list_free();
-  return EXIT_SUCCESS;
+  return exit_status;
 }

@@ -5,6 +5,7 @@
 #include "dbus/legacy-names.h"
 #include "dbus/legacy-properties.h"
 #include "generated/legacy-xml.h"
+#include "platform/bus-connection.h"
 #include "platform/config-event-library.h"
 #include "platform/log.h"
 #include "port/action-sequence.h"
@@ -215,7 +216,11 @@ void request_name() {
   legacy_ctrl->name_requested = true;
 }
 
+// The name went with the connection, if that is gone.
 void release_name() {
+  if (g_dbus_connection_is_closed(legacy_ctrl->connection)) {
+    return;
+  }
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariant) reply =
       call_bus("ReleaseName", g_variant_new("(s)", legacy_ioport_interface), &error);
@@ -227,12 +232,12 @@ void release_name() {
 
 void connect_to_bus() {
   g_autoptr(GError) error = nullptr;
-  GDBusConnection* const connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+  GDBusConnection* const connection = bus_connection_shared(&error);
   if (connection == nullptr) {
     g_error("Failed to connect to system bus: %s", error->message);
   }
   const std::lock_guard guard(legacy_mutex);
-  legacy_ctrl->connection = connection;
+  legacy_ctrl->connection = static_cast<GDBusConnection*>(g_object_ref(connection));
 }
 
 void disconnect_from_bus() {

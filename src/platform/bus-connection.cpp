@@ -1,5 +1,7 @@
 #include "platform/bus-connection.h"
 
+#include "platform/log.h"
+
 namespace {
 
 // The start's; none where it asks nobody.
@@ -9,6 +11,7 @@ GMainContext* start_context = nullptr;
 bool sharing = false;
 /// Kept for the life of the process.
 GDBusConnection* shared_connection = nullptr;
+void (*on_lost)() = nullptr;
 
 // As GLib opens the shared one. Its function for private ones refuses the last of these flags, by
 // which users of another name space are let in.
@@ -31,6 +34,15 @@ GDBusConnection* connection_of_start(GError** error) {
   return start_connection;
 }
 
+void on_closed(GDBusConnection* /*connection*/, gboolean /*by_peer*/, GError* error,
+               gpointer /*user_data*/) {
+  g_warning("%sLost the connection to the bus: %s", log_prefix,
+            error != nullptr ? error->message : "closed by the bus");
+  if (on_lost != nullptr) {
+    on_lost();
+  }
+}
+
 // The bus answers in the order of what it sent, so with the answer everything before it is here.
 void catch_up(GDBusConnection* connection) {
   constexpr gint default_timeout = -1;
@@ -42,11 +54,18 @@ void catch_up(GDBusConnection* connection) {
 } // namespace
 
 GDBusConnection* bus_connection(GError** error) {
-  if (!sharing) {
-    return connection_of_start(error);
+  return sharing ? bus_connection_shared(error) : connection_of_start(error);
+}
+
+// Without a word GLib would end the process by a SIGTERM that nobody sent.
+GDBusConnection* bus_connection_shared(GError** error) {
+  if (shared_connection != nullptr) {
+    return shared_connection;
   }
-  if (shared_connection == nullptr) {
-    shared_connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error);
+  shared_connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error);
+  if (shared_connection != nullptr) {
+    g_dbus_connection_set_exit_on_close(shared_connection, FALSE);
+    g_signal_connect(shared_connection, "closed", G_CALLBACK(on_closed), nullptr);
   }
   return shared_connection;
 }
@@ -58,9 +77,10 @@ GMainContext* bus_connection_context() {
   return sharing ? nullptr : start_context;
 }
 
-void bus_connection_share() {
+void bus_connection_share(void (*lost)()) {
+  on_lost = lost;
   sharing = true;
-  bus_connection(nullptr);
+  bus_connection_shared(nullptr);
 }
 
 void bus_connection_leave_start() {

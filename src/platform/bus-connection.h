@@ -17,8 +17,12 @@ GDBusConnection* bus_connection(GError** error);
 GMainContext* bus_connection_context();
 
 /// From here on the shared connection is the one. To be called by the user that is to own the
-/// daemon's names.
-void bus_connection_share();
+/// daemon's names. `lost` is called from the main loop when the bus has closed the connection; the
+/// process goes on.
+void bus_connection_share(void (*lost)());
+
+/// The shared connection, whatever bus_connection() is at the moment.
+GDBusConnection* bus_connection_shared(GError** error);
 
 /// Dispatches what came over the start's connection until now, and lets go of it.
 void bus_connection_leave_start();

@@ -1,9 +1,11 @@
 """Start-up, signals and the end: what an operator sees of the daemon's life."""
 
+import os
+import re
 import signal
 
 import pytest
-from describe import port
+from describe import element, port
 
 from sim.device import DROP_FOLDER, IMPORT_FILE, KEY_FILE, OLD_KEY_FILE, BusError
 from sim.bus import STATE_NAME, wait_until
@@ -234,6 +236,42 @@ def test_without_a_bus_and_a_legacy_interface_the_daemon_runs(device):
     device.signal(signal.SIGHUP)
     device.wait_for_log(r"^INFO: Got SIGHUP$")
     device.stop(0)
+
+
+LOST = r"^WARNING: Lost the connection to the bus: ."
+
+
+@pytest.mark.parametrize("argv", [(), ("--disable_legacy_interface",)], ids=["legacy", "plain"])
+def test_the_end_of_the_bus_ends_the_daemon_in_order_and_with_a_failure(device, argv):
+    device.describe(port("a", 0) + port("b", 1) + element("first_virtual_input", nbr=10))
+    device.start(*argv)
+    device.state.SetState(0, True)
+    device.state.StartActionSequence(1, False, [(True, 2_000_000)])
+    device.sync()
+    before = len(device.log)
+    device.end_bus()
+    device.wait_exit(status=1)
+    told = [line for line in device.log[before:] if not line.startswith("MESSAGE: ")]
+    assert len(told) == 1, told
+    assert re.match(LOST, told[0])
+    assert device.stderr == ""
+    # The end of an orderly shutdown: the ports are freed and their events withdrawn.
+    assert any("undeclare" in line for line in device.log[before:]), device.log[before:]
+
+
+def test_sigterm_beside_the_end_of_the_bus_is_told_as_what_it_is(device):
+    device.describe(port("a", 0))
+    device.start()
+    pid = device.pid
+    os.kill(pid, signal.SIGSTOP)
+    device.end_bus()
+    os.kill(pid, signal.SIGTERM)
+    os.kill(pid, signal.SIGCONT)
+    wait_until(lambda: not device.running, "the daemon's end")
+    told = [line for line in device.log if line == "INFO: Got SIGTERM" or re.match(LOST, line)]
+    assert 1 <= len(told) == len(set(told)), told
+    # What it noticed first made it end.
+    assert device.process.returncode == (1 if re.match(LOST, told[0]) else 0)
 
 
 def test_a_second_daemon_does_not_take_the_name_away(device, make_device):
