@@ -161,6 +161,42 @@ def test_it_comes_back_after_a_crash_and_stops_when_told(running):
     running.run("systemctl", "start", "wexd")
 
 
+def process(system):
+    """The daemon's process as systemd numbers it; "0" without one."""
+    return system.run("systemctl", "show", "--value", "--property=MainPID", "wexd").strip()
+
+
+def wait_for_another(system, before):
+    """Waits until another daemon than that process answers, and returns its process."""
+    wait_until(
+        lambda: process(system) not in ("0", before)
+        and system.attempt("wexctl", "list").returncode == 0,
+        "another daemon", deadline=60,
+    )  # fmt: skip
+    return process(system)
+
+
+def test_a_restart_of_the_bus_is_survived(running):
+    before = process(running)
+    ended = running.run("systemctl", "show", "--value", "--property=InvocationID", "wexd").strip()
+    running.run("systemctl", "restart", "dbus")
+    wait_for_another(running, before)
+    said = running.run("journalctl", f"_SYSTEMD_INVOCATION_ID={ended}", "--output=cat")
+    assert "Lost the connection to the bus: " in said
+    seen = running.run("journalctl", f"INVOCATION_ID={ended}", "--output=cat")
+    assert "wexd.service: Main process exited, code=exited, status=1/FAILURE" in seen
+
+
+def test_crashes_in_a_row_are_survived(running):
+    last = process(running)
+    for _ in range(5):
+        running.run("systemctl", "kill", "--kill-whom=main", "--signal=SEGV", "wexd")
+        # Without waiting for its names: a daemon that crashes at its start is started again, too.
+        wait_until(lambda: process(running) not in ("0", last), "another process", deadline=60)
+        last = process(running)
+    wait_for_another(running, before="")
+
+
 @pytest.mark.parametrize(
     "path, owner, mode",
     [
