@@ -80,6 +80,7 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <listen>unix:path={socket}</listen>
+  <servicedir>/run/dbus/services</servicedir>
   <auth>EXTERNAL</auth>
   <policy context="default">
     <allow user="*"/>

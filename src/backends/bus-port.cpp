@@ -30,14 +30,14 @@ void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* sign
   }
 }
 
-void on_owner_changed(GDBusProxy* /*proxy*/, GParamSpec* /*property*/, gpointer user_data) {
+void on_owner_changed(gpointer user_data) {
   auto* bus = static_cast<BusPort*>(user_data);
   bus->service->owner_changed(*bus);
 }
 
 void connect_handlers(BusPort& bus) {
   if (bus.service->owner_changed != nullptr) {
-    g_signal_connect(bus.proxy, "notify::g-name-owner", G_CALLBACK(on_owner_changed), &bus);
+    bus.owner_watch.start(bus.proxy, on_owner_changed, &bus);
   }
   if (bus.followed != nullptr) {
     g_signal_connect(bus.proxy, "g-signal", G_CALLBACK(on_signal), &bus);
@@ -49,39 +49,27 @@ void release_proxy(GDBusProxy* proxy, BusPort* bus) {
   g_object_unref(proxy);
 }
 
-// Another proxy of the same service, which knows the service already.
-GDBusProxy* renewed_proxy(const BusService& service) {
-  g_autoptr(GError) error = nullptr;
-  BusService known = service;
-  known.flags =
-      static_cast<GDBusProxyFlags>(service.flags | G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES
-                                   | G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START_AT_CONSTRUCTION);
-  GDBusProxy* const proxy = bus_proxy_new(known, &error);
-  if (proxy == nullptr) {
-    g_warning("%sError creating proxy to %s: %s\n", log_prefix, service.name, error->message);
-  }
-  return proxy;
-}
-
 bool same_owner(GDBusProxy* one, GDBusProxy* other) {
   g_autofree gchar* owner = g_dbus_proxy_get_name_owner(one);
   g_autofree gchar* other_owner = g_dbus_proxy_get_name_owner(other);
   return g_strcmp0(owner, other_owner) == 0;
 }
 
-// Returns the proxy that the port had. It still tells of states, but not of owners: it would have
-// to ask over the connection that is left, so that is the new one's.
+// Returns the proxy that the port had. It still tells of states, but not of owners: the service
+// would be asked over the connection that is left, so that is the new one's.
 GDBusProxy* renew(BusPort& bus) {
-  GDBusProxy* const old = std::exchange(bus.proxy, renewed_proxy(bus.service->at));
-  g_signal_handlers_disconnect_matched(old, G_SIGNAL_MATCH_FUNC, 0, 0, nullptr,
-                                       reinterpret_cast<gpointer>(on_owner_changed), nullptr);
+  g_autoptr(GError) error = nullptr;
+  const BusService& service = bus.service->at;
+  GDBusProxy* const old = std::exchange(bus.proxy, bus_proxy_renew(service, &error));
+  bus.owner_watch.stop();
   if (bus.proxy == nullptr) {
+    g_warning("%sError creating proxy to %s: %s\n", log_prefix, service.name, error->message);
     bus.connected = false;
     return old;
   }
   connect_handlers(bus);
-  if (!same_owner(old, bus.proxy)) {
-    g_object_notify(G_OBJECT(bus.proxy), "g-name-owner");
+  if (bus.service->owner_changed != nullptr && !same_owner(old, bus.proxy)) {
+    bus.owner_watch.note_change();
   }
   return old;
 }
@@ -90,6 +78,7 @@ GDBusProxy* renew(BusPort& bus) {
 
 BusPort::~BusPort() {
   std::erase(open_ports, this);
+  owner_watch.stop();
   if (proxy != nullptr) {
     release_proxy(proxy, this);
   }
@@ -113,6 +102,7 @@ bool bus_port_open(BusPort& bus, IoPort* port, const BusPortService& service, GE
 // For a moment a state is told over both connections, which is harmless; over none would not be.
 void bus_ports_change_connection() {
   std::vector<std::pair<BusPort*, GDBusProxy*>> left;
+  left.reserve(open_ports.size());
   for (BusPort* bus : open_ports) {
     left.emplace_back(bus, renew(*bus));
   }

@@ -32,6 +32,7 @@ struct BusPort {
   GDBusProxy* proxy = nullptr;
   /// Whose proxy it is; set with it.
   const BusPortService* service = nullptr;
+  BusOwnerWatch owner_watch;
   /// Whom the handlers serve; set with the proxy.
   IoPort* port = nullptr;
   bool watching = false;

@@ -13,6 +13,7 @@ constexpr BusService service{.name = "com.norv.PTZ.Coordinator",
                              .flags = G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START};
 
 GDBusProxy* coordinator = nullptr;
+BusOwnerWatch owner_watch;
 
 PtzState state_of(bool enabled) {
   return enabled ? PtzState::Enabled : PtzState::Disabled;
@@ -25,7 +26,7 @@ void apply_current_state() {
   virtual_input_set_ptz_enabled(known ? state_of(enabled) : PtzState::Unknown);
 }
 
-void on_owner_changed(GDBusProxy* /*proxy*/, GParamSpec* /*property*/, gpointer /*user_data*/) {
+void on_owner_changed(gpointer /*user_data*/) {
   apply_current_state();
 }
 
@@ -48,12 +49,13 @@ void coordinator_dbus_init() {
     g_warning("%sError creating proxy: %s\n", log_prefix, error->message);
     return;
   }
-  g_signal_connect(coordinator, "notify::g-name-owner", G_CALLBACK(on_owner_changed), nullptr);
+  owner_watch.start(coordinator, on_owner_changed, nullptr);
   g_signal_connect(coordinator, "g-signal", G_CALLBACK(on_signal), nullptr);
   apply_current_state();
 }
 
 void coordinator_dbus_finalize() {
+  owner_watch.stop();
   if (coordinator != nullptr) {
     g_signal_handlers_disconnect_matched(coordinator, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr,
                                          nullptr);

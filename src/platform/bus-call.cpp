@@ -1,12 +1,35 @@
 #include "platform/bus-call.h"
 
+#include "platform/hung-services.h"
+
+namespace {
+
+GVariant* call_unless_hung(GDBusProxy* proxy, const char* method, GVariant* arguments,
+                           GError** error) {
+  constexpr gint default_timeout = -1;
+  const char* const service = g_dbus_proxy_get_name(proxy);
+  const auto begun = hung_service_begin_call(service);
+  if (!begun) {
+    hung_service_set_error(error);
+    return nullptr;
+  }
+  g_autoptr(GError) failure = nullptr;
+  GVariant* const reply = g_dbus_proxy_call_sync(proxy, method, arguments, G_DBUS_CALL_FLAGS_NONE,
+                                                 default_timeout, nullptr, &failure);
+  if (reply == nullptr) {
+    hung_service_call_failed(service, *begun, bus_has_owner(proxy), failure);
+    g_propagate_error(error, g_steal_pointer(&failure));
+  }
+  return reply;
+}
+
+} // namespace
+
 GVariant* bus_call(GDBusProxy* proxy, const char* method, GVariant* arguments,
                    const GVariantType* reply_type, GError** error) {
-  constexpr gint default_timeout = -1;
   // A proxy that refuses the call because its name has no owner leaves floating arguments alone.
   g_autoptr(GVariant) held = arguments != nullptr ? g_variant_ref_sink(arguments) : nullptr;
-  g_autoptr(GVariant) reply = g_dbus_proxy_call_sync(proxy, method, held, G_DBUS_CALL_FLAGS_NONE,
-                                                     default_timeout, nullptr, error);
+  g_autoptr(GVariant) reply = call_unless_hung(proxy, method, held, error);
   if (reply == nullptr) {
     return nullptr;
   }

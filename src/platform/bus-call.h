@@ -1,4 +1,5 @@
-// Synchronous calls to other services, with replies checked before anyone unpacks them.
+// Synchronous calls to other services, with replies checked before anyone unpacks them. A service
+// that hangs is left alone for a while (hung-services.h); calls fail as if it had been asked.
 #pragma once
 
 #include <gio/gio.h>

@@ -1,5 +1,6 @@
 #include "platform/bus-connection.h"
 
+#include "platform/hung-services.h"
 #include "platform/log.h"
 
 namespace {
@@ -30,6 +31,9 @@ GDBusConnection* open_for_start(GError** error) {
 GDBusConnection* connection_of_start(GError** error) {
   if (start_connection == nullptr) {
     start_connection = open_for_start(error);
+    if (start_connection != nullptr) {
+      hung_services_listen(start_connection);
+    }
   }
   return start_connection;
 }
@@ -65,6 +69,7 @@ GDBusConnection* bus_connection_shared(GError** error) {
   shared_connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error);
   if (shared_connection != nullptr) {
     g_dbus_connection_set_exit_on_close(shared_connection, FALSE);
+    hung_services_listen(shared_connection);
     g_signal_connect(shared_connection, "closed", G_CALLBACK(on_closed), nullptr);
   }
   return shared_connection;

@@ -1,4 +1,5 @@
-"""Services that are there and never answer: each call waits for the bus's time-out of 25 seconds."""
+"""Services that are there and never answer: the first call waits for the bus's time-out of 25 seconds,
+and for a while there is no second one."""
 
 import contextlib
 import time
@@ -7,9 +8,12 @@ import pytest
 from describe import element, port
 
 from sim.bus import ActionSequenceDone, BusError, PortChanged, wait_until
-from sim.peers import ActionEngine, BootBlock, Coordinator, IoBox, Streamer, ZWave, late_properties
+from sim.peers import (
+    ActionEngine, BootBlock, Coordinator, IoBox, Streamer, Witness, ZWave, late_properties,
+)  # fmt: skip
 
 TIME_OUT = 25  # seconds
+REST = 30  # seconds for which a service that let a call time out is left alone
 PATIENCE = 60
 
 pytestmark = pytest.mark.hang
@@ -45,9 +49,10 @@ def test_what_waits_for_a_silent_io_box_is_all_served_afterwards(device):
     signals.assert_none()
     with contextlib.suppress(BusError):
         held.wait()  # whose own time-out may have come first
-    box.thaw()
+    box.stop()
+    box.start()
     device.state.SetState(1, False)
-    assert box.modes[-1] == (1, 0, "out")
+    assert box.modes == [(1, 0, "out")]
 
 
 def test_a_sequence_outlives_a_silent_service_while_others_are_served(device):
@@ -61,9 +66,10 @@ def test_a_sequence_outlives_a_silent_service_while_others_are_served(device):
     device.state.SetState(2, True)
     signals.wait_for(PortChanged, port=2, state=True)
     signals.wait_for(ActionSequenceDone, deadline=PATIENCE, port=1)
-    peer.thaw()
+    peer.stop()
+    peer.start()
     device.state.SetState(1, False)
-    assert peer.sent[-1] == (1, False)
+    wait_until(lambda: peer.sent[-1:] == [(1, False)], "the state that was set last")
 
 
 def test_a_silent_action_engine_delays_the_start_and_no_more(device):
@@ -76,9 +82,9 @@ def test_a_silent_action_engine_delays_the_start_and_no_more(device):
     device.stop()
     device.describe(port("out", 0))
     device.start(ready=False)
-    # The proxy's own question for properties and the question for the templates: one wait each.
+    # The question for properties waits, that for the templates does not any more.
     device.wait_for_log(
-        "WARNING: Could not retrieve the template list: .*[Tt]imeout", deadline=2 * PATIENCE
+        "WARNING: Could not retrieve the template list: .*[Tt]imeout", deadline=PATIENCE
     )
     device.state.SetState(0, True)
     assert device.state.GetState(0) is True
@@ -132,9 +138,9 @@ def test_a_silent_boot_block_delays_the_start_and_keeps_the_port(device):
     device.describe(port("a", 0).replace("<port ", '<port hwid="X" ', 1) + port("b", 1))
     boot_block.freeze()
     begin = time.monotonic()
-    # The proxy's own question for properties and the question for the id: one wait each.
+    # The question for properties waits, that for the id does not any more.
     device.start()
-    assert time.monotonic() - begin > 2 * (TIME_OUT - 1)
+    assert TIME_OUT - 1 < time.monotonic() - begin < 2 * (TIME_OUT - 1)
     assert names(device) == {"a", "b"}
     assert device.log_count("^INFO: Failed to request policykit system: .*[Tt]imeout") == 1
     assert device.log_count("^WARNING: Could not get the hardware id$") == 1
@@ -159,3 +165,191 @@ def test_what_happened_while_a_streamer_appeared_and_was_silent_is_served_afterw
     for state in (True, False, True):
         signals.wait_for(PortChanged, port=0, state=state)
     assert names(device) == {"p", "manualtrigger1"}
+
+
+def begins(service):
+    return f"^WARNING: {service.NAME} does not answer, not calling it for {REST} seconds$"
+
+
+def ends(service):
+    return f"^MESSAGE: Calling {service.NAME} again$"
+
+
+def silent_box(device, **methods):
+    """An IO box that answers nothing but what is given: {name: answer}."""
+    kinds = {
+        "GetIOBoxConnected": ("", "b"), "GetIOBoxType": ("", "s"), "GetIOPortStatus": ("i", "s"),
+        "GetSupervised": ("i", "b"), "SetIOMode": ("iis", ""),
+    }  # fmt: skip
+    return Witness(device, IoBox, {
+        name: (*kind, lambda *_, name=name: methods[name]() if name in methods else None)
+        for name, kind in kinds.items()
+    })  # fmt: skip
+
+
+def attached_box(device, set_mode):
+    """One whose outputs are set up and then set by `set_mode`."""
+    return silent_box(
+        device, GetIOBoxConnected=lambda: (True,), GetIOBoxType=lambda: ("x5210",),
+        GetIOPortStatus=lambda: ("enabled",), GetSupervised=lambda: (False,), SetIOMode=set_mode,
+    )  # fmt: skip
+
+
+def duration_of(action):
+    begin = time.monotonic()
+    action()
+    return time.monotonic() - begin
+
+
+def test_a_silent_box_holds_the_start_once_however_many_ports_it_has(device):
+    box = silent_box(device)
+    device.describe("".join(port(f"p{n}", n, "input", "iobox") for n in range(4)))
+    assert duration_of(device.start) < 2 * (TIME_OUT - 1)
+    assert len(box.calls) == 1
+    assert device.log_count("^USER: Setup failed for port") == 4
+    assert device.log_count("Failed to call method GetIOBoxConnected: Timeout was reached$") == 4
+    assert device.log_count(begins(IoBox)) == 1
+
+
+def test_a_silent_boot_block_holds_the_start_once_however_many_ports_ask(device):
+    block = Witness(device, BootBlock, {"ReadBootblockParam": ("s", "s", lambda name: None)})
+    device.describe(
+        "".join(port(f"p{n}", n).replace("<port ", '<port hwid="X" ', 1) for n in range(4))
+    )
+    assert duration_of(device.start) < 2 * (TIME_OUT - 1)
+    assert len(block.calls) == 1
+    assert names(device) == {"p0", "p1", "p2", "p3"}
+    assert device.log_count("^WARNING: Could not get the hardware id$") == 4
+    assert device.log_count(begins(BootBlock)) == 1
+
+
+def test_a_frozen_z_wave_service_holds_the_start_once_however_many_ports_it_has(device):
+    peer = ZWave(device)
+    peer.freeze()
+    device.describe("".join(port(f"p{n}", n, "input", "zwave") for n in range(4)))
+    assert duration_of(device.start) < 2 * (TIME_OUT - 1)
+    assert device.log_count(begins(ZWave)) == 1
+    # The thawed service is followed as ever.
+    signals = device.signals()
+    peer.thaw()
+    peer.device_state(3, True)
+    signals.wait_for(PortChanged, port=3, state=True)
+
+
+def test_a_silent_action_engine_holds_one_change_of_the_ports_and_no_other(device):
+    engine = ActionEngine(device)
+    optional = [f"p{n}" for n in range(4)]
+    device.describe("".join(port(name, n, optional="true") for n, name in enumerate(optional)))
+    device.start()
+    device.sync()
+    engine.freeze()
+
+    def drop_and_refresh():
+        for name in optional:
+            device.state.begin("DropIOPorts", [name]).wait(PATIENCE)
+        device.state.begin("RefreshIOPorts").wait(PATIENCE)
+
+    assert duration_of(drop_and_refresh) < 2 * (TIME_OUT - 1)
+    assert names(device) == set(optional)
+    assert device.log_count(begins(ActionEngine)) == 1
+
+
+def test_a_service_is_called_again_after_its_rest(device):
+    times = []
+
+    def set_mode():
+        times.append(time.monotonic())
+        return () if len(times) != 2 else None  # the second call is the silent one
+
+    box = attached_box(device, set_mode)
+    device.describe(port("out", 1, "output", "iobox"))
+    device.start()
+    device.state.begin("SetState", 1, True).wait(PATIENCE)
+    timed_out = time.monotonic()
+    device.wait_for_log(begins(IoBox))
+
+    def called_again():
+        device.state.SetState(1, False)
+        time.sleep(0.2)
+        return len(times) > 2
+
+    wait_until(called_again, "the next call", deadline=PATIENCE)
+    assert times[2] - timed_out > REST - 2  # for the answer to the client comes after the time-out
+    assert box.asked("SetIOMode") == [(1, 0, "out"), (1, 1, "out"), (1, 0, "out")]
+    assert (device.log_count(begins(IoBox)), device.log_count(ends(IoBox))) == (1, 1)
+
+
+@pytest.mark.parametrize("way", ["another process", "the same connection"])
+def test_a_service_whose_name_is_taken_anew_is_called_at_once(device, way):
+    box = attached_box(device, set_mode=lambda: () if len(box.asked("SetIOMode")) != 2 else None)
+    device.describe(port("out", 1, "output", "iobox"))
+    device.start()
+    for state in (True, False, True):
+        device.state.begin("SetState", 1, state).wait(PATIENCE)
+    assert len(box.asked("SetIOMode")) == 2
+    box.vanish()
+    if way == "another process":
+        box = attached_box(device, set_mode=lambda: ())
+    else:
+        box.appear()
+    device.wait_for_log(ends(IoBox))
+    device.state.SetState(1, False)
+    assert box.asked("SetIOMode")[-1] == (1, 0, "out")
+    assert (device.log_count(begins(IoBox)), device.log_count(ends(IoBox))) == (1, 1)
+
+
+def test_a_name_that_is_taken_anew_while_a_call_waits_counts_during_the_start_too(device):
+    """What let the call time out is not the service that has the name by then."""
+
+    def read(_name):
+        if len(block.calls) > 1:
+            return ("X1",)
+        block.vanish()
+        block.appear()
+        return None
+
+    block = Witness(device, BootBlock, {"ReadBootblockParam": ("s", "s", read)})
+    device.describe(
+        "".join(port(f"p{n}", n).replace("<port ", '<port hwid="X" ', 1) for n in range(2))
+    )
+    device.start()
+    assert len(block.calls) == 2
+    assert device.log_count("does not answer") == 0
+    assert device.log_count("^WARNING: Could not get the hardware id$") == 1
+
+
+@pytest.mark.parametrize("word", ["Timeout", "TimedOut", "NoReply"])
+def test_a_service_that_answers_with_a_time_out_of_its_own_has_answered(device, word):
+    box = IoBox(device)
+    device.describe(port("out", 1, "output", "iobox"))
+    device.start()
+    error = f"raise dbus.exceptions.DBusException('later', name='org.freedesktop.DBus.Error.{word}')"
+    box._replace("SetIOMode", "", error)
+    device.state.SetState(1, True)
+    device.state.SetState(1, False)
+    assert box.modes[-2:] == [(1, 1, "out"), (1, 0, "out")]
+    assert device.log_count("does not answer") == 0
+
+
+def test_a_service_that_cannot_be_started_holds_the_start_once(device):
+    device.write(
+        "/run/dbus/services/box.service",
+        f"[D-BUS Service]\nName={IoBox.NAME}\nExec=/usr/bin/sleep 1000\n",
+    )
+    device.describe("".join(port(f"p{n}", n, "input", "iobox") for n in range(4)))
+    assert duration_of(device.start) < 2 * (TIME_OUT - 1)
+    assert device.log_count("^USER: Setup failed for port") == 4
+    assert device.log_count(begins(IoBox)) == 1
+
+
+def test_a_coordinator_that_comes_and_is_silent_holds_nobody(device):
+    device.describe(port("p", 0) + element("first_virtual_input", nbr=10))
+    device.start()
+    coordinator = Coordinator(
+        device, start=False, enabled=False, properties=late_properties(2 * TIME_OUT)
+    )
+    coordinator.launch()
+    wait_until(lambda: device.first_client.owner(Coordinator.NAME), "the coordinator on the bus")
+    assert duration_of(lambda: device.state.SetState(0, True)) < TIME_OUT - 5
+    assert device.log_count(begins(Coordinator)) == 0
+    device.wait_for_log(begins(Coordinator), deadline=PATIENCE)
