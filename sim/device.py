@@ -142,8 +142,9 @@ class Device:
         self.write(DESCRIPTION, f"<config>\n{ports}\n</config>\n")
 
     def drop_in(self, name, ports):
-        """Writes a file of the drop folder."""
-        self.write(f"{DROP_FOLDER}/{name}", f"<config>\n{ports}\n</config>\n")
+        """Writes a file of the drop folder, where the daemon takes only what others cannot write."""
+        path = self.write(f"{DROP_FOLDER}/{name}", f"<config>\n{ports}\n</config>\n")
+        path.chmod(0o644)
 
     def settings(self, text):
         """Writes the key file of the user's settings."""

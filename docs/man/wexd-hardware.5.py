@@ -20,7 +20,7 @@ wexd-hardware - which ports a device has
 # DESCRIPTION
 
 *wexd*(8) reads the device's ports from _/usr/share/wexd/conf.xml_ and then from every file in
-_/etc/wexd.d/_. The files are XML; every *port* element describes a port, the elements in it fill it.
+_/etc/wexd.d/_ that belongs to root and that only root may write. The files are XML; every *port* element describes a port, the elements in it fill it.
 The reader is lenient: elements and attributes that it does not know are ignored, and an element
 applies to the port described last, wherever it stands. *wexctl check* tells what the daemon would
 make of a file; the schema is _/usr/share/wexd/wexd-hardware.rng_.

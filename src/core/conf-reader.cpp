@@ -4,9 +4,11 @@
 #include "core/conf-reader.h"
 
 #include "core/conf-vocabulary.h"
+#include "core/drop-folder.h"
 #include "event/event.h"
 #include "peers/bootblock.h"
 #include "platform/log.h"
+#include "platform/regular-file.h"
 #include "port/ioport-list.h"
 
 #include <algorithm>
@@ -187,22 +189,15 @@ void report_dropped(const IoPort* port) {
             port->origin.c_str(), port->name ? port->name->c_str() : "", port->number);
 }
 
-} // namespace
-
-bool conf_read_configuration(const char* file_name) {
+bool parse(const char* file_name, const std::string& text) {
   Reading reading{.file_name = file_name, .hwid_value = nullptr};
   g_autoptr(GMarkupParseContext) context =
       g_markup_parse_context_new(&parser, static_cast<GMarkupParseFlags>(0), &reading, nullptr);
 
-  g_autofree gchar* text = nullptr;
-  gsize length = 0;
   g_autoptr(GError) error = nullptr;
-  if (!g_file_get_contents(file_name, &text, &length, &error)) {
-    g_critical("%sCouldn't load XML (%s)\n", log_prefix, file_name);
-    return false;
-  }
   // The context is not ended, so a document that is merely cut short counts as far as it goes.
-  if (!g_markup_parse_context_parse(context, text, static_cast<gssize>(length), &error)) {
+  if (!g_markup_parse_context_parse(context, text.data(), static_cast<gssize>(text.size()),
+                                    &error)) {
     g_critical("%sCouldn't parse markup file (%s)\n", log_prefix, file_name);
     g_warning("%s%s: %s", log_prefix, file_name, error->message);
     return false;
@@ -210,21 +205,23 @@ bool conf_read_configuration(const char* file_name) {
   return true;
 }
 
-bool conf_read_drop_dir(const char* directory) {
-  if (!g_file_test(directory, G_FILE_TEST_IS_DIR)) {
-    return false;
-  }
-  g_autoptr(GDir) dir = g_dir_open(directory, 0, nullptr);
-  if (dir == nullptr) {
-    return false;
-  }
-  while (const gchar* entry = g_dir_read_name(dir)) {
-    g_autofree gchar* path = g_strdup_printf("%s/%s", directory, entry);
-    if (!conf_read_configuration(path)) {
-      return false;
+} // namespace
+
+bool conf_read_configuration(const char* file_name) {
+  std::string text;
+  g_autoptr(GError) error = nullptr;
+  if (!regular_file_get_contents(file_name, Links::Followed, &text, &error)) {
+    g_critical("%sCouldn't load XML (%s)\n", log_prefix, file_name);
+    if (!g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT)) {
+      g_warning("%s%s", log_prefix, error->message);
     }
+    return false;
   }
-  return true;
+  return parse(file_name, text);
+}
+
+bool conf_read_drop_dir(const char* directory) {
+  return drop_folder_read(directory, parse);
 }
 
 void conf_finish_reading() {

@@ -157,6 +157,7 @@ int main(int argc, char* argv[]) {
   install_signal_sources();
 
   file_remove_leftovers(param_file);
+  file_remove_leftovers(legacy_temporary_file);
   read_hardware_description();
   migrate_old_params();
   if (!read_user_params()) {

@@ -2,10 +2,9 @@
 #include "dbus/service-registry.h"
 
 #include "dbus/legacy-mapping.h"
-#include "platform/handles.h"
+#include "platform/file-sync.h"
 #include "platform/log.h"
 
-#include <fcntl.h>
 #include <glib.h>
 
 #include <cerrno>
@@ -16,30 +15,25 @@ namespace {
 
 constexpr const char* registry_file = "/etc/service_registry/services.d/wexd_service_registry.conf";
 constexpr const char* mapping_file = "/etc/legacyconfig/legacymappings.d/wexd.xml";
-constexpr const char* temporary_file = "/etc/wexd.d/legacy.tmp";
 
 // What went wrong is a warning, one for each file; the reason stands beside it as information.
 constexpr const char* hint = "(the folder must be writable by the daemon's user)";
 
 bool write_temporary(const std::string& text) {
   g_autoptr(GError) error = nullptr;
-  if (!g_file_set_contents(temporary_file, text.c_str(), static_cast<gssize>(text.size()),
-                           &error)) {
+  if (!file_create_synced(legacy_temporary_file, text, &error)) {
     g_info("%s%s %s", log_prefix, error->message, hint);
     return false;
-  }
-  if (const UniqueFd fd(open(temporary_file, O_RDONLY | O_CLOEXEC)); fd) {
-    fsync(fd.get());
   }
   return true;
 }
 
 // The reader of the target must never meet half a file.
 void move_temporary(const char* target) {
-  if (rename(temporary_file, target) != 0) {
+  if (rename(legacy_temporary_file, target) != 0) {
     const int saved_errno = errno;
     g_warning("%sCouldn't move service registry file correctly", log_prefix);
-    g_info("%sCould not rename %s to %s: %s %s", log_prefix, temporary_file, target,
+    g_info("%sCould not rename %s to %s: %s %s", log_prefix, legacy_temporary_file, target,
            g_strerror(saved_errno), hint);
   }
 }

@@ -114,17 +114,21 @@ bool sync_folder(const Target& target) {
   return !fd || fsync(fd.get()) == 0 || errno == EINVAL;
 }
 
-bool remove_temporary(const Target& target) {
-  return unlinkat(target.folder.get(), target.temporary.c_str(), 0) == 0 || errno == ENOENT;
+// Whatever has the name goes: a link in its place must not lead the text elsewhere.
+UniqueFd create_anew(int folder, const char* name, mode_t mode) {
+  if (unlinkat(folder, name, 0) != 0 && errno != ENOENT) {
+    return {};
+  }
+  return UniqueFd(openat(folder, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+}
+
+void remove_temporary(const Target& target) {
+  unlinkat(target.folder.get(), target.temporary.c_str(), 0);
 }
 
 Replaced replace(const Target& target, std::string_view text, GError** error) {
-  if (!remove_temporary(target)) {
-    return refused(error, "clear the way for", target);
-  }
-  const UniqueFd fd(openat(target.folder.get(), target.temporary.c_str(),
-                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                           target.existed ? private_mode : default_mode));
+  const UniqueFd fd = create_anew(target.folder.get(), target.temporary.c_str(),
+                                  target.existed ? private_mode : default_mode);
   if (!fd) {
     return refused(error, "make a file beside", target);
   }
@@ -251,6 +255,21 @@ bool file_set_contents_synced(const char* path, std::string_view text, GError** 
   }
   g_propagate_error(error, g_steal_pointer(&replace_error));
   return false;
+}
+
+bool file_create_synced(const char* path, std::string_view text, GError** error) {
+  const UniqueFd fd = create_anew(AT_FDCWD, path, default_mode);
+  if (!fd) {
+    return fail(error, "create", path);
+  }
+  if (!write_all(fd.get(), text)) {
+    fail(error, "write", path);
+    unlink(path);
+    return false;
+  }
+  // A file system that cannot sync still has the text.
+  fsync(fd.get());
+  return true;
 }
 
 void file_remove_leftovers(const char* path) {

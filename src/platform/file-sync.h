@@ -24,6 +24,10 @@
 [[nodiscard]] bool file_set_contents_synced(const char* path, std::string_view text,
                                             GError** error);
 
+/// Makes `path` anew with `text` as its content, synced where that is possible; whatever had the
+/// name before is gone. For files that nobody reads yet: a crash may leave half a text.
+[[nodiscard]] bool file_create_synced(const char* path, std::string_view text, GError** error);
+
 /// Takes away what writes of `path` have left that broke off, also those of earlier releases:
 /// "<name>.XXXXXX" with six random letters and digits. A word or a date in their place is
 /// somebody's copy and stays.

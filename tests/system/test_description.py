@@ -1,11 +1,13 @@
 """The hardware description: what each element and attribute makes of a port."""
 
 import os
+import stat
 
 import pytest
 from describe import element, port, sysfs_input
 
 from sim.device import DESCRIPTION, DROP_FOLDER
+from sim.sandbox import WXD_GID, WXD_UID
 
 
 def names(device):
@@ -351,12 +353,129 @@ def test_the_first_bad_file_of_the_drop_folder_ends_its_reading(device):
     assert names(device) == [*reversed(read), "first"]
 
 
-def test_a_folder_within_the_drop_folder_cannot_be_loaded(device):
-    device.expect(rf"^CRITICAL: Couldn't load XML \({DROP_FOLDER}//folder\)")
-    device.describe(port("a", 0))
-    device.path(f"{DROP_FOLDER}/folder").mkdir(parents=True)
+def make_folder(path):
+    path.mkdir()
+
+
+def make_device_node(path):
+    """What never ends when it is read; only root can make one."""
+    os.mknod(path, stat.S_IFCHR | 0o644, os.makedev(1, 5))
+
+
+no_regular_file = pytest.mark.parametrize(
+    "make",
+    [
+        pytest.param(os.mkfifo, id="pipe"),
+        pytest.param(make_folder, id="folder"),
+        pytest.param(make_device_node, id="device", marks=pytest.mark.root),
+    ],
+)
+
+
+@no_regular_file
+def test_what_is_no_regular_file_is_no_description(device, make):
+    device.expect(rf"^CRITICAL: Couldn't load XML \({DESCRIPTION}\)$")
+    make(device.path(DESCRIPTION))
+    device.drop_in("more", port("a", 0))
+    device.start()
+    assert device.log_count(rf"^WARNING: '{DESCRIPTION}' is not a regular file$") == 1
+    assert names(device) == ["a"]
+
+
+def test_a_description_may_be_a_link(device):
+    device.write("/usr/share/wexd/variant.xml", f"<config>{port('a', 0)}</config>")
+    device.path(DESCRIPTION).symlink_to("variant.xml")
     device.start()
     assert names(device) == ["a"]
+
+
+def skipped(device, name, reason):
+    return device.log_count(rf"^WARNING: Skipping {DROP_FOLDER}//{name}: {reason}$") == 1
+
+
+def drop_in_around(device, name):
+    """Drop-ins on both sides of another entry, whatever the order of the folder."""
+    device.describe(port("first", 0))
+    for number in range(8):
+        device.drop_in(f"good{number}", port(f"good{number}", number + 1))
+    return device.path(f"{DROP_FOLDER}/{name}")
+
+
+ALL_GOOD = sorted(["first", *(f"good{number}" for number in range(8))])
+
+
+@no_regular_file
+def test_a_drop_in_that_is_no_regular_file_is_skipped(device, make):
+    make(drop_in_around(device, "odd"))
+    device.start()
+    assert skipped(device, "odd", "it is not a regular file")
+    assert sorted(names(device)) == ALL_GOOD
+
+
+@pytest.mark.parametrize("mode", [0o664, 0o646, 0o666])
+def test_a_drop_in_that_others_may_write_is_skipped(device, mode):
+    drop_in_around(device, "open")
+    device.drop_in("open", port("open", 20))
+    device.path(f"{DROP_FOLDER}/open").chmod(mode)
+    device.start()
+    assert skipped(device, "open", "others may write it")
+    assert sorted(names(device)) == ALL_GOOD
+
+
+@pytest.mark.root
+def test_a_drop_in_of_another_user_is_skipped(device):
+    path = drop_in_around(device, "foreign")
+    device.drop_in("foreign", port("foreign", 20))
+    os.chown(path, WXD_UID, WXD_GID)
+    device.start()
+    assert skipped(device, "foreign", "it belongs to another user")
+    assert sorted(names(device)) == ALL_GOOD
+
+
+@pytest.mark.parametrize("target", ["../elsewhere.xml", "/etc/elsewhere.xml"])
+def test_a_drop_in_may_be_a_link_of_the_starting_user(device, target):
+    device.describe("")
+    device.write("/etc/elsewhere.xml", f"<config>{port('a', 0)}</config>")
+    device.path(f"{DROP_FOLDER}/link").symlink_to(target)
+    device.start()
+    assert names(device) == ["a"]
+
+
+@pytest.mark.root
+def test_a_link_of_another_user_is_skipped_wherever_it_leads(device):
+    path = drop_in_around(device, "link")
+    device.write("/etc/elsewhere.xml", f"<config>{port('elsewhere', 20)}</config>")
+    path.symlink_to("/etc/elsewhere.xml")
+    os.lchown(path, WXD_UID, WXD_GID)
+    device.start()
+    assert skipped(device, "link", "the link belongs to another user")
+    assert sorted(names(device)) == ALL_GOOD
+
+
+@pytest.mark.root
+def test_a_link_to_a_file_of_another_user_is_skipped(device):
+    path = drop_in_around(device, "link")
+    os.chown(
+        device.write("/etc/elsewhere.xml", f"<config>{port('elsewhere', 20)}</config>"), WXD_UID, 0
+    )
+    path.symlink_to("/etc/elsewhere.xml")
+    device.start()
+    assert skipped(device, "link", "it belongs to another user")
+    assert sorted(names(device)) == ALL_GOOD
+
+
+@pytest.mark.root
+def test_the_temporary_of_the_legacy_files_is_passed_over_without_a_word(device):
+    path = drop_in_around(device, "legacy.tmp")
+    device.write(f"{DROP_FOLDER}/legacy.tmp", f"<config>{port('legacy', 20)}</config>")
+    os.chown(path, WXD_UID, WXD_GID)
+    device.write(f"{DROP_FOLDER}/legacy.tmp.A1b2C3", "<config></nonsense>")
+    device.start()
+    assert device.log_count("Skipping") == 0
+    assert sorted(names(device)) == ALL_GOOD
+    assert sorted(os.listdir(device.path(DROP_FOLDER))) == sorted(
+        name for name in ALL_GOOD if name != "first"
+    )
 
 
 def test_a_file_in_place_of_the_drop_folder_is_passed_over(device):

@@ -455,6 +455,14 @@ def test_shipped_descriptions_pass_the_check_and_the_schema(wexctl, shipped):
     )  # fmt: skip
 
 
+def test_a_pipe_fails_the_check_and_does_not_hold_it(wexctl, tmp_path):
+    pipe = tmp_path / "pipe"
+    os.mkfifo(pipe)
+    result = wexctl("check", str(pipe))
+    assert result.status == 1
+    assert result.out == f"{pipe}:0: error: '{pipe}' is not a regular file\n"
+
+
 def test_a_missing_file_fails_the_check(wexctl, tmp_path):
     result = wexctl("check", str(tmp_path / "none.xml"))
     assert result.status == 1 and "error: " in result.out

@@ -2,6 +2,7 @@
 // attributes of and inside a backend go to that backend.
 #include "wexctl/check.h"
 
+#include "platform/regular-file.h"
 #include "wexctl/check-vocabulary.h"
 #include "wexctl/output.h"
 
@@ -339,10 +340,9 @@ void Checker::end_element(GMarkupParseContext* /*context*/, const gchar* element
 void Checker::read(const std::string& file) {
   file_ = file;
   context_ = nullptr;
-  g_autofree gchar* text = nullptr;
-  gsize length = 0;
+  std::string text;
   g_autoptr(GError) error = nullptr;
-  if (!g_file_get_contents(file.c_str(), &text, &length, &error)) {
+  if (!regular_file_get_contents(file.c_str(), Links::Followed, &text, &error)) {
     tell(Severity::Error, error->message);
     return;
   }
@@ -354,7 +354,8 @@ void Checker::read(const std::string& file) {
   g_autoptr(GMarkupParseContext) context =
       g_markup_parse_context_new(&parser, static_cast<GMarkupParseFlags>(0), this, nullptr);
   context_ = context;
-  if (!g_markup_parse_context_parse(context, text, static_cast<gssize>(length), &error)) {
+  if (!g_markup_parse_context_parse(context, text.data(), static_cast<gssize>(text.size()),
+                                    &error)) {
     tell(Severity::Error, error->message);
   } else if (!g_markup_parse_context_end_parse(context, &error)) {
     tell(Severity::Warning, fmt::format("the file is cut short: {}", error->message));

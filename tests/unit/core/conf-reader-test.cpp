@@ -237,9 +237,17 @@ TEST_F(TheDescription, needs_no_folder) {
   EXPECT_FALSE(conf_read_drop_dir(plain_file.c_str()));
 }
 
-TEST_F(TheDescription, counts_a_folder_in_the_folder_as_a_file_that_cannot_be_read) {
+TEST_F(TheDescription, is_no_folder_in_the_folder) {
   const ScratchFolder folder;
   mkdir(folder.path("inner").c_str(), 0755);
+  EXPECT_TRUE(conf_read_drop_dir(folder.path().c_str()));
+  EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING,
+                     "Skipping " + folder.path() + "/inner: it is not a regular file"));
+}
+
+TEST_F(TheDescription, is_no_link_of_the_folder_that_leads_to_nothing) {
+  const ScratchFolder folder;
+  std::filesystem::create_symlink("nothing", folder.path("link"));
   EXPECT_FALSE(conf_read_drop_dir(folder.path().c_str()));
   EXPECT_TRUE(logged_part(G_LOG_LEVEL_CRITICAL, "Couldn't load XML ("));
 }

@@ -3,6 +3,7 @@
 #include "support/log-capture.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -30,6 +31,8 @@ int main(int argc, char* argv[]) {
   if (g_getenv("GTEST_DEATH_TEST_STYLE") == nullptr) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
   }
+  // Files that others may write are not read from everywhere.
+  umask(S_IWGRP | S_IWOTH);
   testing::InitGoogleTest(&argc, argv);
   log_capture_install();
   testing::UnitTest::GetInstance()->listeners().Append(new UnclaimedMessages);
