@@ -89,6 +89,14 @@ void read_hardware_description() {
   conf_finish_reading();
 }
 
+// What was taken over is removed, or it would be taken again at the next start.
+void remove_taken_file(const char* path) {
+  errno = 0;
+  if (remove(path) != 0) {
+    g_warning("%sCould not remove %s: %s", log_prefix, path, strerror(errno));
+  }
+}
+
 bool is_present_file(const char* path) {
   return g_file_test(path, G_FILE_TEST_EXISTS) && g_file_test(path, G_FILE_TEST_IS_REGULAR);
 }
@@ -104,10 +112,7 @@ void migrate_old_params() {
     return;
   }
   apply_loaded_params();
-  errno = 0;
-  if (remove(old_param_file) != 0) {
-    g_warning("%sCould not remove %s: %s", log_prefix, old_param_file, strerror(errno));
-  }
+  remove_taken_file(old_param_file);
 }
 
 bool read_user_params() {
@@ -122,10 +127,13 @@ bool read_user_params() {
   return true;
 }
 
-// What the older parameter service left is taken once; an error in it must not keep ports away.
-void import_sedrin_params() {
-  if (is_present_file(import_file)) {
-    read_sedrin_parameters(import_file, nullptr);
+// What the older parameter service left is taken once: it goes when the settings are safe.
+void import_and_save_params() {
+  const bool taken = sedrin_take_file(import_file);
+  io_port_list_update_names();
+  const bool saved = param_save_all(param_file);
+  if (taken && saved) {
+    remove_taken_file(import_file);
   }
 }
 
@@ -163,9 +171,7 @@ int main(int argc, char* argv[]) {
   if (!read_user_params()) {
     return EXIT_FAILURE;
   }
-  import_sedrin_params();
-  io_port_list_update_names();
-  param_save_all(param_file);
+  import_and_save_params();
   io_port_list_setup();
   if (use_legacy_interface()) {
     generate_service_registry();
@@ -184,6 +190,7 @@ int main(int argc, char* argv[]) {
   stop_services();
   virtual_input_finalize();
   remove_signal_sources();
+  param_save_unsaved(param_file);
   io_port_list_free();
   return exit_status;
 }

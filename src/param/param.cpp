@@ -2,6 +2,7 @@
 // param-port-group.cpp.
 #include "param/param.h"
 
+#include "param/key-file.h"
 #include "param/param-port-group.h"
 #include "platform/checks.h"
 #include "platform/file-sync.h"
@@ -19,34 +20,46 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <mutex>
 
 namespace {
 
 constexpr const char* user_name = "wxd";
 
-struct KeyFileFree {
-  void operator()(GKeyFile* file) const { g_key_file_free(file); }
-};
-
-/// Guards `key_file` and its contents; the last lock in the order.
+/// Guards what stands below; the last lock in the order.
 std::mutex key_mutex;
-std::unique_ptr<GKeyFile, KeyFileFree> key_file;
+KeyFilePtr key_file;
+/// The groups that are to be saved and are not on the disk yet.
+KeyFilePtr unsaved;
 
-// The folder belongs to the daemon's user, and the start reads the file as root: links in it lead
-// nowhere.
-bool load_key_file(const char* path, GError** error) {
-  std::string text;
-  if (!regular_file_get_contents(path, Links::Refused, &text, error)) {
-    return false;
+bool something_is_unsaved() {
+  const std::lock_guard guard(key_mutex);
+  return unsaved != nullptr;
+}
+
+// The port's settings as they are now. They are kept rather than the port, which may be gone by the
+// time that they can be saved.
+void note_as_unsaved(IoPort* port) {
+  const std::lock_guard guard(key_mutex);
+  if (unsaved == nullptr) {
+    unsaved = key_file_make();
   }
-  // Rewriting in place fills the file up with line ends before it cuts them off.
-  while (text.ends_with("\n\n")) {
-    text.pop_back();
+  param_group_write(unsaved.get(), port);
+}
+
+void take_over_unsaved() {
+  const std::lock_guard guard(key_mutex);
+  if (unsaved != nullptr && key_file != nullptr) {
+    key_file_copy(unsaved.get(), key_file.get());
   }
-  return g_key_file_load_from_data(key_file.get(), text.data(), text.size(),
-                                   G_KEY_FILE_KEEP_COMMENTS, error);
+}
+
+void store_unsaved(const char* file) {
+  take_over_unsaved();
+  if (param_store_key_file(file)) {
+    const std::lock_guard guard(key_mutex);
+    unsaved.reset();
+  }
 }
 
 // What has a second name, or is only a link, may be somebody else's.
@@ -54,7 +67,7 @@ UniqueFd open_to_hand_over(const char* path, GError** error) {
   struct stat status {};
   UniqueFd fd = regular_file_open(AT_FDCWD, path, Links::Refused, &status, error);
   if (fd && status.st_nlink != 1) {
-    g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_INVAL, "it has more than one name");
+    g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_INVAL, "'%s' has more than one name", path);
     return {};
   }
   return fd;
@@ -64,15 +77,15 @@ UniqueFd open_to_hand_over(const char* path, GError** error) {
 
 bool param_read_configuration(const char* path) {
   const std::lock_guard guard(key_mutex);
-  key_file.reset(g_key_file_new());
+  key_file = key_file_make();
   struct stat status {};
   if (lstat(path, &status) != 0) {
     return true;
   }
   g_autoptr(GError) error = nullptr;
-  if (!load_key_file(path, &error)) {
+  key_file = key_file_load(path, &error);
+  if (key_file == nullptr) {
     fprintf(stderr, "Could not read key file: %s\n", error->message);
-    key_file.reset();
     return false;
   }
   return true;
@@ -111,23 +124,33 @@ bool param_set_conf_vals(IoPort* port) {
 void param_save_for_port(IoPort* port, const char* file) {
   g_assert(port != NULL);
   const bool loaded = key_file != nullptr;
+  note_as_unsaved(port);
   if (!loaded) {
     WEXD_RETURN_IF_FAIL(param_read_configuration(file));
   }
-  param_set_conf_vals(port);
-  param_store_key_file(file);
+  store_unsaved(file);
   if (!loaded) {
     param_close_file();
   }
 }
 
-void param_save_all(const char* file) {
+bool param_save_all(const char* file) {
+  bool all_saved = true;
   const IoPortListLock list_lock;
   for (IoPort* port : io_port_list_get()) {
     if (port->number >= 0 && io_port_get_property(port, "ioport")) {
       const IoPortRef held(io_port_ref(port));
       param_save_for_port(port, file);
+      all_saved = all_saved && !something_is_unsaved();
     }
+  }
+  return all_saved;
+}
+
+void param_save_unsaved(const char* file) {
+  if (something_is_unsaved() && param_read_configuration(file)) {
+    store_unsaved(file);
+    param_close_file();
   }
 }
 
@@ -147,7 +170,7 @@ void param_set_owner_group(const char* file) {
   g_autoptr(GError) error = nullptr;
   const UniqueFd fd = open_to_hand_over(file, &error);
   if (!fd) {
-    g_warning("%sNot handing over '%s': %s", log_prefix, file, error->message);
+    g_warning("%sNot handing over settings: %s", log_prefix, error->message);
     return;
   }
   if (fchown(fd.get(), uid, gid) != 0) {

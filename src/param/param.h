@@ -20,9 +20,12 @@ void param_close_file();
 bool param_get_conf_vals(IoPort* port);
 /// Writes the port's settings into its group of the loaded key file; does not store the file.
 bool param_set_conf_vals(IoPort* port);
-/// Saves one port: reads, changes and stores the whole file, so that foreign changes are kept.
+/// Saves one port: reads, changes and stores the whole file, so that foreign changes are kept. What
+/// cannot be saved is remembered, and goes to the disk with the next save of any port.
 void param_save_for_port(IoPort* port, const char* file);
-/// Saves every I/O port of the list, one by one.
-void param_save_all(const char* file);
+/// Saves every I/O port of the list, one by one; false when one of the saves failed.
+bool param_save_all(const char* file);
+/// Tries once more to save what is still remembered, if anything is.
+void param_save_unsaved(const char* file);
 /// Hands the file to the user and group `wxd`, unless it is a link or has a second name.
 void param_set_owner_group(const char* file);

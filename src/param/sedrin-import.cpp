@@ -2,11 +2,15 @@
 // ".Output" behind it for one side of the port.
 #include "param/sedrin-import.h"
 
+#include "param/key-file.h"
 #include "platform/file-sync.h"
 #include "platform/log.h"
+#include "platform/regular-file.h"
 #include "port/errors.h"
 #include "port/ioport-list.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -239,40 +243,33 @@ Step take_group(Import& import, const char* group) {
   return Step::NextGroup;
 }
 
-GKeyFile* load(const char* path) {
-  g_autoptr(GKeyFile) file = g_key_file_new();
-  if (!g_key_file_load_from_file(file, path, G_KEY_FILE_KEEP_COMMENTS, nullptr)) {
-    return nullptr;
-  }
-  return g_steal_pointer(&file);
-}
-
-void copy_values(GKeyFile* source, GKeyFile* target) {
-  g_auto(GStrv) groups = g_key_file_get_groups(source, nullptr);
-  for (gchar** group = groups; *group != nullptr; group++) {
-    g_auto(GStrv) keys = g_key_file_get_keys(source, *group, nullptr, nullptr);
-    for (gchar** key = keys; key != nullptr && *key != nullptr; key++) {
-      g_autofree gchar* value = g_key_file_get_value(source, *group, *key, nullptr);
-      g_key_file_set_value(target, *group, *key, value);
-    }
-  }
-}
-
-} // namespace
-
-bool read_sedrin_parameters(const char* path, GError** error) {
-  if (access(path, F_OK) != 0) {
-    g_warning("%sUnable to read from sedrin file", log_prefix);
-    return true;
-  }
-  g_autoptr(GKeyFile) file = load(path);
-  if (file == nullptr) {
-    g_set_error_literal(error, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC,
-                        "Failed to load sedrin file");
+// Everyone may write to the folder of temporary files: only what the older service, which runs as
+// we do at the start, has put there itself is taken.
+bool read_own_file(const char* path, std::string* text, GError** error) {
+  struct stat status {};
+  const UniqueFd fd = regular_file_open(AT_FDCWD, path, Links::Refused, &status, error);
+  if (!fd) {
     return false;
   }
-  Import import{.path = path, .file = file, .error = error};
-  g_auto(GStrv) groups = g_key_file_get_groups(file, nullptr);
+  if (status.st_uid != geteuid()) {
+    g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_PERM, "'%s' belongs to another user", path);
+    return false;
+  }
+  return regular_file_read(fd.get(), path, text, error);
+}
+
+KeyFilePtr load_import(const char* path) {
+  std::string text;
+  g_autoptr(GError) error = nullptr;
+  if (!read_own_file(path, &text, &error)) {
+    g_warning("%sNot importing settings: %s", log_prefix, error->message);
+    return nullptr;
+  }
+  return key_file_parse(text, nullptr);
+}
+
+bool take_groups(Import& import) {
+  g_auto(GStrv) groups = g_key_file_get_groups(import.file, nullptr);
   for (gchar** group = groups; *group != nullptr; group++) {
     if (take_group(import, *group) == Step::Stop) {
       break;
@@ -281,26 +278,58 @@ bool read_sedrin_parameters(const char* path, GError** error) {
   return !import.failed;
 }
 
+bool is_missing(const char* path) {
+  struct stat status {};
+  return lstat(path, &status) != 0;
+}
+
+} // namespace
+
+bool read_sedrin_parameters(const char* path, GError** error) {
+  if (is_missing(path)) {
+    g_warning("%sUnable to read from sedrin file", log_prefix);
+    return true;
+  }
+  const KeyFilePtr file = load_import(path);
+  if (file == nullptr) {
+    g_set_error_literal(error, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC,
+                        "Failed to load sedrin file");
+    return false;
+  }
+  Import import{.path = path, .file = file.get(), .error = error};
+  return take_groups(import);
+}
+
+bool sedrin_take_file(const char* path) {
+  const KeyFilePtr file = is_missing(path) ? nullptr : load_import(path);
+  if (file == nullptr) {
+    return false;
+  }
+  Import import{.path = path, .file = file.get(), .error = nullptr};
+  take_groups(import);
+  return true;
+}
+
 void param_upgrade(const char* source, const char* target, GError** error) {
   constexpr int write_line = 755;
   constexpr int save_line = 762;
-  g_autoptr(GKeyFile) source_file = load(source);
+  const KeyFilePtr source_file = key_file_load(source, nullptr);
   if (source_file == nullptr) {
     g_set_error(error, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC,
                 "Unable to open input file: %s", source);
     return;
   }
-  g_autoptr(GKeyFile) target_file = load(target);
+  const KeyFilePtr target_file = key_file_load(target, nullptr);
   if (target_file == nullptr) {
     // The source is named here too: it is what the caller asked to have merged.
     g_set_error(error, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC,
                 "Unable to open output file: %s", source);
     return;
   }
-  copy_values(source_file, target_file);
+  key_file_copy(source_file.get(), target_file.get());
 
   gsize length = 0;
-  g_autofree gchar* text = g_key_file_to_data(target_file, &length, nullptr);
+  g_autofree gchar* text = g_key_file_to_data(target_file.get(), &length, nullptr);
   g_autoptr(GError) write_error = nullptr;
   if (!file_set_contents_synced(target, {text, length}, &write_error)) {
     g_log(G_LOG_DOMAIN, log_level_user, "%s%s@%d: failed to save key file: %s, error: %s\n",

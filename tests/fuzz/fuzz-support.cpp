@@ -1,6 +1,8 @@
 #include "fuzz-support.h"
 
-#include <sys/mman.h>
+#include "platform/handles.h"
+
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -31,15 +33,15 @@ void add_port(gint number, guint type, const char* name, guint backend, const ch
 
 } // namespace
 
-FuzzFile::FuzzFile(FuzzInput contents)
-    : fd(memfd_create("input", MFD_CLOEXEC)), path_("/proc/self/fd/" + std::to_string(fd)) {
-  fuzz_require(fd >= 0
-               && write(fd, contents.data(), contents.size())
+FuzzFile::FuzzFile(FuzzInput contents) : path_("/dev/shm/wexd-fuzz-" + std::to_string(getpid())) {
+  const UniqueFd fd(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  fuzz_require(fd
+               && write(fd.get(), contents.data(), contents.size())
                       == static_cast<gssize>(contents.size()));
 }
 
 FuzzFile::~FuzzFile() {
-  close(fd);
+  unlink(path_.c_str());
 }
 
 void fuzz_add_ports() {

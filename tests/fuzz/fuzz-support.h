@@ -18,7 +18,8 @@ inline void fuzz_require(bool holds) {
   }
 }
 
-/// A file in memory that code which wants a path can read, and replace by another.
+/// A file in memory for code that wants a path. It is a file by a name of its own, because links
+/// are not followed everywhere.
 class FuzzFile {
 public:
   explicit FuzzFile(FuzzInput contents);
@@ -29,7 +30,6 @@ public:
   [[nodiscard]] const char* path() const { return path_.c_str(); }
 
 private:
-  int fd;
   std::string path_;
 };
 

@@ -146,6 +146,48 @@ def test_saves_drops_and_refreshes_work_after_the_drop(running):
     assert "WARNING" not in journal(running), journal(running)
 
 
+IMPORT = "/tmp/wexd_ioport.conf"
+
+
+def restart_with_import(system, usage, *, user=None, link=False):
+    """Puts settings to import in place as that user, then starts the daemon anew."""
+    text = f"[IOPort.I1.Output]\\nName={usage}\\n"
+    target = "/tmp/elsewhere" if link else IMPORT
+    system.run("sh", "-c", f"umask 022; rm -f {IMPORT} {target}; printf '{text}' >{target}", user=user)
+    if link:
+        system.run("ln", "-s", target, IMPORT, user=user)
+    system.run("systemctl", "reset-failed", "wexd")  # none of these starts has failed
+    system.run("systemctl", "restart", "wexd")
+    return system.run("wexctl", "list")
+
+
+def test_settings_of_root_are_imported_once(running):
+    assert "Imported" in restart_with_import(running, "Imported")
+    assert running.attempt("test", "-e", IMPORT).returncode != 0
+    assert "WARNING" not in journal(running), journal(running)
+    running.run("wexctl", "name", "relay", "Relay")
+    running.run("systemctl", "restart", "wexd")
+    assert "Imported" not in running.run("wexctl", "list")
+
+
+@pytest.mark.parametrize(
+    "user, link, reason",
+    [
+        ("stranger", False, "belongs to another user"),
+        ("wxd", False, "belongs to another user"),
+        ("stranger", True, "is a symbolic link, which is not followed"),
+        (None, True, "is a symbolic link, which is not followed"),
+    ],
+)
+def test_settings_that_anyone_could_have_placed_are_not_imported(running, user, link, reason):
+    assert "Planted" not in restart_with_import(running, "Planted", user=user, link=link)
+    wait_until(
+        lambda: f"Not importing settings: '{IMPORT}' {reason}" in journal(running), "the warning"
+    )
+    assert running.attempt("test", "-L" if link else "-f", IMPORT).returncode == 0
+    running.run("rm", "-f", IMPORT, "/tmp/elsewhere")
+
+
 def test_it_comes_back_after_a_crash_and_stops_when_told(running):
     before = running.run("systemctl", "show", "--value", "--property=MainPID", "wexd")
     running.run("systemctl", "kill", "--signal=SEGV", "wexd")

@@ -1,9 +1,15 @@
 """The one-time import of what the older parameter service left."""
 
+import os
 import random
+import signal
+import stat
 
 import pytest
 from describe import port
+
+from sim.device import KEY_FILE
+from sim.sandbox import WXD_GID, WXD_UID, child_of
 
 IMPORT = "/tmp/wexd_ioport.conf"
 
@@ -127,11 +133,116 @@ def test_text_that_is_no_utf8_is_refused(device):
     assert device.state.GetNames(0) == ("Door", "")
 
 
-def test_a_folder_in_the_file_s_place_is_not_read(device):
+GATE = "[IOPort.I0.Input]\nName=Gate\n"
+
+
+def place_folder(path):
+    path.mkdir()
+
+
+def place_pipe(path):
+    os.mkfifo(path)
+
+
+def place_device(path):
+    os.mknod(path, stat.S_IFCHR | 0o644, os.makedev(1, 5))
+
+
+def place_link(path):
+    path.with_name("elsewhere").write_text(GATE)
+    path.symlink_to("elsewhere")
+
+
+def place_link_to_nothing(path):
+    path.symlink_to("nothing")
+
+
+def place_foreign_file(path):
+    path.write_text(GATE)
+    os.chown(path, WXD_UID, WXD_GID)
+
+
+@pytest.mark.parametrize(
+    "place, reason",
+    [
+        pytest.param(place_folder, "is not a regular file", id="folder"),
+        pytest.param(place_pipe, "is not a regular file", id="pipe"),
+        pytest.param(place_device, "is not a regular file", id="device", marks=pytest.mark.root),
+        pytest.param(place_link, "is a symbolic link, which is not followed", id="link"),
+        pytest.param(place_link_to_nothing, "is a symbolic link, which is not followed", id="lost"),
+        pytest.param(
+            place_foreign_file, "belongs to another user", id="foreign", marks=pytest.mark.root
+        ),
+    ],
+)
+def test_nothing_but_an_own_file_is_taken(device, place, reason):
     device.describe(PORTS)
-    device.path(IMPORT).mkdir(parents=True)
+    place(device.path(IMPORT))
     device.start()
     assert device.saved["in"]["input_name"] == "Door"
+    assert device.log_count("^WARNING: ") == 1
+    assert device.log_count(f"^WARNING: Not importing settings: '{IMPORT}' {reason}$") == 1
+    assert os.path.lexists(device.path(IMPORT)), "what is not taken is not removed"
+
+
+def test_the_file_is_taken_once(device):
+    start(device, GATE + "Trig=Open\n")
+    assert not device.exists(IMPORT)
+    assert device.state.GetNames(0)[0] == "Gate"
+    device.state.SetName(0, True, "Hatch")
+    device.restart()
+    assert device.state.GetNames(0)[0] == "Hatch"
+
+
+def test_a_file_that_does_not_parse_stays(device):
+    """Its writer may not be done with it."""
+    start(device, "no key file")
+    assert device.read(IMPORT) == "no key file"
+
+
+def test_the_file_stays_while_its_settings_are_not_safe(device):
+    device.describe(PORTS)
+    device.write(IMPORT, GATE)
+    obstacle = device.path("/etc/wexd/.wexd.conf.new")
+    obstacle.mkdir()
+    device.start()
+    assert device.state.GetNames(0)[0] == "Gate"
+    assert device.stderr.count(f"Failed to store key file {KEY_FILE}: ") == 4
+    assert device.read(IMPORT) == GATE
+    obstacle.rmdir()
+    device.restart()
+    assert device.state.GetNames(0)[0] == "Gate"
+    assert not device.exists(IMPORT)
+
+
+@pytest.mark.uninstrumented
+def test_the_file_stays_when_only_one_save_has_failed(make_device):
+    """Even though the next save made good for it."""
+    device = make_device(
+        wrapper=("strace", "-f", "-qq", "-o", "/dev/null",
+                 "-e", "trace=renameat", "-e", "inject=renameat:error=EIO:when=1"),
+        patience=3,
+    )  # fmt: skip
+    device.describe(PORTS)
+    device.write(IMPORT, GATE)
+    device.start()
+    assert device.stderr.count("Failed to store key file") == 1
+    assert device.saved["in"]["input_name"] == "Gate"
+    assert list(device.saved) == ["locked", "both", "out", "in"]
+    assert device.read(IMPORT) == GATE
+    os.kill(child_of(device.pid), signal.SIGTERM)  # the tracer would not pass it on
+    device.wait_exit()
+
+
+def test_a_file_that_cannot_be_removed_is_a_warning(ordinary_device):
+    device = ordinary_device
+    device.describe(PORTS)
+    folder = device.write(IMPORT, GATE).parent
+    folder.chmod(0o555)
+    device.start()
+    folder.chmod(0o1777)
+    assert device.log_count(rf"^WARNING: Could not remove {IMPORT}: Permission denied$") == 1
+    assert device.saved["in"]["input_name"] == "Gate"
 
 
 @pytest.mark.parametrize("seed", range(6))

@@ -92,6 +92,29 @@ def test_a_save_works_again_once_the_obstacle_is_gone(device):
     assert device.saved["out"]["usage"] == "lost", "the port's present settings are saved whole"
 
 
+@pytest.mark.parametrize("healed_by", ["another port", "the shutdown"])
+def test_what_could_not_be_saved_is_saved_later(device, healed_by):
+    device.describe(port("out", 0) + port("other", 1) + port("extra", 2, optional="true"))
+    device.start()
+    close_folder(device, file_is_writable=False)
+    device.state.SetUsage(0, "first")
+    device.state.SetUsage(0, "last")
+    device.state.SetUsage(2, "of a port that goes")
+    device.state.DropIOPorts(["extra"])
+    device.sync()
+    assert device.stderr.count("Failed to store") == 3
+    device.path("/etc/wexd").chmod(0o755)
+    device.sandbox.hand_over()
+    if healed_by == "another port":
+        device.state.SetUsage(1, "new")
+        device.sync()
+    else:
+        device.stop()
+    assert device.saved["out"]["usage"] == "last"
+    assert device.saved["extra"]["usage"] == "of a port that goes"
+    assert device.saved["other"]["usage"] == ("new" if healed_by == "another port" else "")
+
+
 def killed_at(call, when):
     """A command that runs the daemon and kills it as it begins its when-th system call of a kind."""
     return (

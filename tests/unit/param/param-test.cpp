@@ -16,6 +16,8 @@ namespace {
 struct TheKeyFile : PortTest {
   void TearDown() override {
     param_close_file();
+    // What a test could not save is not to be saved in the next one's file.
+    param_save_unsaved(scratch.path("unsaved").c_str());
     PortTest::TearDown();
   }
 
@@ -197,6 +199,41 @@ TEST_F(TheKeyFile, saves_the_other_ports_when_one_has_no_name) {
   });
   EXPECT_EQ(err, "Port does not have a name!\n");
   EXPECT_THAT(read_file(file), StartsWith("[named]\n"));
+}
+
+TEST_F(TheKeyFile, takes_what_could_not_be_saved_with_the_next_save_of_any_port) {
+  const auto file = scratch.write("conf", "no group\n");
+  add({.type = PORT_INPUT, .number = 1, .name = "other"})->usage = "not asked for";
+  auto gone = make({.type = PORT_INPUT, .name = "gone"});
+  const auto later = make({.type = PORT_INPUT, .name = "later"});
+  errors_of([&] {
+    gone->usage = "older";
+    param_save_for_port(gone.get(), file.c_str());
+    gone->usage = "newer";
+    param_save_for_port(gone.get(), file.c_str());
+    return true;
+  });
+  EXPECT_TRUE(logged_part(G_LOG_LEVEL_CRITICAL, "param_read_configuration"));
+  EXPECT_TRUE(logged_part(G_LOG_LEVEL_CRITICAL, "param_read_configuration"));
+  gone.reset();
+  overwrite_file(file, "[foreign]\nkey=1\n");
+  param_save_for_port(later.get(), file.c_str());
+  EXPECT_EQ(read_file(file), "[foreign]\nkey=1\n\n"
+                             "[gone]\ninput_name=\ninput_activelow=false\nusage=newer\n\n"
+                             "[later]\ninput_name=\ninput_activelow=false\nusage=\n");
+
+  overwrite_file(file, "");
+  param_save_unsaved(file.c_str());
+  EXPECT_EQ(read_file(file), "") << "what is saved is not saved again";
+}
+
+TEST_F(TheKeyFile, tells_whether_all_ports_could_be_saved) {
+  add({.number = 1, .name = "a"});
+  add({.number = 2, .name = "b"});
+  const auto file = scratch.path("conf");
+  EXPECT_TRUE(param_save_all(file.c_str()));
+  EXPECT_FALSE(errors_of([&] { return param_save_all(scratch.path("no folder/conf").c_str()); }));
+  EXPECT_TRUE(param_save_all(file.c_str()));
 }
 
 TEST_F(TheKeyFile, is_handed_to_the_daemons_user) {

@@ -55,6 +55,14 @@ TEST_F(TheImport, is_done_with_a_warning_when_there_is_no_file) {
   EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "Unable to read from sedrin file"));
 }
 
+TEST_F(TheImport, is_not_done_with_before_a_file_was_taken) {
+  EXPECT_FALSE(sedrin_take_file(scratch.path("none").c_str()));
+  EXPECT_FALSE(sedrin_take_file(scratch.write("broken", "no group\n").c_str()));
+  const auto partly = scratch.write("partly", "[IOPort.I1.Input]\nName=Door\nTrig=Open\n");
+  EXPECT_TRUE(sedrin_take_file(partly.c_str()));
+  EXPECT_EQ(input->input_name, "Door");
+}
+
 TEST_F(TheImport, needs_a_key_file) {
   EXPECT_EQ(import("no group\n"), "Failed to load sedrin file");
 }
