@@ -18,6 +18,14 @@ struct Step {
 };
 
 struct AnActionSequence : PortTest {
+  /// Steps that are not held, after which a sequence pauses.
+  static constexpr std::size_t burst = 64;
+
+  void TearDown() override {
+    port_observer.burst_announced = nullptr;
+    PortTest::TearDown();
+  }
+
   static ActionSequence sequence(IoPort* port, const std::vector<Step>& steps,
                                  bool is_virtual = false) {
     ActionSequence made;
@@ -211,15 +219,55 @@ TEST_F(AnActionSequence, leaves_the_state_of_its_last_step_when_cancelled) {
 }
 
 TEST_F(AnActionSequence, lets_plain_writes_in_between_its_steps) {
+  // The pause that follows a burst of steps is between two of them, and the thread's own.
+  static IoPort* written = nullptr;
   const auto port = make({.number = 5});
-  ASSERT_TRUE(start(port.get(), {{true, 200}, {true, 0}}));
-  ASSERT_TRUE(run_until([&] { return io_port_get_state(port.get()); }));
-  EXPECT_TRUE(io_port_set_state(port.get(), false));
-  EXPECT_TRUE(port->sequence_running);
-  EXPECT_FALSE(io_port_get_state(port.get()));
+  written = port.get();
+  port_observer.burst_announced = [] { EXPECT_TRUE(io_port_set_state(written, false)); };
+  ASSERT_TRUE(start(port.get(), std::vector<Step>(burst + 1, {true, 0})));
   ASSERT_TRUE(idle(port.get()));
-  EXPECT_TRUE(io_port_get_state(port.get()));
   EXPECT_THAT(take_changes(), ElementsAre("5: state=1", "5: state=0", "5: state=1"));
+}
+
+TEST_F(AnActionSequence, pauses_after_every_burst_of_steps_that_are_not_held) {
+  struct Row {
+    const char* label;
+    gint32 duration_ms;
+    int pauses;
+  };
+  static std::atomic<int> pauses;
+  port_observer.burst_announced = [] { pauses++; };
+  for (const auto& row :
+       {Row{"no length", 0, 2}, Row{"wrapped around", 2'147'484, 2}, Row{"a millisecond", 1, 0}}) {
+    SCOPED_TRACE(row.label);
+    pauses = 0;
+    const auto port = make({});
+    ASSERT_TRUE(start(port.get(), std::vector<Step>(2 * burst + 1, {true, row.duration_ms})));
+    ASSERT_TRUE(idle(port.get()));
+    EXPECT_EQ(pauses, row.pauses);
+  }
+}
+
+TEST_F(AnActionSequence, ends_at_once_when_cancelled_while_it_applies_a_step) {
+  static IoPort* cancelled = nullptr;
+  const auto port = make({.number = 5});
+  cancelled = port.get();
+  port_observer.port_changed = [](auto...) { cancelled->cancel_sequence = true; };
+  ASSERT_TRUE(start(port.get(), {{true, long_ms}, {false, 0}}));
+  ASSERT_TRUE(idle(port.get()));
+  EXPECT_THAT(fake_backend::take_calls(), ElementsAre("5: set_state 1"));
+  EXPECT_FALSE(port->cancel_sequence);
+}
+
+TEST_F(AnActionSequence, applies_no_further_step_when_cancelled_after_one) {
+  static IoPort* cancelled = nullptr;
+  const auto port = make({.number = 5});
+  cancelled = port.get();
+  port_observer.burst_announced = [] { cancelled->cancel_sequence = true; };
+  ASSERT_TRUE(start(port.get(), std::vector<Step>(burst + 1, {true, 0})));
+  ASSERT_TRUE(idle(port.get()));
+  EXPECT_EQ(fake_backend::take_calls().size(), burst);
+  EXPECT_FALSE(port->cancel_sequence);
 }
 
 TEST_F(AnActionSequence, can_follow_another_on_the_same_port) {
@@ -247,11 +295,12 @@ TEST_F(AnActionSequence, runs_beside_those_of_other_ports) {
 
 TEST_F(AnActionSequence, keeps_its_port_alive) {
   IoPort* const port = make({.number = 5}).release();
-  ASSERT_TRUE(start(port, {{true, 20}}));
+  ASSERT_TRUE(start(port, {{true, long_ms}}));
   EXPECT_EQ(port->refcount, 2U);
   io_port_unref(port);
   EXPECT_EQ(fake_backend::live_records(), 1);
-  EXPECT_TRUE(run_until([] { return fake_backend::live_records() == 0; }));
+  action_sequences_stop();
+  EXPECT_EQ(fake_backend::live_records(), 0);
   EXPECT_THAT(take_dones(), ElementsAre(5));
 }
 

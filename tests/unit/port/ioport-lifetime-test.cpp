@@ -185,16 +185,18 @@ TEST_F(APortsLife, lets_a_configuration_change_nest) {
 
 TEST_F(APortsLife, makes_a_configuration_change_wait_for_another_thread) {
   const auto port = make({.type = PORT_IO_CTRL});
-  std::atomic<bool> done{false};
-  std::thread other;
-  {
-    const PortConfigLock mine(port.get());
-    other = std::thread([&] {
-      const PortConfigLock theirs(port.get());
-      done = true;
-    });
-    EXPECT_FALSE(done);
-  }
+  std::atomic<int> inside{0};
+  std::atomic<bool> met{false};
+  const auto change_again_and_again = [&] {
+    for (int round = 0; round < 200; round++) {
+      const PortConfigLock lock(port.get());
+      met = met || ++inside != 1;
+      std::this_thread::yield();
+      inside--;
+    }
+  };
+  std::thread other(change_again_and_again);
+  change_again_and_again();
   other.join();
-  EXPECT_TRUE(done);
+  EXPECT_FALSE(met) << "two threads changed the port at once";
 }

@@ -239,3 +239,23 @@ TEST_F(SettingPortsUp, names_every_port_of_a_number) {
   EXPECT_EQ(first->output_name, "Port 1");
   EXPECT_EQ(second->output_name, "Port 1");
 }
+
+TEST_F(SettingPortsUp, lets_the_oldest_definition_of_a_number_come_into_service_first) {
+  fake_backend::failing = {1};
+  describe({.number = 1, .name = "older", .optional = true});
+  describe({.number = 1, .name = "newer", .optional = true});
+  io_port_list_setup();
+  fake_backend::failing = {};
+  EXPECT_EQ(io_port_list_setup_dynamic_ports(), 1);
+  EXPECT_THAT(names(), ElementsAre("older"));
+}
+
+TEST_F(SettingPortsUp, lets_an_optional_port_wait_even_when_its_number_is_taken) {
+  describe({.number = 1, .backend = BACKEND_GPIO, .name = "failing", .optional = true});
+  describe({.number = 1, .name = "fine", .optional = true});
+  // The set-up walks from the newest to the oldest: only the second look at the number fails.
+  fake_backend::failing_after = {{1, 1}};
+  io_port_list_setup();
+  EXPECT_THAT(names(), ElementsAre("fine"));
+  EXPECT_TRUE(waiting(1));
+}

@@ -114,6 +114,22 @@ TEST_F(ThePortList, is_active_for_the_any_port_event_when_a_taking_part_port_is)
   EXPECT_EQ(io_port_list_get_port_any_value(), 0);
 }
 
+TEST_F(ThePortList, takes_the_logical_state_for_the_any_port_event) {
+  IoPort* const inverted = add({.type = PORT_INPUT, .number = 1});
+  give_event(inverted, "PortAny");
+  io_port_set_activelow(inverted, true, true);
+  EXPECT_EQ(io_port_list_get_port_any_value(), 1);
+  fake_backend::record(inverted)->level = 1;
+  EXPECT_EQ(io_port_list_get_port_any_value(), 0);
+}
+
+TEST_F(ThePortList, counts_hidden_ports) {
+  add({.type = PORT_INPUT, .number = 1, .properties = {"ioport", "hidden"}});
+  add({.type = PORT_OUTPUT, .number = 2, .properties = {"ioport", "hidden"}});
+  EXPECT_EQ(io_port_list_nbr_inputs(), 1);
+  EXPECT_EQ(io_port_list_nbr_outputs(), 1);
+}
+
 TEST_F(ThePortList, sends_only_optional_ports_to_wait) {
   IoPort* const fixed = add({.number = 1});
   IoPort* const optional = add({.number = 2, .optional = true});

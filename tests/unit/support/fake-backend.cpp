@@ -8,6 +8,7 @@
 namespace fake_backend {
 
 std::set<gint> failing;
+std::map<gint, int> failing_after;
 std::atomic<bool> listing{true};
 bool refuse_ranges = false;
 
@@ -30,6 +31,10 @@ std::string word(gboolean value) {
 
 gboolean setup(IoPort* port, gboolean activelow_output) {
   note(port, "setup " + word(activelow_output));
+  if (const auto left = failing_after.find(port->number);
+      left != failing_after.end() && left->second-- <= 0) {
+    return FALSE;
+  }
   return !failing.contains(port->number);
 }
 
@@ -165,6 +170,7 @@ int live_records() {
 }
 
 void reset() {
+  failing_after = {};
   failing.clear();
   listing = true;
   refuse_ranges = false;

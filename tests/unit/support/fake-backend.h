@@ -7,6 +7,7 @@
 
 #include "port/ioport.h"
 
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -33,6 +34,8 @@ std::vector<std::string> take_calls();
 
 /// Numbers of ports whose set-up fails.
 extern std::set<gint> failing;
+/// Numbers whose set-ups succeed that many times and fail from then on.
+extern std::map<gint, int> failing_after;
 /// Off: operations are not listed, for tests that run very many.
 extern std::atomic<bool> listing;
 /// Whether the supervised kinds refuse new ranges without giving a reason.

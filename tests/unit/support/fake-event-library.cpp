@@ -48,6 +48,9 @@ bool refuses(Refuse operation) {
 void note(const std::string& line) {
   const std::lock_guard guard(mutex);
   events_log.push_back(line);
+  if (fake_events::listener != nullptr) {
+    fake_events::listener(line);
+  }
 }
 
 Key* find(Declaration* contents, const char* name) {
@@ -67,6 +70,8 @@ std::optional<std::string> optional_text(const char* text) {
 } // namespace
 
 namespace fake_events {
+
+void (*listener)(const std::string& line) = nullptr;
 
 const Key& Declaration::key(const std::string& name) const {
   const auto found = std::ranges::find(keys, name, &Key::name);

@@ -43,6 +43,9 @@ int times_declared(const std::string& type_name);
 /// Clears it.
 std::vector<std::string> take_log();
 
+/// Hears of everything as it happens, besides the log; NULL: nobody.
+extern void (*listener)(const std::string& line);
+
 /// Calls a property's fill callback as the library would from its main loop; the event's values.
 std::map<std::string, std::string> ask(guint id);
 

@@ -9,6 +9,19 @@ std::vector<std::string> changes;
 std::vector<std::string> settings;
 std::vector<gint> done_numbers;
 std::vector<bool> wanted_flags;
+std::vector<std::string> history;
+
+// A line of one of the lists, and its place among all that was announced.
+void note(std::vector<std::string>& list, const std::string& text) {
+  const std::lock_guard guard(mutex);
+  list.push_back(text);
+  history.push_back(text);
+}
+
+void on_event(const std::string& line) {
+  const std::lock_guard guard(mutex);
+  history.push_back(line);
+}
 
 void on_port_changed(gint number, gboolean is_virtual, gboolean hidden, gboolean input,
                      gboolean virtual_trig, gboolean state, gboolean activelow) {
@@ -18,8 +31,7 @@ void on_port_changed(gint number, gboolean is_virtual, gboolean hidden, gboolean
   text += input ? " input" : "";
   text += virtual_trig ? " virtual_trig" : "";
   text += activelow ? " activelow" : "";
-  const std::lock_guard guard(mutex);
-  changes.push_back(text);
+  note(changes, text);
 }
 
 void on_sequence_done(gint number) {
@@ -29,8 +41,7 @@ void on_sequence_done(gint number) {
 
 void on_setting_changed(const char* property, const char* value, gint number, PortSide side) {
   static constexpr std::array sides{"input", "output", "port"};
-  const std::lock_guard guard(mutex);
-  settings.push_back(std::to_string(number) + ": " + property + '='
+  note(settings, std::to_string(number) + ": " + property + '='
                      + (value != nullptr ? value : "(none)") + " ("
                      + sides.at(static_cast<gsize>(side)) + ')');
 }
@@ -61,14 +72,17 @@ void PortTest::SetUp() {
   port_observer.sequence_done = on_sequence_done;
   port_observer.setting_changed = on_setting_changed;
   port_observer.outputs_wanted = on_outputs_wanted;
+  fake_events::listener = on_event;
   take_changes();
   take_settings();
   take_dones();
   take_wanted();
+  take_history();
 }
 
 void PortTest::TearDown() {
   io_port_list_free();
+  fake_events::listener = nullptr;
   port_observer.port_changed = nullptr;
   port_observer.sequence_done = nullptr;
   port_observer.setting_changed = nullptr;
@@ -118,6 +132,10 @@ PortTest::Texts PortTest::take_changes() {
 
 PortTest::Texts PortTest::take_settings() {
   return take(settings);
+}
+
+PortTest::Texts PortTest::take_history() {
+  return take(history);
 }
 
 std::vector<gint> PortTest::take_dones() {

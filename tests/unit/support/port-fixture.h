@@ -53,6 +53,8 @@ protected:
   static Texts take_changes();
   /// Setting announcements, as "3: Name=door (input)".
   static Texts take_settings();
+  /// Changes, settings and what the event library heard, all in the order in which they came.
+  static Texts take_history();
   /// Numbers of the ports whose sequences ended.
   static std::vector<gint> take_dones();
   static std::size_t dones();
