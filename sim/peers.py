@@ -78,10 +78,12 @@ class Peer:
     def stop(self):
         """Vanishes from the bus."""
         if self.process is not None:
+            owner = self.client.owner(self.NAME)
             self.process.kill()
             self.process.wait()
             self.process = None
-            wait_until(lambda: not self.client.owner(self.NAME), f"{self.NAME} off the bus")
+            # Another may have waited for the name.
+            wait_until(lambda: self.client.owner(self.NAME) != owner, f"{self.NAME} off the bus")
 
     def freeze(self):
         """Stays on the bus and answers nobody."""

@@ -121,3 +121,15 @@ def test_the_shipped_templates_are_well_formed_and_complete():
         assert parameters == (["port", "duration"] if name == FIXED else ["port"])
         for call in root.iter("call"):
             assert call.get("service") == "com.norv.IOControl.State"
+
+
+def test_an_engine_that_has_gone_is_not_asked(device):
+    engine = ActionEngine(device)
+    device.describe(port("relay", 0, optional="true"))
+    device.start()
+    wait_until(lambda: len(engine.templates) == 2, "both templates")
+    engine.stop()
+    device.sync()
+    assert device.state.DropIOPorts(["relay"]) == ["relay"]
+    device.sync()
+    assert device.log_count("Could not retrieve the template list") == 0

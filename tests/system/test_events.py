@@ -3,7 +3,7 @@
 import re
 
 import pytest
-from describe import element, port
+from describe import element, port, sysfs_input
 
 from sim.bus import PortChanged
 from sim.peers import IoBox
@@ -174,3 +174,28 @@ def test_a_key_value_without_a_type_is_a_text(device):
     signals = device.signals()
     device.state.SetState(0, True)
     signals.wait_for(PortChanged, port=0, state=True)
+
+
+def test_a_port_that_comes_later_declares_its_events_then(device):
+    device.describe(sysfs_input("late", 0, "/sys/late", optional="true", inside=stateful()))
+    device.start()
+    assert events(device) == []
+    device.write("/sys/late", "0\n")
+    device.state.RefreshIOPorts()
+    device.wait_for_log(r"event declare producer=wxd type=Port ")
+    wait_for_states(device, "0")
+
+
+def test_every_event_is_declared_again_when_supervision_is_switched(device):
+    IoBox(device, states={"0": "closed"})
+    inside = stateful() + element("event", declaration="IOPort")
+    device.describe(port("loop", 0, "input", "iobox", inside=inside))
+    device.start()
+    device.wait_for_log(r"event send producer=wxd type=IOPort ")
+    before = len(events(device))
+    device.supervision.SetSupervised(0, True)
+    device.sync()
+    verbs = [(verb, kind) for verb, kind, _ in events(device)[before:] if verb != "send"]
+    assert sorted(verbs) == [
+        ("declare", "IOPort"), ("declare", "Port"), ("undeclare", "IOPort"), ("undeclare", "Port"),
+    ]  # fmt: skip

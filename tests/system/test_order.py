@@ -60,6 +60,15 @@ ONCE_RUNNING = {
         "RequestName", "com.norv.IOSupervised.Supervised"
     ),
 }
+# What happens when a port is dropped or comes back: nobody meets objects or files that do not fit.
+LEGACY_NAME = "com.norv.Configuration.Legacy.IOControl1.IOPort"
+REBUILD = {
+    "the call comes": r"recvmsg\(.*DropIOPorts",
+    "the legacy service gives up its name": sent("ReleaseName", LEGACY_NAME),
+    "the registry is written": START["the registry is written"],
+    "the mapping is written": START["the mapping is written"],
+    "the legacy service gets its name again": sent("RequestName", LEGACY_NAME),
+}
 END_OF_MESSAGES = {
     "the legacy service gives up its name": sent(
         "ReleaseName", "com.norv.Configuration.Legacy.IOControl1.IOPort"
@@ -132,3 +141,14 @@ def test_everything_has_its_turn(life):
     assert max(start.values()) < min(places(life, ONCE_RUNNING).values())
     in_order(life, END_OF_MESSAGES)
     in_order(life, END_OF_CALLS)
+
+
+def test_a_changed_set_of_ports_is_published_in_order(make_device):
+    device = make_device(wrapper=STRACE, patience=4)
+    device.describe(port("lamp", 0) + port("extra", 1, optional="true"))
+    device.start()
+    assert device.state.DropIOPorts(["extra"]) == ["extra"]
+    device.sync()
+    trace = device.read(TRACE).splitlines()
+    called = next(n for n, line in enumerate(trace) if re.search(REBUILD["the call comes"], line))
+    in_order(trace[called:], REBUILD)

@@ -4,7 +4,7 @@ import pytest
 from describe import element, port
 
 from sim.bus import PortChanged, wait_until
-from sim.peers import FAILURE, WRONG_TYPE, Coordinator, Streamer, late_properties
+from sim.peers import FAILURE, WRONG_TYPE, Coordinator, Streamer, Witness, late_properties
 
 FIRST = 10
 LATE = 1  # second
@@ -141,6 +141,56 @@ def test_with_ptz_disabled_an_existing_port_stays_as_it_is(device):
     device.sync()
     streamer.enable(2, False)
     wait_until(lambda: enabled(device, 2) is False, "channel 2 to be disabled")
+
+
+def test_before_ptz_is_known_channel_1_is_enabled_whatever_it_says(device):
+    Coordinator(device, enabled=True)
+    Streamer(device, channels=[False, True])
+    describe(device)
+    device.start()
+    wait_for_triggers(device, [1, 2])
+    # The channels are met first; PTZ comes on for those in the list, which 1 is not in.
+    assert (enabled(device, 1), enabled(device, 2)) == (True, True)
+
+
+def test_ptz_going_off_enables_no_trigger_that_exists(device):
+    coordinator = Coordinator(device, enabled=True)
+    streamer = Streamer(device, channels=[True, True])
+    describe(device)
+    device.start()
+    wait_for_triggers(device, [1, 2])
+    streamer.enable(1, False)
+    wait_until(lambda: not enabled(device, 1), "channel 1 to be disabled")
+    coordinator.enable(False)
+    device.sync()
+    assert not enabled(device, 1)
+
+
+def test_ptz_going_off_lists_channel_1_for_the_time_when_it_comes_back(device):
+    coordinator = Coordinator(device, enabled=True)
+    streamer = Streamer(device, channels=[True, True])
+    describe(device)
+    device.start()
+    wait_for_triggers(device, [1, 2])
+    streamer.enable(1, False)
+    streamer.enable(2, False)
+    wait_until(lambda: not enabled(device, 2), "channel 2 to be disabled")
+    coordinator.enable(False)
+    coordinator.enable(True)
+    wait_until(lambda: enabled(device, 1), "channel 1 to be enabled")
+    # A channel that was switched off has left the list.
+    assert not enabled(device, 2)
+
+
+def test_a_streamer_that_takes_anothers_place_is_met_anew(device):
+    describe(device)
+    streamer = Streamer(device, channels=[True, True])
+    device.start()
+    wait_for_triggers(device, [1, 2])
+    # It waits in the bus's queue for the name, and has no channels.
+    Witness(device, Streamer, {"Nothing": ("", "", lambda: None)})
+    streamer.stop()
+    wait_until(lambda: set(triggers(device)) == {1}, "the ports one above the channels to go")
 
 
 def test_ptz_coming_on_enables_every_enabled_channel(device):
