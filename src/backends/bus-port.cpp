@@ -106,10 +106,11 @@ void bus_ports_change_connection() {
   for (BusPort* bus : open_ports) {
     left.emplace_back(bus, renew(*bus));
   }
-  bus_connection_leave_start();
+  bus_connection_serve_start();
   for (const auto& [bus, proxy] : left) {
     release_proxy(proxy, bus);
   }
+  bus_connection_leave_start();
   std::erase_if(open_ports, [](const BusPort* bus) { return bus->proxy == nullptr; });
 }
 

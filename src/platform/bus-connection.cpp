@@ -55,6 +55,11 @@ void catch_up(GDBusConnection* connection) {
       nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, default_timeout, nullptr, nullptr);
 }
 
+void dispatch_start() {
+  while (start_context != nullptr && g_main_context_iteration(start_context, FALSE)) {
+  }
+}
+
 } // namespace
 
 GDBusConnection* bus_connection(GError** error) {
@@ -88,12 +93,16 @@ void bus_connection_share(void (*lost)()) {
   bus_connection_shared(nullptr);
 }
 
-void bus_connection_leave_start() {
+void bus_connection_serve_start() {
   if (start_connection != nullptr) {
     catch_up(start_connection);
   }
-  while (start_context != nullptr && g_main_context_iteration(start_context, FALSE)) {
-  }
+  dispatch_start();
+}
+
+// What is left in the context are the ends of subscriptions, which free what belongs to them.
+void bus_connection_leave_start() {
+  dispatch_start();
   g_clear_object(&start_connection);
   g_clear_pointer(&start_context, g_main_context_unref);
 }

@@ -24,5 +24,8 @@ void bus_connection_share(void (*lost)());
 /// The shared connection, whatever bus_connection() is at the moment.
 GDBusConnection* bus_connection_shared(GError** error);
 
-/// Dispatches what came over the start's connection until now, and lets go of it.
+/// Dispatches what came over the start's connection until now.
+void bus_connection_serve_start();
+
+/// Lets go of the start's connection; nobody may use it any more.
 void bus_connection_leave_start();
