@@ -15,17 +15,20 @@ namespace {
 
 constexpr const char* identity = "wxd";
 
-// Leaving uid 0 empties every capability set but the inheritable one, which a careless starter may
-// have filled.
+} // namespace
+
+// What is not inheritable cannot be ambient either; the kernel sees to that.
 void drop_inheritable_capabilities() {
   __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
-  std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};
-  if (syscall(SYS_capset, &header, none.data()) != 0) {
+  std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> sets{};
+  const bool known = syscall(SYS_capget, &header, sets.data()) == 0;
+  for (auto& set : sets) {
+    set.inheritable = 0;
+  }
+  if (!known || syscall(SYS_capset, &header, sets.data()) != 0) {
     fprintf(stderr, "Failed dropping capabilities: %s\n", strerror(errno));
   }
 }
-
-} // namespace
 
 void drop_privileges() {
   const auto* user = getpwnam(identity);
@@ -51,7 +54,5 @@ void drop_privileges() {
   }
   if (setuid(uid) != 0) {
     fprintf(stderr, "Failed setting uid to %d: %s\n", static_cast<int>(uid), strerror(errno));
-    return;
   }
-  drop_inheritable_capabilities();
 }
