@@ -29,7 +29,7 @@ def renamed(file):
 START = {
     "the description is read": r'openat\(.*"/usr/share/wexd/conf\.xml"',
     "the hardware id is asked for": sent("ReadBootblockParam"),
-    "the drop folder is read": r'openat\(.*"/etc/wexd\.d/?", .*O_DIRECTORY',
+    "a drop-in is read": r'openat\(.*"(?:/etc/wexd\.d/+)?addition", O_RDONLY',
     "the old settings are read": rf'openat\(.*"{OLD_KEY_FILE}"',
     "the old settings are removed": rf'unlink\w*\(.*"{OLD_KEY_FILE}"',
     "the settings are looked for": r'access\w*\(.*"/etc/wexd/wexd\.conf"',
@@ -44,7 +44,7 @@ START = {
     "the legacy service gets its name": sent(
         "RequestName", "com.norv.Configuration.Legacy.IOControl1.IOPort"
     ),
-    "the inputs are watched": rf"fcntl\(\d+<{PIN}/value>, F_GETFL\)",
+    "the inputs are watched": rf"fcntl\(\d+<{PIN}/value>, F_GETFL",
     "the events are declared": r"write\(1.*event declare .*type=IOPort",
     "the streamer is followed": sent("AddMatch", "arg0='com.norv.Streamer'"),
     "its channels are met": sent("/com/norv/Streamer/Video/Channel/1", "GetAll"),
@@ -111,6 +111,7 @@ def life(make_device):
         + port("lamp", 1)
         + element("first_virtual_input", nbr=8)
     )
+    device.drop_in("addition", port("more", 2))
     device.write(OLD_KEY_FILE, "[elsewhere]\n")
     device.write(IMPORT_FILE, "")
     device.start()
