@@ -23,7 +23,7 @@ def sent(*texts):
 
 
 def renamed(file):
-    return rf'rename\w*\(.*"{file}"\)'
+    return rf'rename\w*\(.*"{file}"'
 
 
 START = {
