@@ -125,7 +125,11 @@ void apply_attribute(IoPort* port, IoEvent* event, const Place& place, const cha
   if (backend_data) {
     hand_to_backend(port, place, key, value);
   }
-  conf_apply_attribute({.port = port, .event = event}, place.element, key, value);
+  if (conf_is_port_text(place.element, key) && view(value).size() > io_port_text_limit) {
+    refuse(place, "has a name or usage of more bytes than a port takes; the attribute is ignored");
+  } else {
+    conf_apply_attribute({.port = port, .event = event}, place.element, key, value);
+  }
   if (view(place.element) == "backend") {
     backend_data = true;
   }

@@ -6,6 +6,7 @@
 #include "port/backend-registry.h"
 #include "port/ioport.h"
 
+#include <algorithm>
 #include <array>
 #include <span>
 #include <string_view>
@@ -19,7 +20,11 @@ struct Row {
   /// nullptr: any attribute.
   const char* key;
   Apply apply;
+  /// A text of at most io_port_text_limit bytes.
+  bool is_port_text = false;
 };
+
+constexpr bool port_text = true;
 
 struct Word {
   const char* word;
@@ -114,9 +119,8 @@ void set_event_flag(const ConfTarget& target, const char* /*key*/, const char* v
 
 constexpr std::array rows{
     Row{"port", "name",
-        [](const ConfTarget& target, const char*, const char* value) {
-          target.port->name = value;
-        }},
+        [](const ConfTarget& target, const char*, const char* value) { target.port->name = value; },
+        port_text},
     Row{"port", "optional",
         [](const ConfTarget& target, const char*, const char* value) {
           target.port->optional = g_str_equal(value, "true");
@@ -139,15 +143,18 @@ constexpr std::array rows{
     Row{"param_defaults", "usage",
         [](const ConfTarget& target, const char*, const char* value) {
           target.port->usage = value;
-        }},
+        },
+        port_text},
     Row{"param_default_name", "input",
         [](const ConfTarget& target, const char*, const char* value) {
           set_default_name(target.port->input_name, value);
-        }},
+        },
+        port_text},
     Row{"param_default_name", "output",
         [](const ConfTarget& target, const char*, const char* value) {
           set_default_name(target.port->output_name, value);
-        }},
+        },
+        port_text},
     Row{"properties", nullptr,
         [](const ConfTarget& target, const char* key, const char* value) {
           io_port_add_property(target.port, key, value);
@@ -176,14 +183,23 @@ constexpr std::array rows{
         }},
 };
 
+const Row* find_row(std::string_view element, std::string_view key) {
+  const auto found = std::ranges::find_if(rows, [&](const Row& row) {
+    return row.element == element && (row.key == nullptr || row.key == key);
+  });
+  return found != rows.end() ? &*found : nullptr;
+}
+
 } // namespace
+
+bool conf_is_port_text(std::string_view element, std::string_view key) {
+  const auto* const row = find_row(element, key);
+  return row != nullptr && row->is_port_text;
+}
 
 void conf_apply_attribute(const ConfTarget& target, const char* element, const char* key,
                           const char* value) {
-  for (const auto& row : rows) {
-    if (g_str_equal(row.element, element) && (row.key == nullptr || g_str_equal(row.key, key))) {
-      row.apply(target, key, value);
-      return;
-    }
+  if (const auto* const row = find_row(element, key)) {
+    row->apply(target, key, value);
   }
 }

@@ -3,6 +3,8 @@
 
 #include <glib.h>
 
+#include <string_view>
+
 struct IoEvent;
 struct IoPort;
 
@@ -12,6 +14,9 @@ struct ConfTarget {
   /// The port's newest event, or nullptr.
   IoEvent* event;
 };
+
+/// Whether the attribute is a name or usage of a port.
+bool conf_is_port_text(std::string_view element, std::string_view key);
 
 /// Applies one attribute; unknown elements and attributes are ignored.
 void conf_apply_attribute(const ConfTarget& target, const char* element, const char* key,

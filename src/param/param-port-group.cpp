@@ -1,5 +1,6 @@
 #include "param/param-port-group.h"
 
+#include "param/key-file.h"
 #include "platform/log.h"
 #include "port/ioport.h"
 
@@ -56,11 +57,22 @@ public:
   }
 
   bool text(const char* key, std::string& value) {
-    g_autofree gchar* read = g_key_file_get_string(file_, group_, key, &error);
-    if (read == nullptr) {
+    return key_file_get_text(file_, group_, key, &value, &error);
+  }
+
+  // A text that clients see: what they could not set is not read either.
+  bool name(const char* key, std::string& value) {
+    std::string read;
+    if (!text(key, read)) {
       return false;
     }
-    value = read;
+    if (read.size() > io_port_text_limit) {
+      g_set_error(&error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE,
+                  "Key '%s' of '%s' has more than %" G_GSIZE_FORMAT " bytes", key, group_,
+                  io_port_text_limit);
+      return false;
+    }
+    value = std::move(read);
     return true;
   }
 
@@ -80,7 +92,7 @@ Outcome outcome(bool read) {
 bool read_name(GroupReader& reader, const IoPort* port, const char* key, const char* side,
                OptionalText& name) {
   std::string text;
-  if (!reader.text(key, text)) {
+  if (!reader.name(key, text)) {
     if (g_error_matches(reader.error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_KEY_NOT_FOUND)) {
       printf("No %s name for port %s:%d\n", side, c_str_or_null(port->name), port->number);
     }
@@ -175,7 +187,7 @@ Outcome read_usage(GroupReader& reader, IoPort* port) {
     port->usage.clear();
     return Outcome::Ok;
   }
-  return outcome(reader.text("usage", port->usage));
+  return outcome(reader.name("usage", port->usage));
 }
 
 struct Section {
@@ -212,7 +224,7 @@ bool valid_group_name(const std::string& name) {
 
 void write_text(GKeyFile* file, const char* group, const char* key, const OptionalText& text) {
   // A missing key would make the next start lose the rest of the group.
-  g_key_file_set_string(file, group, key, text.value_or("").c_str());
+  key_file_set_text(file, group, key, text.value_or("").c_str());
 }
 
 void write_input_side(GKeyFile* file, const char* group, const IoPort* port) {
@@ -295,6 +307,6 @@ bool param_group_write(GKeyFile* file, IoPort* port) {
   if (io_port_is_supervisable(port)) {
     write_supervision(file, group, port);
   }
-  g_key_file_set_string(file, group, "usage", port->usage.c_str());
+  key_file_set_text(file, group, "usage", port->usage.c_str());
   return true;
 }

@@ -69,7 +69,7 @@ Taken take_name(IoPort* port, const char* value, bool (*set_name)(IoPort*, const
     name.remove_prefix(1);
     name.remove_suffix(name.empty() ? 0 : 1);
   }
-  if (!g_utf8_validate_len(name.data(), name.size(), nullptr)) {
+  if (name.size() > io_port_text_limit || !g_utf8_validate_len(name.data(), name.size(), nullptr)) {
     return Taken::Refused;
   }
   set_name(port, std::string(name).c_str());

@@ -225,6 +225,41 @@ def test_a_broken_key_ends_the_read_of_its_port_with_an_error(device, key, value
     assert device.state.GetNames(1) == ("", "Next"), "other ports are read"
 
 
+@pytest.mark.parametrize(
+    "usage",
+    [
+        pytest.param(r"x\q", id="no such escape"),
+        pytest.param("x\\", id="half an escape"),
+        pytest.param("x" * 65_537, id="too long"),
+    ],
+)
+def test_a_malformed_text_is_an_error_and_leaves_the_text_alone(device, usage):
+    start_with(device, replaced(OUTPUT, "usage", usage), port("out", 0, usage="described"))
+    assert device.stderr.count("Error parsing param file: ") == 1
+    assert device.state.GetUsage(0) == "described"
+    assert device.state.GetNames(0) == ("", "Kept")
+
+
+def test_a_text_that_is_too_long_to_set_is_left_out_of_the_description(device):
+    device.describe(port("out", 0, usage="x" * 65_537, output_name="y" * 65_537))
+    device.start()
+    assert device.log_count("^WARNING: .*has a name or usage of more bytes than a port takes") == 2
+    assert device.state.GetUsage(0) == ""
+    assert device.state.GetNames(0) == ("", "Port 1")
+
+
+@pytest.mark.parametrize("text", ["\f", "\fGate", "\f \f Gate", " \fGate", "\\fGate"])
+def test_a_form_feed_survives_a_restart_wherever_it_stands(device, text):
+    start_with(device, "", port("out", 0))
+    device.state.SetUsage(0, text)
+    device.state.SetName(0, False, text)
+    device.restart()
+    assert device.state.GetUsage(0) == text
+    assert device.state.GetNames(0) == ("", text)
+    device.restart()
+    assert device.state.GetUsage(0) == text
+
+
 def test_a_port_without_a_name_is_told_and_never_saved(device):
     start_with(device, "", port(None, 0) + port("out", 1))
     assert "Port does not have a name!\n" in device.stderr

@@ -423,6 +423,11 @@ FINDINGS = [
                  "warning: 'hwid' is no filter here", id="hwid"),
     pytest.param("<port name='a'><port_no nbr='0'/><backend colour='red' name='null'/></port>",
                  "warning: 'colour' before the backend's name is lost", id="before the name"),
+    pytest.param(port("a", 0, usage="x" * 65_537),
+                 "warning: usage of 'param_defaults' has more than 65536 bytes and is ignored",
+                 id="long usage"),
+    pytest.param(port("x" * 65_537, 0),
+                 "warning: name of 'port' has more than 65536 bytes and is ignored", id="long name"),
     pytest.param(port("a", 0) + "<", "warning: the file is cut short", id="cut short"),
     pytest.param(port("a", 0) + "</port>", "error: ", id="no xml"),
 ]  # fmt: skip

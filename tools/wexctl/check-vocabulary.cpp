@@ -1,5 +1,7 @@
 #include "wexctl/check-vocabulary.h"
 
+#include "port/ioport.h"
+
 #include <glib.h>
 
 #include <algorithm>
@@ -12,14 +14,15 @@ namespace {
 
 using enum ValueForm;
 
-constexpr std::array port_words{AttributeWord{"hwid"}, AttributeWord{"name"},
+constexpr std::array port_words{AttributeWord{"hwid"}, AttributeWord{"name", PortText},
                                 AttributeWord{"optional", Flag}};
 constexpr std::array port_no_words{AttributeWord{"nbr", Decimal}};
 constexpr std::array port_type_words{AttributeWord{"type"}};
 constexpr std::array param_defaults_words{
     AttributeWord{"dir"}, AttributeWord{"port_mode"}, AttributeWord{"button_type"},
-    AttributeWord{"pulse_time", Unsigned}, AttributeWord{"usage"}};
-constexpr std::array default_name_words{AttributeWord{"input"}, AttributeWord{"output"}};
+    AttributeWord{"pulse_time", Unsigned}, AttributeWord{"usage", PortText}};
+constexpr std::array default_name_words{AttributeWord{"input", PortText},
+                                        AttributeWord{"output", PortText}};
 constexpr std::array property_words{AttributeWord{"*", Flag}};
 constexpr std::array backend_words{AttributeWord{"*"}};
 constexpr std::array event_words{
@@ -170,6 +173,8 @@ bool fits_form(std::string_view text, ValueForm form) {
   switch (form) {
   case Text:
     return true;
+  case PortText:
+    return text.size() <= io_port_text_limit;
   case Decimal:
     return is_signed(copy, 10);
   case Unsigned:

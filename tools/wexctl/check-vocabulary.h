@@ -9,6 +9,8 @@ namespace wexctl {
 /// Form of a value.
 enum class ValueForm {
   Text,
+  /// A name or usage of a port, which has a longest length.
+  PortText,
   /// Whole number, decimal.
   Decimal,
   /// Whole number, decimal, not negative.

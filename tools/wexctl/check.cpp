@@ -3,6 +3,7 @@
 #include "wexctl/check.h"
 
 #include "platform/regular-file.h"
+#include "port/ioport.h"
 #include "wexctl/check-vocabulary.h"
 #include "wexctl/output.h"
 
@@ -60,6 +61,7 @@ private:
   void start_backend(const gchar** names, const gchar** values);
   void check_words(const std::string& element, const gchar** names, const gchar** values);
   void check_value(const std::string& element, const std::string& name, const std::string& value);
+  void tell_misfit(ValueForm form, const std::string& what, const std::string& value);
   void check_range(const gchar** names, const gchar** values);
   void check_keyvalue(const gchar** names, const gchar** values);
   void check_port(const PortSketch& port);
@@ -134,7 +136,7 @@ void Checker::start_port(const gchar** names, const gchar** values) {
     }
     port.has_hwid = port.has_hwid || (name == "hwid" && i == 0);
     const gsize first = port.has_hwid ? 1 : 0;
-    if (name == "name") {
+    if (name == "name" && fits_form(values[i], ValueForm::PortText)) {
       port.name = values[i];
       const auto same = std::ranges::find(ports_, port.name, &PortSketch::name);
       if (same == ports_.end()) {
@@ -192,6 +194,16 @@ void Checker::check_value(const std::string& element, const std::string& name,
   }
 }
 
+void Checker::tell_misfit(ValueForm form, const std::string& what, const std::string& value) {
+  if (form == ValueForm::PortText) {
+    tell(Severity::Warning,
+         fmt::format("{} has more than {} bytes and is ignored", what, io_port_text_limit));
+    return;
+  }
+  tell(Severity::Warning, fmt::format("{}: '{}' is no {}", what, value,
+                                      form == ValueForm::Flag ? "true or false" : "whole number"));
+}
+
 // Which words count depends on where the element stands: inside a backend its own come first.
 void Checker::check_words(const std::string& element, const gchar** names, const gchar** values) {
   const std::string backend = ports_.empty() ? "" : ports_.back().backend;
@@ -216,9 +228,7 @@ void Checker::check_words(const std::string& element, const gchar** names, const
              fmt::format("unknown attribute '{}' of '{}' is ignored", names[i], element));
       }
     } else if (!fits_form(values[i], word->form)) {
-      tell(Severity::Warning,
-           fmt::format("{} of '{}': '{}' is no {}", names[i], element, values[i],
-                       word->form == ValueForm::Flag ? "true or false" : "whole number"));
+      tell_misfit(word->form, fmt::format("{} of '{}'", names[i], element), values[i]);
     }
     check_value(element, names[i], values[i]);
   }

@@ -168,6 +168,35 @@ TEST_F(TheDescription, refuses_a_key_without_an_event) {
       << "the line on which the tag ends";
 }
 
+TEST_F(TheDescription, leaves_out_names_and_usages_that_are_too_long) {
+  const std::string longest(io_port_text_limit, 'x');
+  ASSERT_TRUE(read("<port name=\"" + longest + "\"><param_defaults usage=\"" + longest
+                   + "\"/><param_default_name input=\"" + longest + "\" output=\"" + longest
+                   + "\"/></port>"));
+  EXPECT_EQ(newest()->name, longest);
+  EXPECT_EQ(newest()->usage, longest);
+  EXPECT_EQ(newest()->input_name, longest);
+  EXPECT_EQ(newest()->output_name, longest);
+
+  const std::string longer = longest + 'x';
+  ASSERT_TRUE(read("<port optional=\"true\" name=\"" + longer + "\">\n<param_defaults usage=\""
+                   + longer + "\" dir=\"input\"/>\n<param_default_name input=\"" + longer
+                   + "\" output=\"" + longer
+                   + "\"/>\n<param_default_name output=\"later\"/></port>"));
+  const std::string reason =
+      "has a name or usage of more bytes than a port takes; the attribute is ignored";
+  EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, file + ":2: element 'port' " + reason));
+  EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, file + ":3: element 'param_defaults' " + reason));
+  EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, file + ":4: element 'param_default_name' " + reason));
+  EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, file + ":4: element 'param_default_name' " + reason));
+  EXPECT_FALSE(newest()->name);
+  EXPECT_TRUE(newest()->optional);
+  EXPECT_EQ(newest()->usage, "");
+  EXPECT_TRUE(newest()->direction);
+  EXPECT_FALSE(newest()->input_name);
+  EXPECT_EQ(newest()->output_name, "later");
+}
+
 TEST_F(TheDescription, refuses_data_for_a_backend_that_is_not_known_yet) {
   const std::string complaint =
       " has data for a backend that is not known yet; the attribute is ignored";

@@ -322,6 +322,67 @@ TEST_F(APortsGroup, stops_at_a_malformed_value) {
   }
 }
 
+TEST_F(APortsGroup, leaves_a_text_untouched_whose_value_is_malformed) {
+  struct Row {
+    const char* key;
+    std::string value;
+  };
+  const std::string long_text(io_port_text_limit + 1, 'x');
+  for (const auto& row :
+       {Row{"input_name", R"(x\q)"}, Row{"input_name", R"(x\)"}, Row{"output_name", R"(\x20)"},
+        Row{"usage", R"(x\q)"}, Row{"usage", R"(x\)"}, Row{"usage", R"(x\f)"},
+        Row{"usage", R"(\f\f)"}, Row{"button_type", R"(pulse\q)"}, Row{"port_mode", R"(bistable\)"},
+        Row{"input_name", long_text}, Row{"output_name", long_text}, Row{"usage", long_text}}) {
+    SCOPED_TRACE(testing::Message() << row.key << '=' << row.value.substr(0, 20));
+    load(with(row.key, row.value));
+    const auto port = make_port(PORT_IO_CTRL);
+    port->input_name = port->output_name = port->usage = "untouched";
+    port->button_type = BUTTON_NONE;
+    port->mode = 0;
+    EXPECT_FALSE(read(port.get()));
+    EXPECT_EQ(out, "");
+    EXPECT_THAT(err, testing::StartsWith("Error parsing param file: Key"));
+    EXPECT_THAT(err, HasSubstr(row.key));
+    EXPECT_EQ(port->usage, "untouched");
+    const bool in_name = g_str_has_suffix(row.key, "_name");
+    EXPECT_EQ(port->output_name, in_name ? "untouched" : "lamp");
+    EXPECT_EQ(port->button_type, g_str_equal(row.key, "usage")       ? BUTTON_ACTINACT
+                                 : g_str_equal(row.key, "port_mode") ? BUTTON_ACTINACT
+                                                                     : BUTTON_NONE);
+  }
+}
+
+TEST_F(APortsGroup, takes_the_longest_texts) {
+  const std::string text(io_port_text_limit, 'x');
+  load(with("usage", text));
+  const auto port = make_port(PORT_IO_CTRL);
+  EXPECT_TRUE(read(port.get()));
+  EXPECT_EQ(port->usage, text);
+}
+
+TEST_F(APortsGroup, keeps_every_text_as_it_is) {
+  for (const std::string text :
+       {"\f",    "\f\f", "\fx", "\f x", "\f\tx", "\f\\fx",   " \fx", "\t\f",
+        "\n\fx", "\\fx", "\\",  "\vx",  "x\f",   "x ",       "",     " ",
+        ";x;",   "#x",   "[x]", "a=b",  "\x01",  "\xc2\x85x"}) {
+    SCOPED_TRACE(testing::PrintToString(text));
+    const auto written = make_port(PORT_IO_CTRL);
+    written->input_name = written->output_name = written->usage = text;
+    file.reset(g_key_file_new());
+    ASSERT_TRUE(param_group_write(file.get(), written.get()));
+    g_autofree gchar* stored = g_key_file_to_data(file.get(), nullptr, nullptr);
+    ASSERT_TRUE(
+        g_key_file_load_from_data(file.get(), stored, strlen(stored), G_KEY_FILE_NONE, nullptr));
+    const auto port = make_port(PORT_IO_CTRL);
+    EXPECT_TRUE(read(port.get())) << err;
+    EXPECT_EQ(port->input_name, text);
+    EXPECT_EQ(port->output_name, text);
+    EXPECT_EQ(port->usage, text);
+    g_autofree gchar* again = g_key_file_to_data(file.get(), nullptr, nullptr);
+    EXPECT_STREQ(again, stored) << "reading changes nothing";
+  }
+}
+
 TEST_F(APortsGroup, may_lack_its_direction_only_with_an_error) {
   load(std::string(all_keys).substr(std::string("input=false\n").size()));
   const auto port = make_port(PORT_IO_CTRL);

@@ -63,6 +63,23 @@ TEST_F(TheImport, is_not_done_with_before_a_file_was_taken) {
   EXPECT_EQ(input->input_name, "Door");
 }
 
+TEST_F(TheImport, refuses_names_that_are_too_long) {
+  const std::string longest(io_port_text_limit, 'x');
+  EXPECT_EQ(import("[IOPort.I1.Input]\nName=" + longest + "\n"), "ok");
+  EXPECT_EQ(input->input_name, longest);
+  EXPECT_EQ(import("[IOPort.I1.Input]\nName=\"" + longest + "\"\n"), "ok");
+  EXPECT_EQ(import("[IOPort.I1.Input]\nName=y" + longest
+                   + "\nTrig=open\n"
+                     "[IOPort.I2.Output]\nName=lamp\n"),
+            "Failed to read Name parameter");
+  EXPECT_EQ(input->input_name, longest);
+  EXPECT_FALSE(input->activelow_input);
+  EXPECT_EQ(output->output_name, "lamp");
+  EXPECT_EQ(import("[IOPort.I2.Output]\nName=y" + longest + "\n"),
+            "Failed to read Output parameter");
+  EXPECT_EQ(output->output_name, "lamp");
+}
+
 TEST_F(TheImport, needs_a_key_file) {
   EXPECT_EQ(import("no group\n"), "Failed to load sedrin file");
 }
