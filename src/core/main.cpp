@@ -2,6 +2,7 @@
 #include "backends/bus-port.h"
 #include "core/conf-reader.h"
 #include "core/privileges.h"
+#include "core/single-instance.h"
 #include "dbus/iocontrol-conf-legacy-dbus.h"
 #include "dbus/iocontrol.h"
 #include "dbus/iosupervised.h"
@@ -162,6 +163,9 @@ int main(int argc, char* argv[]) {
   set_use_legacy_interface(g_strcmp0(argc > 1 ? argv[1] : nullptr, "--disable_legacy_interface")
                            != 0);
   nv_log_stdout();
+  if (!claim_settings_folder(param_folder)) {
+    return EXIT_FAILURE;
+  }
   main_loop.reset(g_main_loop_new(nullptr, FALSE));
   install_signal_sources();
 

@@ -5,7 +5,8 @@
 
 struct IoPort;
 
-/// The user configuration.
+/// The user configuration, and the folder that it is in.
+inline constexpr const char* param_folder = "/etc/wexd";
 inline constexpr const char* param_file = "/etc/wexd/wexd.conf";
 
 /// Loads `path` into the module's key file; a missing file is an empty one. False when the file

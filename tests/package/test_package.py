@@ -242,7 +242,7 @@ def test_crashes_in_a_row_are_survived(running):
 @pytest.mark.parametrize(
     "path, owner, mode",
     [
-        ("/etc/wexd", "wxd:wxd", "755"),
+        ("/etc/wexd", "wxd:wxd", "751"),
         ("/etc/wexd.d", "wxd:wxd", "755"),
         ("/etc/wexd/actions", "root:root", "755"),
         ("/etc/service_registry/services.d", "root:wxd", "775"),
@@ -252,6 +252,20 @@ def test_crashes_in_a_row_are_survived(running):
 )
 def test_folders_have_the_owners_that_the_daemon_needs(running, path, owner, mode):
     assert running.run("stat", "--format=%U:%G %a", path) == f"{owner} {mode}\n"
+
+
+def test_a_stranger_cannot_lock_the_settings_but_reads_the_templates(running):
+    assert running.attempt("flock", "--nonblock", "/etc/wexd", "true", user="stranger").returncode
+    template = "/etc/wexd/actions/com.norv.action.fixed.io.toggle.xml"
+    assert "<" in running.run("cat", template, user="stranger")
+
+
+def test_a_second_daemon_says_so_and_ends(running):
+    second = running.attempt("/usr/sbin/wexd")
+    assert second.returncode == 1
+    assert "wexd is already running" in second.stdout
+    assert second.stdout.count("\n") == 1 and second.stderr == ""
+    running.run("wexctl", "list")
 
 
 def test_the_package_brings_what_it_promises(running):
