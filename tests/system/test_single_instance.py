@@ -1,5 +1,6 @@
 """One daemon at a time: the folder of the settings is locked for the daemon's life."""
 
+import contextlib
 import fcntl
 import os
 import signal
@@ -27,13 +28,17 @@ class Lock:
         os.close(self.folder)
 
 
-def has_folder_open(device):
-    """Whether the daemon, which waits for the lock then, has come to it."""
+def open_folder(device):
+    """The daemon's descriptor of the folder, as /proc numbers it; None if it has none.
+
+    While another process has the lock, the daemon that waits for it has one.
+    """
     folder = f"/proc/{device.pid}/fd"
-    try:
-        return FOLDER in {os.readlink(f"{folder}/{fd}") for fd in os.listdir(folder)}
-    except OSError:  # a file that was closed meanwhile
-        return False
+    for fd in os.listdir(folder):
+        with contextlib.suppress(OSError):  # it may be closed meanwhile
+            if os.readlink(f"{folder}/{fd}") == FOLDER:
+                return fd
+    return None
 
 
 def everything(device):
@@ -64,7 +69,7 @@ def test_a_start_waits_for_a_daemon_that_is_about_to_end(device):
     device.describe(port("a", 0))
     lock = Lock(device)
     device.start(ready=False)
-    wait_until(lambda: has_folder_open(device), "the daemon at the lock")
+    wait_until(lambda: open_folder(device), "the daemon at the lock")
     lock.release()
     device.wait_ready()
 
@@ -73,7 +78,7 @@ def test_a_start_that_waits_can_be_stopped(device):
     device.describe(port("a", 0))
     lock = Lock(device)
     device.start(ready=False)
-    wait_until(lambda: has_folder_open(device), "the daemon at the lock")
+    wait_until(lambda: open_folder(device), "the daemon at the lock")
     device.signal(signal.SIGTERM)
     device.wait_exit(128 + signal.SIGTERM)
     assert device.stdout == ""
@@ -86,6 +91,9 @@ def test_the_lock_goes_with_the_daemon(device, end):
     device.start()
     with pytest.raises(BlockingIOError):
         Lock(device)
+    with open(f"/proc/{device.pid}/fdinfo/{open_folder(device)}", encoding="ascii") as info:
+        flags = int(dict(line.split(":", 1) for line in info)["flags"], 8)
+    assert flags & os.O_CLOEXEC, "no other program is to keep the lock"
     getattr(device, end)()
     device.start()
 

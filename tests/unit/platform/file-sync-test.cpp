@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -172,6 +173,27 @@ TEST_F(ASyncedFile, stays_whole_on_a_full_disk_when_rewritten_in_place) {
   });
   EXPECT_THAT(outcome, HasSubstr("No space left on device"));
   EXPECT_THAT(outcome, HasSubstr(" | unchanged"));
+}
+
+TEST_F(ASyncedFile, is_rewritten_in_place_where_it_is_a_mount_of_its_own) {
+  for (const bool folder_is_read_only : {false, true}) {
+    const std::string outcome = with_small_disk(scratch.path(), 64, [&]() -> std::string {
+      overwrite_file(path, "the old text");
+      const auto before = inspect(path).st_ino;
+      if (mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0
+          || (folder_is_read_only
+              && mount(nullptr, scratch.path().c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY,
+                       nullptr)
+                     != 0)) {
+        return std::string("(could not mount: ") + g_strerror(errno) + ")";
+      }
+      const auto result = store(path, "new");
+      return joined(result, read_file(path))
+             + (inspect(path).st_ino == before ? " | same | " : " | other | ")
+             + std::to_string(entries(scratch.path()));
+    });
+    EXPECT_EQ(outcome, "ok | new | same | 1") << "read-only folder: " << folder_is_read_only;
+  }
 }
 
 TEST_F(ASyncedFile, is_restored_when_rewriting_in_place_breaks_off) {
