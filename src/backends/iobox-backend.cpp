@@ -3,6 +3,7 @@
 #include "backends/backend-data.h"
 #include "backends/bus-port.h"
 #include "platform/log.h"
+#include "platform/words.h"
 
 namespace {
 
@@ -24,16 +25,11 @@ void iobox_parse_data(IoPort* port, const char* element, const char* key, const 
   }
 }
 
-struct StateWord {
-  const char* word;
-  SupervisedState state;
-};
-
 constexpr std::array state_words{
-    StateWord{.word = "closed", .state = SUPERVISED_CLOSED},
-    StateWord{.word = "cut", .state = SUPERVISED_CUT},
-    StateWord{.word = "short", .state = SUPERVISED_SHORT},
-    StateWord{.word = "open", .state = SUPERVISED_OPEN},
+    Word{"closed", SUPERVISED_CLOSED},
+    Word{"cut", SUPERVISED_CUT},
+    Word{"short", SUPERVISED_SHORT},
+    Word{"open", SUPERVISED_OPEN},
 };
 
 // Every message of the set-up names the step by the number that operators know it by.
@@ -43,10 +39,8 @@ void setup_failed(gint line, const char* message) {
 
 SupervisedState iobox_state_to_wexd_state(const char* text) {
   constexpr gint line = 72;
-  for (const auto& entry : state_words) {
-    if (g_str_equal(entry.word, text)) {
-      return entry.state;
-    }
+  if (const auto state = find_word(state_words, text)) {
+    return *state;
   }
   g_warning("%s%s@%d: Unrecognized iobox supervised state: %s", log_prefix, __func__, line, text);
   return SUPERVISED_UNDEFINED;

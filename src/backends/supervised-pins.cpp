@@ -15,14 +15,6 @@ constexpr std::array pin_elements{
     PinElement<SupervisedPins>{.element = "output", .pin = &SupervisedPins::output},
 };
 
-bool has_input_side(const IoPort* port) {
-  return port->type != PORT_OUTPUT;
-}
-
-bool has_output_side(const IoPort* port) {
-  return port->type == PORT_OUTPUT || port->type == PORT_IO_CTRL;
-}
-
 bool pins_complete(const IoPort* port, const SupervisedPins& pins) {
   const bool input = pins.input != nullptr;
   const bool output = pins.output != nullptr;
@@ -97,12 +89,12 @@ bool setup_sioctrl(SupervisedPins& pins, const PinSetup& how) {
 }
 
 bool setup_level_pins(IoPort* port, SupervisedPins& pins, bool state, const PinSetup& how) {
-  if (has_input_side(port)
+  if (io_port_has_input_side(port)
       && !open_pin(port, pins.input.get(), "input", true, false, how,
                    "libugpio_port_init_gpio_pin(data->input, TRUE, FALSE)")) {
     return false;
   }
-  return !has_output_side(port)
+  return !io_port_has_output_side(port)
          || open_pin(port, pins.output.get(), "output", false,
                      !io_port_direction_input(port) && state, how,
                      "libugpio_port_init_gpio_pin( data->output, FALSE, "
@@ -167,7 +159,7 @@ bool supervised_parse_line(IoPort* port, SupervisedPins& pins, PendingRange& pen
 
 bool supervised_setup_pins(IoPort* port, SupervisedPins& pins, bool state, const PinSetup& how) {
   return pins_complete(port, pins) && setup_level_pins(port, pins, state, how)
-         && (!has_input_side(port) || setup_control_pins(port, pins, how));
+         && (!io_port_has_input_side(port) || setup_control_pins(port, pins, how));
 }
 
 bool supervised_set_control_pins(IoPort* port, const SupervisedPins& pins, const PinSetup& how) {
@@ -207,7 +199,7 @@ guint supervised_pin_level(IoPort* port, const SupervisedPins& pins) {
 }
 
 void supervised_drive_output(IoPort* port, const SupervisedPins& pins, bool value) {
-  if (has_output_side(port) && pins.output != nullptr) {
+  if (io_port_has_output_side(port) && pins.output != nullptr) {
     libugpio_set_gpio_pin(pins.output.get(), value);
   }
 }

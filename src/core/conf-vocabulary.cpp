@@ -2,13 +2,13 @@
 
 #include "event/event.h"
 #include "platform/log.h"
+#include "platform/words.h"
 #include "port/action-sequence.h"
 #include "port/backend-registry.h"
 #include "port/ioport.h"
 
 #include <algorithm>
 #include <array>
-#include <span>
 #include <string_view>
 
 namespace {
@@ -26,31 +26,20 @@ struct Row {
 
 constexpr bool port_text = true;
 
-struct Word {
-  const char* word;
-  guint value;
-};
-
-bool same_word(const char* a, const char* b) {
-  return g_ascii_strcasecmp(a, b) == 0;
-}
-
 // Sets `target` to the value of the word (any letter case); an unknown word changes nothing.
-template <typename Target>
-void set_by_word(std::span<const Word> words, const char* text, Target& target) {
-  for (const auto& entry : words) {
-    if (same_word(entry.word, text)) {
-      target = static_cast<Target>(entry.value);
-    }
+template <typename Table, typename Target>
+void set_by_word(const Table& words, const char* text, Target& target) {
+  if (const auto value = find_word_in_any_case(words, text)) {
+    target = *value;
   }
 }
 
-constexpr std::array direction_words{Word{"input", 1}, Word{"output", 0}};
+constexpr std::array direction_words{Word{"input", true}, Word{"output", false}};
 constexpr std::array mode_words{Word{"bistable", PORT_MODE_BISTABLE},
                                 Word{"monostable", PORT_MODE_MONOSTABLE}};
 constexpr std::array button_words{Word{"none", BUTTON_NONE}, Word{"pulse", BUTTON_PULSE},
                                   Word{"actinact", BUTTON_ACTINACT}};
-constexpr std::array flag_words{Word{"true", 1}, Word{"false", 0}};
+constexpr std::array flag_words{Word{"true", true}, Word{"false", false}};
 
 // Exact, unlike the words above.
 constexpr std::array type_words{Word{"input", PORT_INPUT}, Word{"output", PORT_OUTPUT},
@@ -71,14 +60,9 @@ void set_number(const ConfTarget& target, const char* /*key*/, const char* value
 
 void set_type(const ConfTarget& target, const char* /*key*/, const char* value) {
   IoPort* const port = target.port;
-  bool known = false;
-  for (const auto& entry : type_words) {
-    if (g_str_equal(entry.word, value)) {
-      port->type = entry.value;
-      known = true;
-    }
-  }
-  if (!known) {
+  if (const auto type = find_word(type_words, value)) {
+    port->type = *type;
+  } else {
     g_critical("%sUnsupported port type %s\n", log_prefix, value);
   }
   if (port->type != PORT_IO_CTRL) {

@@ -123,10 +123,10 @@ void iocontrol_conf_legacy_dbus_register_object(gint port_number, InterfacePosit
 
 void register_port(const IoPort* port) {
   iocontrol_conf_legacy_dbus_register_object(port->number, IoPortInterface);
-  if (port->type == PORT_INPUT || port->type == PORT_IO_CTRL) {
+  if (io_port_has_input_side(port)) {
     iocontrol_conf_legacy_dbus_register_object(port->number, InputInterface);
   }
-  if (port->type == PORT_OUTPUT || port->type == PORT_IO_CTRL) {
+  if (io_port_has_output_side(port)) {
     iocontrol_conf_legacy_dbus_register_object(port->number, OutputInterface);
   }
 }
@@ -270,12 +270,6 @@ void set_legacy_ctrl(LegacyCtrl* ctrl) {
   legacy_ctrl = ctrl;
 }
 
-const char* selected_interface(guint selector) {
-  static constexpr std::array interfaces{legacy_input_interface, legacy_output_interface,
-                                         legacy_ioport_interface};
-  return selector < interfaces.size() ? interfaces[selector] : legacy_ioport_interface;
-}
-
 GDBusConnection* connection_in_use() {
   const std::lock_guard guard(legacy_mutex);
   if (legacy_ctrl == nullptr || legacy_ctrl->connection == nullptr) {
@@ -286,8 +280,7 @@ GDBusConnection* connection_in_use() {
 
 // A negative number makes no object path, and GLib has no error to give for that.
 bool emit_properties_changed(GDBusConnection* connection, gint port_number,
-                             const char* interface_name, const char* property, const char* value,
-                             GError** error) {
+                             const LegacySetting& setting, GError** error) {
   const std::string path = object_path(port_number);
   if (!g_variant_is_object_path(path.c_str())) {
     g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "port %d has no object",
@@ -296,18 +289,13 @@ bool emit_properties_changed(GDBusConnection* connection, gint port_number,
   }
   GVariantBuilder changed;
   g_variant_builder_init(&changed, G_VARIANT_TYPE("a{sv}"));
-  g_variant_builder_add(&changed, "{sv}", property,
-                        g_variant_new_bytestring(value != nullptr ? value : ""));
+  g_variant_builder_add(&changed, "{sv}", setting.property,
+                        g_variant_new_bytestring(setting.text != nullptr ? setting.text : ""));
   return g_dbus_connection_emit_signal(
              connection, nullptr, path.c_str(), "org.freedesktop.DBus.Properties",
-             "PropertiesChanged", g_variant_new("(sa{sv}as)", interface_name, &changed, nullptr),
-             error)
+             "PropertiesChanged",
+             g_variant_new("(sa{sv}as)", setting.interface_name, &changed, nullptr), error)
          != FALSE;
-}
-
-void on_setting_changed(const char* property, const char* value, gint port_number, PortSide side) {
-  wexd_g_dbus_common_emit_property_changed_signal(property, value, port_number,
-                                                  static_cast<guint>(side));
 }
 
 } // namespace
@@ -324,7 +312,7 @@ void iocontrol_conf_legacy_dbus_create() {
   register_ports();
   declare_configuration_event();
   send_port_counts_change();
-  port_observer.setting_changed = on_setting_changed;
+  port_observer.setting_changed = wexd_g_dbus_common_emit_property_changed_signal;
   request_name();
 }
 
@@ -348,15 +336,13 @@ void iocontrol_conf_legacy_dbus_destroy() {
   delete finished;
 }
 
-void wexd_g_dbus_common_emit_property_changed_signal(const char* property, const char* value,
-                                                     gint port_number, guint interface_selector) {
+void wexd_g_dbus_common_emit_property_changed_signal(const IoPort& port, Setting setting) {
   g_autoptr(GDBusConnection) connection = connection_in_use();
   if (connection == nullptr) {
     return;
   }
   g_autoptr(GError) error = nullptr;
-  if (!emit_properties_changed(connection, port_number, selected_interface(interface_selector),
-                               property, value, &error)) {
+  if (!emit_properties_changed(connection, port.number, legacy_setting(port, setting), &error)) {
     g_log(G_LOG_DOMAIN, log_level_user, "%s%s Failed to emit configuration changed signal: %s",
           log_prefix, __func__, error->message);
   }

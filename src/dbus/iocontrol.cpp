@@ -75,10 +75,6 @@ bool configurable(const IoPort* port) {
   return port->type == PORT_IO_CTRL;
 }
 
-const char* open_or_closed(bool activelow) {
-  return activelow ? "open" : "closed";
-}
-
 gboolean on_handle_get_state(IOControlState* object, GDBusMethodInvocation* invocation,
                              guint number, gpointer /*user_data*/) {
   if (const auto port = published_port(invocation, number)) {
@@ -150,9 +146,9 @@ gboolean on_handle_set_direction(IOControlState* object, GDBusMethodInvocation* 
 gboolean on_handle_get_active(IOControlState* object, GDBusMethodInvocation* invocation,
                               guint number, gpointer /*user_data*/) {
   if (const auto port = published_port(invocation, number)) {
-    iocontrol_state_complete_get_active(object, invocation,
-                                        open_or_closed(io_port_get_activelow(port.get(), true)),
-                                        open_or_closed(io_port_get_activelow(port.get(), false)));
+    iocontrol_state_complete_get_active(
+        object, invocation, open_or_closed(io_port_get_activelow(port.get(), PortSide::Input)),
+        open_or_closed(io_port_get_activelow(port.get(), PortSide::Output)));
   }
   return TRUE;
 }
@@ -168,7 +164,7 @@ gboolean on_handle_set_active(IOControlState* object, GDBusMethodInvocation* inv
   if (!open && !g_str_equal(state, "closed")) {
     answer_error(invocation, IO_CONTROL_ERROR_GENERIC,
                  "Incorrect input to set_active eiter use 'open' or 'closed'");
-  } else if (!io_port_set_activelow(port.get(), open, input)) {
+  } else if (!io_port_set_activelow(port.get(), open, input ? PortSide::Input : PortSide::Output)) {
     answer_error(invocation, IO_CONTROL_ERROR_GENERIC,
                  open ? "Could not set port to open." : "Could not set port to closed.");
   } else {
@@ -268,7 +264,8 @@ GVariant* port_props(IoPort* port) {
                        static_cast<gboolean>(io_port_get_state(port)),
                        static_cast<gboolean>(io_port_direction_input(port)),
                        static_cast<gboolean>(configurable(port)),
-                       static_cast<gboolean>(io_port_get_activelow(port, io_port_input(port))),
+                       static_cast<gboolean>(io_port_get_activelow(
+                           port, io_port_input(port) ? PortSide::Input : PortSide::Output)),
                        port_properties(port));
 }
 
@@ -497,12 +494,11 @@ bool iocontrol_unreg_dbus() {
   return true;
 }
 
-void iocontrol_emit_port_changed(gint port_number, gboolean is_virtual, gboolean hidden,
-                                 gboolean input, gboolean virtual_trig, gboolean state,
-                                 gboolean activelow) {
-  state_interface.with([=](IOControlState* skeleton) {
-    iocontrol_state_emit_port_changed(skeleton, port_number, is_virtual, hidden, input,
-                                      virtual_trig, state, activelow);
+void iocontrol_emit_port_changed(const PortChange& change) {
+  state_interface.with([&](IOControlState* skeleton) {
+    iocontrol_state_emit_port_changed(skeleton, change.number, change.is_virtual, change.hidden,
+                                      change.input, change.trigger == Trigger::Virtual,
+                                      change.state, change.activelow);
   });
 }
 

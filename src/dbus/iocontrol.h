@@ -3,6 +3,8 @@
 
 #include <glib.h>
 
+#include "port/port-observer.h"
+
 /// Takes the bus names of this and the connector service and publishes both once the bus is there;
 /// always true.
 bool iocontrol_init_dbus();
@@ -11,9 +13,7 @@ bool iocontrol_init_dbus();
 bool iocontrol_unreg_dbus();
 
 /// Emits PortChanged; does nothing while the service is not published. Any thread.
-void iocontrol_emit_port_changed(gint port_number, gboolean is_virtual, gboolean hidden,
-                                 gboolean input, gboolean virtual_trig, gboolean state,
-                                 gboolean activelow);
+void iocontrol_emit_port_changed(const PortChange& change);
 
 /// Emits ActionSequenceDone; does nothing while the service is not published. Any thread.
 void iocontrol_emit_action_sequence_done(gint port_number);

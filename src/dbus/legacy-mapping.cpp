@@ -79,8 +79,8 @@ struct GroupKind {
   /// Follows "root.IOPort.I<number>".
   const char* suffix;
   const char* interface_name;
-  /// The kind of port that has no such group, or -1.
-  int except_type;
+  /// Whether a port has such a group; nullptr: every port has.
+  bool (*applies)(const IoPort* port);
   std::span<const Parameter> parameters;
 };
 
@@ -132,9 +132,9 @@ constexpr std::array output_parameters{
 
 // One pass over the ports each, in this order.
 constexpr std::array group_kinds{
-    GroupKind{"", legacy_ioport_interface, -1, port_parameters},
-    GroupKind{".Input", legacy_input_interface, PORT_OUTPUT, input_parameters},
-    GroupKind{".Output", legacy_output_interface, PORT_INPUT, output_parameters},
+    GroupKind{"", legacy_ioport_interface, nullptr, port_parameters},
+    GroupKind{".Input", legacy_input_interface, io_port_has_input_side, input_parameters},
+    GroupKind{".Output", legacy_output_interface, io_port_has_output_side, output_parameters},
 };
 
 std::string object_path(const IoPort* port) {
@@ -254,7 +254,7 @@ std::string legacy_mapping_text() {
   write_fixed_groups(xml);
   for (const auto& kind : group_kinds) {
     for_each_ioport([&](IoPort* port) {
-      if (static_cast<int>(port->type) != kind.except_type) {
+      if (kind.applies == nullptr || kind.applies(port)) {
         write_port_group(xml, kind, port);
       }
     });

@@ -3,6 +3,7 @@
 #include "dbus/legacy-names.h"
 #include "param/param.h"
 #include "platform/log.h"
+#include "platform/words.h"
 #include "port/action-sequence.h"
 #include "port/errors.h"
 #include "port/ioport-list.h"
@@ -40,14 +41,6 @@ bool save(IoPort* port) {
   return true;
 }
 
-bool contains(const char* text, const char* part) {
-  return strstr(text, part) != nullptr;
-}
-
-bool is_input_side(const char* interface_name) {
-  return g_str_has_suffix(interface_name, "Input");
-}
-
 // A byte string, with or without its final zero; nothing when it is not text.
 OptionalText text_of(GVariant* value) {
   gsize length = 0;
@@ -70,10 +63,6 @@ GVariant* text_or_absent(const OptionalText& text) {
   return g_variant_new_string(text && !text->empty() ? text->c_str() : absent_text);
 }
 
-GVariant* open_or_closed(bool activelow) {
-  return g_variant_new_string(activelow ? "open" : "closed");
-}
-
 GVariant* read_nbr_inputs() {
   return g_variant_new_int32(io_port_list_nbr_inputs());
 }
@@ -88,74 +77,66 @@ GVariant* read_manual_trigger_nbr() {
       static_cast<gint32>(static_cast<guint32>(virtual_input_get_first_port_no()) + 1));
 }
 
-GVariant* read_nbr_ports(IoPort* /*port*/, const char* /*interface_name*/) {
+GVariant* read_nbr_ports(const IoPort* /*port*/) {
   return g_variant_new_int32(io_port_list_nbr_inputs() + io_port_list_nbr_outputs());
 }
 
-GVariant* read_configurable(IoPort* port, const char* /*interface_name*/) {
+GVariant* read_configurable(const IoPort* port) {
   if (!io_port_get_property(port, "ioport")) {
     return nullptr;
   }
   return g_variant_new_boolean(port->type == PORT_IO_CTRL);
 }
 
-GVariant* read_direction(IoPort* port, const char* /*interface_name*/) {
+GVariant* read_direction(const IoPort* port) {
   if (!io_port_get_property(port, "ioport")) {
     return nullptr;
   }
   return g_variant_new_string(io_port_direction_input(port) ? "input" : "output");
 }
 
-GVariant* read_usage(IoPort* port, const char* /*interface_name*/) {
+GVariant* read_usage(const IoPort* port) {
   return g_variant_new_string(port->usage.c_str());
 }
 
-GVariant* read_name(IoPort* port, const char* interface_name) {
-  const bool output = !contains(interface_name, "Input")
-                      && (contains(interface_name, "Output") || !port->direction);
-  return text_or_absent(output ? port->output_name : port->input_name);
+GVariant* read_input_name(const IoPort* port) {
+  return text_or_absent(port->input_name);
 }
 
-GVariant* read_trig(IoPort* port, const char* /*interface_name*/) {
-  return open_or_closed(port->activelow_input);
+GVariant* read_output_name(const IoPort* port) {
+  return text_or_absent(port->output_name);
 }
 
-GVariant* read_active(IoPort* port, const char* /*interface_name*/) {
-  return open_or_closed(port->activelow_output);
+GVariant* read_trig(const IoPort* port) {
+  return g_variant_new_string(open_or_closed(port->activelow_input));
 }
 
-GVariant* read_button(IoPort* port, const char* /*interface_name*/) {
-  return port->button_type < button_type_string.size()
-             ? g_variant_new_string(button_type_string[port->button_type])
-             : nullptr;
+GVariant* read_active(const IoPort* port) {
+  return g_variant_new_string(open_or_closed(port->activelow_output));
 }
 
-GVariant* read_pulse_time(IoPort* port, const char* /*interface_name*/) {
+GVariant* read_button(const IoPort* port) {
+  return g_variant_new_string(button_type_string[port->button_type]);
+}
+
+GVariant* read_pulse_time(const IoPort* port) {
   return g_variant_new_int32(static_cast<gint32>(port->pulse_time));
 }
 
-GVariant* read_mode(IoPort* port, const char* /*interface_name*/) {
-  const guint mode = io_port_get_mode(port);
-  return mode < port_mode_string.size() ? g_variant_new_string(port_mode_string[mode]) : nullptr;
+GVariant* read_mode(const IoPort* port) {
+  return g_variant_new_string(port_mode_string[port->mode]);
 }
 
-GVariant* read_delay_time(IoPort* port, const char* /*interface_name*/) {
-  return g_variant_new_int32(io_port_get_delay_time(port));
+GVariant* read_delay_time(const IoPort* port) {
+  return g_variant_new_int32(port->delay_time);
 }
 
 // Writing
 
-bool write_name(IoPort* port, const LegacyProperty& property, const char* interface_name,
-                GVariant* value, GError** error) {
+template <bool (*set_name)(IoPort*, const char*)>
+bool write_name(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error) {
   const auto text = text_of(value);
   if (!text) {
-    return incorrect(error, property);
-  }
-  bool (*set_name)(IoPort*, const char*) =
-      contains(interface_name, "Input")    ? io_port_set_input_name
-      : contains(interface_name, "Output") ? io_port_set_output_name
-                                           : nullptr;
-  if (set_name == nullptr) {
     return incorrect(error, property);
   }
   return set_name(port, text->c_str()) ? save(port) : unsupported(error, property);
@@ -173,24 +154,21 @@ std::optional<bool> activelow_of(GVariant* value) {
   return std::nullopt;
 }
 
-bool write_trig(IoPort* port, const LegacyProperty& property, const char* interface_name,
-                GVariant* value, GError** error) {
+bool write_trig(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error) {
   const auto activelow = activelow_of(value);
   if (!activelow) {
     return incorrect(error, property);
   }
-  return io_port_set_activelow(port, *activelow, is_input_side(interface_name))
-             ? save(port)
-             : unsupported(error, property);
+  return io_port_set_activelow(port, *activelow, PortSide::Input) ? save(port)
+                                                                  : unsupported(error, property);
 }
 
-bool write_active(IoPort* port, const LegacyProperty& property, const char* interface_name,
-                  GVariant* value, GError** error) {
+bool write_active(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error) {
   const auto activelow = activelow_of(value);
   if (!activelow) {
     return incorrect(error, property);
   }
-  return io_port_set_activelow(port, *activelow, is_input_side(interface_name))
+  return io_port_set_activelow(port, *activelow, PortSide::Output)
              ? save(port)
              : refuse(error, "Setting Active failed");
 }
@@ -205,8 +183,8 @@ bool turn_port(IoPort* port, bool input, GError** error) {
   return save(port);
 }
 
-bool write_direction(IoPort* port, const LegacyProperty& property, const char* /*interface_name*/,
-                     GVariant* value, GError** error) {
+bool write_direction(IoPort* port, const LegacyProperty& property, GVariant* value,
+                     GError** error) {
   const auto text = text_of(value).value_or("");
   const bool input = text == "input";
   if (!input && text != "output") {
@@ -221,49 +199,40 @@ bool write_direction(IoPort* port, const LegacyProperty& property, const char* /
     return !input || refuse(error, "Port Direction is not settable");
   case PORT_IO_CTRL:
     return port->direction == input || turn_port(port, input, error);
-  default:
-    return true;
   }
+  return true;
 }
 
 // The value is taken, and yet refused and not saved: clients have come to count on both.
-bool write_button(IoPort* port, const LegacyProperty& property, const char* /*interface_name*/,
-                  GVariant* value, GError** error) {
+bool write_button(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error) {
   const auto text = text_of(value).value_or("");
-  const auto found = std::ranges::find(button_type_string, text);
-  if (found == button_type_string.end()) {
+  const auto button = enumerator_of<ButtonType>(button_type_string, text);
+  if (!button) {
     return incorrect(error, property);
   }
-  port->button_type = static_cast<guint>(found - button_type_string.begin());
+  port->button_type = *button;
   return unsupported(error, property);
 }
 
-bool write_pulse_time(IoPort* port, const LegacyProperty& /*property*/,
-                      const char* /*interface_name*/, GVariant* value, GError** /*error*/) {
+bool write_pulse_time(IoPort* port, const LegacyProperty& /*property*/, GVariant* value,
+                      GError** /*error*/) {
   port->pulse_time = static_cast<guint32>(g_variant_get_int32(value));
   return save(port);
 }
 
-bool write_mode(IoPort* port, const LegacyProperty& property, const char* /*interface_name*/,
-                GVariant* value, GError** error) {
+bool write_mode(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error) {
   const auto text = text_of(value).value_or("");
-  for (const guint mode : {PORT_MODE_MONOSTABLE, PORT_MODE_BISTABLE}) {
-    if (text == port_mode_string[mode]) {
-      port->mode = mode;
-      return save(port);
-    }
-  }
-  return incorrect(error, property);
+  const auto mode = enumerator_of<PortMode>(port_mode_string, text);
+  return mode && io_port_set_mode(port, *mode) ? save(port) : incorrect(error, property);
 }
 
-bool write_delay_time(IoPort* port, const LegacyProperty& /*property*/,
-                      const char* /*interface_name*/, GVariant* value, GError** /*error*/) {
+bool write_delay_time(IoPort* port, const LegacyProperty& /*property*/, GVariant* value,
+                      GError** /*error*/) {
   io_port_set_delay_time(port, g_variant_get_int32(value));
   return save(port);
 }
 
-bool write_usage(IoPort* port, const LegacyProperty& property, const char* /*interface_name*/,
-                 GVariant* value, GError** error) {
+bool write_usage(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error) {
   const auto text = text_of(value);
   if (!text) {
     return incorrect(error, property);
@@ -284,9 +253,11 @@ constexpr std::array properties{
     LegacyProperty{ioport, "Configurable", "b", nullptr, read_configurable, nullptr},
     LegacyProperty{ioport, "Direction", "ay", nullptr, read_direction, write_direction},
     LegacyProperty{ioport, "Usage", "ay", nullptr, read_usage, write_usage},
-    LegacyProperty{input, "Name", "ay", nullptr, read_name, write_name},
+    LegacyProperty{input, "Name", "ay", nullptr, read_input_name,
+                   write_name<io_port_set_input_name>},
     LegacyProperty{input, "Trig", "ay", nullptr, read_trig, write_trig},
-    LegacyProperty{output, "Name", "ay", nullptr, read_name, write_name},
+    LegacyProperty{output, "Name", "ay", nullptr, read_output_name,
+                   write_name<io_port_set_output_name>},
     LegacyProperty{output, "Active", "ay", nullptr, read_active, write_active},
     LegacyProperty{output, "Button", "ay", nullptr, read_button, write_button},
     LegacyProperty{output, "PulseTime", "i", nullptr, read_pulse_time, write_pulse_time},
@@ -317,8 +288,22 @@ IoPortRef port_at(const char* path, GError** error) {
 
 } // namespace
 
-std::span<const LegacyProperty> legacy_properties() {
-  return properties;
+LegacySetting legacy_setting(const IoPort& port, Setting setting) {
+  switch (setting) {
+  case Setting::InputName:
+    return {input, "Name", c_str_or_null(port.input_name)};
+  case Setting::OutputName:
+    return {output, "Name", c_str_or_null(port.output_name)};
+  case Setting::InputSense:
+    return {input, "Trig", open_or_closed(port.activelow_input)};
+  case Setting::OutputSense:
+    return {output, "Active", open_or_closed(port.activelow_output)};
+  case Setting::Direction:
+    return {ioport, "Direction", port.direction ? "input" : "output"};
+  case Setting::Usage:
+    return {ioport, "Usage", port.usage.c_str()};
+  }
+  g_assert_not_reached();
 }
 
 void legacy_properties_set_send_port_counts(SendPortCounts send) {
@@ -335,8 +320,7 @@ GVariant* legacy_property_get(const char* path, const char* interface_name, cons
   if (port == nullptr) {
     return nullptr;
   }
-  GVariant* const value =
-      property != nullptr ? property->read(port.get(), interface_name) : nullptr;
+  GVariant* const value = property != nullptr ? property->read(port.get()) : nullptr;
   if (value == nullptr) {
     g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
                 "Property '%s' has no value for port %d", name, port->number);
@@ -356,5 +340,5 @@ bool legacy_property_set(const char* path, const char* interface_name, const cha
                 "Unsupported write of property '%s'", name);
     return false;
   }
-  return property->write(port.get(), *property, interface_name, value, error);
+  return property->write(port.get(), *property, value, error);
 }

@@ -3,9 +3,7 @@
 
 #include <gio/gio.h>
 
-#include <span>
-
-struct IoPort;
+#include "port/port-observer.h"
 
 /// One property of one interface.
 struct LegacyProperty {
@@ -16,13 +14,19 @@ struct LegacyProperty {
   /// Value of the device as a whole; such a property needs no port. Else nullptr.
   GVariant* (*read_device)();
   /// Value of a port, or nullptr when the property has none for it.
-  GVariant* (*read)(IoPort* port, const char* interface_name);
+  GVariant* (*read)(const IoPort* port);
   /// Writes, saves and returns true; false with `error` when refused. nullptr: read-only.
-  bool (*write)(IoPort* port, const LegacyProperty& property, const char* interface_name,
-                GVariant* value, GError** error);
+  bool (*write)(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error);
 };
 
-std::span<const LegacyProperty> legacy_properties();
+/// A setting in the words of this interface. `text` is the port's, or NULL for a name that it
+/// lacks.
+struct LegacySetting {
+  const char* interface_name;
+  const char* property;
+  const char* text;
+};
+LegacySetting legacy_setting(const IoPort& port, Setting setting);
 
 /// Tells the configuration-event service the present counts of inputs and outputs.
 using SendPortCounts = void (*)();

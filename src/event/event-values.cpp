@@ -1,21 +1,17 @@
 #include "event/event-values.h"
 
+#include "platform/words.h"
 #include "port/ioport.h"
 
 #include <array>
 
 namespace {
 
-struct TypeWord {
-  const char* word;
-  NvEventType type;
-};
-
 constexpr std::array type_words{
-    TypeWord{.word = "int", .type = NV_EVENT_INT},
-    TypeWord{.word = "bool", .type = NV_EVENT_BOOL},
-    TypeWord{.word = "double", .type = NV_EVENT_DOUBLE},
-    TypeWord{.word = "string", .type = NV_EVENT_STRING},
+    Word{"int", NV_EVENT_INT},
+    Word{"bool", NV_EVENT_BOOL},
+    Word{"double", NV_EVENT_DOUBLE},
+    Word{"string", NV_EVENT_STRING},
 };
 
 // A placeholder that stands for the port's state, in the form of each type.
@@ -69,12 +65,11 @@ NvEventType event_value_type(const EventKeyValue& key_value) {
   if (!key_value.type) {
     return NV_EVENT_STRING;
   }
-  for (const auto& entry : type_words) {
-    if (key_value.type == entry.word) {
-      return entry.type;
-    }
+  const auto type = find_word(type_words, *key_value.type);
+  if (!type) {
+    g_assert_not_reached();
   }
-  g_assert_not_reached();
+  return *type;
 }
 
 std::string event_value_text(IoPort* port, const EventKeyValue& key_value) {

@@ -2,6 +2,7 @@
 
 #include "param/key-file.h"
 #include "platform/log.h"
+#include "platform/words.h"
 #include "port/ioport.h"
 
 #include <algorithm>
@@ -17,14 +18,6 @@ enum class Outcome {
   /// `GroupReader::error` says why.
   Failed,
 };
-
-bool has_input_side(const IoPort* port) {
-  return port->type == PORT_INPUT || port->type == PORT_IO_CTRL;
-}
-
-bool has_output_side(const IoPort* port) {
-  return port->type == PORT_OUTPUT || port->type == PORT_IO_CTRL;
-}
 
 // Typed reads from one group; each returns false with `error` set when the key is missing or
 // malformed, and leaves its target untouched then.
@@ -116,11 +109,11 @@ Outcome read_button_type(GroupReader& reader, IoPort* port) {
   if (!reader.text("button_type", word)) {
     return Outcome::Failed;
   }
-  const auto found = std::ranges::find(button_type_string, word);
-  if (found == button_type_string.end()) {
+  const auto button = enumerator_of<ButtonType>(button_type_string, word);
+  if (!button) {
     return Outcome::Enough;
   }
-  port->button_type = static_cast<guint>(found - button_type_string.begin());
+  port->button_type = *button;
   return Outcome::Ok;
 }
 
@@ -203,8 +196,9 @@ constexpr std::array sections{
     Section{.applies = [](IoPort* port) { return port->type == PORT_IO_CTRL; },
             .read = [](GroupReader& reader,
                        IoPort* port) { return outcome(reader.boolean("input", port->direction)); }},
-    Section{.applies = [](IoPort* port) { return has_input_side(port); }, .read = read_input_side},
-    Section{.applies = [](IoPort* port) { return has_output_side(port); },
+    Section{.applies = [](IoPort* port) { return io_port_has_input_side(port); },
+            .read = read_input_side},
+    Section{.applies = [](IoPort* port) { return io_port_has_output_side(port); },
             .read = read_output_side},
     Section{.applies = io_port_is_supervisable, .read = read_supervision},
     Section{.applies = always, .read = read_usage},
@@ -235,12 +229,9 @@ void write_input_side(GKeyFile* file, const char* group, const IoPort* port) {
 void write_output_side(GKeyFile* file, const char* group, const IoPort* port) {
   write_text(file, group, "output_name", port->output_name);
   g_key_file_set_boolean(file, group, "output_activelow", port->activelow_output);
-  if (port->button_type < button_type_string.size()) {
-    g_key_file_set_string(file, group, "button_type", button_type_string[port->button_type]);
-  }
+  g_key_file_set_string(file, group, "button_type", button_type_string[port->button_type]);
   g_key_file_set_uint64(file, group, "pulse_time", port->pulse_time);
-  g_key_file_set_string(file, group, "port_mode",
-                        port->mode < port_mode_string.size() ? port_mode_string[port->mode] : "");
+  g_key_file_set_string(file, group, "port_mode", port_mode_string[port->mode]);
   // Sign-extended on purpose: a negative time is a very large number in the file.
   g_key_file_set_uint64(file, group, "delay_time",
                         static_cast<guint64>(static_cast<gint64>(port->delay_time)));
@@ -298,10 +289,10 @@ bool param_group_write(GKeyFile* file, IoPort* port) {
   if (port->type == PORT_IO_CTRL) {
     g_key_file_set_boolean(file, group, "input", port->direction);
   }
-  if (has_input_side(port)) {
+  if (io_port_has_input_side(port)) {
     write_input_side(file, group, port);
   }
-  if (has_output_side(port)) {
+  if (io_port_has_output_side(port)) {
     write_output_side(file, group, port);
   }
   if (io_port_is_supervisable(port)) {

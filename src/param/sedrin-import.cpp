@@ -6,6 +6,7 @@
 #include "platform/file-sync.h"
 #include "platform/log.h"
 #include "platform/regular-file.h"
+#include "platform/words.h"
 #include "port/errors.h"
 #include "port/ioport-list.h"
 
@@ -53,12 +54,12 @@ struct Import {
 // Why a value was not taken, or nothing.
 enum class Taken { Yes, Refused };
 
-Taken take_activelow(IoPort* port, const char* value, bool input_side) {
+Taken take_activelow(IoPort* port, const char* value, PortSide side) {
   const bool open = g_str_equal(value, "open");
   if (!open && !g_str_equal(value, "closed")) {
     return Taken::Refused;
   }
-  io_port_set_activelow(port, open, input_side);
+  io_port_set_activelow(port, open, side);
   return Taken::Yes;
 }
 
@@ -86,15 +87,15 @@ Taken take_number(const char* value, Number& number) {
 }
 
 Taken take_button(IoPort* port, const char* value) {
-  const auto found = std::ranges::find(button_type_string, std::string_view(value));
-  if (found != button_type_string.end()) {
-    port->button_type = static_cast<guint>(found - button_type_string.begin());
+  if (const auto button = enumerator_of<ButtonType>(button_type_string, value)) {
+    port->button_type = *button;
   }
   return Taken::Yes;
 }
 
 Taken take_mode(IoPort* port, const char* value) {
-  port->mode = g_str_equal(value, "bistable") ? PORT_MODE_BISTABLE : PORT_MODE_MONOSTABLE;
+  io_port_set_mode(port,
+                   g_str_equal(value, "bistable") ? PORT_MODE_BISTABLE : PORT_MODE_MONOSTABLE);
   return Taken::Yes;
 }
 
@@ -114,7 +115,9 @@ constexpr std::array input_keys{
            },
            "Failed to read Name parameter"},
     KeyRow{"Trig",
-           [](IoPort* port, const char* value) { return take_activelow(port, value, true); },
+           [](IoPort* port, const char* value) {
+             return take_activelow(port, value, PortSide::Input);
+           },
            "Failed to read Trig parameter"},
 };
 
@@ -125,7 +128,9 @@ constexpr std::array output_keys{
            },
            unknown_output_key},
     KeyRow{"Active",
-           [](IoPort* port, const char* value) { return take_activelow(port, value, false); },
+           [](IoPort* port, const char* value) {
+             return take_activelow(port, value, PortSide::Output);
+           },
            "Failed to read Active parameter"},
     KeyRow{"Button", take_button, nullptr},
     KeyRow{"PulseTime",

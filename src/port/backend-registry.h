@@ -7,12 +7,13 @@
 #include <span>
 
 struct IoPort;
+enum BackendKind : guint;
 struct PortFunctions;
 
 /// One kind of port hardware.
 struct BackendEntry {
   /// Number of the kind, stored in `IoPort::backend`.
-  guint kind;
+  BackendKind kind;
   /// Name of the kind in the hardware description.
   const char* name;
   /// Returns the backend's static table; allocates the port's private record if it has none.

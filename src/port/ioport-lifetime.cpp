@@ -100,8 +100,8 @@ void io_port_free(IoPort* ioport) {
   delete ioport;
 }
 
-const PortFunctions* io_port_set_backend(IoPort* ioport, guint kind) {
-  const guint replaced = std::exchange(ioport->backend, kind);
+const PortFunctions* io_port_set_backend(IoPort* ioport, BackendKind kind) {
+  const auto replaced = std::exchange(ioport->backend, kind);
   const auto* entry = backend_registry_find(kind);
   if (entry == nullptr) {
     return nullptr;

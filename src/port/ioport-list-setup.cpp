@@ -120,10 +120,10 @@ void io_port_list_declare_events() {
 void io_port_list_update_names() {
   for (gint number = 0; number < io_port_list_length(); number++) {
     for (const auto& port : io_port_list_get_port_list(number)) {
-      if (port->type == PORT_INPUT || port->type == PORT_IO_CTRL) {
+      if (io_port_has_input_side(port.get())) {
         set_default_input_name(port.get());
       }
-      if (port->type == PORT_OUTPUT || port->type == PORT_IO_CTRL) {
+      if (io_port_has_output_side(port.get())) {
         set_default_output_name(port.get());
       }
     }

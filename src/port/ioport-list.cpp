@@ -26,8 +26,7 @@ void update_action_registration_internal() {
     return;
   }
   const bool wanted = std::ranges::any_of(io_port_list, [](IoPort* port) {
-    return (port->type == PORT_OUTPUT || port->type == PORT_IO_CTRL)
-           && io_port_get_property(port, "ioport");
+    return io_port_has_output_side(port) && io_port_get_property(port, "ioport");
   });
   announce(port_observer.outputs_wanted, wanted);
 }
@@ -53,11 +52,11 @@ auto find_by_name(const char* name) {
 }
 
 // Counts ports that are of the fixed type, or configurable and currently that way round.
-gint count_ports(guint type, bool direction_input) {
+gint count_ports(PortType type, PortSide direction) {
   const std::lock_guard guard(mutex);
+  const bool input = direction == PortSide::Input;
   return static_cast<gint>(std::ranges::count_if(io_port_list, [=](IoPort* port) {
-    return (port->type == type
-            || (port->type == PORT_IO_CTRL && port->direction == direction_input))
+    return (port->type == type || (port->type == PORT_IO_CTRL && port->direction == input))
            && io_port_get_property(port, "ioport");
   }));
 }
@@ -112,11 +111,11 @@ std::vector<IoPortRef> io_port_list_get_port_list(gint number) {
 }
 
 gint io_port_list_nbr_inputs() {
-  return count_ports(PORT_INPUT, true);
+  return count_ports(PORT_INPUT, PortSide::Input);
 }
 
 gint io_port_list_nbr_outputs() {
-  return count_ports(PORT_OUTPUT, false);
+  return count_ports(PORT_OUTPUT, PortSide::Output);
 }
 
 std::vector<gint> io_port_list_get_supervised_port_numbers() {

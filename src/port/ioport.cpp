@@ -22,11 +22,6 @@ std::unique_lock<std::mutex> take_turn_between_steps(IoPort* ioport) {
   return guard;
 }
 
-
-const char* open_or_closed(bool activelow) {
-  return activelow ? "open" : "closed";
-}
-
 bool read_only(IoPort* ioport, const char* property) {
   return io_port_get_property(ioport, "readonly") || io_port_get_property(ioport, property);
 }
@@ -35,8 +30,16 @@ bool too_long(const char* text) {
   return text != nullptr && std::string_view(text).size() > io_port_text_limit;
 }
 
+bool has_side(const IoPort* port, PortSide side) {
+  return side == PortSide::Input ? io_port_has_input_side(port) : io_port_has_output_side(port);
+}
+
+PortSide current_side(IoPort* port) {
+  return io_port_input(port) ? PortSide::Input : PortSide::Output;
+}
+
 bool activelow_of_current_side(IoPort* port) {
-  return io_port_get_activelow(port, io_port_input(port));
+  return io_port_get_activelow(port, current_side(port));
 }
 
 // The raw level as the backend gives it, with "unknown" still in it.
@@ -44,18 +47,22 @@ guint raw_level(IoPort* ioport) {
   return ioport->functions->get_state(ioport);
 }
 
-void report_state(IoPort* ioport) {
-  const bool state = io_port_get_state(ioport);
+// A state reaches the event system first, then whoever listens to signals. `value` is what events
+// carry; a signal knows only 0 and all else.
+void announce_state(IoPort* ioport, guint value, Trigger trigger) {
   if (ioport->enabled) {
-    io_port_send_events(ioport, state ? 1 : 0);
-    io_port_send_signal(ioport, false, state);
+    io_port_send_events(ioport, value);
+    io_port_send_signal(ioport, trigger, value != 0);
   }
 }
 
-void apply_input_activelow(IoPort* ioport, bool value) {
-  report_state(ioport);
-  announce(port_observer.setting_changed, "Trig", open_or_closed(value), ioport->number,
-           PortSide::Input);
+void announce_present_state(IoPort* ioport) {
+  announce_state(ioport, io_port_get_state(ioport) ? 1 : 0, Trigger::Hardware);
+}
+
+void apply_input_activelow(IoPort* ioport) {
+  announce_present_state(ioport);
+  announce(port_observer.setting_changed, *ioport, Setting::InputSense);
 }
 
 void apply_output_activelow(IoPort* ioport, bool value) {
@@ -63,8 +70,7 @@ void apply_output_activelow(IoPort* ioport, bool value) {
   // restores the old one, which the state setter announces once.
   const bool level = raw_level(ioport) > 0;
   io_port_set_state_internal(ioport, value ? level : !level);
-  announce(port_observer.setting_changed, "Active", open_or_closed(value), ioport->number,
-           PortSide::Output);
+  announce(port_observer.setting_changed, *ioport, Setting::OutputSense);
 }
 
 void redeclare_events(IoPort* ioport) {
@@ -84,7 +90,7 @@ bool io_port_input(IoPort* port) {
   return port->type == PORT_INPUT || (port->type == PORT_IO_CTRL && port->direction);
 }
 
-bool io_port_direction_input(IoPort* ioport) {
+bool io_port_direction_input(const IoPort* ioport) {
   WEXD_ASSERT_NONNULL(ioport);
   switch (ioport->type) {
   case PORT_INPUT:
@@ -93,9 +99,8 @@ bool io_port_direction_input(IoPort* ioport) {
     return false;
   case PORT_IO_CTRL:
     return ioport->direction;
-  default:
-    g_assert_not_reached();
   }
+  g_assert_not_reached();
 }
 
 bool io_port_set_direction(IoPort* ioport, bool input) {
@@ -118,9 +123,8 @@ bool io_port_set_direction(IoPort* ioport, bool input) {
         io_event_undeclare_event(event.get());
       }
     }
-    report_state(ioport);
-    announce(port_observer.setting_changed, "Direction", input ? "input" : "output", ioport->number,
-             PortSide::Port);
+    announce_present_state(ioport);
+    announce(port_observer.setting_changed, *ioport, Setting::Direction);
   }
   return true;
 }
@@ -142,13 +146,9 @@ void io_port_set_state_internal(IoPort* ioport, bool state) {
   const bool before = io_port_get_state(ioport);
   ioport->functions->set_state(ioport, state != ioport->activelow_output ? 1 : 0);
   const bool after = io_port_get_state(ioport);
-  if (after == before) {
-    return;
+  if (after != before) {
+    announce_state(ioport, after ? 1 : 0, Trigger::Hardware);
   }
-  if (ioport->enabled) {
-    io_port_send_events(ioport, after ? 1 : 0);
-  }
-  io_port_send_signal(ioport, false, after);
 }
 
 bool io_port_set_state(IoPort* ioport, bool state) {
@@ -171,26 +171,18 @@ bool io_port_set_virtual(IoPort* ioport, bool state) {
   if (ioport->backend == BACKEND_VIRTUAL && ioport->type == PORT_OUTPUT) {
     ioport->functions->set_state(ioport, state ? 1 : 0);
   }
-  io_port_send_events(ioport, state ? 1 : 0);
-  io_port_send_signal(ioport, true, state);
+  announce_state(ioport, state ? 1 : 0, Trigger::Virtual);
   return true;
 }
 
 void io_port_trigger(IoPort* ioport, guint state) {
   WEXD_ASSERT_NONNULL(ioport);
-  if (!ioport->enabled) {
-    return;
-  }
-  io_port_send_events(ioport, state);
-  io_port_send_signal(ioport, false, state != 0);
+  announce_state(ioport, state, Trigger::Hardware);
 }
 
 void io_port_send_events(IoPort* ioport, guint state) {
-  const bool input = io_port_input(ioport);
-  const bool supervised_input = io_port_supervised_input(ioport);
   for (const auto& event : ioport->events) {
-    if ((event->supervised_input && supervised_input) || (event->input && input)
-        || (event->output && !input)) {
+    if (io_event_currently_applicable(ioport, event.get())) {
       io_event_send_event(ioport, event.get(), static_cast<gint>(state));
     }
   }
@@ -202,24 +194,30 @@ void io_port_send_events_if_enabled(IoPort* ioport, guint state) {
   }
 }
 
-void io_port_send_signal(IoPort* port, bool virtual_trig, bool state) {
+void io_port_send_signal(IoPort* port, Trigger trigger, bool state) {
   g_assert(port->functions != NULL);
   if (!port->enabled) {
     return;
   }
-  announce(port_observer.port_changed, port->number, io_port_get_property(port, "virtual"),
-           io_port_get_property(port, "hidden"), io_port_input(port), virtual_trig, state,
-           activelow_of_current_side(port));
+  announce(port_observer.port_changed,
+           PortChange{.number = port->number,
+                      .is_virtual = io_port_get_property(port, "virtual"),
+                      .hidden = io_port_get_property(port, "hidden"),
+                      .input = io_port_input(port),
+                      .trigger = trigger,
+                      .state = state,
+                      .activelow = activelow_of_current_side(port)});
 }
 
-bool io_port_get_activelow(IoPort* ioport, bool input_side) {
+bool io_port_get_activelow(IoPort* ioport, PortSide side) {
   WEXD_ASSERT_NONNULL(ioport);
-  return input_side ? ioport->activelow_input : ioport->activelow_output;
+  return side == PortSide::Input ? ioport->activelow_input : ioport->activelow_output;
 }
 
-bool io_port_set_activelow(IoPort* ioport, bool value, bool input_side) {
+bool io_port_set_activelow(IoPort* ioport, bool value, PortSide side) {
   WEXD_ASSERT_NONNULL(ioport);
-  if (ioport->type == (input_side ? PORT_OUTPUT : PORT_INPUT)) {
+  const bool input_side = side == PortSide::Input;
+  if (!has_side(ioport, side)) {
     return false;
   }
   bool& activelow = input_side ? ioport->activelow_input : ioport->activelow_output;
@@ -236,9 +234,9 @@ bool io_port_set_activelow(IoPort* ioport, bool value, bool input_side) {
   }
   io_port_reset_event_filters(ioport);
   activelow = value;
-  if (ioport->is_setup && io_port_input(ioport) == input_side) {
+  if (ioport->is_setup && current_side(ioport) == side) {
     if (input_side) {
-      apply_input_activelow(ioport, value);
+      apply_input_activelow(ioport);
     } else {
       apply_output_activelow(ioport, value);
     }
@@ -255,26 +253,24 @@ gchar* io_port_get_name(IoPort* ioport) {
     return g_strdup(c_str_or_null(ioport->output_name));
   case PORT_IO_CTRL:
     return g_strdup(c_str_or_null(ioport->direction ? ioport->input_name : ioport->output_name));
-  default:
-    return nullptr;
   }
+  return nullptr;
 }
 
 void io_port_get_names(IoPort* ioport, gchar** input_name, gchar** output_name) {
   WEXD_RETURN_IF_FAIL(ioport);
-  if (ioport->type == PORT_INPUT || ioport->type == PORT_IO_CTRL) {
+  if (io_port_has_input_side(ioport)) {
     copy_text(ioport->input_name, input_name);
   }
-  if (ioport->type == PORT_OUTPUT || ioport->type == PORT_IO_CTRL) {
+  if (io_port_has_output_side(ioport)) {
     copy_text(ioport->output_name, output_name);
   }
 }
 
 namespace {
 
-// Both name setters: `side` is the one to rename, a port of type `other` does not have it.
-bool set_name(IoPort* ioport, const char* name, PortSide side, guint other) {
-  if (ioport == nullptr || ioport->type == other) {
+bool set_name(IoPort* ioport, const char* name, PortSide side) {
+  if (ioport == nullptr || !has_side(ioport, side)) {
     return false;
   }
   const bool input_side = side == PortSide::Input;
@@ -286,7 +282,8 @@ bool set_name(IoPort* ioport, const char* name, PortSide side, guint other) {
     return false;
   }
   stored = name != nullptr ? OptionalText(name) : std::nullopt;
-  announce(port_observer.setting_changed, "Name", c_str_or_null(stored), ioport->number, side);
+  announce(port_observer.setting_changed, *ioport,
+           input_side ? Setting::InputName : Setting::OutputName);
 
   // Declarations carry the name of the side in use only.
   if (ioport->type != PORT_IO_CTRL || ioport->direction == input_side) {
@@ -298,11 +295,11 @@ bool set_name(IoPort* ioport, const char* name, PortSide side, guint other) {
 } // namespace
 
 bool io_port_set_input_name(IoPort* ioport, const char* name) {
-  return set_name(ioport, name, PortSide::Input, PORT_OUTPUT);
+  return set_name(ioport, name, PortSide::Input);
 }
 
 bool io_port_set_output_name(IoPort* ioport, const char* name) {
-  return set_name(ioport, name, PortSide::Output, PORT_INPUT);
+  return set_name(ioport, name, PortSide::Output);
 }
 
 gchar* io_port_get_usage(IoPort* ioport) {
@@ -322,8 +319,7 @@ bool io_port_set_usage(IoPort* ioport, const char* usage) {
     return false;
   }
   ioport->usage = text;
-  announce(port_observer.setting_changed, "Usage", ioport->usage.c_str(), ioport->number,
-           PortSide::Port);
+  announce(port_observer.setting_changed, *ioport, Setting::Usage);
   return true;
 }
 
@@ -333,13 +329,13 @@ void io_port_add_property(IoPort* ioport, const char* key, const char* value) {
   g_hash_table_replace(ioport->properties, g_strdup(key), GINT_TO_POINTER(truth));
 }
 
-bool io_port_get_property(IoPort* ioport, const char* key) {
+bool io_port_get_property(const IoPort* ioport, const char* key) {
   bool value = false;
   io_port_lookup_property(ioport, key, &value);
   return value;
 }
 
-bool io_port_lookup_property(IoPort* ioport, const char* key, bool* value) {
+bool io_port_lookup_property(const IoPort* ioport, const char* key, bool* value) {
   gpointer stored = nullptr;
   if (ioport->properties == nullptr
       || !g_hash_table_lookup_extended(ioport->properties, key, nullptr, &stored)) {
@@ -390,7 +386,7 @@ void io_port_reset_event_filters(IoPort* ioport) {
   }
 }
 
-bool io_port_set_mode(IoPort* ioport, guint mode) {
+bool io_port_set_mode(IoPort* ioport, PortMode mode) {
   if (mode != PORT_MODE_MONOSTABLE && mode != PORT_MODE_BISTABLE) {
     return false;
   }
@@ -398,8 +394,8 @@ bool io_port_set_mode(IoPort* ioport, guint mode) {
   return true;
 }
 
-guint io_port_get_mode(IoPort* ioport) {
-  return ioport != nullptr ? ioport->mode : 0;
+PortMode io_port_get_mode(IoPort* ioport) {
+  return ioport != nullptr ? ioport->mode : PORT_MODE_NONE;
 }
 
 void io_port_set_delay_time(IoPort* ioport, gint32 delay_time) {

@@ -43,15 +43,26 @@ enum BackendKind : guint {
 };
 
 enum ButtonType : guint { BUTTON_NONE = 0, BUTTON_PULSE = 1, BUTTON_ACTINACT = 2 };
-enum PortMode : guint { PORT_MODE_MONOSTABLE = 1, PORT_MODE_BISTABLE = 2 };
+enum PortMode : guint { PORT_MODE_NONE = 0, PORT_MODE_MONOSTABLE = 1, PORT_MODE_BISTABLE = 2 };
 
-/// Texts of ButtonType and PortMode, as stored and published. Mode 0 is no mode.
+/// Texts of ButtonType and PortMode, as stored and published.
 inline constexpr std::array<const char*, 3> button_type_string{"none", "pulse", "actinact"};
 inline constexpr std::array<const char*, 3> port_mode_string{"", "monostable", "bistable"};
 
 /// Bytes of the longest name or usage that a port takes, without the final zero. All texts of all
 /// ports together must fit into one message of the bus.
 inline constexpr gsize io_port_text_limit = 65'536;
+
+/// Selects one side of a port, or the port as a whole.
+enum class PortSide { Input, Output, Port };
+
+/// What brought a state about: the hardware, or a client that set a virtual state.
+enum class Trigger { Hardware, Virtual };
+
+/// The word for an inversion: an inverted contact is active while it is open.
+constexpr const char* open_or_closed(bool activelow) {
+  return activelow ? "open" : "closed";
+}
 
 /// A backend's operations. Each backend keeps one static table; empty slots hold nullptr.
 struct PortFunctions {
@@ -103,8 +114,8 @@ inline const char* c_str_or_null(const OptionalText& text) {
 }
 
 struct IoPort {
-  guint type = PORT_INPUT;
-  guint backend = BACKEND_VIRTUAL;
+  PortType type = PORT_INPUT;
+  BackendKind backend = BACKEND_VIRTUAL;
   gpointer backend_private = nullptr;
   const PortFunctions* functions = nullptr;
   GHashTable* properties = nullptr;
@@ -120,7 +131,7 @@ struct IoPort {
   /// Only for a configurable port: true is input.
   bool direction = true;
   bool supervised = false;
-  guint button_type = BUTTON_NONE;
+  ButtonType button_type = BUTTON_NONE;
   /// Milliseconds.
   guint32 pulse_time = 0;
   /// Newest first.
@@ -147,7 +158,7 @@ struct IoPort {
   bool optional = false;
   /// Milliseconds.
   gint32 delay_time = 0;
-  guint mode = PORT_MODE_BISTABLE;
+  PortMode mode = PORT_MODE_BISTABLE;
   guint32 spare_count = 1;
 
   /// One attribute that the hardware description gave to the backend.
@@ -200,7 +211,7 @@ void io_port_unref(IoPort* ioport);
 void io_port_free(IoPort* ioport);
 /// Stores the kind, attaches its backend and returns the table; nullptr (kind stored, table
 /// unchanged) when no backend is of that kind.
-const PortFunctions* io_port_set_backend(IoPort* ioport, guint kind);
+const PortFunctions* io_port_set_backend(IoPort* ioport, BackendKind kind);
 /// Takes the port's hardware into use. False when the backend refuses.
 bool io_port_setup(IoPort* ioport);
 /// Ends a running sequence and releases the hardware; the port can be set up again later.
@@ -213,10 +224,17 @@ bool io_port_set_watch(IoPort* ioport);
 
 // Kind and direction
 
+/// Whether the port can be an input, or an output.
+inline bool io_port_has_input_side(const IoPort* port) {
+  return port->type == PORT_INPUT || port->type == PORT_IO_CTRL;
+}
+inline bool io_port_has_output_side(const IoPort* port) {
+  return port->type == PORT_OUTPUT || port->type == PORT_IO_CTRL;
+}
 /// True when the port currently is an input.
 bool io_port_input(IoPort* port);
 /// As io_port_input, but an unknown type is a programming error.
-bool io_port_direction_input(IoPort* ioport);
+bool io_port_direction_input(const IoPort* ioport);
 /// Switches a configurable port; false for any other port. Cancels a running sequence.
 bool io_port_set_direction(IoPort* ioport, bool input);
 
@@ -239,11 +257,12 @@ void io_port_send_events(IoPort* ioport, guint state);
 /// Sends the port's applicable events if the port is enabled.
 void io_port_send_events_if_enabled(IoPort* ioport, guint state);
 /// Announces PortChanged for an enabled port.
-void io_port_send_signal(IoPort* port, bool virtual_trig, bool state);
-bool io_port_get_activelow(IoPort* ioport, bool input_side);
+void io_port_send_signal(IoPort* port, Trigger trigger, bool state);
+/// The inversion of one side; `side` is Input or Output.
+bool io_port_get_activelow(IoPort* ioport, PortSide side);
 /// Sets the inversion of one side. On a set-up output the physical line flips so that the logical
 /// state stays. False when the side does not exist or is read-only. Cancels a running sequence.
-bool io_port_set_activelow(IoPort* ioport, bool value, bool input_side);
+bool io_port_set_activelow(IoPort* ioport, bool value, PortSide side);
 
 // Names and usage
 
@@ -265,9 +284,9 @@ bool io_port_set_usage(IoPort* ioport, const char* usage);
 /// Stores true when `value` is "true" in any case, else false; replaces an earlier entry.
 void io_port_add_property(IoPort* ioport, const char* key, const char* value);
 /// False when absent.
-bool io_port_get_property(IoPort* ioport, const char* key);
+bool io_port_get_property(const IoPort* ioport, const char* key);
 /// Whether the key exists; its value goes to `value`, which is untouched otherwise.
-bool io_port_lookup_property(IoPort* ioport, const char* key, bool* value);
+bool io_port_lookup_property(const IoPort* ioport, const char* key, bool* value);
 /// Keys (char*, owned by the port) and values (GINT_TO_POINTER), paired by position. The caller
 /// frees the lists, not their contents.
 GList* io_port_get_property_keys(IoPort* ioport);
@@ -306,9 +325,9 @@ bool io_port_got_port_any(IoPort* ioport);
 bool io_port_lock_taken(IoPort* ioport);
 void io_port_reset_event_filters(IoPort* ioport);
 /// Accepts 1 and 2 only.
-bool io_port_set_mode(IoPort* ioport, guint mode);
-/// 0 for NULL.
-guint io_port_get_mode(IoPort* ioport);
+bool io_port_set_mode(IoPort* ioport, PortMode mode);
+/// PORT_MODE_NONE for NULL.
+PortMode io_port_get_mode(IoPort* ioport);
 void io_port_set_delay_time(IoPort* ioport, gint32 delay_time);
 /// -1 for NULL.
 gint32 io_port_get_delay_time(IoPort* ioport);

@@ -8,20 +8,31 @@
 
 #include <glib.h>
 
+#include "port/ioport.h"
+
 #include <atomic>
 #include <utility>
 
-/// Selects the side of a port whose setting changed.
-enum class PortSide : guint { Input = 0, Output = 1, Port = 2 };
+/// A state that a port took or showed, with what listeners need to judge it.
+struct PortChange {
+  gint number;
+  bool is_virtual;
+  bool hidden;
+  bool input;
+  Trigger trigger;
+  bool state;
+  /// Of the side in use.
+  bool activelow;
+};
+
+/// The settings of a port that users see and services announce.
+enum class Setting { InputName, OutputName, InputSense, OutputSense, Direction, Usage };
 
 struct PortObserver {
-  using PortChanged = void (*)(gint port_number, gboolean is_virtual, gboolean hidden,
-                               gboolean input, gboolean virtual_trig, gboolean state,
-                               gboolean activelow);
+  using PortChanged = void (*)(const PortChange& change);
   using SequenceDone = void (*)(gint port_number);
   using BurstAnnounced = void (*)();
-  using SettingChanged = void (*)(const char* property, const char* value, gint port_number,
-                                  PortSide side);
+  using SettingChanged = void (*)(const IoPort& port, Setting setting);
   using OutputsWanted = void (*)(gboolean wanted);
 
   /// A port's state was set or seen.
@@ -31,7 +42,7 @@ struct PortObserver {
   /// Many changes were announced at once, on the calling thread, which holds no lock. The callback
   /// may wait a bounded moment until they have left.
   std::atomic<BurstAnnounced> burst_announced{nullptr};
-  /// A user-visible setting has a new value.
+  /// A setting has a new value, which the port holds already.
   std::atomic<SettingChanged> setting_changed{nullptr};
   /// Whether the device has an output-capable port; told after every change of the port list.
   std::atomic<OutputsWanted> outputs_wanted{nullptr};

@@ -89,7 +89,7 @@ gboolean supervised_set_supervised_ranges(IoPort* port, GList* ranges, GError** 
 }
 
 gboolean supervised_is_supervisable(IoPort* port) {
-  return port->type == PORT_INPUT || port->type == PORT_IO_CTRL;
+  return io_port_has_input_side(port);
 }
 
 gboolean supervised_lookup_state(IoPort* port, guint32 level, guint* state, GError** error) {

@@ -95,8 +95,9 @@ void print(const char* what, const std::vector<gint64>& late) {
 } // namespace
 
 int main() {
-  port_observer.port_changed = [](gint, gboolean, gboolean, gboolean, gboolean, gboolean,
-                                  gboolean) { announced.push_back(g_get_monotonic_time()); };
+  port_observer.port_changed = [](const PortChange&) {
+    announced.push_back(g_get_monotonic_time());
+  };
   port_observer.sequence_done = [](gint) {
     const std::lock_guard guard(mutex);
     announced.push_back(g_get_monotonic_time());

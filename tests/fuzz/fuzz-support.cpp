@@ -17,7 +17,8 @@ bool is_text(const OptionalText& text) {
   return !text || is_text(std::string_view(*text));
 }
 
-void add_port(gint number, guint type, const char* name, guint backend, const char* property) {
+void add_port(gint number, PortType type, const char* name, BackendKind backend,
+              const char* property) {
   const IoPortRef port(io_port_new());
   port->type = type;
   port->number = number;

@@ -24,7 +24,7 @@ struct AGpioPort : BackendTest {
     const char* value;
   };
 
-  static IoPortRef describe(guint type, const std::vector<Attribute>& attributes) {
+  static IoPortRef describe(PortType type, const std::vector<Attribute>& attributes) {
     auto port = make("gpio", type);
     for (const auto& attribute : attributes) {
       io_port_parse_backend_data(port.get(), attribute.element, attribute.key, attribute.value);
@@ -32,7 +32,7 @@ struct AGpioPort : BackendTest {
     return port;
   }
 
-  static IoPortRef set_up(guint type, const std::vector<Attribute>& attributes) {
+  static IoPortRef set_up(PortType type, const std::vector<Attribute>& attributes) {
     auto port = describe(type, attributes);
     EXPECT_TRUE(io_port_setup(port.get()));
     return port;
@@ -147,9 +147,8 @@ TEST_F(AGpioPort, reports_every_edge_until_the_level_holds_still) {
 
 TEST_F(AGpioPort, reports_a_level_that_changes_while_it_is_reported) {
   const auto port = set_up(PORT_INPUT, {{"input", "pin", "17"}});
-  port_observer.port_changed = [](gint, gboolean, gboolean, gboolean, gboolean, gboolean state,
-                                  gboolean) {
-    fake_pins.calls.push_back(state ? "reported 1" : "reported 0");
+  port_observer.port_changed = [](const PortChange& change) {
+    fake_pins.calls.push_back(change.state ? "reported 1" : "reported 0");
     fake_pins.levels["17"] = 0;
   };
   fake_pins.levels["17"] = 1;

@@ -275,7 +275,7 @@ TEST_F(ASysfsPort, takes_the_last_path) {
 }
 
 TEST_F(ASysfsPortDeathTest, ends_the_process_as_anything_but_an_input) {
-  for (const guint type : {PORT_OUTPUT, PORT_IO_CTRL}) {
+  for (const PortType type : {PORT_OUTPUT, PORT_IO_CTRL}) {
     const auto port = make("sysfs", type);
     EXPECT_DEATH(io_port_setup(port.get()), "port->type == PORT_INPUT");
   }

@@ -70,7 +70,7 @@ TEST_F(TheVocabulary, types_a_port_and_points_it) {
   struct Row {
     const char* label;
     const char* content;
-    guint type;
+    PortType type;
     bool direction_input;
     const char* complaint;
   };
@@ -117,10 +117,10 @@ TEST_F(TheVocabulary, sets_words_in_any_case_and_ignores_others) {
        [](const IoPort* port) { return port->direction ? 1U : 0U; },
        {{"output", 0}, {"sideways", 0}, {"INPUT", 1}, {"", 1}, {"Output", 0}}},
       {"port_mode",
-       [](const IoPort* port) { return port->mode; },
+       [](const IoPort* port) -> guint { return port->mode; },
        {{"monostable", 1}, {"tristable", 1}, {"Bistable", 2}, {"MONOSTABLE", 1}}},
       {"button_type",
-       [](const IoPort* port) { return port->button_type; },
+       [](const IoPort* port) -> guint { return port->button_type; },
        {{"pulse", 1}, {"lever", 1}, {"ActInAct", 2}, {"NONE", 0}, {"Pulse", 1}}},
   };
   for (const auto& row : rows) {

@@ -73,15 +73,25 @@ struct TheLegacyInterface : PortTest {
     heard[{path, interface_name, property, g_variant_get_bytestring(value)}]++;
   }
 
+  static void announce_text(gint number, const std::string& text, Setting setting) {
+    IoPort port;
+    port.number = number;
+    port.input_name = text;
+    port.output_name = text;
+    port.usage = text;
+    wexd_g_dbus_common_emit_property_changed_signal(port, setting);
+  }
+
+  static constexpr std::array settings{Setting::InputName, Setting::OutputName, Setting::Usage};
+
   // Every thread announces `rounds` settings, each of them once.
   static std::vector<std::jthread> announcers() {
     std::vector<std::jthread> threads;
     for (gint thread = 0; thread < thread_count; thread++) {
       threads.emplace_back([thread] {
         for (int round = 0; round < rounds; round++) {
-          const std::string value = std::to_string(thread) + '.' + std::to_string(round);
-          wexd_g_dbus_common_emit_property_changed_signal("Name", value.c_str(), thread % ports,
-                                                          static_cast<guint>(round) % 3);
+          announce_text(thread % ports, std::to_string(thread) + '.' + std::to_string(round),
+                        settings.at(static_cast<gsize>(round) % settings.size()));
         }
       });
     }
@@ -113,7 +123,7 @@ TEST_F(TheLegacyInterface, announces_from_any_thread_each_setting_once) {
   EXPECT_TRUE(heard.contains({"/com/norv/Configuration/Legacy/IOControl/IOPort/0",
                               legacy_output_interface, "Name", "3.1"}));
   EXPECT_TRUE(heard.contains({"/com/norv/Configuration/Legacy/IOControl/IOPort/2",
-                              legacy_ioport_interface, "Name", "2.2"}));
+                              legacy_ioport_interface, "Usage", "2.2"}));
   iocontrol_conf_legacy_dbus_destroy();
 }
 
@@ -128,9 +138,9 @@ TEST_F(TheLegacyInterface, may_come_and_go_while_other_threads_announce) {
   run_pending();
   heard.clear();
   // Nobody is told anything while it is away.
-  wexd_g_dbus_common_emit_property_changed_signal("Name", "late", 0, 0);
+  announce_text(0, "late", Setting::InputName);
   iocontrol_conf_legacy_dbus_create();
-  wexd_g_dbus_common_emit_property_changed_signal("Name", "last", 0, 0);
+  announce_text(0, "last", Setting::InputName);
   const auto told = [this](const char* value) {
     return std::ranges::any_of(heard,
                                [&](const auto& entry) { return entry.first.value == value; });

@@ -53,7 +53,7 @@ TEST_F(AnEvent, starts_undeclared_for_inputs_and_outputs) {
 TEST_F(AnEvent, applies_to_what_the_port_currently_is) {
   struct Row {
     const char* label;
-    guint type;
+    PortType type;
     bool supervised;
     bool input;
     bool output;

@@ -15,7 +15,7 @@ struct APortsGroup : PortTest {
     file.reset(g_key_file_new());
   }
 
-  IoPortRef make_port(guint type, guint backend = BACKEND_GPIO) {
+  IoPortRef make_port(PortType type, BackendKind backend = BACKEND_GPIO) {
     return make({.type = type, .number = 2, .backend = backend, .name = "a"});
   }
 
@@ -132,18 +132,18 @@ TEST_F(APortsGroup, holds_every_key_of_a_configurable_supervisable_port_in_order
 }
 
 TEST_F(APortsGroup, holds_only_the_usage_of_a_port_of_unknown_type) {
-  const auto port = make_port(3);
+  const auto port = make_port(unknown_type);
   EXPECT_TRUE(param_group_write(file.get(), port.get()));
   EXPECT_THAT(lines(), ElementsAre("[a]", "usage="));
 }
 
 TEST_F(APortsGroup, holds_odd_values_as_they_are) {
   const auto port = make_port(PORT_OUTPUT);
-  port->mode = 0;
-  port->button_type = 7;
+  port->mode = PORT_MODE_NONE;
   port->delay_time = -1;
   EXPECT_TRUE(param_group_write(file.get(), port.get()));
-  EXPECT_THAT(lines(), ElementsAre("[a]", "output_name=", "output_activelow=false", "pulse_time=0",
+  EXPECT_THAT(lines(), ElementsAre("[a]", "output_name=", "output_activelow=false",
+                                   "button_type=none", "pulse_time=0",
                                    "port_mode=", "delay_time=18446744073709551615", "usage="));
 }
 
@@ -230,7 +230,7 @@ TEST_F(APortsGroup, leaves_the_sides_alone_that_the_port_does_not_have) {
   EXPECT_FALSE(output->input_name);
   EXPECT_EQ(output->output_name, "lamp");
 
-  const auto odd = make_port(3);
+  const auto odd = make_port(unknown_type);
   EXPECT_TRUE(read(odd.get()));
   EXPECT_EQ(odd->usage, "hall");
   EXPECT_FALSE(odd->input_name || odd->output_name);
@@ -338,7 +338,7 @@ TEST_F(APortsGroup, leaves_a_text_untouched_whose_value_is_malformed) {
     const auto port = make_port(PORT_IO_CTRL);
     port->input_name = port->output_name = port->usage = "untouched";
     port->button_type = BUTTON_NONE;
-    port->mode = 0;
+    port->mode = PORT_MODE_NONE;
     EXPECT_FALSE(read(port.get()));
     EXPECT_EQ(out, "");
     EXPECT_THAT(err, testing::StartsWith("Error parsing param file: Key"));

@@ -44,7 +44,7 @@ struct AnActionSequence : PortTest {
   }
 
   /// A port whose sequence has applied a first step that it holds for a minute.
-  IoPortRef make_running(guint type = PORT_OUTPUT) {
+  IoPortRef make_running(PortType type = PORT_OUTPUT) {
     auto port = make({.type = type, .number = 5, .direction_input = false});
     EXPECT_TRUE(start(port.get(), {{true, long_ms}, {false, long_ms}}));
     EXPECT_TRUE(run_until([&] { return io_port_get_state(port.get()); }));
@@ -165,19 +165,19 @@ TEST_F(AnActionSequence, marks_the_port_as_busy_from_the_start) {
   ASSERT_TRUE(start(port.get(), {{true, long_ms}}));
   EXPECT_TRUE(io_port_lock_taken(port.get()));
   EXPECT_TRUE(port->sequence_running);
-  io_port_set_activelow(port.get(), true, false);
+  io_port_set_activelow(port.get(), true, PortSide::Output);
   EXPECT_FALSE(io_port_lock_taken(port.get()));
 }
 
 TEST_F(AnActionSequence, is_cancelled_by_every_configuration_change) {
   struct Row {
     const char* label;
-    guint type;
+    PortType type;
     void (*change)(IoPort* port);
   };
   const std::vector<Row> rows{
       {"output inversion", PORT_OUTPUT,
-       [](IoPort* port) { io_port_set_activelow(port, true, false); }},
+       [](IoPort* port) { io_port_set_activelow(port, true, PortSide::Output); }},
       {"direction", PORT_IO_CTRL, [](IoPort* port) { io_port_set_direction(port, true); }},
       {"close", PORT_OUTPUT, io_port_close},
       {"configuration lock", PORT_OUTPUT, [](IoPort* port) { const PortConfigLock lock(port); }},
@@ -211,7 +211,7 @@ TEST_F(AnActionSequence, is_cancelled_by_a_new_range_but_not_by_a_refused_one) {
 
 TEST_F(AnActionSequence, leaves_the_state_of_its_last_step_when_cancelled) {
   const auto port = make_running();
-  io_port_set_activelow(port.get(), true, false);
+  io_port_set_activelow(port.get(), true, PortSide::Output);
   EXPECT_TRUE(io_port_get_state(port.get()));
   // The end comes first, then the line flips.
   EXPECT_THAT(fake_backend::take_calls(), ElementsAre("5: set_state 0"));

@@ -43,13 +43,13 @@ TEST_F(APortsLife, gets_the_backend_of_a_kind) {
   const IoPortRef port(io_port_new());
   for (guint kind = 0; kind <= 10; kind++) {
     SCOPED_TRACE(kind);
-    EXPECT_NE(io_port_set_backend(port.get(), kind), nullptr);
+    EXPECT_NE(io_port_set_backend(port.get(), static_cast<BackendKind>(kind)), nullptr);
     EXPECT_NE(port->functions, nullptr);
     EXPECT_EQ(port->backend, kind);
     EXPECT_EQ(fake_backend::live_records(), 1);
   }
   const auto* const before = port->functions;
-  EXPECT_EQ(io_port_set_backend(port.get(), 11), nullptr);
+  EXPECT_EQ(io_port_set_backend(port.get(), static_cast<BackendKind>(11)), nullptr);
   EXPECT_EQ(port->backend, 11U);
   EXPECT_EQ(port->functions, before);
 }
@@ -106,7 +106,7 @@ TEST_F(APortsLife, cannot_be_closed_without_a_backend) {
 }
 
 TEST_F(APortsLife, comes_back_after_a_close_as_it_was_described) {
-  for (const guint backend : {BACKEND_GPIO, BACKEND_IIO, BACKEND_IIO_INTERRUPT}) {
+  for (const BackendKind backend : {BACKEND_GPIO, BACKEND_IIO, BACKEND_IIO_INTERRUPT}) {
     SCOPED_TRACE(backend);
     const auto port = make({.type = PORT_INPUT, .backend = backend, .set_up = false});
     io_port_parse_backend_data(port.get(), "device", "path", "/sys/x");
@@ -140,7 +140,7 @@ TEST_F(APortsLife, keeps_the_ranges_of_the_user_when_it_comes_back) {
 TEST_F(APortsLife, is_watched_only_as_an_enabled_input) {
   struct Row {
     const char* label;
-    guint type;
+    PortType type;
     bool direction_input;
     bool enabled;
     bool watched;
@@ -179,7 +179,7 @@ TEST_F(APortsLife, lets_a_configuration_change_nest) {
   const auto port = make({.type = PORT_IO_CTRL, .direction_input = false});
   const PortConfigLock outer(port.get());
   EXPECT_TRUE(io_port_set_direction(port.get(), true));
-  EXPECT_TRUE(io_port_set_activelow(port.get(), true, true));
+  EXPECT_TRUE(io_port_set_activelow(port.get(), true, PortSide::Input));
   const PortConfigLock inner(port.get());
 }
 

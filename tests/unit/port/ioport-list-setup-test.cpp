@@ -186,7 +186,7 @@ TEST_F(SettingPortsUp, reads_the_settings_of_every_port_in_list_order) {
 TEST_F(SettingPortsUp, gives_ports_default_names) {
   struct Row {
     const char* label;
-    guint type;
+    PortType type;
     const char* name;
     OptionalText input;
     OptionalText output;
@@ -198,7 +198,7 @@ TEST_F(SettingPortsUp, gives_ports_default_names) {
       {"motion input", PORT_INPUT, "pir_detector", "PIR sensor", std::nullopt},
       {"motion output", PORT_OUTPUT, "pir_detector", std::nullopt, "Port 1"},
       {"motion configurable", PORT_IO_CTRL, "pir_detector", "PIR sensor", "Port 1"},
-      {"unknown type", 3, "a", std::nullopt, std::nullopt},
+      {"unknown type", unknown_type, "a", std::nullopt, std::nullopt},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);
@@ -221,7 +221,7 @@ TEST_F(SettingPortsUp, leaves_names_alone_that_exist_or_may_not_be_written) {
   EXPECT_EQ(named->output_name, "Port 1");
   EXPECT_FALSE(locked->output_name);
   EXPECT_FALSE(bare->output_name);
-  EXPECT_THAT(take_settings(), ElementsAre("0: Name=Port 1 (output)"));
+  EXPECT_THAT(take_settings(), ElementsAre("0: output name=Port 1"));
 }
 
 TEST_F(SettingPortsUp, gives_no_name_to_numbers_at_or_above_the_count_of_ports) {

@@ -117,7 +117,7 @@ TEST_F(ThePortList, is_active_for_the_any_port_event_when_a_taking_part_port_is)
 TEST_F(ThePortList, takes_the_logical_state_for_the_any_port_event) {
   IoPort* const inverted = add({.type = PORT_INPUT, .number = 1});
   give_event(inverted, "PortAny");
-  io_port_set_activelow(inverted, true, true);
+  io_port_set_activelow(inverted, true, PortSide::Input);
   EXPECT_EQ(io_port_list_get_port_any_value(), 1);
   fake_backend::record(inverted)->level = 1;
   EXPECT_EQ(io_port_list_get_port_any_value(), 0);
@@ -165,7 +165,7 @@ TEST_F(ThePortList, looks_waiting_ports_up_like_those_in_service) {
 TEST_F(ThePortList, tells_whether_outputs_are_wanted) {
   struct Row {
     const char* label;
-    guint type;
+    PortType type;
     std::vector<const char*> properties;
     bool wanted;
   };

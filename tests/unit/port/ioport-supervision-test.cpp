@@ -8,7 +8,7 @@ using testing::IsEmpty;
 namespace {
 
 struct ASupervisedPort : PortTest {
-  IoPortRef make_port(guint type = PORT_INPUT, bool direction_input = true) {
+  IoPortRef make_port(PortType type = PORT_INPUT, bool direction_input = true) {
     return make({.type = type, .backend = BACKEND_IIO, .direction_input = direction_input});
   }
 };
@@ -19,7 +19,7 @@ using ASupervisedPortDeathTest = ASupervisedPort;
 
 TEST_F(ASupervisedPort, acts_as_a_supervised_input_only_while_it_is_an_input) {
   struct Row {
-    guint type;
+    PortType type;
     bool direction_input;
     bool supervised;
     bool acts;
@@ -53,7 +53,7 @@ TEST_F(ASupervisedPort, applies_its_direction_again_when_it_is_a_configurable_in
   EXPECT_THAT(fake_backend::take_calls(),
               ElementsAre("0: set_supervised 1", "0: set_direction 1", "0: set_watch"));
   EXPECT_THAT(take_changes(), ElementsAre("0: state=0 input"));
-  EXPECT_THAT(take_settings(), ElementsAre("0: Direction=input (port)"));
+  EXPECT_THAT(take_settings(), ElementsAre("0: direction=input"));
 }
 
 TEST_F(ASupervisedPort, keeps_its_direction_when_it_is_a_configurable_output) {

@@ -52,7 +52,7 @@ TEST_F(AnIoPort, has_texts_for_its_button_types_and_modes) {
 TEST_F(AnIoPort, inverts_its_level_by_the_side_in_use) {
   struct Row {
     const char* label;
-    guint type;
+    PortType type;
     bool direction_input;
     bool activelow_input;
     bool activelow_output;
@@ -98,7 +98,7 @@ TEST_F(AnIoPort, reads_low_until_it_is_set_up) {
 
 TEST_F(AnIoPort, is_an_input_by_type_and_direction) {
   struct Row {
-    guint type;
+    PortType type;
     bool direction_input;
     bool input;
   };
@@ -111,7 +111,7 @@ TEST_F(AnIoPort, is_an_input_by_type_and_direction) {
     EXPECT_EQ(io_port_input(port.get()), row.input);
     EXPECT_EQ(io_port_direction_input(port.get()), row.input);
   }
-  const auto odd = make({.type = 3});
+  const auto odd = make({.type = unknown_type});
   EXPECT_FALSE(io_port_input(odd.get()));
 }
 
@@ -177,8 +177,8 @@ TEST_F(AnIoPort, announces_every_virtual_state) {
 TEST_F(AnIoPort, stores_virtual_states_in_virtual_outputs_only) {
   struct Row {
     const char* label;
-    guint backend;
-    guint type;
+    BackendKind backend;
+    PortType type;
     bool stored;
   };
   for (const auto& row : {Row{"virtual output", BACKEND_VIRTUAL, PORT_OUTPUT, true},
@@ -198,7 +198,7 @@ TEST_F(AnIoPort, ignores_virtual_states_and_triggers_while_disabled) {
   port->enabled = false;
   EXPECT_TRUE(io_port_set_virtual(port.get(), true));
   io_port_trigger(port.get(), 1);
-  io_port_send_signal(port.get(), false, true);
+  io_port_send_signal(port.get(), Trigger::Hardware, true);
   io_port_send_events_if_enabled(port.get(), 1);
   EXPECT_THAT(fake_backend::take_calls(), IsEmpty());
   EXPECT_THAT(take_changes(), IsEmpty());
@@ -236,7 +236,7 @@ TEST_F(AnIoPort, shows_its_properties_and_its_side_in_the_announcement) {
     const auto port = make(row.port);
     port->activelow_input = row.activelow_input;
     port->activelow_output = row.activelow_output;
-    io_port_send_signal(port.get(), false, true);
+    io_port_send_signal(port.get(), Trigger::Hardware, true);
     EXPECT_THAT(take_changes(), ElementsAre(row.announced));
   }
 }
@@ -247,7 +247,7 @@ TEST_F(AnIoPort, sends_only_the_events_that_fit_what_it_is) {
     bool input_flag;
     bool output_flag;
     bool supervised_flag;
-    guint type;
+    PortType type;
     bool supervised;
     bool sent;
   };
@@ -279,39 +279,48 @@ TEST_F(AnIoPort, sends_only_the_events_that_fit_what_it_is) {
 TEST_F(AnIoPort, has_an_inversion_for_each_side) {
   const auto port = make({.type = PORT_IO_CTRL});
   port->activelow_input = true;
-  EXPECT_TRUE(io_port_get_activelow(port.get(), true));
-  EXPECT_FALSE(io_port_get_activelow(port.get(), false));
+  EXPECT_TRUE(io_port_get_activelow(port.get(), PortSide::Input));
+  EXPECT_FALSE(io_port_get_activelow(port.get(), PortSide::Output));
 }
 
 TEST_F(AnIoPort, refuses_the_inversion_of_a_missing_or_read_only_side) {
   struct Row {
     const char* label;
-    guint type;
+    PortType type;
     std::vector<const char*> properties;
-    bool input_side;
+    PortSide side;
     bool accepted;
   };
   const std::vector<Row> rows{
-      {"input side of an output", PORT_OUTPUT, {}, true, false},
-      {"output side of an input", PORT_INPUT, {}, false, false},
-      {"input side of an input", PORT_INPUT, {}, true, true},
-      {"output side of an output", PORT_OUTPUT, {}, false, true},
-      {"input side of a configurable", PORT_IO_CTRL, {}, true, true},
-      {"output side of a configurable", PORT_IO_CTRL, {}, false, true},
-      {"read-only input", PORT_INPUT, {"readonly"}, true, false},
-      {"read-only output", PORT_OUTPUT, {"readonly"}, false, false},
-      {"read-only trigger", PORT_INPUT, {"readonly_Trig"}, true, false},
-      {"read-only active", PORT_OUTPUT, {"readonly_Active"}, false, false},
-      {"input with a read-only output side", PORT_IO_CTRL, {"readonly_Active"}, true, true},
-      {"output with a read-only input side", PORT_IO_CTRL, {"readonly_Trig"}, false, true},
-      {"read-only name", PORT_OUTPUT, {"readonly_Name", "readonly_Usage"}, false, true},
+      {"input side of an output", PORT_OUTPUT, {}, PortSide::Input, false},
+      {"output side of an input", PORT_INPUT, {}, PortSide::Output, false},
+      {"input side of an input", PORT_INPUT, {}, PortSide::Input, true},
+      {"output side of an output", PORT_OUTPUT, {}, PortSide::Output, true},
+      {"input side of a configurable", PORT_IO_CTRL, {}, PortSide::Input, true},
+      {"output side of a configurable", PORT_IO_CTRL, {}, PortSide::Output, true},
+      {"read-only input", PORT_INPUT, {"readonly"}, PortSide::Input, false},
+      {"read-only output", PORT_OUTPUT, {"readonly"}, PortSide::Output, false},
+      {"read-only trigger", PORT_INPUT, {"readonly_Trig"}, PortSide::Input, false},
+      {"read-only active", PORT_OUTPUT, {"readonly_Active"}, PortSide::Output, false},
+      {"input with a read-only output side",
+       PORT_IO_CTRL,
+       {"readonly_Active"},
+       PortSide::Input,
+       true},
+      {"output with a read-only input side",
+       PORT_IO_CTRL,
+       {"readonly_Trig"},
+       PortSide::Output,
+       true},
+      {"read-only name", PORT_OUTPUT, {"readonly_Name", "readonly_Usage"}, PortSide::Output, true},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);
     const auto port = make({.type = row.type, .properties = row.properties, .set_up = false});
-    EXPECT_EQ(io_port_set_activelow(port.get(), true, row.input_side), row.accepted);
-    EXPECT_EQ(io_port_get_activelow(port.get(), row.input_side), row.accepted);
-    EXPECT_FALSE(io_port_get_activelow(port.get(), !row.input_side));
+    EXPECT_EQ(io_port_set_activelow(port.get(), true, row.side), row.accepted);
+    EXPECT_EQ(io_port_get_activelow(port.get(), row.side), row.accepted);
+    const auto other = row.side == PortSide::Input ? PortSide::Output : PortSide::Input;
+    EXPECT_FALSE(io_port_get_activelow(port.get(), other));
   }
   EXPECT_THAT(take_changes(), IsEmpty());
   EXPECT_THAT(take_settings(), IsEmpty());
@@ -319,7 +328,7 @@ TEST_F(AnIoPort, refuses_the_inversion_of_a_missing_or_read_only_side) {
 
 TEST_F(AnIoPort, accepts_the_inversion_that_it_has_even_when_read_only) {
   const auto port = make({.properties = {"readonly"}});
-  EXPECT_TRUE(io_port_set_activelow(port.get(), false, false));
+  EXPECT_TRUE(io_port_set_activelow(port.get(), false, PortSide::Output));
   EXPECT_THAT(take_changes(), IsEmpty());
   EXPECT_THAT(take_settings(), IsEmpty());
 }
@@ -327,15 +336,15 @@ TEST_F(AnIoPort, accepts_the_inversion_that_it_has_even_when_read_only) {
 TEST_F(AnIoPort, reports_anew_when_its_input_is_inverted) {
   const auto port = make({.type = PORT_INPUT, .number = 1});
   give_event(port.get(), "IOPort");
-  EXPECT_TRUE(io_port_set_activelow(port.get(), true, true));
+  EXPECT_TRUE(io_port_set_activelow(port.get(), true, PortSide::Input));
   EXPECT_THAT(take_changes(), ElementsAre("1: state=1 input activelow"));
-  EXPECT_THAT(take_settings(), ElementsAre("1: Trig=open (input)"));
+  EXPECT_THAT(take_settings(), ElementsAre("1: input sense=open"));
   EXPECT_THAT(fake_events::take_log(), ElementsAre("send IOPort port=1 state=1"));
   EXPECT_THAT(fake_backend::take_calls(), IsEmpty());
 
-  EXPECT_TRUE(io_port_set_activelow(port.get(), false, true));
+  EXPECT_TRUE(io_port_set_activelow(port.get(), false, PortSide::Input));
   EXPECT_THAT(take_changes(), ElementsAre("1: state=0 input"));
-  EXPECT_THAT(take_settings(), ElementsAre("1: Trig=closed (input)"));
+  EXPECT_THAT(take_settings(), ElementsAre("1: input sense=closed"));
 }
 
 TEST_F(AnIoPort, flips_the_line_and_keeps_its_state_when_its_output_is_inverted) {
@@ -346,29 +355,29 @@ TEST_F(AnIoPort, flips_the_line_and_keeps_its_state_when_its_output_is_inverted)
     take_changes();
     fake_backend::take_calls();
 
-    EXPECT_TRUE(io_port_set_activelow(port.get(), true, false));
+    EXPECT_TRUE(io_port_set_activelow(port.get(), true, PortSide::Output));
     EXPECT_EQ(io_port_get_state(port.get()), state);
     EXPECT_THAT(fake_backend::take_calls(),
                 ElementsAre(state ? "0: set_state 0" : "0: set_state 1"));
     EXPECT_THAT(take_changes(),
                 ElementsAre(state ? "0: state=1 activelow" : "0: state=0 activelow"));
-    EXPECT_THAT(take_settings(), ElementsAre("0: Active=open (output)"));
+    EXPECT_THAT(take_settings(), ElementsAre("0: output sense=open"));
 
-    EXPECT_TRUE(io_port_set_activelow(port.get(), false, false));
+    EXPECT_TRUE(io_port_set_activelow(port.get(), false, PortSide::Output));
     EXPECT_EQ(io_port_get_state(port.get()), state);
     EXPECT_THAT(fake_backend::take_calls(),
                 ElementsAre(state ? "0: set_state 1" : "0: set_state 0"));
     EXPECT_THAT(take_changes(), ElementsAre(state ? "0: state=1" : "0: state=0"));
-    EXPECT_THAT(take_settings(), ElementsAre("0: Active=closed (output)"));
+    EXPECT_THAT(take_settings(), ElementsAre("0: output sense=closed"));
   }
 }
 
 TEST_F(AnIoPort, stores_the_inversion_of_the_side_not_in_use_silently) {
   const auto input = make({.type = PORT_IO_CTRL, .direction_input = true});
-  EXPECT_TRUE(io_port_set_activelow(input.get(), true, false));
+  EXPECT_TRUE(io_port_set_activelow(input.get(), true, PortSide::Output));
   EXPECT_TRUE(input->activelow_output);
   const auto output = make({.type = PORT_IO_CTRL, .direction_input = false});
-  EXPECT_TRUE(io_port_set_activelow(output.get(), true, true));
+  EXPECT_TRUE(io_port_set_activelow(output.get(), true, PortSide::Input));
   EXPECT_TRUE(output->activelow_input);
   EXPECT_THAT(take_changes(), IsEmpty());
   EXPECT_THAT(take_settings(), IsEmpty());
@@ -384,13 +393,13 @@ TEST_F(AnIoPort, resets_the_event_filters_when_it_is_inverted) {
   io_port_trigger(port.get(), 0);
   EXPECT_THAT(fake_events::take_log(), IsEmpty());
 
-  EXPECT_TRUE(io_port_set_activelow(port.get(), true, true));
+  EXPECT_TRUE(io_port_set_activelow(port.get(), true, PortSide::Input));
   EXPECT_THAT(fake_events::take_log(),
               ElementsAre("send com.norv.Event.Wxd.SupervisedPort port=0 tampered=0 state=open"));
 }
 
 TEST_F(AnIoPort, changes_direction_only_when_configurable) {
-  for (const guint type : {PORT_INPUT, PORT_OUTPUT}) {
+  for (const PortType type : {PORT_INPUT, PORT_OUTPUT}) {
     SCOPED_TRACE(type);
     const auto port = make({.type = type});
     EXPECT_FALSE(io_port_set_direction(port.get(), true));
@@ -406,7 +415,7 @@ TEST_F(AnIoPort, becomes_an_input_with_a_watch) {
   EXPECT_TRUE(io_port_input(port.get()));
   EXPECT_THAT(fake_backend::take_calls(), ElementsAre("3: set_direction 1", "3: set_watch"));
   EXPECT_THAT(take_changes(), ElementsAre("3: state=0 input"));
-  EXPECT_THAT(take_settings(), ElementsAre("3: Direction=input (port)"));
+  EXPECT_THAT(take_settings(), ElementsAre("3: direction=input"));
 }
 
 TEST_F(AnIoPort, becomes_an_output_without_a_watch) {
@@ -415,7 +424,7 @@ TEST_F(AnIoPort, becomes_an_output_without_a_watch) {
   EXPECT_FALSE(io_port_input(port.get()));
   EXPECT_THAT(fake_backend::take_calls(), ElementsAre("3: set_direction 0"));
   EXPECT_THAT(take_changes(), ElementsAre("3: state=0"));
-  EXPECT_THAT(take_settings(), ElementsAre("3: Direction=output (port)"));
+  EXPECT_THAT(take_settings(), ElementsAre("3: direction=output"));
 }
 
 TEST_F(AnIoPort, reports_again_when_given_the_direction_that_it_has) {
@@ -454,7 +463,7 @@ TEST_F(AnIoPort, does_not_report_its_direction_while_disabled) {
   port->enabled = false;
   EXPECT_TRUE(io_port_set_direction(port.get(), false));
   EXPECT_THAT(take_changes(), IsEmpty());
-  EXPECT_THAT(take_settings(), ElementsAre("0: Direction=output (port)"));
+  EXPECT_THAT(take_settings(), ElementsAre("0: direction=output"));
 }
 
 namespace {
@@ -485,7 +494,7 @@ std::string names_of(IoPort* port) {
 
 TEST_F(AnIoPort, has_the_name_of_its_current_side) {
   struct Row {
-    guint type;
+    PortType type;
     bool direction_input;
     const char* name;
     const char* names;
@@ -493,7 +502,7 @@ TEST_F(AnIoPort, has_the_name_of_its_current_side) {
   for (const auto& row :
        {Row{PORT_INPUT, true, "in", "in/untouched"}, Row{PORT_OUTPUT, true, "out", "untouched/out"},
         Row{PORT_IO_CTRL, true, "in", "in/out"}, Row{PORT_IO_CTRL, false, "out", "in/out"},
-        Row{3, true, "(none)", "untouched/untouched"}}) {
+        Row{unknown_type, true, "(none)", "untouched/untouched"}}) {
     SCOPED_TRACE(testing::Message()
                  << "type " << row.type << ", direction " << row.direction_input);
     const auto port = make({.type = row.type, .direction_input = row.direction_input});
@@ -523,7 +532,7 @@ TEST_F(AnIoPort, complains_when_asked_for_the_name_of_no_port) {
 TEST_F(AnIoPort, takes_names_for_the_sides_that_it_has) {
   struct Row {
     const char* label;
-    guint type;
+    PortType type;
     std::vector<const char*> properties;
     bool input_accepted;
     bool output_accepted;
@@ -545,10 +554,10 @@ TEST_F(AnIoPort, takes_names_for_the_sides_that_it_has) {
     EXPECT_EQ(port->output_name, row.output_accepted ? OptionalText("out") : std::nullopt);
     Texts announced;
     if (row.input_accepted) {
-      announced.emplace_back("0: Name=in (input)");
+      announced.emplace_back("0: input name=in");
     }
     if (row.output_accepted) {
-      announced.emplace_back("0: Name=out (output)");
+      announced.emplace_back("0: output name=out");
     }
     EXPECT_EQ(take_settings(), announced);
   }
@@ -568,7 +577,7 @@ TEST_F(AnIoPort, accepts_the_name_that_it_has_even_when_read_only) {
 TEST_F(AnIoPort, declares_its_events_again_when_the_side_in_use_is_renamed) {
   struct Row {
     const char* label;
-    guint type;
+    PortType type;
     bool direction_input;
     bool input_side;
     bool declared_again;
@@ -600,7 +609,7 @@ TEST_F(AnIoPort, keeps_its_usage_and_tells_of_changes) {
   EXPECT_TRUE(io_port_set_usage(port.get(), "door lock"));
   g_autofree gchar* after = io_port_get_usage(port.get());
   EXPECT_STREQ(after, "door lock");
-  EXPECT_THAT(take_settings(), ElementsAre("6: Usage=door lock (port)"));
+  EXPECT_THAT(take_settings(), ElementsAre("6: usage=door lock"));
   EXPECT_THAT(fake_events::take_log(), IsEmpty());
   EXPECT_FALSE(io_port_set_usage(nullptr, "x"));
 }
@@ -700,7 +709,7 @@ TEST_F(AnIoPort, resets_the_filter_of_every_event) {
 TEST_F(AnIoPort, accepts_known_modes_only) {
   const auto port = make({});
   for (const guint mode : {0U, 3U, G_MAXUINT}) {
-    EXPECT_FALSE(io_port_set_mode(port.get(), mode));
+    EXPECT_FALSE(io_port_set_mode(port.get(), static_cast<PortMode>(mode)));
     EXPECT_EQ(io_port_get_mode(port.get()), PORT_MODE_BISTABLE);
   }
   EXPECT_TRUE(io_port_set_mode(port.get(), PORT_MODE_MONOSTABLE));
@@ -727,18 +736,19 @@ TEST_F(AnIoPortDeathTest, ends_the_process_when_misused) {
   EXPECT_DEATH(io_port_get_state(nullptr), "'ioport' should not be NULL");
   EXPECT_DEATH(io_port_set_state(nullptr, true), "'ioport' should not be NULL");
   EXPECT_DEATH(io_port_set_virtual(nullptr, true), "'ioport' should not be NULL");
-  EXPECT_DEATH(io_port_set_activelow(nullptr, true, true), "'ioport' should not be NULL");
+  EXPECT_DEATH(io_port_set_activelow(nullptr, true, PortSide::Input),
+               "'ioport' should not be NULL");
 }
 
 TEST_F(AnIoPortDeathTest, ends_the_process_without_an_operation_table) {
   const IoPortRef port(io_port_new());
   EXPECT_DEATH(io_port_input(port.get()), "port->functions != NULL");
-  EXPECT_DEATH(io_port_send_signal(port.get(), false, true), "port->functions != NULL");
+  EXPECT_DEATH(io_port_send_signal(port.get(), Trigger::Hardware, true), "port->functions != NULL");
   EXPECT_DEATH(io_port_setup(port.get()), "'ioport->functions' should not be NULL");
   EXPECT_DEATH(io_port_is_supervisable(port.get()), "'port->functions' should not be NULL");
 }
 
 TEST_F(AnIoPortDeathTest, ends_the_process_when_asked_for_the_direction_of_an_unknown_type) {
-  const auto port = make({.type = 3});
+  const auto port = make({.type = unknown_type});
   EXPECT_DEATH(io_port_direction_input(port.get()), "should not be reached");
 }

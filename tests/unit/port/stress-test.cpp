@@ -131,7 +131,7 @@ struct Stress : PortTest {
   void act(IoPort* port) {
     switch (pick(12)) {
     case 0:
-      io_port_set_activelow(port, toss(), toss());
+      io_port_set_activelow(port, toss(), toss() ? PortSide::Input : PortSide::Output);
       break;
     case 1:
       io_port_set_direction(port, toss());

@@ -27,7 +27,7 @@ struct Supervision : PortTest {
     return texts;
   }
 
-  IoPortRef make_input(guint backend = BACKEND_IIO) {
+  IoPortRef make_input(BackendKind backend = BACKEND_IIO) {
     return make({.type = PORT_INPUT, .backend = backend, .name = "loop"});
   }
 };
@@ -201,11 +201,11 @@ TEST_F(Supervision, needs_a_backend_that_can) {
 
 TEST_F(Supervision, is_for_inputs_and_configurable_ports) {
   struct Row {
-    guint type;
+    PortType type;
     bool supervisable;
   };
-  for (const auto& row :
-       {Row{PORT_INPUT, true}, Row{PORT_OUTPUT, false}, Row{PORT_IO_CTRL, true}, Row{3, false}}) {
+  for (const auto& row : {Row{PORT_INPUT, true}, Row{PORT_OUTPUT, false}, Row{PORT_IO_CTRL, true},
+                          Row{unknown_type, false}}) {
     SCOPED_TRACE(row.type);
     const auto port = make({.type = row.type, .backend = BACKEND_IIO});
     EXPECT_EQ(supervised_is_supervisable(port.get()) != FALSE, row.supervisable);

@@ -19,13 +19,12 @@ class BackendTest : public testing::Test {
 protected:
   void SetUp() override {
     states_.clear();
-    port_observer.port_changed = [](gint, gboolean, gboolean, gboolean, gboolean, gboolean state,
-                                    gboolean) { states_.push_back(state != FALSE); };
+    port_observer.port_changed = [](const PortChange& change) { states_.push_back(change.state); };
   }
   void TearDown() override { port_observer.port_changed = nullptr; }
 
   /// A port of the kind, not set up.
-  static IoPortRef make(const char* backend, guint type) {
+  static IoPortRef make(const char* backend, PortType type) {
     IoPortRef port(io_port_new());
     port->number = 1;
     port->type = type;

@@ -23,14 +23,13 @@ void on_event(const std::string& line) {
   history.push_back(line);
 }
 
-void on_port_changed(gint number, gboolean is_virtual, gboolean hidden, gboolean input,
-                     gboolean virtual_trig, gboolean state, gboolean activelow) {
-  std::string text = std::to_string(number) + ": state=" + (state ? "1" : "0");
-  text += is_virtual ? " virtual" : "";
-  text += hidden ? " hidden" : "";
-  text += input ? " input" : "";
-  text += virtual_trig ? " virtual_trig" : "";
-  text += activelow ? " activelow" : "";
+void on_port_changed(const PortChange& change) {
+  std::string text = std::to_string(change.number) + ": state=" + (change.state ? "1" : "0");
+  text += change.is_virtual ? " virtual" : "";
+  text += change.hidden ? " hidden" : "";
+  text += change.input ? " input" : "";
+  text += change.trigger == Trigger::Virtual ? " virtual_trig" : "";
+  text += change.activelow ? " activelow" : "";
   note(changes, text);
 }
 
@@ -39,11 +38,27 @@ void on_sequence_done(gint number) {
   done_numbers.push_back(number);
 }
 
-void on_setting_changed(const char* property, const char* value, gint number, PortSide side) {
-  static constexpr std::array sides{"input", "output", "port"};
-  note(settings, std::to_string(number) + ": " + property + '='
-                     + (value != nullptr ? value : "(none)") + " ("
-                     + sides.at(static_cast<gsize>(side)) + ')');
+std::string setting_text(const IoPort& port, Setting setting) {
+  const auto name = [](const OptionalText& text) { return text.value_or("(none)"); };
+  switch (setting) {
+  case Setting::InputName:
+    return "input name=" + name(port.input_name);
+  case Setting::OutputName:
+    return "output name=" + name(port.output_name);
+  case Setting::InputSense:
+    return std::string("input sense=") + open_or_closed(port.activelow_input);
+  case Setting::OutputSense:
+    return std::string("output sense=") + open_or_closed(port.activelow_output);
+  case Setting::Direction:
+    return std::string("direction=") + (port.direction ? "input" : "output");
+  case Setting::Usage:
+    return "usage=" + port.usage;
+  }
+  g_assert_not_reached();
+}
+
+void on_setting_changed(const IoPort& port, Setting setting) {
+  note(settings, std::to_string(port.number) + ": " + setting_text(port, setting));
 }
 
 void on_outputs_wanted(gboolean wanted) {

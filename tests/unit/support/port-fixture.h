@@ -16,11 +16,14 @@
 #include <string>
 #include <vector>
 
+/// What no description can ask for.
+inline constexpr auto unknown_type = static_cast<PortType>(3);
+
 /// A port as a test describes it.
 struct PortDescription {
-  guint type = PORT_OUTPUT;
+  PortType type = PORT_OUTPUT;
   gint number = 0;
-  guint backend = BACKEND_GPIO;
+  BackendKind backend = BACKEND_GPIO;
   OptionalText name = std::nullopt;
   /// Properties that are true.
   std::vector<const char*> properties = {"ioport"};
@@ -51,7 +54,7 @@ protected:
   /// PortChanged announcements since the last call, oldest first, each as "3: state=1" followed by
   /// the flags that are set: virtual, hidden, input, virtual_trig, activelow.
   static Texts take_changes();
-  /// Setting announcements, as "3: Name=door (input)".
+  /// Setting announcements, as "3: input name=door".
   static Texts take_settings();
   /// Changes, settings and what the event library heard, all in the order in which they came.
   static Texts take_history();
