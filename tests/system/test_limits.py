@@ -100,6 +100,7 @@ def test_a_long_sequence_on_a_busy_port_hears_that_it_is_busy(lamps):
     )  # fmt: skip
 
 
+@pytest.mark.uninstrumented  # sanitizers keep freed memory
 @pytest.mark.parametrize("virtual", [False, True])
 def test_steps_of_no_length_hold_up_nobody_and_cost_no_memory(lamps, virtual):
     state = lamps.state
@@ -122,6 +123,7 @@ def test_steps_of_no_length_hold_up_nobody_and_cost_no_memory(lamps, virtual):
     )
 
 
+@pytest.mark.uninstrumented  # sanitizers keep freed memory
 def test_durations_that_wrap_around_are_paced_like_those_of_no_length(lamps):
     before = resident_kib(lamps)
     state = lamps.state
