@@ -331,6 +331,14 @@ def test_what_a_late_coordinator_says_counts(device, present):
     assert not enabled(device, 2)
 
 
+def wait_until_asked(device, peer):
+    """Waits until the daemon has met a peer that came: it asks, is answered, and takes that in."""
+    for _ in range(3):
+        device.sync()
+        peer.mock("GetCalls")
+    device.sync()
+
+
 def test_the_coordinator_may_come_after_the_channels_and_go_and_return(device):
     describe(device)
     device.start()
@@ -338,7 +346,7 @@ def test_the_coordinator_may_come_after_the_channels_and_go_and_return(device):
     wait_for_triggers(device, [1, 2])
     coordinator = Coordinator(device, enabled=False)
     for _ in range(2):
-        device.sync()
+        wait_until_asked(device, coordinator)
         streamer.enable(2, False)
         device.sync()
         assert enabled(device, 2)  # left as it is while PTZ is disabled
