@@ -5,6 +5,7 @@ import os
 import pathlib
 
 import pytest
+from client import Client
 
 from sim import sandbox
 from sim.device import Device
@@ -70,3 +71,9 @@ def device(make_device):
 def ordinary_device(make_device):
     """A device whose daemon starts as an ordinary user."""
     return make_device(user=ORDINARY_UID if os.getuid() == 0 else None)
+
+
+@pytest.fixture
+def wexctl(device, binary):
+    """Runs the client: wexctl("set", "relay", "on")."""
+    return Client(device, binary)

@@ -8,6 +8,7 @@ import subprocess
 import time
 
 import pytest
+from client import done
 from conftest import TOP
 from describe import element, port
 
@@ -26,47 +27,12 @@ PORTS = (
 )
 
 
-class Result:
-    def __init__(self, run):
-        self.status, self.out, self.err = run.returncode, run.stdout, run.stderr
-
-    @property
-    def json(self):
-        return json.loads(self.out)
-
-
-@pytest.fixture
-def wexctl(device, binary):
-    """Runs the client: wexctl("set", "relay", "on")."""
-
-    def run(*arguments, address=None, **environment):
-        return Result(
-            subprocess.run(
-                [binary.parent / "wexctl", *arguments],
-                env={
-                    "PATH": os.environ["PATH"],
-                    "DBUS_SYSTEM_BUS_ADDRESS": address or device.bus_address,
-                    **{k: v for k, v in os.environ.items() if k.endswith("SAN_OPTIONS")},
-                    **environment,
-                },
-                capture_output=True, text=True, timeout=30, check=False,
-            )
-        )  # fmt: skip
-
-    return run
-
-
 @pytest.fixture
 def daemon(device):
     IoBox(device, states={"5": "closed"})
     device.describe(PORTS)
     device.start()
     return device
-
-
-def done(result):
-    assert (result.status, result.err) == (0, ""), result.err + result.out
-    return result
 
 
 def test_list_shows_every_port(daemon, wexctl):

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 
 namespace wexctl {
 
@@ -54,13 +55,35 @@ PortInfo port_info(GVariant* entry) {
   return info;
 }
 
-bool shown_as(IOControlState* state, const PortInfo& port, const std::string& name) {
+// What users see of the side in use; the other side's name says nothing of the port as it is now. A
+// port that has gone since it was listed has none.
+std::string shown_name(IOControlState* state, const PortInfo& port) {
   g_autofree gchar* input = nullptr;
   g_autofree gchar* output = nullptr;
-  return port.number >= 0
-         && iocontrol_state_call_get_names_sync(state, static_cast<guint>(port.number), &input,
-                                                &output, nullptr, nullptr)
-         && (name == input || name == output);
+  GError* error = nullptr;
+  if (!iocontrol_state_call_get_names_sync(state, static_cast<guint>(port.number), &input, &output,
+                                           nullptr, &error)) {
+    if (unreachable(error)) {
+      throw_bus_error(error);
+    }
+    g_error_free(error);
+    return "";
+  }
+  return port.input ? input : output;
+}
+
+// The number that all of the ports have, or a refusal to choose among them.
+guint only_one(const std::vector<PortInfo>& found, const std::string& name) {
+  if (std::ranges::all_of(found, [&](auto& port) { return port.number == found[0].number; })) {
+    return static_cast<guint>(found[0].number);
+  }
+  std::string candidates;
+  for (const auto& port : found) {
+    candidates += fmt::format("{}{} {}", candidates.empty() ? "" : ", ", port.number, port.name);
+  }
+  throw CommandError(Status::Usage,
+                     fmt::format("'{}' is the name of several ports: {}; say which by number", name,
+                                 candidates));
 }
 
 } // namespace
@@ -133,17 +156,23 @@ guint Daemon::resolve(const std::string& port) const {
     }
     return static_cast<guint>(number);
   }
-  const auto known = ports();
-  const auto named = std::ranges::find(known, port, &PortInfo::name);
-  if (named != known.end() && named->number >= 0) {
-    return static_cast<guint>(named->number);
+  if (port.empty()) {
+    throw CommandError(Status::Usage, "PORT is empty");
   }
-  for (const auto& entry : known) {
-    if (entry.has("ioport") && shown_as(state(), entry, port)) {
-      return static_cast<guint>(entry.number);
-    }
+  auto published = ports();
+  std::erase_if(published, [](const PortInfo& entry) { return entry.number < 0; });
+  std::vector<PortInfo> found;
+  std::ranges::copy_if(published, std::back_inserter(found),
+                       [&](const PortInfo& entry) { return entry.name == port; });
+  if (found.empty()) {
+    std::ranges::copy_if(published, std::back_inserter(found), [&](const PortInfo& entry) {
+      return entry.has("ioport") && shown_name(state(), entry) == port;
+    });
   }
-  throw CommandError(Status::Refused, fmt::format("no port is called '{}'", port));
+  if (found.empty()) {
+    throw CommandError(Status::Refused, fmt::format("no port is called '{}'", port));
+  }
+  return only_one(found, port);
 }
 
 } // namespace wexctl

@@ -83,7 +83,8 @@ public:
   /// Every port in service, by number.
   [[nodiscard]] std::vector<PortInfo> ports() const;
 
-  /// The number of a port told by number, description name, or user-visible name.
+  /// The number of a port told by number, description name, or the name that users see of the side
+  /// in use, in this order. Throws for none, and for several of the same name.
   [[nodiscard]] guint resolve(const std::string& port) const;
 
 private:

@@ -18,7 +18,8 @@ namespace {
 
 constexpr const char* description = R"(wexctl - look at and drive the I/O ports of wexd
 
-Ports are told by number, by the name in the hardware description or by the name that users see.
+Ports are told by number, by the name in the hardware description or by the name that users see of
+the side in use, looked for in this order. A name that several ports have is refused.
 `wexctl VERB --help` tells more of a verb, `wexctl --help-all` of all of them.)";
 
 constexpr const char* footer = R"(Exit status of every verb:
@@ -175,8 +176,8 @@ void CommandLine::add_supervised_verbs() {
 
   auto* show =
       verb(*supervised, "show", "Readings and ranges of all supervisable ports, or one",
-           [this](const Daemon& daemon) { supervised_show(daemon, args_.port, args_.json); });
-  show->add_option("PORT", args_.port, "Number or name of the port");
+           [this](const Daemon& daemon) { supervised_show(daemon, args_.text, args_.json); });
+  show->add_option("PORT", args_.text, "Number or name of the port");
   add_json(show);
 
   add_port(verb(*supervised, "on", "Switch supervision on",

@@ -96,9 +96,9 @@ Json port_json(const Daemon& daemon, guint number) {
 
 } // namespace
 
-void supervised_show(const Daemon& daemon, const std::string& port, bool json) {
+void supervised_show(const Daemon& daemon, const std::optional<std::string>& port, bool json) {
   const auto numbers =
-      port.empty() ? supervisable_numbers(daemon) : std::vector<guint>{daemon.resolve(port)};
+      port ? std::vector<guint>{daemon.resolve(*port)} : supervisable_numbers(daemon);
   Json array = Json::array();
   Table table({"No", "Supervised", "State", "Level", "Ranges"});
   for (const guint number : numbers) {

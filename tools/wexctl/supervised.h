@@ -3,12 +3,13 @@
 
 #include "wexctl/bus.h"
 
+#include <optional>
 #include <string>
 
 namespace wexctl {
 
 /// All supervisable ports, or one, with reading and ranges.
-void supervised_show(const Daemon& daemon, const std::string& port, bool json);
+void supervised_show(const Daemon& daemon, const std::optional<std::string>& port, bool json);
 void supervised_switch(const Daemon& daemon, const std::string& port, bool on);
 /// Without a state, shows the ranges; else adds one.
 void supervised_ranges(const Daemon& daemon, const std::string& port, const std::string& state,
