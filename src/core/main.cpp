@@ -159,10 +159,10 @@ void stop_services() {
 } // namespace
 
 int main(int argc, char* argv[]) {
-  drop_inheritable_capabilities();
   set_use_legacy_interface(g_strcmp0(argc > 1 ? argv[1] : nullptr, "--disable_legacy_interface")
                            != 0);
   nv_log_stdout();
+  drop_inheritable_capabilities();
   if (!claim_settings_folder(param_folder)) {
     return EXIT_FAILURE;
   }

@@ -1,35 +1,56 @@
 // Stand-in for the device's log library: a GLib log writer that prints to standard output.
 #include "platform/log.h"
 
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <string>
 #include <string_view>
 
 namespace {
 
-struct LevelName {
+struct Level {
   GLogLevelFlags level;
   const char* name;
+  /// As the journal counts; the order of the levels is kept.
+  int priority;
 };
 
-constexpr std::array<LevelName, 7> level_names{{
-    {.level = G_LOG_LEVEL_ERROR, .name = "ERROR"},
-    {.level = G_LOG_LEVEL_CRITICAL, .name = "CRITICAL"},
-    {.level = G_LOG_LEVEL_WARNING, .name = "WARNING"},
-    {.level = G_LOG_LEVEL_MESSAGE, .name = "MESSAGE"},
-    {.level = G_LOG_LEVEL_INFO, .name = "INFO"},
-    {.level = G_LOG_LEVEL_DEBUG, .name = "DEBUG"},
-    {.level = log_level_user, .name = "USER"},
-}};
+constexpr Level user_level{.level = log_level_user, .name = "USER", .priority = LOG_NOTICE};
+constexpr std::array levels{
+    Level{.level = G_LOG_LEVEL_ERROR, .name = "ERROR", .priority = LOG_CRIT},
+    Level{.level = G_LOG_LEVEL_CRITICAL, .name = "CRITICAL", .priority = LOG_ERR},
+    Level{.level = G_LOG_LEVEL_WARNING, .name = "WARNING", .priority = LOG_WARNING},
+    Level{.level = G_LOG_LEVEL_MESSAGE, .name = "MESSAGE", .priority = LOG_NOTICE},
+    Level{.level = G_LOG_LEVEL_INFO, .name = "INFO", .priority = LOG_INFO},
+    Level{.level = G_LOG_LEVEL_DEBUG, .name = "DEBUG", .priority = LOG_DEBUG},
+};
 
-const char* level_name(GLogLevelFlags level) {
-  for (const auto& entry : level_names) {
-    if ((level & entry.level) != 0) {
-      return entry.name;
+bool output_is_journal = false;
+
+const Level& level_of(GLogLevelFlags flags) {
+  for (const auto& entry : levels) {
+    if ((flags & entry.level) != 0) {
+      return entry;
     }
   }
-  return "USER";
+  return user_level;
+}
+
+std::string priority_mark(int priority) {
+  return '<' + std::to_string(priority) + '>';
+}
+
+// The journal names its end of a stream; ours may have been put in the place of it.
+bool is_journal(int fd) {
+  const char* const told = g_getenv("JOURNAL_STREAM");
+  struct stat status {};
+  return told != nullptr && fstat(fd, &status) == 0
+         && std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == told;
 }
 
 std::string_view field(std::string_view key, const GLogField* fields, gsize n_fields) {
@@ -43,13 +64,24 @@ std::string_view field(std::string_view key, const GLogField* fields, gsize n_fi
   return {};
 }
 
-GLogWriterOutput write_line(GLogLevelFlags level, const GLogField* fields, gsize n_fields,
+bool for_developers_of_glib(const Level& level, std::string_view domain) {
+  return level.level == G_LOG_LEVEL_DEBUG && domain.starts_with("GLib")
+         && g_log_writer_default_would_drop(level.level, std::string(domain).c_str());
+}
+
+GLogWriterOutput write_line(GLogLevelFlags flags, const GLogField* fields, gsize n_fields,
                             gpointer /*user_data*/) {
-  std::string line(field("GLIB_DOMAIN", fields, n_fields));
-  if (!line.empty()) {
+  const Level& level = level_of(flags);
+  const auto domain = field("GLIB_DOMAIN", fields, n_fields);
+  if (for_developers_of_glib(level, domain)) {
+    return G_LOG_WRITER_HANDLED;
+  }
+  std::string line = output_is_journal ? priority_mark(level.priority) : "";
+  line += domain;
+  if (!domain.empty()) {
     line += '-';
   }
-  line += level_name(level);
+  line += level.name;
   line += ": ";
 
   auto message = field("MESSAGE", fields, n_fields);
@@ -68,9 +100,53 @@ GLogWriterOutput write_line(GLogLevelFlags level, const GLogField* fields, gsize
   return G_LOG_WRITER_HANDLED;
 }
 
+// An assertion that fails says so in a line of its own.
+int priority_of_line(std::string_view line) {
+  return line.starts_with("ERROR:") ? LOG_CRIT : LOG_WARNING;
+}
+
+void write_fully(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(fd, text.data(), text.size());
+    if (written < 0 && errno != EINTR) {
+      return;
+    }
+    text.remove_prefix(written > 0 ? static_cast<gsize>(written) : 0);
+  }
+}
+
+// Called with the stream's lock held.
+ssize_t write_marked_errors(void* /*cookie*/, const char* text, size_t length) {
+  static bool within_line = false;
+  std::string marked;
+  for (std::string_view rest(text, length); !rest.empty();) {
+    const auto line = rest.substr(0, rest.find('\n') + 1);
+    marked += within_line ? "" : priority_mark(priority_of_line(rest));
+    marked += line.empty() ? rest : line;
+    within_line = line.empty();
+    rest.remove_prefix(line.empty() ? rest.size() : line.size());
+  }
+  write_fully(STDERR_FILENO, marked);
+  return static_cast<ssize_t>(length);
+}
+
+// Whoever prints on standard error, GLib included, need not know where it goes.
+void mark_standard_error() {
+  constexpr cookie_io_functions_t functions{
+      .read = nullptr, .write = write_marked_errors, .seek = nullptr, .close = nullptr};
+  if (FILE* const marked = fopencookie(nullptr, "w", functions)) {
+    setvbuf(marked, nullptr, _IONBF, 0);
+    stderr = marked;
+  }
+}
+
 } // namespace
 
 void nv_log_stdout() {
+  output_is_journal = is_journal(STDOUT_FILENO);
+  if (is_journal(STDERR_FILENO)) {
+    mark_standard_error();
+  }
   // Lines printed directly must not overtake, or lag behind, those that come through the log.
   setvbuf(stdout, nullptr, _IOLBF, 0);
   g_log_set_writer_func(write_line, nullptr, nullptr);

@@ -1,4 +1,5 @@
 // Log routing: everything the daemon logs ends up on standard output, one flushed line per message.
+// The journal, where it is at the other end of a stream, is told the level of each line.
 #pragma once
 
 #include <glib.h>
@@ -14,5 +15,10 @@ inline constexpr auto log_level_user = std::bit_cast<GLogLevelFlags>(1 << G_LOG_
 
 /// Routes every GLib log message of the process, all levels and domains, to standard output as
 /// "LEVEL: text" ("Domain-LEVEL: text" when the message carries a domain). A message becomes
-/// exactly one line, flushed at once. To be called once, before other threads start.
+/// exactly one line, flushed at once. What GLib itself says for its own developers is left out,
+/// unless G_MESSAGES_DEBUG asks for it.
+///
+/// Where standard output or standard error is the journal's, each line begins with "<N>", the
+/// priority that the journal is to give it; what is printed directly on standard error is a
+/// warning. To be called once, before other threads start.
 void nv_log_stdout();

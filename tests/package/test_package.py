@@ -1,5 +1,6 @@
 """The package on a clean Debian system: what it installs, who owns it, who may do what."""
 
+import json
 import pathlib
 import platform
 import re
@@ -203,6 +204,21 @@ def test_it_comes_back_after_a_crash_and_stops_when_told(running):
     shown = running.run("systemctl", "show", "--property=Result,ExecMainStatus,ActiveState", "wexd")
     assert set(shown.split()) == {"Result=success", "ExecMainStatus=0", "ActiveState=inactive"}
     running.run("systemctl", "start", "wexd")
+
+
+PRIORITIES = {
+    "ERROR": "2", "CRITICAL": "3", "WARNING": "4", "MESSAGE": "5", "USER": "5", "INFO": "6",
+}  # fmt: skip
+
+
+def test_the_journal_gives_each_line_the_priority_of_its_level(running):
+    running.run("systemctl", "restart", "wexd")
+    said = running.run("journalctl", "--unit=wexd", "_COMM=wexd", "--output=json").splitlines()
+    lines = [json.loads(line) for line in said]
+    levels = {line["MESSAGE"].split(":")[0]: line["PRIORITY"] for line in lines}
+    assert {"MESSAGE", "INFO"} <= levels.keys() <= PRIORITIES.keys(), levels
+    for line in lines:
+        assert line["PRIORITY"] == PRIORITIES[line["MESSAGE"].split(":")[0]], line
 
 
 def process(system):
