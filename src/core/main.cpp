@@ -42,7 +42,7 @@ struct MainLoopUnref {
 std::unique_ptr<GMainLoop, MainLoopUnref> main_loop;
 guint term_source = 0;
 guint hup_source = 0;
-/// Cleared when SIGTERM arrives, for threads that want to notice.
+/// Cleared when SIGTERM arrives. Main thread only.
 guint running = 1;
 int exit_status = EXIT_SUCCESS;
 

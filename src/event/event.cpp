@@ -1,8 +1,9 @@
 // Declaring, sending and withdrawing a port's events.
 //
 // Records are reached from the main thread and from action-sequence threads; the module's mutex
-// keeps a record's id and filter consistent between them. It is taken below a port's lock, and
-// nothing that runs under it takes a port's lock or the port-list mutex.
+// keeps a record's id and filter consistent between them. It is taken below a port's lock. Of the
+// locks of a port and of the list, only `readout_lock` is taken under it, when an event tells what a
+// converter measures now.
 #include "event/event.h"
 
 #include "event/event-builtin.h"

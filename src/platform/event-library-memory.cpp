@@ -1,8 +1,8 @@
 // Stand-in for the device's event library: keeps declarations in memory, refuses what the real one
 // would refuse, and logs what happens so that a person or a test can follow it with grep:
 //
-//   event declare producer=wxd type=IOPort id=1 property=state topic0=Device ... port=3 state=
-//   event send producer=wxd type=IOPort id=1 topic0=Device ... port=3 state=1
+//   event declare producer=wxd type=IOPort id=1 property=state port=3 state= topic0=Device ...
+//   event send producer=wxd type=IOPort id=1 port=3 state=1 topic0=Device ...
 //   event undeclare producer=wxd type=IOPort id=1
 #include "platform/event-library.h"
 
