@@ -81,9 +81,9 @@ guint only_one(const std::vector<PortInfo>& found, const std::string& name) {
   for (const auto& port : found) {
     candidates += fmt::format("{}{} {}", candidates.empty() ? "" : ", ", port.number, port.name);
   }
-  throw CommandError(Status::Usage,
-                     fmt::format("'{}' is the name of several ports: {}; say which by number", name,
-                                 candidates));
+  throw CommandError(
+      Status::Usage,
+      fmt::format("'{}' is the name of several ports: {}; say which by number", name, candidates));
 }
 
 } // namespace
