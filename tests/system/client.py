@@ -48,7 +48,9 @@ class Result:
 
 def end(process):
     process.kill()
-    process.communicate()
+    process.wait()
+    for stream in filter(None, (process.stdout, process.stderr)):
+        stream.close()
 
 
 def done(result):

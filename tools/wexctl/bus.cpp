@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <iterator>
 
 namespace wexctl {
@@ -21,6 +22,19 @@ bool unreachable(const GError* error) {
              ? error->domain == G_IO_ERROR && error->code != G_IO_ERROR_DBUS_ERROR
              : std::ranges::find(codes, error->code) != codes.end();
 }
+
+// The bus has its whole process ignore the end of a reader. That of standard output is to end this
+// one as it would any filter; sockets are written to without the signal anyway.
+class KeptSigpipe {
+public:
+  KeptSigpipe() { sigaction(SIGPIPE, nullptr, &inherited_); }
+  ~KeptSigpipe() { sigaction(SIGPIPE, &inherited_, nullptr); }
+  KeptSigpipe(const KeptSigpipe&) = delete;
+  KeptSigpipe& operator=(const KeptSigpipe&) = delete;
+
+private:
+  struct sigaction inherited_ {};
+};
 
 bool is_number(const std::string& text) {
   return !text.empty() && std::ranges::all_of(text, [](char c) { return g_ascii_isdigit(c); });
@@ -88,14 +102,17 @@ guint only_one(const std::vector<PortInfo>& found, const std::string& name) {
 
 } // namespace
 
+void throw_unreachable(const std::string& reason) {
+  throw CommandError(Status::Unreachable, fmt::format("wexd does not answer: {}", reason));
+}
+
 void throw_bus_error(GError* error) {
   const std::unique_ptr<GError, void (*)(GError*)> owned(error, g_error_free);
   g_autofree gchar* name = g_dbus_error_get_remote_error(error);
   const bool gone = unreachable(error);
   g_dbus_error_strip_remote_error(error);
   if (gone) {
-    throw CommandError(Status::Unreachable,
-                       fmt::format("wexd does not answer: {}", error->message));
+    throw_unreachable(error->message);
   }
   throw CommandError(Status::Refused, name != nullptr ? fmt::format("{} ({})", error->message, name)
                                                       : std::string(error->message));
@@ -107,6 +124,7 @@ bool PortInfo::has(const std::string& property) const {
 }
 
 Daemon::Daemon() {
+  const KeptSigpipe kept;
   GError* error = nullptr;
   connection_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
   if (connection_ == nullptr) {

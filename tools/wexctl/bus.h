@@ -19,8 +19,10 @@ enum class Status : int {
   Refused = 1,
   /// The command line makes no sense.
   Usage = 2,
-  /// No bus, or no daemon on it.
+  /// No bus, no daemon on it, or it went.
   Unreachable = 3,
+  /// Standard output took less than there was to say.
+  Unwritable = 5,
 };
 
 /// A failure to be told to the user.
@@ -36,6 +38,9 @@ private:
 
 /// Throws what a failed bus call means: the daemon's message and its error name. Takes `error`.
 [[noreturn]] void throw_bus_error(GError* error);
+
+/// Throws that nobody answers, and why.
+[[noreturn]] void throw_unreachable(const std::string& reason);
 
 struct Unref {
   template <typename T>

@@ -473,9 +473,9 @@ bool check_files(const std::vector<std::string>& files, bool json) {
                      {"severity", severity_word(finding.severity)},
                      {"text", finding.text}});
     if (!json) {
-      fmt::print("{}:{}: {}: {}\n", finding.file, finding.line,
-                 coloured(severity_colour(finding.severity), severity_word(finding.severity)),
-                 finding.text);
+      print("{}:{}: {}: {}\n", finding.file, finding.line,
+            coloured(severity_colour(finding.severity), severity_word(finding.severity)),
+            finding.text);
     }
   }
   if (json) {

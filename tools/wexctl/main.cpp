@@ -4,6 +4,7 @@
 #include "wexctl/help.h"
 #include "wexctl/legacy.h"
 #include "wexctl/monitor.h"
+#include "wexctl/output.h"
 #include "wexctl/ports.h"
 #include "wexctl/supervised.h"
 
@@ -11,6 +12,7 @@
 #include <fmt/format.h>
 
 #include <functional>
+#include <sstream>
 
 using namespace wexctl;
 
@@ -26,7 +28,8 @@ constexpr const char* footer = R"(Exit status of every verb:
   0  done
   1  the daemon refused, or `check` found something
   2  the command line makes no sense
-  3  wexd does not answer
+  3  wexd does not answer, or went before the end that was waited for
+  5  standard output could not be written
 
 Errors are one line on standard error: the daemon's message and, in brackets, its error name.
 Colours are used on a terminal only, and never when NO_COLOR is set.)";
@@ -49,12 +52,29 @@ struct Arguments {
 /// Set by the verb that was chosen; runs it.
 using Action = std::function<void()>;
 
+// What was printed before the failure goes out first, and counts more if it cannot. An error
+// without words has been told by what was printed.
+int report(CommandError error) {
+  if (error.status() != Status::Unwritable) {
+    try {
+      flush_output();
+    } catch (const CommandError& unwritten) {
+      error = unwritten;
+    }
+  }
+  if (*error.what() != '\0') {
+    fputs(fmt::format("wexctl: {}\n", error.what()).c_str(), stderr);
+  }
+  return static_cast<int>(error.status());
+}
+
 class CommandLine {
 public:
   CommandLine();
   int run(int argc, char** argv);
 
 private:
+  void perform(int argc, char** argv);
   CLI::App* verb(CLI::App& parent, const char* name, const char* help,
                  std::function<void(const Daemon&)> action);
   void add_port(CLI::App* verb) {
@@ -262,17 +282,27 @@ CommandLine::CommandLine() {
   add_other_verbs();
 }
 
-int CommandLine::run(int argc, char** argv) {
+void CommandLine::perform(int argc, char** argv) {
   try {
     app_.parse(argc, argv);
-    action_();
+  } catch (const CLI::Success& question) {
+    std::ostringstream answer;
+    app_.exit(question, answer, answer);
+    print_text(answer.str());
+    return;
   } catch (const CLI::ParseError& error) {
-    return app_.exit(error) == 0 ? 0 : static_cast<int>(Status::Usage);
+    app_.exit(error);
+    throw CommandError(Status::Usage, "");
+  }
+  action_();
+}
+
+int CommandLine::run(int argc, char** argv) {
+  try {
+    perform(argc, argv);
+    flush_output();
   } catch (const CommandError& error) {
-    if (*error.what() != '\0') {
-      fmt::print(stderr, "wexctl: {}\n", error.what());
-    }
-    return static_cast<int>(error.status());
+    return report(error);
   }
   return static_cast<int>(Status::Ok);
 }
@@ -280,5 +310,6 @@ int CommandLine::run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
+  hold_standard_streams();
   return CommandLine().run(argc, argv);
 }

@@ -4,9 +4,12 @@
 
 #include <fmt/format.h>
 #include <glib-unix.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <map>
+#include <optional>
 
 namespace wexctl {
 
@@ -35,13 +38,19 @@ private:
 
   void learn_names();
   std::string name_of(int port);
-  void tell(Json event, const std::string& text) const;
+  void tell(Json event, const std::string& text);
+  static gboolean on_reader_left(gint, GIOCondition, gpointer self);
+  void end(const CommandError& failure);
 
   const Daemon& daemon_;
   bool json_;
   /// Whether the daemon was seen before, so that its coming now is a return.
   bool seen_ = false;
   bool present_ = false;
+  const std::unique_ptr<GMainLoop, void (*)(GMainLoop*)> loop_{g_main_loop_new(nullptr, FALSE),
+                                                               g_main_loop_unref};
+  /// Why it ends by itself.
+  std::optional<CommandError> failure_;
   std::map<int, std::string> names_;
 };
 
@@ -80,14 +89,35 @@ std::string Monitor::name_of(int port) {
   return names_[port];
 }
 
-void Monitor::tell(Json event, const std::string& text) const {
-  if (json_) {
-    event["time"] = now("%FT%T");
-    fmt::print("{}\n", event.dump(-1, ' ', false, Json::error_handler_t::replace));
-  } else {
-    fmt::print("{}  {}\n", coloured(Colour::Dim, now("%T")), text);
+void Monitor::end(const CommandError& failure) {
+  failure_ = failure;
+  g_main_loop_quit(loop_.get());
+}
+
+// Each line is out before the next change; nothing is thrown through a callback of the loop.
+void Monitor::tell(Json event, const std::string& text) {
+  if (failure_) {
+    return;
   }
-  fflush(stdout);
+  try {
+    if (json_) {
+      event["time"] = now("%FT%T");
+      print("{}\n", event.dump(-1, ' ', false, Json::error_handler_t::replace));
+    } else {
+      print("{}  {}\n", coloured(Colour::Dim, now("%T")), text);
+    }
+    flush_output();
+  } catch (const CommandError& error) {
+    end(error);
+  }
+}
+
+// Without waiting for a next line: the reader's end is what the signal of a broken pipe tells, and
+// it ends the process unless whoever started it has it ignored.
+gboolean Monitor::on_reader_left(gint /*output*/, GIOCondition /*condition*/, gpointer self) {
+  raise(SIGPIPE);
+  static_cast<Monitor*>(self)->end(unwritable(EPIPE));
+  return G_SOURCE_REMOVE;
 }
 
 void Monitor::on_port_changed(IOControlState* /*proxy*/, gint port, gboolean is_virtual,
@@ -181,19 +211,22 @@ void Monitor::run() {
   const guint watch = g_bus_watch_name_on_connection(daemon_.connection(), state_name,
                                                      G_BUS_NAME_WATCHER_FLAGS_NONE, on_appeared,
                                                      on_vanished, this, nullptr);
-  const std::unique_ptr<GMainLoop, void (*)(GMainLoop*)> loop(g_main_loop_new(nullptr, FALSE),
-                                                              g_main_loop_unref);
   const auto quit = [](gpointer data) -> gboolean {
     g_main_loop_quit(static_cast<GMainLoop*>(data));
     return G_SOURCE_CONTINUE;
   };
-  const guint interrupted = g_unix_signal_add(SIGINT, quit, loop.get());
-  const guint terminated = g_unix_signal_add(SIGTERM, quit, loop.get());
-  g_main_loop_run(loop.get());
+  const guint interrupted = g_unix_signal_add(SIGINT, quit, loop_.get());
+  const guint terminated = g_unix_signal_add(SIGTERM, quit, loop_.get());
+  // No condition is asked for, so that only an error is told.
+  g_unix_fd_add(STDOUT_FILENO, G_IO_ERR, on_reader_left, this);
+  g_main_loop_run(loop_.get());
   g_source_remove(interrupted);
   g_source_remove(terminated);
   g_bus_unwatch_name(watch);
   g_dbus_connection_signal_unsubscribe(daemon_.connection(), subscription);
+  if (failure_) {
+    throw CommandError(*failure_);
+  }
 }
 
 } // namespace

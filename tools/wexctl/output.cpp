@@ -1,11 +1,12 @@
 #include "wexctl/output.h"
 
-#include <fmt/format.h>
+#include <fcntl.h>
 #include <glib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 
 namespace wexctl {
@@ -23,6 +24,33 @@ size_t width(const std::string& text) {
 }
 
 } // namespace
+
+CommandError unwritable(int error) {
+  return CommandError(Status::Unwritable,
+                      fmt::format("cannot write standard output: {}", g_strerror(error)));
+}
+
+// The lowest free number is the one taken. Whatever is closed is held by a file that cannot be
+// written; who closed standard error wants no messages.
+void hold_standard_streams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) == -1 && open("/dev/null", O_RDONLY) == -1) {
+      _exit(static_cast<int>(Status::Unwritable));
+    }
+  }
+}
+
+void print_text(std::string_view text) {
+  if (fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
+    throw unwritable(errno);
+  }
+}
+
+void flush_output() {
+  if (fflush(stdout) != 0) {
+    throw unwritable(errno);
+  }
+}
 
 std::string coloured(Colour colour, const std::string& text) {
   static const bool wanted = colours_wanted();
@@ -56,13 +84,13 @@ void Table::print() const {
       }
     }
     line.erase(line.find_last_not_of(' ') + 1);
-    fmt::print("{}\n", heading ? coloured(Colour::Bold, line) : line);
+    wexctl::print("{}\n", heading ? coloured(Colour::Bold, line) : line);
     heading = false;
   }
 }
 
 void print_json(const Json& json) {
-  fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
+  print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
 }
 
 const char* on_or_off(bool state) {

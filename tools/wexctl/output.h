@@ -1,12 +1,32 @@
-// What the user sees: tables, colours on a terminal, JSON for machines.
+// What the user sees: tables, colours on a terminal, JSON for machines. Nothing that could not be
+// written passes as done.
 #pragma once
 
+#include "wexctl/bus.h"
+
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace wexctl {
+
+/// Sees to it that the three standard streams are taken, so that no file opened later is mistaken
+/// for one. What is written to an output that was closed fails.
+void hold_standard_streams();
+
+/// Writes to standard output; throws if it takes less. Everything goes this way.
+void print_text(std::string_view text);
+template <typename... Args>
+void print(fmt::format_string<Args...> format, Args&&... args) {
+  print_text(fmt::format(format, std::forward<Args>(args)...));
+}
+/// What to throw when standard output fails with this number of errno.
+CommandError unwritable(int error);
+/// Throws unless all that was printed is written now.
+void flush_output();
 
 /// Keys keep the order in which they were set.
 using Json = nlohmann::ordered_json;

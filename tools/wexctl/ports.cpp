@@ -114,21 +114,41 @@ bool input_side(const Daemon& daemon, guint number, Side side) {
   return side ? *side : find_port(daemon, number).input;
 }
 
-void wait_for_end(GMainLoop* loop, guint number, IOControlState* state) {
-  struct Waiting {
-    GMainLoop* loop;
-    guint number;
-  } waiting{.loop = loop, .number = number};
-  const auto on_done = +[](IOControlState*, gint port, gpointer data) {
-    const auto* context = static_cast<Waiting*>(data);
-    if (port == static_cast<gint>(context->number)) {
-      g_main_loop_quit(context->loop);
+struct Waiting {
+  GMainLoop* loop;
+  guint number;
+  bool done = false;
+
+  static void on_done(IOControlState*, gint port, gpointer data) {
+    auto* waiting = static_cast<Waiting*>(data);
+    if (port == static_cast<gint>(waiting->number)) {
+      waiting->done = true;
+      g_main_loop_quit(waiting->loop);
     }
-  };
-  const gulong handler =
-      g_signal_connect(state, "action-sequence-done", G_CALLBACK(on_done), &waiting);
-  g_main_loop_run(loop);
-  g_signal_handler_disconnect(state, handler);
+  }
+
+  static void stop(Waiting* waiting) { g_main_loop_quit(waiting->loop); }
+};
+
+// Only the daemon that runs the sequence can tell its end: another owner of the name, or none,
+// knows nothing of it. Neither comes with an end of the bus, so that is heeded, too.
+void wait_for_end(const Daemon& daemon, GMainLoop* loop, guint number) {
+  Waiting waiting{.loop = loop, .number = number};
+  const gulong done = g_signal_connect(daemon.state(), "action-sequence-done",
+                                       G_CALLBACK(Waiting::on_done), &waiting);
+  const gulong owner = g_signal_connect_swapped(daemon.state(), "notify::g-name-owner",
+                                                G_CALLBACK(Waiting::stop), &waiting);
+  const gulong closed =
+      g_signal_connect_swapped(daemon.connection(), "closed", G_CALLBACK(Waiting::stop), &waiting);
+  if (g_dbus_connection_is_closed(daemon.connection()) == FALSE) {
+    g_main_loop_run(loop);
+  }
+  g_signal_handler_disconnect(daemon.state(), done);
+  g_signal_handler_disconnect(daemon.state(), owner);
+  g_signal_handler_disconnect(daemon.connection(), closed);
+  if (!waiting.done) {
+    throw_unreachable("it went before the sequence ended");
+  }
 }
 
 struct ConnectorKind {
@@ -187,12 +207,12 @@ void get_port(const Daemon& daemon, const std::string& port, bool json) {
     print_json(port_json(info, more));
     return;
   }
-  fmt::print("port {} {}: {}\n", info.number, info.name, state_text(info.state));
-  fmt::print("  kind        {}\n", kind(info));
-  fmt::print("  input side  '{}', {}\n", more.input_name, more.active_input);
-  fmt::print("  output side '{}', {}\n", more.output_name, more.active_output);
-  fmt::print("  usage       '{}'\n", more.usage);
-  fmt::print("  properties  {}\n", property_list(info));
+  print("port {} {}: {}\n", info.number, info.name, state_text(info.state));
+  print("  kind        {}\n", kind(info));
+  print("  input side  '{}', {}\n", more.input_name, more.active_input);
+  print("  output side '{}', {}\n", more.output_name, more.active_output);
+  print("  usage       '{}'\n", more.usage);
+  print("  properties  {}\n", property_list(info));
 }
 
 void set_port(const Daemon& daemon, const std::string& port, const std::string& state) {
@@ -215,7 +235,7 @@ void port_direction(const Daemon& daemon, const std::string& port, const std::st
   gchar* current = nullptr;
   check(iocontrol_state_call_get_direction_sync(daemon.state(), number, &current, nullptr, &error),
         error);
-  fmt::print("{}\n", take(current));
+  print("{}\n", take(current));
 }
 
 void port_active(const Daemon& daemon, const std::string& port, const std::string& sense,
@@ -234,7 +254,7 @@ void port_active(const Daemon& daemon, const std::string& port, const std::strin
   check(iocontrol_state_call_get_active_sync(daemon.state(), number, &input, &output, nullptr,
                                              &error),
         error);
-  fmt::print("input {}\noutput {}\n", take(input), take(output));
+  print("input {}\noutput {}\n", take(input), take(output));
 }
 
 void port_name(const Daemon& daemon, const std::string& port,
@@ -253,7 +273,7 @@ void port_name(const Daemon& daemon, const std::string& port,
   check(
       iocontrol_state_call_get_names_sync(daemon.state(), number, &input, &output, nullptr, &error),
       error);
-  fmt::print("input {}\noutput {}\n", take(input), take(output));
+  print("input {}\noutput {}\n", take(input), take(output));
 }
 
 void port_usage(const Daemon& daemon, const std::string& port,
@@ -269,7 +289,7 @@ void port_usage(const Daemon& daemon, const std::string& port,
   gchar* current = nullptr;
   check(iocontrol_state_call_get_usage_sync(daemon.state(), number, &current, nullptr, &error),
         error);
-  fmt::print("{}\n", take(current));
+  print("{}\n", take(current));
 }
 
 void set_virtual(const Daemon& daemon, const std::string& port, const std::string& state) {
@@ -298,7 +318,7 @@ void run_sequence(const Daemon& daemon, const std::string& port, const std::stri
             daemon.state(), number, is_virtual, g_variant_builder_end(&builder), nullptr, &error),
         error);
   if (wait) {
-    wait_for_end(loop.get(), number, daemon.state());
+    wait_for_end(daemon, loop.get(), number);
   }
 }
 
@@ -318,7 +338,7 @@ void drop_ports(const Daemon& daemon, const std::vector<std::string>& names, boo
   for (gchar** name = dropped; *name != nullptr; name++) {
     array.push_back(*name);
     if (!json) {
-      fmt::print("{}\n", *name);
+      print("{}\n", *name);
     }
   }
   if (json) {
@@ -359,14 +379,14 @@ void show_connectors(const Daemon& daemon, const std::string& description, bool 
   if (json) {
     print_json(result);
   } else {
-    fmt::print("{} {} connectors: {}\n", result["count"].dump(),
-               result["connectors"].get<std::string>(), result["states"].dump());
+    print("{} {} connectors: {}\n", result["count"].dump(), result["connectors"].get<std::string>(),
+          result["states"].dump());
   }
 }
 
 void complete_ports(const Daemon& daemon) {
   for (const auto& port : daemon.ports()) {
-    fmt::print("{}\n", port.name.empty() ? std::to_string(port.number) : port.name);
+    print("{}\n", port.name.empty() ? std::to_string(port.number) : port.name);
   }
 }
 

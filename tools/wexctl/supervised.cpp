@@ -149,7 +149,7 @@ void supervised_read(const Daemon& daemon, const std::string& port, bool json) {
   if (json) {
     print_json({{"state", readout.state}, {"level", readout.level}});
   } else {
-    fmt::print("{} {}\n", readout.state, readout.level);
+    print("{} {}\n", readout.state, readout.level);
   }
 }
 
