@@ -45,7 +45,7 @@ class Line:
 
     @property
     def alias(self):
-        return f"bench-{self.chip.label}-{self.offset}"
+        return f"bench-{self.chip.label}-{self.offset}{self.chip.name_tail}"
 
     @property
     def folder(self):
@@ -82,6 +82,15 @@ class Line:
         """Lets the line change by itself, silently, right after that many readings from now."""
         (self._files / "flip_reads").write_text(str(count))
 
+    def fail_readings(self, count=4_000_000_000):
+        """Lets so many readings from now on fail with EIO."""
+        (self._files / "failing_reads").write_text(str(count))
+
+    @property
+    def failing_readings(self):
+        """How many of them are left."""
+        return int((self._files / "failing_reads").read_text())
+
     def forget_history(self):
         (self._files / "history").write_text("1")
 
@@ -105,10 +114,11 @@ class Line:
 class Chip:
     """A bench chip; `unplug` makes it vanish and `plug` brings it back, with its lines as new."""
 
-    def __init__(self, label, device, base, count, names_in_chip=False):
+    def __init__(self, label, device, base, count, names_in_chip=False, name_tail=""):
         self.label = label
         self.base = base
         self.names_in_chip = names_in_chip
+        self.name_tail = name_tail
         self._device = f"bench-gpio.{device}"
         self.lines = [Line(self, offset) for offset in range(count)]
 
@@ -139,14 +149,19 @@ PLAIN = Chip("plain", 0, 100, 16)
 LABELLED = Chip("labelled", 1, 200, 16)
 NAMED = Chip("named", 2, 300, 16, names_in_chip=True)
 WIDE = Chip("wide", 3, 400, 32)
-CHIPS = (PLAIN, LABELLED, NAMED, WIDE)
+LONG = Chip("long", 4, 500, 16, names_in_chip=True, name_tail="-is-longer-than-31-characters")
+# They have one parent and one label.
+BANK_A = Chip("bank-a", 5, 632, 16, names_in_chip=True)
+BANK_B = Chip("bank-b", 6, 600, 16, names_in_chip=True)
+CHIPS = (PLAIN, LABELLED, NAMED, WIDE, LONG, BANK_A, BANK_B)
 
 
 @contextlib.contextmanager
-def kernel_gpio_simulator(label, count, names):
+def kernel_gpio_simulator(label, count, names, folder=None):
     """The kernel's own simulator as an independent chip. Yields (number base, pull), where
-    pull(offset, level) sets a line; names maps offsets to line names."""
-    top = pathlib.Path("/sys/kernel/config/gpio-sim") / label
+    pull(offset, level) sets a line; names maps offsets to line names. Simulators of one label need
+    folders of their own."""
+    top = pathlib.Path("/sys/kernel/config/gpio-sim") / (folder or label)
     bank = top / "bank0"
     bank.mkdir(parents=True)
     (bank / "num_lines").write_text(str(count))
@@ -158,9 +173,9 @@ def kernel_gpio_simulator(label, count, names):
     chip = bank.joinpath("chip_name").read_text().strip()
     device = next(pathlib.Path("/sys/devices/platform").glob(f"gpio-sim.*/{chip}"))
     base = next(
-        int((folder / "base").read_text())
-        for folder in GPIO_CLASS.glob("gpiochip*")
-        if (folder / "label").read_text().strip() == label
+        int((entry / "base").read_text())
+        for entry in GPIO_CLASS.glob("gpiochip*")
+        if (entry / "device").resolve() == device.parent
     )
 
     def pull(offset, level):
@@ -295,6 +310,14 @@ class Adc:
 
     def fail_event_writes(self, error):
         (self._files / "event_error").write_text(str(error))
+
+    def limit_thresholds(self, top):
+        """Refuses thresholds above it and below 0 with EINVAL, 0 for none."""
+        (self._files / "top").write_text(str(top))
+
+    def compare_levels(self):
+        """Sends an event also when one is enabled whose threshold is crossed already."""
+        (self._files / "level_events").write_text("1")
 
     @contextlib.contextmanager
     def take_events(self):

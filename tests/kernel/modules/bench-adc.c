@@ -6,7 +6,8 @@
  *
  * Sampling is triggered from outside (an hrtimer trigger), one scan of the
  * enabled channels per tick. A threshold event is sent at the moment when the
- * test moves a channel's value over an enabled threshold, never otherwise.
+ * test moves a channel's value over an enabled threshold, and, where the test
+ * says so, also when an event is enabled whose threshold is crossed already.
  */
 #include <linux/debugfs.h>
 #include <linux/iio/buffer.h>
@@ -71,9 +72,11 @@ struct bench_adc {
 	const struct adc_plan *plan;
 	struct mutex lock; /* guards the channels and settings */
 	struct adc_channel channels[CHANNELS];
-	struct iio_chan_spec specs[CHANNELS + 1];
+	struct iio_chan_spec specs[CHANNELS + 2];
 	u32 raw_error; /* errno that reading a raw value fails with, or 0 */
 	u32 event_error; /* errno that writing event files fails with, or 0 */
+	u32 top; /* thresholds above it, or below 0, are refused; 0 for none */
+	bool level_events; /* a level beyond a threshold is an event by itself */
 	u32 samples; /* scans taken for the buffer */
 	u32 lost; /* those among them that it had no room for */
 	bool changed; /* a value is another than in the last scan */
@@ -208,6 +211,17 @@ static int bench_read_event_config(struct iio_dev *indio,
 	return *enable_flag(&adc->channels[chan->channel], dir);
 }
 
+/* What a converter sends that compares levels instead of crossings. */
+static void send_for_level(struct adc_channel *c)
+{
+	s64 value = c->value;
+
+	if ((c->rising_en || c->either_en) && value > c->rising)
+		send_event(c, IIO_EV_DIR_RISING);
+	else if ((c->falling_en || c->either_en) && value < c->falling)
+		send_event(c, IIO_EV_DIR_FALLING);
+}
+
 static int bench_write_event_config(struct iio_dev *indio,
 				    const struct iio_chan_spec *chan,
 				    enum iio_event_type type,
@@ -219,6 +233,8 @@ static int bench_write_event_config(struct iio_dev *indio,
 		return -(int)adc->event_error;
 	mutex_lock(&adc->lock);
 	*enable_flag(&adc->channels[chan->channel], dir) = state;
+	if (state && adc->level_events)
+		send_for_level(&adc->channels[chan->channel]);
 	mutex_unlock(&adc->lock);
 	return 0;
 }
@@ -254,6 +270,9 @@ static int bench_write_event_value(struct iio_dev *indio,
 
 	if (adc->event_error)
 		return -(int)adc->event_error;
+	if (info == IIO_EV_INFO_VALUE && adc->top &&
+	    (val < 0 || val > (int)adc->top))
+		return -EINVAL;
 	mutex_lock(&adc->lock);
 	*event_number(adc, chan, dir, info) = val;
 	mutex_unlock(&adc->lock);
@@ -299,7 +318,8 @@ static irqreturn_t take_scan(int irq, void *data)
 		adc->changed_ns = ktime_get_ns();
 	adc->changed = false;
 	mutex_unlock(&adc->lock);
-	if (iio_push_to_buffers(indio, scan))
+	if (iio_push_to_buffers_with_timestamp(indio, scan,
+					       iio_get_time_ns(indio)))
 		adc->lost++;
 	iio_trigger_notify_done(indio->trig);
 	return IRQ_HANDLED;
@@ -362,6 +382,11 @@ static void fill_proximity(struct iio_chan_spec *chan)
 	chan->info_mask_shared_by_type = BIT(IIO_CHAN_INFO_INT_TIME);
 }
 
+static void fill_timestamp(struct iio_chan_spec *chan)
+{
+	*chan = (struct iio_chan_spec)IIO_CHAN_SOFT_TIMESTAMP(CHANNELS);
+}
+
 static void add_debug_files(struct bench_adc *adc, unsigned int channels)
 {
 	unsigned int i;
@@ -369,6 +394,8 @@ static void add_debug_files(struct bench_adc *adc, unsigned int channels)
 	adc->dir = debugfs_create_dir(adc->plan->name, debug_root);
 	debugfs_create_u32("raw_error", 0644, adc->dir, &adc->raw_error);
 	debugfs_create_u32("event_error", 0644, adc->dir, &adc->event_error);
+	debugfs_create_u32("top", 0644, adc->dir, &adc->top);
+	debugfs_create_bool("level_events", 0644, adc->dir, &adc->level_events);
 	debugfs_create_u32("samples", 0444, adc->dir, &adc->samples);
 	debugfs_create_u32("lost", 0444, adc->dir, &adc->lost);
 	debugfs_create_u64("changed_ns", 0444, adc->dir, &adc->changed_ns);
@@ -412,8 +439,10 @@ static int bench_probe(struct platform_device *pdev)
 		fill_channel(adc, i);
 	}
 	indio->num_channels = channels;
-	if (plan->events == EVENTS_SEPARATE)
+	if (plan->events == EVENTS_SEPARATE) {
 		fill_proximity(&adc->specs[indio->num_channels++]);
+		fill_timestamp(&adc->specs[indio->num_channels++]);
+	}
 	indio->name = plan->name;
 	indio->info = &bench_info;
 	indio->modes = INDIO_DIRECT_MODE;

@@ -2,13 +2,19 @@
 /*
  * GPIO chips whose lines a test can pull and watch.
  *
- * Four chips with fixed number bases differ in how their lines are named,
- * which decides the folder that an exported line gets under /sys/class/gpio:
+ * Chips with fixed number bases differ in how their lines are named, which
+ * decides the folder that an exported line gets under /sys/class/gpio:
  *
  *   plain    100  no names                                   gpio100
  *   labelled 200  names only in the line descriptors          gpio200
  *   named    300  names in the chip itself                    bench-named-0
  *   wide     400  32 lines without names                      gpio400
+ *   long     500  as named, of more than 31 characters        bench-long-0-...
+ *   bank-a   632  names in the chip itself                    bench-bank-a-0
+ *   bank-b   600  the same, and all else like bank-a          bench-bank-b-0
+ *
+ * The banks have one parent and one label, so that no file tells which of the
+ * two number bases is whose.
  *
  * Each chip is a platform device, so writing its name to the driver's
  * `unbind` and `bind` files makes it vanish and return.
@@ -57,6 +63,7 @@ struct bench_line {
 	bool pulled;
 	bool busy;
 	u32 flip_reads; /* readings left until the line flips by itself */
+	u32 failing_reads; /* readings left that fail */
 };
 
 struct bench_chip {
@@ -75,6 +82,8 @@ struct chip_plan {
 	u16 ngpio;
 	bool in_descriptors;
 	bool in_chip;
+	const char *name_tail; /* what the names in the chip end with */
+	bool bank; /* one of those that cannot be told apart */
 };
 
 static const struct chip_plan plans[] = {
@@ -82,11 +91,15 @@ static const struct chip_plan plans[] = {
 	{ "labelled", 200, 16, true, false },
 	{ "named", 300, 16, false, true },
 	{ "wide", 400, 32, false, false },
+	{ "long", 500, 16, false, true, "-is-longer-than-31-characters" },
+	{ "bank-a", 632, 16, false, true, "", true },
+	{ "bank-b", 600, 16, false, true, "", true },
 };
 
 static struct platform_device *devices[ARRAY_SIZE(plans)];
 static struct fwnode_handle *names_node;
 static struct dentry *debug_root;
+static struct device *banks_parent;
 
 static bool wire_level(const struct bench_line *line)
 {
@@ -190,6 +203,11 @@ static int bench_get(struct gpio_chip *gc, unsigned int offset)
 	bool level, after;
 
 	spin_lock_irqsave(&chip->lock, flags);
+	if (line->failing_reads) {
+		line->failing_reads--;
+		spin_unlock_irqrestore(&chip->lock, flags);
+		return -EIO;
+	}
 	level = wire_level(line);
 	if (line->flip_reads && --line->flip_reads == 0) {
 		line->pulled = !line->pulled;
@@ -341,6 +359,8 @@ static void add_debug_files(struct bench_chip *chip, const char *label)
 		debugfs_create_file_unsafe("busy", 0644, dir, line, &busy_ops);
 		debugfs_create_file_unsafe("pull", 0644, dir, line, &pull_ops);
 		debugfs_create_u32("flip_reads", 0644, dir, &line->flip_reads);
+		debugfs_create_u32("failing_reads", 0644, dir,
+				   &line->failing_reads);
 		debugfs_create_file("history", 0644, dir, line, &history_ops);
 	}
 }
@@ -359,15 +379,16 @@ static void dispose_mappings(void *data)
 		irq_dispose_mapping(irq_find_mapping(chip->domain, i));
 }
 
-static const char **make_names(struct device *dev, const char *label,
-			       unsigned int count)
+static const char **make_names(struct device *dev, const struct chip_plan *plan)
 {
-	const char **names = devm_kcalloc(dev, count, sizeof(*names), GFP_KERNEL);
+	const char **names =
+		devm_kcalloc(dev, plan->ngpio, sizeof(*names), GFP_KERNEL);
 	unsigned int i;
 
-	for (i = 0; names && i < count; i++) {
-		names[i] = devm_kasprintf(dev, GFP_KERNEL, "bench-%s-%u", label,
-					  i);
+	for (i = 0; names && i < plan->ngpio; i++) {
+		names[i] = devm_kasprintf(dev, GFP_KERNEL, "bench-%s-%u%s",
+					  plan->label, i,
+					  plan->name_tail ?: "");
 		if (!names[i])
 			return NULL;
 	}
@@ -387,8 +408,8 @@ static int bench_probe(struct platform_device *pdev)
 		return -ENOMEM;
 	spin_lock_init(&chip->lock);
 	chip->gc = (struct gpio_chip){
-		.label = plan->label,
-		.parent = dev,
+		.label = plan->bank ? "bank" : plan->label,
+		.parent = plan->bank ? banks_parent : dev,
 		.owner = THIS_MODULE,
 		.base = plan->base,
 		.ngpio = plan->ngpio,
@@ -402,7 +423,7 @@ static int bench_probe(struct platform_device *pdev)
 		.to_irq = bench_to_irq,
 	};
 	if (plan->in_chip) {
-		chip->gc.names = make_names(dev, plan->label, plan->ngpio);
+		chip->gc.names = make_names(dev, plan);
 		if (!chip->gc.names)
 			return -ENOMEM;
 	}
@@ -473,9 +494,14 @@ static int __init bench_init(void)
 	int ret;
 
 	debug_root = debugfs_create_dir("bench-gpio", NULL);
+	banks_parent = root_device_register("bench-banks");
+	if (IS_ERR(banks_parent)) {
+		ret = PTR_ERR(banks_parent);
+		goto remove_root;
+	}
 	ret = platform_driver_register(&bench_driver);
 	if (ret)
-		goto remove_root;
+		goto remove_parent;
 	for (i = 0; i < ARRAY_SIZE(plans); i++) {
 		devices[i] = add_device(&plans[i], i);
 		if (IS_ERR(devices[i])) {
@@ -488,6 +514,8 @@ static int __init bench_init(void)
 remove_all:
 	remove_devices();
 	platform_driver_unregister(&bench_driver);
+remove_parent:
+	root_device_unregister(banks_parent);
 remove_root:
 	debugfs_remove_recursive(debug_root);
 	return ret;
@@ -497,6 +525,7 @@ static void __exit bench_exit(void)
 {
 	remove_devices();
 	platform_driver_unregister(&bench_driver);
+	root_device_unregister(banks_parent);
 	debugfs_remove_recursive(debug_root);
 }
 
