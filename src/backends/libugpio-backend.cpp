@@ -91,7 +91,7 @@ void libugpio_port_set_state(IoPort* port, gint value) {
 
 gboolean libugpio_port_set_watch(IoPort* port) {
   auto* data = backend_data<LibugpioPortData>(port);
-  return data != nullptr && data->watch.start(port, current_pin(port)) != 0;
+  return data != nullptr && data->watch.start(port, current_pin(port));
 }
 
 void switch_line_driver(IoPort* port, bool output) {

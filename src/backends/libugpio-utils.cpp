@@ -3,6 +3,7 @@
 #include "platform/log.h"
 #include "platform/ugpio-named.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace {
@@ -32,6 +33,34 @@ guint request_flags(const GpioPin* pin, bool input, bool value) {
 ugpio_t* request(const GpioPin* pin, guint flags) {
   return pin->name ? ugpio_request_one_named(name_of(pin), flags)
                    : ugpio_request_one(static_cast<guint>(pin->number), flags, "pin");
+}
+
+// What the kernel answers once a pin's chip has been taken away.
+bool means_gone(int reason) {
+  constexpr std::array reasons{ENODEV, ENOENT, ENXIO, EBADF};
+  return std::ranges::find(reasons, reason) != reasons.end();
+}
+
+// An operation table has no way to tell a reading that failed from a level, but errno has.
+std::optional<bool> read_state(IoPort* port) {
+  errno = 0;
+  const bool state = io_port_get_state(port);
+  return errno == 0 ? std::optional(state) : std::nullopt;
+}
+
+// Reports the state until it holds still; false, with errno set, once it cannot be read.
+bool report_state(IoPort* port) {
+  g_usleep(settle_time_us);
+  auto state = read_state(port);
+  while (state) {
+    io_port_trigger(port, *state ? 1 : 0);
+    const auto now = read_state(port);
+    if (now == state) {
+      return true;
+    }
+    state = now;
+  }
+  return false;
 }
 
 } // namespace
@@ -115,48 +144,89 @@ void libugpio_free_gpio_pin(GpioPin* pin) {
 }
 
 gboolean libugpio_handle_trig(GIOChannel* /*channel*/, GIOCondition /*condition*/, IoPort* port) {
-  g_usleep(settle_time_us);
-  bool reported = false;
-  do {
-    reported = io_port_get_state(port);
-    io_port_trigger(port, reported ? 1 : 0);
-  } while (io_port_get_state(port) != reported);
+  report_state(port);
   return G_SOURCE_CONTINUE;
 }
 
-guint LogicWatch::start(IoPort* port, const GpioPin* pin, GIOCondition condition) {
-  if (source_id_ != 0) {
-    return source_id_;
+bool LogicWatch::start(IoPort* port, const GpioPin* pin, GIOCondition condition) {
+  if (*this) {
+    return true;
   }
   const int fd = pin != nullptr ? ugpio_fd(pin->handle) : -1;
   if (fd < 0) {
-    return 0;
+    return false;
   }
   // An edge on a value file shows as an exceptional condition, nothing else.
   port_ = port;
   pin_ = pin;
+  condition_ = condition;
   channel_ = g_io_channel_unix_new(fd);
-  source_id_ = g_io_add_watch(channel_, condition, on_edge, this);
-  return source_id_;
+  look();
+  return true;
 }
 
 // The channel is not shut down: the descriptor is the pin's.
 void LogicWatch::stop() {
-  if (source_id_ != 0) {
-    g_source_remove(std::exchange(source_id_, 0));
-  }
+  source_.reset();
+  rest_.reset();
+  trouble_ = Trouble();
   g_clear_pointer(&channel_, g_io_channel_unref);
 }
 
-gboolean LogicWatch::on_edge(GIOChannel* channel, GIOCondition condition, gpointer user_data) {
-  auto* watch = static_cast<LogicWatch*>(user_data);
-  if (ugpio_get_value(watch->pin_->handle) == -1) {
-    // The chip is gone; its file would report an error for ever.
-    g_warning("%sPin of port %d cannot be read any more, not watching it: %s", log_prefix,
-              watch->port_->number, g_strerror(errno));
-    watch->source_id_ = 0;
-    g_clear_pointer(&watch->channel_, g_io_channel_unref);
-    return G_SOURCE_REMOVE;
+void LogicWatch::look() {
+  source_.reset(g_io_add_watch(channel_, condition_, on_edge, this));
+}
+
+// The file of a pin that is gone would report an error for ever.
+void LogicWatch::give_up(int reason) {
+  g_warning("%sPin of port %d cannot be read any more, not watching it: %s", log_prefix,
+            port_->number, g_strerror(reason));
+  port_->hardware_gone = true;
+  stop();
+}
+
+void LogicWatch::rest(int reason) {
+  if (trouble_.tell()) {
+    g_warning("%sPin of port %d cannot be read, trying again every %u ms: %s", log_prefix,
+              port_->number, shortest_rest_ms, g_strerror(reason));
   }
-  return libugpio_handle_trig(channel, condition, watch->port_);
+  rest_.reset(g_timeout_add(shortest_rest_ms, on_rested, this));
+}
+
+// Whether to go on looking for edges: not while the pin rests, nor when it is gone.
+bool LogicWatch::serve() {
+  errno = 0;
+  if (ugpio_get_value(pin_->handle) != -1 && report_state(port_)) {
+    if (trouble_.end()) {
+      g_message("%sPin of port %d can be read again", log_prefix, port_->number);
+    }
+    return true;
+  }
+  const int reason = errno;
+  if (means_gone(reason)) {
+    give_up(reason);
+  } else {
+    rest(reason);
+  }
+  return false;
+}
+
+gboolean LogicWatch::on_edge(GIOChannel* /*channel*/, GIOCondition /*condition*/,
+                             gpointer user_data) {
+  auto* watch = static_cast<LogicWatch*>(user_data);
+  if (watch->serve()) {
+    return G_SOURCE_CONTINUE;
+  }
+  watch->source_.forget();
+  return G_SOURCE_REMOVE;
+}
+
+// An edge since the reading still shows, so none is missed.
+gboolean LogicWatch::on_rested(gpointer user_data) {
+  auto* watch = static_cast<LogicWatch*>(user_data);
+  watch->rest_.forget();
+  if (watch->serve()) {
+    watch->look();
+  }
+  return G_SOURCE_REMOVE;
 }

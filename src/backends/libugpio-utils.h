@@ -4,6 +4,8 @@
 #include <glib.h>
 #include <ugpio/ugpio.h>
 
+#include "backends/trouble.h"
+#include "platform/handles.h"
 #include "port/ioport.h"
 
 #include <array>
@@ -81,6 +83,10 @@ void libugpio_free_gpio_pin(GpioPin* pin);
 gboolean libugpio_handle_trig(GIOChannel* channel, GIOCondition condition, IoPort* port);
 
 /// The watch on a pin's value file. Main thread only.
+///
+/// A reading that fails says nothing about the line: nothing is reported then, and the pin is left
+/// alone for 100 ms and read again. Only a pin that is gone ends the watch; its port is marked, so
+/// that a refresh sets it up anew.
 class LogicWatch {
 public:
   LogicWatch() = default;
@@ -88,17 +94,25 @@ public:
   LogicWatch(const LogicWatch&) = delete;
   LogicWatch& operator=(const LogicWatch&) = delete;
 
-  /// Watches the pin, which must outlive the watch, for `port`; a running watch stays as it is. The
-  /// source id, 0 when the pin is not open.
-  guint start(IoPort* port, const GpioPin* pin, GIOCondition condition = G_IO_ERR);
+  /// Watches the pin, which must outlive the watch, for `port`; a running watch stays as it is.
+  /// False when the pin is not open.
+  bool start(IoPort* port, const GpioPin* pin, GIOCondition condition = G_IO_ERR);
   void stop();
-  explicit operator bool() const { return source_id_ != 0; }
+  explicit operator bool() const { return source_ || rest_; }
 
 private:
   static gboolean on_edge(GIOChannel* channel, GIOCondition condition, gpointer user_data);
+  static gboolean on_rested(gpointer user_data);
+  void look();
+  bool serve();
+  void give_up(int reason);
+  void rest(int reason);
 
   GIOChannel* channel_ = nullptr;
-  guint source_id_ = 0;
+  GIOCondition condition_ = G_IO_ERR;
+  SourceId source_;
+  SourceId rest_;
+  Trouble trouble_;
   IoPort* port_ = nullptr;
   const GpioPin* pin_ = nullptr;
 };

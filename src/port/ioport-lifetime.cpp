@@ -123,6 +123,7 @@ bool io_port_setup(IoPort* ioport) {
     return false;
   }
   ioport->is_setup = true;
+  ioport->hardware_gone = false;
   return true;
 }
 

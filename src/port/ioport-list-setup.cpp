@@ -27,6 +27,29 @@ std::string default_name(const IoPort* port) {
   return "Port " + std::to_string(port->number + 1);
 }
 
+// Closed without the list's mutex, as a running sequence that has to end first may be in need of
+// it.
+void close_gone_ports() {
+  std::vector<IoPortRef> gone;
+  {
+    const std::lock_guard guard(mutex);
+    for (IoPort* port : io_port_list) {
+      if (port->hardware_gone && port->is_setup) {
+        gone.emplace_back(io_port_ref(port));
+      }
+    }
+  }
+  for (const auto& port : gone) {
+    io_port_close(port.get());
+  }
+}
+
+// Those whose hardware is still gone stay in service, without a state, and are tried next time.
+gint setup_gone_ports() {
+  return static_cast<gint>(std::ranges::count_if(
+      io_port_list, [](IoPort* port) { return port->hardware_gone && io_port_setup(port); }));
+}
+
 void set_default_input_name(IoPort* port) {
   if (port->input_name) {
     return;
@@ -74,8 +97,9 @@ void io_port_list_setup() {
 }
 
 gint io_port_list_setup_dynamic_ports() {
+  close_gone_ports();
   const std::lock_guard guard(mutex);
-  gint count = 0;
+  gint count = setup_gone_ports();
   for (gsize i = 0; i < io_port_dynamic_list.size();) {
     IoPort* const port = io_port_dynamic_list[i];
     if (number_in_service(port->number) || !io_port_setup(port)) {
@@ -99,7 +123,11 @@ void io_port_list_read_params(bool (*read_params)(IoPort* port)) {
 
 void io_port_list_set_watch() {
   const std::lock_guard guard(mutex);
-  std::ranges::for_each(io_port_list, io_port_set_watch);
+  for (IoPort* port : io_port_list) {
+    if (!port->hardware_gone) {
+      io_port_set_watch(port);
+    }
+  }
 }
 
 void io_port_list_declare_events() {

@@ -33,7 +33,8 @@ gint io_port_list_get_port_any_value();
 /// Sets every port up, once, at start. Optional ports that fail wait in the dynamic list; other
 /// failures and duplicates are destroyed.
 void io_port_list_setup();
-/// Tries the waiting ports again; returns how many came into service.
+/// Tries the waiting ports again, and those in service whose hardware is gone; returns how many
+/// came into service.
 gint io_port_list_setup_dynamic_ports();
 /// Takes an optional port out of service; any other port is left alone.
 void io_port_list_move_to_dynamic(IoPort* port);

@@ -140,6 +140,8 @@ struct IoPort {
   GList* ranges = nullptr;
   std::atomic<bool> enabled{true};
   std::atomic<bool> is_setup{false};
+  /// What it was watched by is gone; a refresh sets it up anew.
+  bool hardware_gone = false;
   /// Held while the state is changed, by an action sequence but for its waits, and by every
   /// configuration change.
   std::mutex lock;

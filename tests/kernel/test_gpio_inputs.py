@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from chips import PLAIN, WIDE
+from chips import LABELLED, NAMED, PLAIN, WIDE
 from describe import port
 from gpio_ports import gpio_configurable, gpio_input, gpio_output, pin
 from sim.bus import PortChanged, wait_until
@@ -187,3 +187,90 @@ def test_a_second_input_element_adds_to_the_same_pin(device):
 def test_watched_pins_at_rest_cost_nothing(device):
     start(device, *(gpio_input(f"in{i}", i, line) for i, line in enumerate(WIDE.lines)))
     wait_until(lambda: device.passes_a_second_at_rest, "a stretch of quiet")
+
+
+UNREADABLE = "^WARNING: Pin of port 0 cannot be read, trying again every 100 ms: Input/output error$"
+
+
+@pytest.mark.parametrize("failing", [1, 2, 3, 5])
+@pytest.mark.parametrize("level", [0, 1])
+def test_a_reading_that_fails_delays_a_report_and_no_more(device, level, failing):
+    line = PLAIN[0]
+    line.pull(1 - level)
+    signals = start(device, gpio_input("door", 0, line))
+    line.fail_readings(failing)
+    assert_pull_is_reported(signals, line, level, 0, bool(level))
+    assert line.failing_readings == 0
+    assert device.log_count(UNREADABLE) == 1
+    assert device.log_count("Pin of port 0 can be read again$") == 1
+    for again in (1 - level, level):
+        assert_pull_is_reported(signals, line, again, 0, bool(again))
+    # What could not be read was never reported as a state.
+    signals.assert_none()
+
+
+def test_an_input_that_fails_for_long_costs_nothing_and_is_told_once(device):
+    line = PLAIN[0]
+    signals = start(device, gpio_input("door", 0, line))
+    line.fail_readings()
+    line.pull(1)
+    device.wait_for_log(UNREADABLE)
+    before = line.failing_readings
+    used = device.cpu_s
+    wait_until(lambda: before - line.failing_readings >= 20, "more attempts")
+    assert device.cpu_s - used < 1
+    assert device.log_count(UNREADABLE) == 1
+    signals.assert_none()
+    line.fail_readings(0)
+    signals.wait_for(PortChanged, port=0, state=True)
+    assert_pull_is_reported(signals, line, 0, 0, False)
+
+
+def test_an_input_that_rests_may_be_turned_or_dropped(root_device):
+    described = gpio_configurable("aux", 0, PLAIN[2:5], direction="input", optional="true")
+    signals = start(root_device, described)
+    PLAIN[2].fail_readings()
+    PLAIN[2].pull(1)
+    root_device.wait_for_log(UNREADABLE)
+    root_device.state.SetDirection(0, "output")
+    root_device.state.SetDirection(0, "input")
+    PLAIN[2].pull(0)
+    root_device.wait_for_log(UNREADABLE, count=2)
+    root_device.state.DropIOPorts(["aux"])
+    wait_until(lambda: root_device.passes_a_second_at_rest, "a stretch of quiet")
+    PLAIN[2].fail_readings(0)
+    root_device.state.RefreshIOPorts()
+    signals.take()
+    assert_pull_is_reported(signals, PLAIN[2], 1, 0, True)
+
+
+@pytest.mark.parametrize("optional", [None, "true"])
+@pytest.mark.parametrize("chip, by", [(PLAIN, "number"), (NAMED, "alias")], ids=["plain", "named"])
+def test_a_refresh_takes_a_vanished_chip_again(root_device, chip, by, optional):
+    line = chip[10]
+    signals = start(
+        root_device,
+        gpio_input("gate", 0, line, by=by, optional=optional),
+        gpio_input("door", 1, LABELLED[0]),
+    )
+    if optional is None:
+        root_device.expect("CRITICAL.*libugpio_port_setup.*port->optional")
+    for times in (1, 2):
+        chip.unplug()
+        root_device.sync()  # a daemon at rest is not told
+        gone = "^WARNING: Pin of port 0 cannot be read any more, not watching it"
+        root_device.wait_for_log(gone, count=times)
+        root_device.state.RefreshIOPorts()
+        assert sorted(root_device.ports()) == [0, 1]
+        assert root_device.state.GetState(0) is False
+        chip.plug()
+        line.pull(1)
+        root_device.state.RefreshIOPorts()
+        assert root_device.state.GetState(0) is True
+        signals.take()
+        assert_pull_is_reported(signals, line, 0, 0, False)
+        assert_pull_is_reported(signals, LABELLED[0], 1 - LABELLED[0].level, 1, LABELLED[0].level == 0)
+        root_device.state.RefreshIOPorts()
+        signals.take()
+        assert_pull_is_reported(signals, line, 1, 0, True)
+        signals.assert_none()

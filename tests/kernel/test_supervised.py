@@ -213,3 +213,27 @@ def test_a_rejected_range_changes_nothing(device, kind):
             supervision.SetSupervisedRanges(0, state, lower, upper)
         assert refusal.value.name == "com.norv.IOSupervised.Bad_supervised_range"
     assert set(supervision.GetSupervisedRanges(0)) == set(RANGES)
+
+
+@EVERY_KIND
+def test_a_failed_reading_of_the_logic_pin_only_delays_its_report(device, kind):
+    supervision = start(device, kind.port())
+    signals = device.signals()
+    kind.inputs.fail_readings(3)
+    kind.inputs.pull(1)
+    signals.wait_for(PortChanged, port=0, input=True, state=True)
+    kind.inputs.pull(0)
+    signals.wait_for(PortChanged, port=0, input=True, state=False)
+    # A pin that rests is left alone once the line is measured.
+    kind.inputs.fail_readings()
+    kind.inputs.pull(1)
+    device.wait_for_log("^WARNING: Pin of port 0 cannot be read, trying again", count=2)
+    kind.show("open")
+    supervision.SetSupervised(0, True)
+    wait_for_state(supervision, "open")
+    device.sync()
+    before = kind.inputs.failing_readings
+    signals.take()
+    kind.show("closed")
+    signals.wait_for(PortChanged, port=0, input=True)
+    assert kind.inputs.failing_readings == before

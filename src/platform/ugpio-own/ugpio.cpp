@@ -101,9 +101,14 @@ ugpio_t* configure(ugpio_t* pin, unsigned int flags) {
   return pin;
 }
 
+// '\0', with errno set, when there is nothing to be read.
 char read_char(int fd) {
   char c = 0;
-  return pread(fd, &c, 1, 0) == 1 ? c : '\0';
+  const ssize_t got = pread(fd, &c, 1, 0);
+  if (got == 0) {
+    errno = ENODATA;
+  }
+  return got == 1 ? c : '\0';
 }
 
 } // namespace
@@ -186,12 +191,19 @@ int ugpio_fd(const ugpio_t* pin) {
 }
 
 int ugpio_get_value(ugpio_t* pin) {
-  switch (pin != nullptr ? read_char(pin->value.get()) : '\0') {
+  if (pin == nullptr) {
+    errno = EBADF;
+    return -1;
+  }
+  switch (read_char(pin->value.get())) {
   case '0':
     return 0;
   case '1':
     return 1;
+  case '\0':
+    return -1;
   default:
+    errno = EINVAL;
     return -1;
   }
 }

@@ -157,10 +157,55 @@ TEST_F(AGpioPort, reports_a_level_that_changes_while_it_is_reported) {
   EXPECT_THAT(take_calls(), ElementsAre("reported 1", "reported 0"));
 }
 
+struct AnUnreadablePin : AGpioPort, testing::WithParamInterface<std::deque<int>> {};
+
+TEST_P(AnUnreadablePin, rests_and_is_read_again_without_a_report_of_what_it_did_not_show) {
+  const auto port = set_up(PORT_INPUT, {{"input", "pin", "17"}});
+  EXPECT_TRUE(io_port_set_watch(port.get()));
+  fake_pins.readings["17"] = GetParam();
+  fake_pins.edge("17");
+  EXPECT_TRUE(run_until([] { return !claim_lines("Pin of port 1 cannot be read, ").empty(); }));
+  // It rests: nothing is ready, however often one looks, and it counts as watched.
+  run_pending();
+  EXPECT_TRUE(io_port_set_watch(port.get()));
+  take_states();
+  EXPECT_TRUE(run_until([] { return states() > 0; }));
+  for (const bool state : take_states()) {
+    EXPECT_FALSE(state);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Readings, AnUnreadablePin,
+                         testing::Values(std::deque{-EIO}, std::deque{0, -EIO},
+                                         std::deque{0, 0, -EIO},
+                                         std::deque{-EIO, -EIO, 0, -EAGAIN}),
+                         [](const auto& row) { return std::to_string(row.index); });
+
+TEST_F(AGpioPort, tells_a_pin_that_cannot_be_read_once) {
+  const auto port = set_up(PORT_INPUT, {{"input", "pin", "17"}});
+  EXPECT_TRUE(io_port_set_watch(port.get()));
+  fake_pins.readings["17"] = {-EIO, -EIO, -EIO, -EIO};
+  fake_pins.edge("17");
+  EXPECT_TRUE(run_until([] { return states() > 0; }));
+  EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "Pin of port 1 cannot be read, trying again every "
+                                          "100 ms: Input/output error"));
+}
+
+TEST_F(AGpioPort, leaves_a_pin_alone_that_is_closed_while_it_rests) {
+  const auto port = set_up(PORT_INPUT, {{"input", "pin", "17"}});
+  EXPECT_TRUE(io_port_set_watch(port.get()));
+  fake_pins.levels["17"] = -EIO;
+  fake_pins.edge("17");
+  EXPECT_TRUE(run_until([] { return !claim_lines("Pin of port 1 cannot be read, ").empty(); }));
+  io_port_close(port.get());
+  EXPECT_TRUE(nothing_timed());
+  EXPECT_EQ(states(), 0U);
+}
+
 TEST_F(AGpioPort, stops_watching_a_pin_that_is_gone) {
   const auto port = set_up(PORT_INPUT, {{"input", "pin", "17"}});
   EXPECT_TRUE(io_port_set_watch(port.get()));
-  fake_pins.levels["17"] = -1;
+  fake_pins.levels["17"] = -ENODEV;
   fake_pins.edge("17");
   EXPECT_TRUE(run_until([] {
     return static_cast<bool>(logged_part(G_LOG_LEVEL_WARNING, "cannot be read any more"));

@@ -104,10 +104,16 @@ int ugpio_fd(const ugpio_t* pin) {
 
 int ugpio_get_value(ugpio_t* pin) {
   if (pin == nullptr) {
+    errno = EBADF;
     return -1;
   }
-  const auto level = fake_pins.levels.find(pin->name);
-  return level != fake_pins.levels.end() ? level->second : 0;
+  int level = fake_pins.levels[pin->name];
+  if (auto& readings = fake_pins.readings[pin->name]; !readings.empty()) {
+    level = readings.front();
+    readings.pop_front();
+  }
+  errno = level < 0 ? -level : errno;
+  return level < 0 ? -1 : level;
 }
 
 int ugpio_set_value(ugpio_t* pin, int value) {

@@ -1,6 +1,7 @@
 // Pins at the boundary of libugpio: every call is written down, levels and faults are the test's.
 #pragma once
 
+#include <deque>
 #include <map>
 #include <string>
 #include <vector>
@@ -8,8 +9,10 @@
 struct FakePins {
   /// "request_one 17 333", "full_open 17", ... in order. A pin by name stands with its name.
   std::vector<std::string> calls;
-  /// Levels by pin, as ugpio_get_value gives them.
+  /// Levels by pin, as ugpio_get_value gives them; below 0 is an errno to fail with.
   std::map<std::string, int> levels;
+  /// What the next readings of a pin give before its level counts.
+  std::map<std::string, std::deque<int>> readings;
   /// Calls that fail, by how they start: "set_value" for every pin, "set_value 17" for one.
   std::vector<std::string> faults;
 

@@ -26,3 +26,15 @@ inline void run_pending() {
   while (g_main_context_iteration(nullptr, FALSE)) {
   }
 }
+
+/// Whether no timer of the default main context runs.
+inline bool nothing_timed() {
+  gint priority = 0;
+  gint timeout_ms = 0;
+  GMainContext* const context = g_main_context_default();
+  g_main_context_acquire(context);
+  g_main_context_prepare(context, &priority);
+  g_main_context_query(context, priority, &timeout_ms, nullptr, 0);
+  g_main_context_release(context);
+  return timeout_ms < 0;
+}
