@@ -13,6 +13,8 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -25,6 +27,13 @@ struct IntDevice {
   /// Served by its events, in the order in which they came; the first is the one that is served.
   std::vector<IoPort*> watchers;
   IioEventHandler handler = nullptr;
+  /// Events in a row that changed nothing.
+  guint idle_events = 0;
+  gint64 last_event_us = 0;
+  /// Events may have been lost while the device was left alone.
+  bool look_anyway = false;
+  Trouble restless;
+  Trouble unreadable;
   // Last, so that it goes before the descriptor that it polls.
   ReadableWatch watch;
 };
@@ -76,41 +85,92 @@ void insert_once(std::vector<IoPort*>& ports, IoPort* port) {
   }
 }
 
-// Reads one event; -1 when there is none to act on.
-gint read_event_channel(int fd) {
+using Found = ReadableWatch::Found;
+
+constexpr guint idle_events_allowed = 32;
+/// A device that was silent for longer than any rest has calmed down by itself.
+constexpr gint64 calm_us = gint64{2} * G_USEC_PER_SEC;
+
+// Reads one event; nothing when there is none to act on.
+std::optional<gint> read_event_channel(IntDevice& device) {
   iio_event_data event{};
-  const ssize_t got = read(fd, &event, sizeof event);
-  if (got != static_cast<ssize_t>(sizeof event)) {
-    g_warning("%sread Error: %s", log_prefix, got < 0 ? g_strerror(errno) : "event cut short");
-    return -1;
+  const ssize_t got = read(device.event_fd.get(), &event, sizeof event);
+  if (got == static_cast<ssize_t>(sizeof event)) {
+    if (device.unreadable.end()) {
+      g_message("%s%s can be read again", log_prefix, device.path.c_str());
+    }
+    return static_cast<gint>(event.id & 0xFFFFU);
   }
-  return static_cast<gint>(event.id & 0xFFFFU);
+  if (device.unreadable.tell()) {
+    g_warning("%sread Error: %s", log_prefix, got < 0 ? g_strerror(errno) : "event cut short");
+  }
+  return std::nullopt;
 }
 
 struct PendingEvent {
   IoPort* port = nullptr;
   IioEventHandler handler = nullptr;
-  gint channel = -1;
+  gint channel = 0;
 };
 
-PendingEvent take_event(const std::string& path) {
+// Nothing when the device cannot be read.
+std::optional<PendingEvent> take_event(const std::string& path) {
   const std::lock_guard guard(devices_mutex);
   IntDevice* const device = find_device(path);
   if (device == nullptr) {
     g_warning("%sCouldn't find interrupt device after triggered interrupt", log_prefix);
-    return {};
+    return std::nullopt;
   }
-  return {.port = device->watchers.empty() ? nullptr : device->watchers.front(),
-          .handler = device->handler,
-          .channel = read_event_channel(device->event_fd.get())};
+  const auto channel = read_event_channel(*device);
+  if (!channel) {
+    return std::nullopt;
+  }
+  const bool look_anyway = std::exchange(device->look_anyway, false);
+  return PendingEvent{.port = device->watchers.empty() ? nullptr : device->watchers.front(),
+                      .handler = device->handler,
+                      .channel = look_anyway ? iio_every_channel : *channel};
+}
+
+void calm_down(IntDevice& device) {
+  if (device.restless.end()) {
+    g_message("%s%s reports true changes again", log_prefix, device.path.c_str());
+  }
+}
+
+// One event that changes nothing is no trouble; a device that sends nothing else is.
+Found judge(const std::string& path, bool news) {
+  const std::lock_guard guard(devices_mutex);
+  IntDevice* const device = find_device(path);
+  if (device == nullptr) {
+    return Found::Nothing;
+  }
+  const gint64 now = g_get_monotonic_time();
+  if (const gint64 before = std::exchange(device->last_event_us, now);
+      news || now - before > calm_us) {
+    calm_down(*device);
+    device->idle_events = news ? 0 : 1;
+    return Found::Sense;
+  }
+  if (++device->idle_events < idle_events_allowed) {
+    return Found::Nothing;
+  }
+  device->idle_events = 0;
+  device->look_anyway = true;
+  if (device->restless.tell()) {
+    g_warning("%s%s keeps reporting changes that are none, looking at it less often", log_prefix,
+              device->path.c_str());
+  }
+  return Found::Trouble;
 }
 
 // The path is the record's own, which outlives its watch.
-void on_event(gpointer user_data) {
-  const PendingEvent event = take_event(*static_cast<const std::string*>(user_data));
-  if (event.port != nullptr && event.channel >= 0) {
-    event.handler(event.port, event.channel);
+Found on_event(gpointer user_data) {
+  const auto& path = *static_cast<const std::string*>(user_data);
+  const auto event = take_event(path);
+  if (!event) {
+    return Found::Trouble;
   }
+  return judge(path, event->port != nullptr && event->handler(event->port, event->channel));
 }
 
 } // namespace

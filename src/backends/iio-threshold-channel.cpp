@@ -6,9 +6,11 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 namespace {
 
@@ -30,14 +32,18 @@ constexpr std::array keys{
     DescriptionKey<Channel>{"one_threshold", take_switch<&Channel::one_threshold>},
 };
 
-// "in_<channel>[_<extension>]_<attribute>".
-std::string attribute_name(const Channel& channel, const char* attribute) {
+// "in_<channel>[_<extension>]".
+std::string full_name(const Channel& channel) {
   std::string name =
-      "in_" + channel.channel_name.value_or("voltage" + std::to_string(channel.channel)) + '_';
+      "in_" + channel.channel_name.value_or("voltage" + std::to_string(channel.channel));
   if (channel.chan_extend_name) {
-    name += *channel.chan_extend_name + '_';
+    name += '_' + *channel.chan_extend_name;
   }
-  return name + attribute;
+  return name;
+}
+
+std::string attribute_name(const Channel& channel, const char* attribute) {
+  return full_name(channel) + '_' + attribute;
 }
 
 std::string channel_path(const Channel& channel, const char* attribute) {
@@ -62,47 +68,139 @@ bool open_event_file(const Channel& channel, const char* attribute, UniqueFd& fd
   return true;
 }
 
-// The kernel takes each write as the whole value. A plain file or a pipe in the place of the
-// attribute shows the same: no tail of a longer number, and no complaint about where to write.
-void write_number(const UniqueFd& fd, gint number) {
+// 0, or the reason of a failure. The kernel takes each write as the whole value. A plain file or a
+// pipe in the place of the attribute shows the same: no tail of a longer number, and no complaint
+// about where to write.
+int write_number(const UniqueFd& fd, gint number) {
   if (!fd) {
-    return;
+    return 0;
   }
   const std::string text = std::to_string(number);
   lseek(fd.get(), 0, SEEK_SET);
-  if (write(fd.get(), text.data(), text.size()) < 0) {
-    g_warning("%sFailed to write sysfs: %s", log_prefix, g_strerror(errno));
-  }
+  const int reason = write(fd.get(), text.data(), text.size()) < 0 ? errno : 0;
   [[maybe_unused]] const int cut = ftruncate(fd.get(), static_cast<off_t>(text.size()));
+  return reason;
 }
 
-void enable_events(const Channel& channel, bool enable) {
-  if (channel.either_enable) {
-    write_number(channel.either_enable, enable ? 1 : 0);
-  } else {
-    write_number(channel.rising_enable, enable ? 1 : 0);
-    write_number(channel.falling_enable, enable ? 1 : 0);
+void write_or_warn(const UniqueFd& fd, gint number) {
+  if (const int reason = write_number(fd, number); reason != 0) {
+    g_warning("%sFailed to write sysfs: %s", log_prefix, g_strerror(reason));
   }
 }
 
-// The device's own counts; what is below 0 or beyond 32 bits wraps, as the kernel is told "%d".
-gint shifted_threshold(const Channel& channel, guint32 level) {
+// The files that switch the channel's events.
+std::vector<const UniqueFd*> switches(const Channel& channel) {
+  if (channel.either_enable) {
+    return {&channel.either_enable};
+  }
+  return {&channel.rising_enable, &channel.falling_enable};
+}
+
+// 0, or the reason of a failure; what follows one is switched all the same.
+int switch_events(const Channel& channel, bool enable) {
+  int reason = 0;
+  for (const auto* file : switches(channel)) {
+    const int failure = write_number(*file, enable ? 1 : 0);
+    reason = reason != 0 ? reason : failure;
+  }
+  return reason;
+}
+
+// Thresholds
+
+struct Threshold {
+  const UniqueFd& file;
+  /// Where the converter's scale ends on this side.
+  std::optional<gint>& end;
+  bool rising;
+};
+
+Threshold rising_threshold(Channel& channel) {
+  return {.file = channel.rising_value, .end = channel.rising_end, .rising = true};
+}
+
+Threshold falling_threshold(Channel& channel) {
+  return {.file = channel.falling_value, .end = channel.falling_end, .rising = false};
+}
+
+bool means_off_scale(int reason) {
+  return reason == EINVAL || reason == ERANGE || reason == EDOM;
+}
+
+// The value nearest to `refused` that the converter takes; it takes `taken`. Left written.
+gint nearest_taken(const UniqueFd& file, gint64 taken, gint64 refused) {
+  while (std::abs(refused - taken) > 1) {
+    const gint64 middle = taken + (refused - taken) / 2;
+    (write_number(file, static_cast<gint>(middle)) == 0 ? taken : refused) = middle;
+  }
+  write_number(file, static_cast<gint>(taken));
+  return static_cast<gint>(taken);
+}
+
+// Finds the end of the scale, between the level and what was refused.
+int place_at_end(const Channel& channel, const Threshold& threshold, gint64 wanted, gint64 level) {
+  if (write_number(threshold.file, static_cast<gint>(level)) != 0) {
+    return ERANGE;
+  }
+  const gint64 farthest = std::clamp<gint64>(wanted, G_MININT, G_MAXINT);
+  threshold.end = nearest_taken(threshold.file, level, farthest);
+  g_warning("%sThreshold %s of %s %s is beyond its scale, using %d", log_prefix,
+            std::to_string(wanted).c_str(), channel.driver.value_or("").c_str(),
+            full_name(channel).c_str(), *threshold.end);
+  return 0;
+}
+
+// Puts a threshold where it is wanted, or on the end of the converter's scale when it is beyond
+// that. 0, or the reason of a failure: ERANGE when the level is beyond that end as well.
+int place(const Channel& channel, const Threshold& threshold, gint64 wanted, gint64 level) {
+  if (!threshold.end) {
+    // What is beyond 32 bits wraps, as the kernel is told "%d".
+    const int reason = write_number(threshold.file, static_cast<gint>(wanted));
+    return means_off_scale(reason) ? place_at_end(channel, threshold, wanted, level) : reason;
+  }
+  const gint64 end = *threshold.end;
+  const gint64 value = threshold.rising ? std::min(wanted, end) : std::max(wanted, end);
+  if (threshold.rising ? value < level : value > level) {
+    return ERANGE;
+  }
+  const int reason = write_number(threshold.file, static_cast<gint>(value));
+  if (means_off_scale(reason)) {
+    // The scale has changed; it is measured anew next time.
+    threshold.end.reset();
+    return ERANGE;
+  }
+  return reason;
+}
+
+// Levels are told without the low bits that do not count; the device's own counts have them.
+gint64 counts(const Channel& channel, gint64 level) {
   const guint shift = bitshift(channel);
-  return static_cast<gint>(shift < 32 ? level << shift : 0);
+  return shift < 32 ? level * (gint64{1} << shift) : 0;
 }
 
-void arm_one_threshold(const Channel& channel, const SupervisedRange& range) {
+int arm_both(Channel& channel, const SupervisedRange& range) {
+  const gint64 upper = gint64{range.upper} + channel.hysteresis;
+  const gint64 lower = gint64{range.lower} - channel.hysteresis;
+  const gint64 now = channel.last_raw;
+  int reason = place(channel, rising_threshold(channel), counts(channel, upper), now);
+  if (reason == 0) {
+    reason = place(channel, falling_threshold(channel), counts(channel, lower), now);
+  }
+  return reason != 0 ? reason : switch_events(channel, true);
+}
+
+// Its thresholds are told as levels, without the shift.
+int arm_one(Channel& channel, const SupervisedRange& range) {
   const bool rising = range.lower == 0;
-  if (rising) {
-    write_number(channel.rising_value, static_cast<gint>(range.upper + channel.hysteresis));
-  } else {
-    write_number(channel.falling_value, static_cast<gint>(range.lower - channel.hysteresis));
+  const gint64 wanted =
+      rising ? gint64{range.upper} + channel.hysteresis : gint64{range.lower} - channel.hysteresis;
+  const auto threshold = rising ? rising_threshold(channel) : falling_threshold(channel);
+  const gint64 now = iio_shift_right(channel.last_raw, bitshift(channel));
+  const int reason = place(channel, threshold, wanted, now);
+  if (reason != 0 || channel.either_enable) {
+    return reason != 0 ? reason : write_number(channel.either_enable, 1);
   }
-  if (channel.either_enable) {
-    write_number(channel.either_enable, 1);
-  } else {
-    write_number(rising ? channel.rising_enable : channel.falling_enable, 1);
-  }
+  return write_number(rising ? channel.rising_enable : channel.falling_enable, 1);
 }
 
 // Settings of the whole device, told as the description has them; a device without one goes on.
@@ -172,36 +270,43 @@ bool iio_threshold_open(IioThresholdChannel& channel) {
 
 void iio_threshold_prepare(const IioThresholdChannel& channel) {
   write_device_settings(channel);
-  write_number(channel.falling_value, 0);
-  write_number(channel.rising_value, 1);
-  enable_events(channel, false);
+  write_or_warn(channel.falling_value, 0);
+  write_or_warn(channel.rising_value, 1);
+  iio_threshold_disarm(channel);
 }
 
-std::optional<guint32> iio_threshold_read(const IioThresholdChannel& channel, GError** error) {
+std::optional<guint32> iio_threshold_read(IioThresholdChannel& channel, bool tell, GError** error) {
   const std::string path = channel_path(channel, "raw");
   g_autofree char* text = nullptr;
-  iio_read_sysfs(path.c_str(), &text);
-  if (text == nullptr) {
+  g_autoptr(GError) reason = nullptr;
+  if (!g_file_get_contents(path.c_str(), &text, nullptr, &reason)) {
+    if (tell) {
+      g_warning("%sFailed to read sysfs path '%s': %s", log_prefix, path.c_str(), reason->message);
+    }
     g_set_error(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_GENERIC,
                 "Failed to read '%s'", path.c_str());
     return std::nullopt;
   }
-  const auto raw = static_cast<guint32>(strtol(text, nullptr, 0));
-  return iio_shift_right(raw, bitshift(channel));
+  channel.last_raw = static_cast<guint32>(strtol(text, nullptr, 0));
+  return iio_shift_right(channel.last_raw, bitshift(channel));
 }
 
-void iio_threshold_arm(const IioThresholdChannel& channel, const SupervisedRange& range) {
-  if (channel.one_threshold) {
-    arm_one_threshold(channel, range);
-    return;
+int iio_threshold_arm(IioThresholdChannel& channel, const SupervisedRange& range) {
+  const int reason = channel.one_threshold ? arm_one(channel, range) : arm_both(channel, range);
+  if (reason != 0) {
+    switch_events(channel, false);
   }
-  write_number(channel.rising_value, shifted_threshold(channel, range.upper + channel.hysteresis));
-  write_number(channel.falling_value, shifted_threshold(channel, range.lower - channel.hysteresis));
-  enable_events(channel, true);
+  return reason;
+}
+
+void iio_threshold_hold(const IioThresholdChannel& channel) {
+  switch_events(channel, false);
 }
 
 void iio_threshold_disarm(const IioThresholdChannel& channel) {
-  enable_events(channel, false);
+  for (const auto* file : switches(channel)) {
+    write_or_warn(*file, 0);
+  }
 }
 
 void iio_threshold_close(IioThresholdChannel& channel) {

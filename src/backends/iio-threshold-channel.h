@@ -8,6 +8,7 @@
 #include "platform/handles.h"
 #include "port/ioport.h"
 
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -35,6 +36,11 @@ struct IioThresholdChannel {
   UniqueFd rising_enable;
   UniqueFd falling_enable;
   UniqueFd either_enable;
+  /// The outermost thresholds that the converter takes, once it has refused one beyond them.
+  std::optional<gint> rising_end;
+  std::optional<gint> falling_end;
+  /// What was read last, in the device's own counts. Also read by action-sequence threads.
+  std::atomic<guint32> last_raw{0};
 };
 
 /// Takes an attribute of the "device" element; those that are not the channel's are ignored.
@@ -50,13 +56,21 @@ bool iio_threshold_open(IioThresholdChannel& channel);
 /// only.
 void iio_threshold_prepare(const IioThresholdChannel& channel);
 
-/// The level now; nothing, with `error`, on failure.
-std::optional<guint32> iio_threshold_read(const IioThresholdChannel& channel, GError** error);
+/// The level now; nothing, with `error`, on failure. `tell`: whether that is logged, with its
+/// reason.
+std::optional<guint32> iio_threshold_read(IioThresholdChannel& channel, bool tell, GError** error);
 
-/// Has an event raised when the level leaves the range. Failures are logged only, as below.
-void iio_threshold_arm(const IioThresholdChannel& channel, const SupervisedRange& range);
+/// Has an event raised when the level, which was read last, leaves the range. A threshold that the
+/// converter refuses becomes the nearest one that it takes, which is logged when it is found. 0, or
+/// the reason of a failure, which is not logged, as it may come up again and again; no event is
+/// raised then. ERANGE: no threshold that the converter takes is beyond the level.
+int iio_threshold_arm(IioThresholdChannel& channel, const SupervisedRange& range);
 
-/// Has none raised any more; does nothing on a channel that is not open.
+/// Has none raised for the moment. Failures are not logged: they show when the events are armed
+/// next.
+void iio_threshold_hold(const IioThresholdChannel& channel);
+
+/// Has none raised any more; does nothing on a channel that is not open. Failures are logged only.
 void iio_threshold_disarm(const IioThresholdChannel& channel);
 
 void iio_threshold_close(IioThresholdChannel& channel);

@@ -4,12 +4,6 @@
 
 #include <glib-unix.h>
 
-namespace {
-
-constexpr guint rest_ms = 100;
-
-} // namespace
-
 void ReadableWatch::start(int fd, const char* name, Handler handler, gpointer user_data) {
   if (*this) {
     return;
@@ -18,13 +12,14 @@ void ReadableWatch::start(int fd, const char* name, Handler handler, gpointer us
   name_ = name;
   handler_ = handler;
   user_data_ = user_data;
-  told_ = false;
+  hung_up_ = Trouble();
+  rest_.reset();
   look();
 }
 
 void ReadableWatch::stop() {
   source_.reset();
-  rest_.reset();
+  rest_timer_.reset();
 }
 
 // Trouble is reported whether it was asked for or not; asked for, it gets here.
@@ -33,30 +28,41 @@ void ReadableWatch::look() {
   source_.reset(g_unix_fd_add(fd_, condition, on_condition, this));
 }
 
-void ReadableWatch::rest() {
-  if (!told_) {
-    g_warning("%s%s hung up, looking at it again every %u ms", log_prefix, name_.c_str(), rest_ms);
+void ReadableWatch::hang_up() {
+  if (hung_up_.tell()) {
+    g_warning("%s%s hung up, looking at it again every %u ms", log_prefix, name_.c_str(),
+              shortest_rest_ms);
   }
-  told_ = true;
-  source_.forget();
-  rest_.reset(g_timeout_add(rest_ms, on_rested, this));
+  rest(shortest_rest_ms);
+}
+
+void ReadableWatch::rest(guint duration_ms) {
+  source_.reset();
+  rest_timer_.reset(g_timeout_add(duration_ms, on_rested, this));
 }
 
 gboolean ReadableWatch::on_condition(gint /*fd*/, GIOCondition condition, gpointer user_data) {
   auto* watch = static_cast<ReadableWatch*>(user_data);
   if ((condition & G_IO_IN) == 0) {
-    watch->rest();
+    watch->hang_up();
     return G_SOURCE_REMOVE;
   }
-  watch->told_ = false;
-  // The watch may be gone afterwards; its source then is too, whatever is returned.
-  watch->handler_(watch->user_data_);
+  if (watch->hung_up_.end()) {
+    g_message("%s%s is back", log_prefix, watch->name_.c_str());
+  }
+  const Found found = watch->handler_(watch->user_data_);
+  if (found == Found::Sense) {
+    watch->rest_.reset();
+  } else if (found == Found::Trouble && watch->source_) {
+    watch->rest(watch->rest_.next());
+    return G_SOURCE_REMOVE;
+  }
   return G_SOURCE_CONTINUE;
 }
 
 gboolean ReadableWatch::on_rested(gpointer user_data) {
   auto* watch = static_cast<ReadableWatch*>(user_data);
-  watch->rest_.forget();
+  watch->rest_timer_.forget();
   watch->look();
   return G_SOURCE_REMOVE;
 }

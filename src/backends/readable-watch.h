@@ -1,17 +1,28 @@
 // The watch on a device that is read whenever it has something to tell.
 //
 // What a device reports without having anything to read (the other end of a pipe has closed, a
-// driver is being replaced) is no event. Polling it meanwhile would never rest, and what it tells
-// later still counts; so it is left alone for a moment and then looked at again. Main thread only.
+// driver is being replaced) is no event, and what cannot be read stays there. Polling such a device
+// would never rest, and what it tells later still counts; so it is left alone for a while and then
+// looked at again. Main thread only.
 #pragma once
 
+#include "backends/trouble.h"
 #include "platform/handles.h"
 
 #include <string>
 
 class ReadableWatch {
 public:
-  using Handler = void (*)(gpointer user_data);
+  /// What a handler found.
+  enum class Found {
+    /// Something to go by: whatever was wrong is over.
+    Sense,
+    /// Nothing that says whether the device is well.
+    Nothing,
+    /// A reason to leave the device alone for a while, each time for longer until it makes sense.
+    Trouble,
+  };
+  using Handler = Found (*)(gpointer user_data);
 
   ReadableWatch() = default;
   ~ReadableWatch() { stop(); }
@@ -22,20 +33,21 @@ public:
   /// watch stays as it is. The handler may stop the watch. `name` is the device's in messages.
   void start(int fd, const char* name, Handler handler, gpointer user_data);
   void stop();
-  explicit operator bool() const { return source_ || rest_; }
+  explicit operator bool() const { return source_ || rest_timer_; }
 
 private:
   static gboolean on_condition(gint fd, GIOCondition condition, gpointer user_data);
   static gboolean on_rested(gpointer user_data);
   void look();
-  void rest();
+  void hang_up();
+  void rest(guint duration_ms);
 
   int fd_ = -1;
   std::string name_;
   Handler handler_ = nullptr;
   gpointer user_data_ = nullptr;
-  /// Whether the present trouble has been told.
-  bool told_ = false;
+  Trouble hung_up_;
+  Rest rest_;
   SourceId source_;
-  SourceId rest_;
+  SourceId rest_timer_;
 };

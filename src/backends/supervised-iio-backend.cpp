@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <vector>
 
 namespace {
 
@@ -33,6 +34,8 @@ struct IioPortData {
   guint extra_shift = 0;
   gint channel = 0;
   guint last_reported = SUPERVISED_OPEN;
+  /// Samples cannot be read.
+  Trouble unreadable;
   // Last, so that it goes before the descriptor that it polls.
   ReadableWatch sample_watch;
 
@@ -108,22 +111,81 @@ bool read_scan_type(IioPortData* backend, const std::string& channel) {
   return true;
 }
 
-// The buffer takes no change of its channels while it runs.
-void switch_channel(const std::string& channel, int device, const char* on) {
-  const std::string buffer_switch = iio_device_folder(device) + "buffer/enable";
-  iio_write_sysfs(buffer_switch, "0");
-  iio_write_sysfs(channel + "_en", on);
-  iio_write_sysfs(buffer_switch, "1");
+bool switched_on(const std::string& path) {
+  g_autofree char* text = nullptr;
+  return g_file_get_contents(path.c_str(), &text, nullptr, nullptr) && text[0] == '1';
 }
 
-// 0, or the reason of a failure.
+// Switches of the scan that are on, but for the port's own.
+std::vector<std::string> others_in_scan(int device, const std::string& own) {
+  const std::string folder = iio_device_folder(device) + "scan_elements/";
+  std::vector<std::string> others;
+  g_autoptr(GDir) dir = g_dir_open(folder.c_str(), 0, nullptr);
+  while (const gchar* entry = dir != nullptr ? g_dir_read_name(dir) : nullptr) {
+    const std::string path = folder + entry;
+    if (path != own && path.ends_with("_en") && switched_on(path)) {
+      others.push_back(path);
+    }
+  }
+  return others;
+}
+
+// A scan is laid out as it should be when it holds the port's channel alone: with another one, or a
+// time, in it, no sample would be short enough to be read.
+bool scan_is_own(const IioPortData* data, int device, const std::string& own) {
+  for (const auto& other : others_in_scan(device, own)) {
+    g_autofree gchar* name = g_path_get_basename(other.c_str());
+    g_warning("%sThe scan of %s holds %s besides the port's channel", log_prefix,
+              text_or_empty(data->device), name);
+    return false;
+  }
+  if (!switched_on(own)) {
+    g_warning("%sThe scan of %s does not take the port's channel", log_prefix,
+              text_or_empty(data->device));
+    return false;
+  }
+  return true;
+}
+
+// The buffer takes no change of its channels while it runs.
+bool take_scan(const IioPortData* data, int device, const std::string& own) {
+  const std::string buffer_switch = iio_device_folder(device) + "buffer/enable";
+  iio_write_sysfs(buffer_switch, "0");
+  for (const auto& other : others_in_scan(device, own)) {
+    iio_write_sysfs(other, "0");
+  }
+  iio_write_sysfs(own, "1");
+  if (!scan_is_own(data, device, own)) {
+    return false;
+  }
+  iio_write_sysfs(buffer_switch, "1");
+  return true;
+}
+
+// 0, or the reason of a failure. Reading never waits: what polling saw may be gone.
 int open_node(IioPortData* data, int device) {
-  data->fd.reset(open(iio_device_node(device).c_str(), O_RDONLY | O_CLOEXEC));
-  const int reason = data->fd ? 0 : errno;
+  data->fd.reset(open(iio_device_node(device).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  return data->fd ? 0 : errno;
+}
+
+bool told_open(int reason) {
   if (reason != 0) {
     g_warning("%sFailed to open device: %s", log_prefix, g_strerror(reason));
   }
-  return reason;
+  return reason == 0;
+}
+
+// What the buffer holds is from before, and it keeps the oldest until somebody reads them. Bounded,
+// for a converter that is faster than its reader.
+void drop_samples(const IioPortData* data) {
+  constexpr int most_reads = 64;
+  constexpr gsize whole_samples = 4092; // of any size from 1 to 4
+  std::array<guint8, whole_samples> samples{};
+  for (int i = 0; i < most_reads; i++) {
+    if (read(data->fd.get(), samples.data(), samples.size()) != whole_samples) {
+      return;
+    }
+  }
 }
 
 bool iio_setup_sysfs(IioPortData* data) {
@@ -133,25 +195,23 @@ bool iio_setup_sysfs(IioPortData* data) {
     g_warning("%sFailed to find device name: %d %d", log_prefix, device, consumer);
     return false;
   }
+  // A node opens once. Whoever has it is being served, so nothing may be changed then.
+  if (const int reason = open_node(data, device); reason == EBUSY) {
+    return told_open(reason);
+  }
   const int trigger = make_trigger(data);
   if (trigger == -1) {
     return false;
   }
   bind_trigger(data, consumer, trigger);
   const std::string channel = channel_files(data, device);
-  if (!read_scan_type(data, channel)) {
+  if (!read_scan_type(data, channel) || !take_scan(data, device, channel + "_en")) {
     return false;
   }
-  g_autofree char* before = nullptr;
-  iio_read_sysfs((channel + "_en").c_str(), &before);
-  switch_channel(channel, device, "1");
-  if (const int open_errno = open_node(data, device); open_errno != 0) {
-    // A channel more in the scan would make every sample too long for whoever has the node open.
-    if (open_errno == EBUSY && g_strcmp0(before, "0") == 0) {
-      switch_channel(channel, device, "0");
-    }
+  if (!data->fd && !told_open(open_node(data, device))) {
     return false;
   }
+  drop_samples(data);
   return true;
 }
 
@@ -182,42 +242,73 @@ gboolean classify_cached(IoPort* port, guint* state, guint* level, GError** erro
   return supervised_lookup_state(port, *level, state, error);
 }
 
-bool read_sample(IioPortData* data, GError** error) {
+enum class Sample { Taken, None, Failed };
+
+// Takes the next sample into the cache; `reason` is that of a failure.
+Sample read_sample(IioPortData* data, const char** reason) {
   std::array<guint8, 4> sample{};
   const gsize bytes = std::min(data->storage_bytes(), sample.size());
-  errno = 0;
   const ssize_t got = read(data->fd.get(), sample.data(), bytes);
+  if (got < 0 && errno == EAGAIN) {
+    return Sample::None;
+  }
   if (got < 0 || static_cast<gsize>(got) != bytes) {
-    const char* const reason = got < 0 ? g_strerror(errno) : "sample cut short";
-    g_warning("%sread Error: %s", log_prefix, reason);
-    g_set_error_literal(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_GENERIC, reason);
-    return false;
+    *reason = got < 0 ? g_strerror(errno) : "sample cut short";
+    return Sample::Failed;
   }
   const guint32 value = iio_decode_sample(data->iio_type, std::span(sample).first(bytes));
   data->cached_level = iio_shift_right(value, data->extra_shift);
-  return true;
+  return Sample::Taken;
 }
 
-void on_sample(gpointer user_data) {
-  auto* port = static_cast<IoPort*>(user_data);
-  auto* data = backend_data<IioPortData>(port);
-  guint state = SUPERVISED_UNDEFINED;
-  guint level = 0;
-  g_autoptr(GError) error = nullptr;
-  if (!read_sample(data, &error) || !classify_cached(port, &state, &level, &error)) {
-    g_warning("%sReadout failed: %s", log_prefix, error->message);
-  }
+void report_if_changed(IoPort* port, IioPortData* data, guint state) {
   if (state != data->last_reported) {
     io_port_trigger(port, state);
     data->last_reported = state;
   }
 }
 
+// What cannot be read stays in the buffer, which goes on showing that it has something.
+ReadableWatch::Found on_unreadable_sample(IoPort* port, IioPortData* data, const char* reason) {
+  if (data->unreadable.tell()) {
+    g_warning("%sread Error: %s", log_prefix, reason);
+    g_warning("%sReadout failed: %s", log_prefix, reason);
+  }
+  report_if_changed(port, data, SUPERVISED_UNDEFINED);
+  return ReadableWatch::Found::Trouble;
+}
+
+ReadableWatch::Found on_sample(gpointer user_data) {
+  auto* port = static_cast<IoPort*>(user_data);
+  auto* data = backend_data<IioPortData>(port);
+  const char* reason = nullptr;
+  const Sample sample = read_sample(data, &reason);
+  if (sample == Sample::None) {
+    return ReadableWatch::Found::Trouble;
+  }
+  if (sample == Sample::Failed) {
+    return on_unreadable_sample(port, data, reason);
+  }
+  if (data->unreadable.end()) {
+    g_message("%sConverter of port %d can be read again", log_prefix, port->number);
+  }
+  guint state = SUPERVISED_UNDEFINED;
+  guint level = 0;
+  g_autoptr(GError) error = nullptr;
+  if (!classify_cached(port, &state, &level, &error)) {
+    g_warning("%sReadout failed: %s", log_prefix, error->message);
+  }
+  report_if_changed(port, data, state);
+  return ReadableWatch::Found::Sense;
+}
+
 void start_sample_watch(IoPort* port, IioPortData* data) {
   if (data->sample_watch || !data->fd) {
     return;
   }
+  drop_samples(data);
   data->last_reported = SUPERVISED_UNDEFINED;
+  data->unreadable = Trouble();
   data->sample_watch.start(data->fd.get(), text_or_empty(data->device), on_sample, port);
 }
 
@@ -248,7 +339,12 @@ gboolean iio_set_supervised(IoPort* port, gboolean /*supervised*/) {
   if (!io_port_input(port) && !io_port_set_direction(port, true)) {
     return FALSE;
   }
-  supervised_set_control_pins(port, backend_data<IioPortData>(port)->pins, pin_setup);
+  auto* data = backend_data<IioPortData>(port);
+  supervised_set_control_pins(port, data->pins, pin_setup);
+  if (data->sample_watch) {
+    // Taken before the line was led to the converter.
+    drop_samples(data);
+  }
   return TRUE;
 }
 

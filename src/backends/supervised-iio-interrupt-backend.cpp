@@ -8,6 +8,8 @@
 #include "platform/handles.h"
 #include "platform/log.h"
 
+#include <cerrno>
+
 namespace {
 
 constexpr guint32 limit_unset = G_MAXUINT32;
@@ -20,7 +22,12 @@ struct IioIntPortData {
   guint32 lower_limit = limit_unset;
   guint32 upper_limit = limit_unset;
   guint limit_timeout_ms = default_limit_timeout_ms;
-  SourceId limit_timer;
+  /// Looks at the level where no event would tell of it.
+  SourceId look_timer;
+  /// Readings fail.
+  Trouble unreadable;
+  /// Events cannot be armed.
+  Trouble unarmed;
   bool use_cached_level = true;
   bool pullup_when_supervised = false;
   // Also looked at by action-sequence threads.
@@ -43,8 +50,8 @@ bool measured(IoPort* port, const IioIntPortData* data) {
 
 // Reading
 
-bool read_level(IioIntPortData* data, GError** error) {
-  const auto level = iio_threshold_read(data->channel, error);
+bool read_level(IioIntPortData* data, bool tell, GError** error) {
+  const auto level = iio_threshold_read(data->channel, tell, error);
   if (level) {
     data->cached_level = *level;
   }
@@ -63,31 +70,29 @@ const SupervisedRange* range_of_level(const GList* ranges, guint32 level) {
   return found;
 }
 
-gboolean readout(IoPort* port, bool use_cache, guint* state, guint* level, GError** error) {
-  auto* data = backend_data_ensure<IioIntPortData>(port);
+bool classify(IoPort* port, guint level, guint* state, GError** error) {
   *state = SUPERVISED_UNDEFINED;
-  if (!use_cache && !read_level(data, error)) {
-    return FALSE;
-  }
-  *level = data->cached_level;
   if (port->ranges == nullptr) {
     g_set_error(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_NOT_SUPERVISED,
                 "Failed to get ranges from port %s", c_str_or_null(port->name));
+    return false;
+  }
+  return supervised_lookup_state(port, level, state, error);
+}
+
+gboolean readout(IoPort* port, bool use_cache, guint* state, guint* level, GError** error) {
+  auto* data = backend_data_ensure<IioIntPortData>(port);
+  *state = SUPERVISED_UNDEFINED;
+  if (!use_cache && !read_level(data, true, error)) {
     return FALSE;
   }
-  return supervised_lookup_state(port, *level, state, error);
+  *level = data->cached_level;
+  return classify(port, *level, state, error);
 }
 
 gboolean iio_int_get_supervised_readout(IoPort* port, guint* state, guint* level, GError** error) {
   const auto* data = backend_data_ensure<IioIntPortData>(port);
   return readout(port, data->use_cached_level, state, level, error);
-}
-
-void report_if_changed(IoPort* port, IioIntPortData* data, guint state) {
-  if (state != data->last_reported) {
-    io_port_trigger(port, state);
-    data->last_reported = state;
-  }
 }
 
 // Watching
@@ -97,71 +102,139 @@ bool beyond_limits(const IioIntPortData* data, guint32 level) {
          || (data->upper_limit != limit_unset && level >= data->upper_limit);
 }
 
-gboolean on_limit_timer(gpointer user_data);
+gboolean on_look_timer(gpointer user_data);
 
-// Arms the events around the range that holds the level. Beyond a limit the converter's events
-// cannot be trusted; there the level is polled instead.
-void update_thresholds(IoPort* port) {
+void look_again(IoPort* port, guint delay_ms) {
+  backend_data<IioIntPortData>(port)->look_timer.reset(
+      g_timeout_add(delay_ms, on_look_timer, port));
+}
+
+/// What a level is read for.
+enum class Occasion { Event, Arming, Look };
+
+void tell_unreadable(const IoPort* port, Occasion occasion, const char* reason) {
+  switch (occasion) {
+  case Occasion::Event:
+    g_warning("%sReadout failed: %s", log_prefix, reason);
+    break;
+  case Occasion::Arming:
+    g_warning("%sCouldn't read adc value for %s\n", log_prefix, c_str_or_null(port->name));
+    break;
+  case Occasion::Look:
+    g_warning("%sUnable to read from port %s\n", log_prefix, c_str_or_null(port->name));
+    break;
+  }
+}
+
+// The level for the watch. A reading that fails leaves nothing armed, so another one follows.
+std::optional<guint> watched_level(IoPort* port, Occasion occasion) {
   auto* data = backend_data<IioIntPortData>(port);
+  g_autoptr(GError) error = nullptr;
+  if (read_level(data, data->unreadable.due(), &error)) {
+    if (data->unreadable.end()) {
+      g_message("%sConverter of port %d can be read again", log_prefix, port->number);
+    }
+    return data->cached_level;
+  }
+  if (data->unreadable.tell()) {
+    tell_unreadable(port, occasion, error->message);
+  }
+  look_again(port, shortest_rest_ms);
+  return std::nullopt;
+}
+
+// Whether the state was a new one.
+bool report_level(IoPort* port, guint level) {
+  auto* data = backend_data<IioIntPortData>(port);
+  guint state = SUPERVISED_UNDEFINED;
+  g_autoptr(GError) error = nullptr;
+  if (!classify(port, level, &state, &error)) {
+    g_warning("%sReadout failed: %s", log_prefix, error->message);
+    return false;
+  }
+  if (state == data->last_reported) {
+    return false;
+  }
+  io_port_trigger(port, state);
+  data->last_reported = state;
+  return true;
+}
+
+bool arm(IoPort* port, const SupervisedRange& range) {
+  auto* data = backend_data<IioIntPortData>(port);
+  const int reason = iio_threshold_arm(data->channel, range);
+  if (reason == 0) {
+    if (data->unarmed.end()) {
+      g_message("%sConverter of port %d takes its thresholds again", log_prefix, port->number);
+    }
+    return true;
+  }
+  if (!data->unarmed.tell()) {
+    return false;
+  }
+  if (reason == ERANGE) {
+    g_warning("%sThe level of port %d is beyond its converter's thresholds, polling it every %u ms",
+              log_prefix, port->number, data->limit_timeout_ms);
+  } else {
+    g_warning("%sFailed to write sysfs: %s", log_prefix, g_strerror(reason));
+  }
+  return false;
+}
+
+// Has the next change told: by an event that is armed around the range that holds the level. Beyond
+// a limit the converter's events cannot be trusted, between the ranges there is nothing to arm, and
+// a converter may refuse; the level is polled then.
+void await_change(IoPort* port, guint level) {
+  auto* data = backend_data<IioIntPortData>(port);
+  data->look_timer.reset();
   if (port->ranges == nullptr) {
     return;
   }
-  guint state = SUPERVISED_UNDEFINED;
-  guint level = 0;
-  if (!readout(port, false, &state, &level, nullptr)) {
-    g_warning("%sCouldn't read adc value for %s\n", log_prefix, c_str_or_null(port->name));
-    return;
-  }
   const SupervisedRange* const range = range_of_level(port->ranges, level);
-  if (range == nullptr) {
-    return;
+  if (range == nullptr || beyond_limits(data, level) || !arm(port, *range)) {
+    look_again(port, data->limit_timeout_ms);
   }
-  data->limit_timer.reset();
-  if (beyond_limits(data, level)) {
-    data->limit_timer.reset(g_timeout_add(data->limit_timeout_ms, on_limit_timer, port));
-    return;
-  }
-  iio_threshold_arm(data->channel, *range);
 }
 
-gboolean on_limit_timer(gpointer user_data) {
+void update_thresholds(IoPort* port) {
+  if (port->ranges == nullptr) {
+    return;
+  }
+  if (const auto level = watched_level(port, Occasion::Arming)) {
+    await_change(port, *level);
+  }
+}
+
+gboolean on_look_timer(gpointer user_data) {
   auto* port = static_cast<IoPort*>(user_data);
-  auto* data = backend_data<IioIntPortData>(port);
-  guint state = SUPERVISED_UNDEFINED;
-  guint level = 0;
-  if (!readout(port, false, &state, &level, nullptr)) {
-    g_warning("%sUnable to read from port %s\n", log_prefix, c_str_or_null(port->name));
-    return G_SOURCE_CONTINUE;
+  // This source ends by itself; what follows may start another.
+  backend_data<IioIntPortData>(port)->look_timer.forget();
+  if (const auto level = watched_level(port, Occasion::Look)) {
+    report_level(port, *level);
+    await_change(port, *level);
   }
-  report_if_changed(port, data, state);
-  if (beyond_limits(data, level)) {
-    return G_SOURCE_CONTINUE;
-  }
-  // This source ends by itself; the update may start another.
-  data->limit_timer.forget();
-  update_thresholds(port);
   return G_SOURCE_REMOVE;
 }
 
-void on_device_event(IoPort* port, gint channel) {
+bool on_device_event(IoPort* port, gint channel) {
   auto* data = backend_data<IioIntPortData>(port);
-  if (static_cast<guint64>(channel) != data->channel.channel) {
-    return;
+  if (channel != iio_every_channel && static_cast<guint64>(channel) != data->channel.channel) {
+    return false;
   }
-  iio_threshold_disarm(data->channel);
-  guint state = SUPERVISED_UNDEFINED;
-  guint level = 0;
-  g_autoptr(GError) error = nullptr;
-  if (!readout(port, false, &state, &level, &error)) {
-    g_warning("%sReadout failed: %s", log_prefix, error->message);
-  } else {
-    report_if_changed(port, data, state);
+  iio_threshold_hold(data->channel);
+  const auto level = watched_level(port, Occasion::Event);
+  if (!level) {
+    return false;
   }
+  const bool news = report_level(port, *level);
   update_thresholds(port);
+  return news;
 }
 
 void stop_interrupts(IoPort* port, IioIntPortData* data) {
-  data->limit_timer.reset();
+  data->look_timer.reset();
+  data->unreadable = Trouble();
+  data->unarmed = Trouble();
   iio_threshold_disarm(data->channel);
   iio_event_device_unwatch(port, data->channel.device_path);
 }

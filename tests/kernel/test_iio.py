@@ -1,8 +1,13 @@
 """Converters that are read through a buffer: layouts, triggers, and set-ups that fail."""
 
+import contextlib
 import errno
 import os
+import pathlib
 import re
+import subprocess
+import tempfile
+import time
 
 import pytest
 
@@ -198,3 +203,117 @@ def test_a_converter_that_vanishes_costs_nothing_and_returns(root_device):
 def test_the_ranges_come_from_the_description(device):
     supervision = start(device, IIO.port())
     assert supervision.GetSupervisedRanges(0) == [tuple(entry) for entry in RANGES]
+
+
+def in_scan(adc):
+    """What a scan of the converter holds."""
+    folder = adc.folder / "scan_elements"
+    return sorted(file.name for file in folder.glob("*_en") if file.read_text() == "1\n")
+
+
+@pytest.mark.parametrize("others", [["in_voltage0"], ["in_timestamp"], ["in_voltage3", "in_timestamp"]])
+def test_what_else_is_in_the_scan_is_taken_out(device, others):
+    for other in others:
+        (ADC_LE12.folder / "scan_elements" / f"{other}_en").write_text("1")
+    IIO.show("closed")
+    supervision = start(device, IIO.port())
+    supervision.SetSupervised(0, True)
+    wait_for_level(supervision, LEVELS["closed"])
+    assert in_scan(ADC_LE12) == [f"in_voltage{IIO.channel}_en"]
+    IIO.show("open")
+    wait_for_level(supervision, LEVELS["open"])
+    assert device.log_count("^WARNING") == 0
+
+
+def test_a_channel_of_an_earlier_description_is_taken_out(device):
+    start(device, IIO.port(channel=3))
+    device.kill()
+    assert in_scan(ADC_LE12) == ["in_voltage3_en"]
+    IIO.show("closed")
+    supervision = start(device, IIO.port())
+    supervision.SetSupervised(0, True)
+    wait_for_level(supervision, LEVELS["closed"])
+    assert in_scan(ADC_LE12) == [f"in_voltage{IIO.channel}_en"]
+    assert device.log_count("^WARNING: read Error") == 0
+
+
+@contextlib.contextmanager
+def stuck(file):
+    """Covers a file by one that cannot be written."""
+    with tempfile.TemporaryDirectory() as folder:
+        cover = pathlib.Path(folder, "cover")
+        cover.write_text(file.read_text())
+        mount = "/usr/bin/mount"
+        subprocess.run([mount, "--bind", cover, file], check=True)
+        subprocess.run([mount, "-o", "remount,bind,ro", file], check=True)
+        try:
+            yield
+        finally:
+            subprocess.run(["/usr/bin/umount", file], check=True)
+
+
+def test_a_scan_that_keeps_another_channel_drops_only_its_port(device):
+    other = ADC_LE12.folder / "scan_elements/in_voltage0_en"
+    other.write_text("1")
+    with stuck(other):
+        start(device, IIO.port(), gpio_input("door", 1, PLAIN[8]))
+        assert list(device.ports()) == [1]
+    told = "^WARNING: The scan of bench-adc-le12 holds in_voltage0_en besides the port's channel$"
+    assert device.log_count(told) == 1
+    assert device.log_count("^WARNING: Failed to setup iio device.") == 1
+
+
+def change_scan(adc, element, switch):
+    """As another program does it."""
+    (adc.folder / "buffer/enable").write_text("0")
+    (adc.folder / f"scan_elements/{element}_en").write_text(switch)
+    (adc.folder / "buffer/enable").write_text("1")
+
+
+def test_samples_that_cannot_be_read_cost_nothing_and_are_told_once(device):
+    IIO.show("closed")
+    supervision = start(device, IIO.port(freq=200))
+    supervision.SetSupervised(0, True)
+    wait_for_level(supervision, LEVELS["closed"])
+    signals = device.signals()
+    for _ in range(2):
+        change_scan(ADC_LE12, "in_voltage0", "1")
+        signals.wait_for(PortChanged, port=0)  # undefined
+        used, told = device.cpu_s, device.log_count("^WARNING")
+        time.sleep(4)  # the time itself is what is looked at
+        assert device.cpu_s - used < 1
+        assert device.log_count("^WARNING") == told
+        change_scan(ADC_LE12, "in_voltage0", "0")
+        signals.wait_for(PortChanged, port=0, state=True)  # closed
+    assert device.log_count("^WARNING: read Error: Invalid argument$") == 2
+    assert device.log_count("^WARNING: Readout failed: Invalid argument$") == 2
+    assert device.log_count("Converter of port 0 can be read again$") == 2
+    IIO.show("open")
+    signals.wait_for(PortChanged, port=0, state=False)
+    signals.assert_none()
+
+
+def wait_for_samples(adc, count):
+    before = adc.samples
+    wait_until(lambda: adc.samples - before >= count, f"{count} samples")
+
+
+def test_samples_of_before_are_not_reported(device):
+    """The buffer keeps the oldest ones, until somebody fetches them."""
+    IIO.show("cut")
+    supervision = start(device, IIO.port(freq=100))
+    for _ in range(3):
+        wait_for_samples(ADC_LE12, 3)
+        IIO.show("closed")
+        signals = device.signals()
+        supervision.SetSupervised(0, True)
+        signals.wait_for(PortChanged, port=0, state=True)
+        wait_for_samples(ADC_LE12, 3)
+        device.sync()
+        signals.assert_none(PortChanged)
+        assert supervision.GetSupervisedReadout(0) == ("closed", LEVELS["closed"])
+        IIO.show("open")
+        signals.wait_for(PortChanged, port=0, state=False)
+        supervision.SetSupervised(0, False)
+        IIO.show("cut")
+    assert device.log_count("event send .*SupervisedPort .*state=cut ") == 0

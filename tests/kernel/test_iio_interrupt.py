@@ -2,6 +2,7 @@
 
 import errno
 import os
+import time
 
 import pytest
 
@@ -417,3 +418,163 @@ def test_a_reading_that_fails_is_told_and_gets_over(device):
     supervision.SetSupervised(0, True)
     assert supervision.GetSupervisedReadout(0)[0] == "cut"
     assert armed() == (255, 200, ["rising", "falling"])
+
+
+def test_a_reading_that_fails_amid_an_event_leaves_nothing_unarmed(device):
+    IIO_INTERRUPT.show("closed")
+    start(device, IIO_INTERRUPT.port())
+    signals = device.signals()
+    for state, thresholds in (("cut", (255, 200)), ("open", (180, 110))):
+        ADC_LE12.fail_readings(errno.EIO)
+        IIO_INTERRUPT.show(state)
+        device.wait_for_log("^WARNING: Readout failed: ")
+        signals.assert_none()
+        ADC_LE12.fail_readings(0)
+        signals.wait_for(PortChanged, port=0, input=True)
+        wait_until(lambda: armed() == (*thresholds, ["rising", "falling"]), "armed thresholds")
+        device.wait_for_log(f"event send .*SupervisedPort .*state={state} ")
+    assert device.log_count("^WARNING: Readout failed: ") == 2
+    assert device.log_count("^WARNING: Failed to read sysfs path") == 2
+    assert device.log_count("Converter of port 0 can be read again$") == 2
+    signals.assert_none()
+
+
+def test_readings_that_fail_from_the_start_cost_nothing_and_are_told_once(device):
+    IIO_INTERRUPT.show("closed")
+    ADC_LE12.fail_readings(errno.EIO)
+    start(device, IIO_INTERRUPT.port())
+    device.wait_for_log("^WARNING: Couldn't read adc value for zone$")
+    device.sync()
+    used, told = device.cpu_s, device.log_count("^WARNING")
+    time.sleep(3)  # the time itself is what is looked at
+    assert device.cpu_s - used < 1.5
+    assert device.log_count("^WARNING") == told
+    signals = device.signals()
+    ADC_LE12.fail_readings(0)
+    signals.wait_for(PortChanged, port=0, input=True)
+    wait_until(lambda: armed() == (100, 50, ["rising", "falling"]), "armed thresholds")
+
+
+@pytest.mark.parametrize("end", ["supervision off", "turned to output", "dropped"])
+def test_the_attempts_to_read_end_with_the_watch(root_device, end):
+    IIO_INTERRUPT.show("closed")
+    described = IIO_INTERRUPT.port(kind="io_ctrl", dir="input", optional="true")
+    supervision = start(root_device, described)
+    ADC_LE12.fail_readings(errno.EIO)
+    IIO_INTERRUPT.show("cut")
+    root_device.wait_for_log("^WARNING: Readout failed: ")
+    if end == "supervision off":
+        supervision.SetSupervised(0, False)
+    elif end == "turned to output":
+        root_device.state.SetDirection(0, "output")
+    else:
+        root_device.state.DropIOPorts(["zone"])
+    wait_until(lambda: root_device.passes_a_second_at_rest, "a stretch of quiet")
+
+
+@pytest.mark.parametrize("kind", [IIO_INTERRUPT, IIO_EITHER], ids=repr)
+@pytest.mark.parametrize("hysteresis", [0, 7])
+def test_a_threshold_beyond_the_scale_becomes_the_nearest_that_is_taken(device, kind, hysteresis):
+    top = 240
+    kind.chip.limit_thresholds(top)
+    kind.chip.compare_levels()
+    kind.show("closed")
+    start(device, kind.port(hysteresis=hysteresis))
+    signals = device.signals()
+    now = lambda: armed(kind.chip, f"voltage{kind.channel}")[:2]  # noqa: E731
+    for _ in range(3):
+        kind.show("cut")
+        signals.wait_for(PortChanged, port=0, input=True)
+        wait_until(lambda: now() == (top, 200 - hysteresis), lambda: f"the top, not {now()}")
+        kind.show("short")
+        signals.wait_for(PortChanged, port=0, input=True)
+        wait_until(lambda: now() == (40 + hysteresis, 0), lambda: f"the bottom, not {now()}")
+    told = [line for line in warnings(device) if "threshold" in line.lower()]
+    channel = f"{kind.chip.name} in_voltage{kind.channel}"
+    beyond = f"WARNING: Threshold {{}} of {channel} is beyond its scale, using {{}}"
+    assert told == [
+        beyond.format(255 + hysteresis, top),
+        *([beyond.format(-hysteresis, 0)] if hysteresis else []),
+    ]
+    assert device.log_count("^WARNING: Failed to write sysfs") == 0
+    assert kind.chip.events(kind.channel) == 6
+
+
+@pytest.mark.parametrize("kind", [IIO_INTERRUPT, IIO_EITHER], ids=repr)
+def test_a_level_above_all_thresholds_that_are_taken_is_polled(device, kind):
+    kind.chip.limit_thresholds(220)
+    kind.chip.compare_levels()
+    kind.show("closed")
+    start(device, kind.port(limit_timeout=50))
+    signals = device.signals()
+    kind.show("cut")
+    signals.wait_for(PortChanged, port=0, input=True)
+    told = "^WARNING: The level of port 0 is beyond its converter's thresholds, polling it every 50 ms$"
+    device.wait_for_log(told)
+    used = device.cpu_s
+    time.sleep(3)  # the time itself is what is looked at
+    assert device.cpu_s - used < 1.5
+    assert len(warnings(device)) == 1
+    assert armed(kind.chip, f"voltage{kind.channel}")[2] == []
+    assert kind.chip.events(kind.channel) == 1
+    kind.show("open")
+    signals.wait_for(PortChanged, port=0, input=True)
+    wait_until(lambda: armed(kind.chip, f"voltage{kind.channel}")[:2] == (180, 110), "thresholds")
+    device.wait_for_log("Converter of port 0 takes its thresholds again$")
+    kind.show("closed")
+    signals.wait_for(PortChanged, port=0, input=True)
+
+
+def test_a_converter_that_cannot_be_armed_is_polled_until_it_can(device):
+    IIO_INTERRUPT.show("closed")
+    start(device, IIO_INTERRUPT.port(limit_timeout=50))
+    signals = device.signals()
+    ADC_LE12.fail_event_writes(errno.EIO)
+    for state in ("open", "cut", "short"):
+        IIO_INTERRUPT.show(state)
+        signals.wait_for(PortChanged, port=0, input=True)
+    assert device.log_count("^WARNING: Failed to write sysfs") == 1
+    ADC_LE12.fail_event_writes(0)
+    wait_until(lambda: armed() == (40, 0, ["rising", "falling"]), "armed thresholds")
+    IIO_INTERRUPT.show("closed")
+    signals.wait_for(PortChanged, port=0, input=True)
+
+
+@pytest.mark.parametrize("kind", [IIO_INTERRUPT, IIO_EITHER], ids=repr)
+def test_a_threshold_that_fires_without_a_change_is_given_a_rest(device, kind):
+    """Of a level that is shifted, the converter sees more than counts here."""
+    kind.chip.compare_levels()
+    set_level = lambda level: kind.chip.set_value(level, kind.channel)  # noqa: E731
+    set_level(75 << 1)
+    start(device, kind.port(bitshift=1))
+    signals = device.signals()
+    set_level(100 << 1 | 1)
+    told = f"^WARNING: {kind.chip.node} keeps reporting changes that are none"
+    device.wait_for_log(told)
+    signals.take()  # a fresh watch counts from undefined
+    used, events = device.cpu_s, kind.chip.events(kind.channel)
+    time.sleep(5)  # the time itself is what is looked at
+    assert device.cpu_s - used < 2.5
+    assert kind.chip.events(kind.channel) - events < 500
+    assert len(warnings(device)) == 1
+    signals.assert_none()
+    for state in ("open", "closed", "cut"):
+        set_level(LEVELS[state] << 1)
+        signals.wait_for(PortChanged, port=0, input=True)
+    assert device.log_count(f"{kind.chip.node} reports true changes again$") == 1
+
+
+def test_a_level_that_no_range_holds_is_polled(device):
+    """No threshold can be put around it, but what comes next is reported all the same."""
+    IIO_INTERRUPT.show("closed")
+    start(device, IIO_INTERRUPT.port(limit_timeout=50))
+    signals = device.signals()
+    IIO_INTERRUPT.show("short")
+    signals.wait_for(PortChanged, port=0, input=True)
+    for state, thresholds in (("open", (180, 110)), ("cut", (255, 200))):
+        IIO_INTERRUPT.show("undefined")
+        signals.wait_for(PortChanged, port=0, input=True)
+        IIO_INTERRUPT.show(state)
+        signals.wait_for(PortChanged, port=0, input=True)
+        wait_until(lambda: armed() == (*thresholds, ["rising", "falling"]), "armed thresholds")
+    assert device.log_count("^WARNING") == 0

@@ -28,13 +28,18 @@ using Served = std::vector<std::pair<IoPort*, gint>>;
 
 Served served;
 
-void serve(IoPort* port, gint channel) {
+// Whether events bring anything new.
+bool news = true;
+
+bool serve(IoPort* port, gint channel) {
   served.emplace_back(port, channel);
+  return news;
 }
 
 struct AnEventDevice : testing::Test {
   void SetUp() override {
     served.clear();
+    news = true;
     ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC), 0);
     fake_ioctl = [this](int, unsigned long request, void* argument) {
       EXPECT_EQ(request, static_cast<unsigned long>(IIO_GET_EVENT_FD_IOCTL));
@@ -135,8 +140,11 @@ TEST_F(AnEventDevice, serves_nobody_with_an_event_cut_short) {
   run_pending();
   EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "read Error: event cut short"));
   EXPECT_THAT(take_served(), IsEmpty());
+  // It rests, and is served afterwards.
   send(3);
   run_pending();
+  EXPECT_THAT(take_served(), IsEmpty());
+  EXPECT_TRUE(run_until([] { return !served.empty(); }));
   EXPECT_THAT(take_served(), ElementsAre(Pair(first.get(), 3)));
 }
 
@@ -157,6 +165,42 @@ TEST_F(AnEventDevice, rests_when_it_hangs_up_and_is_served_again) {
     EXPECT_TRUE(run_until([] { return !served.empty(); }));
     EXPECT_THAT(take_served(), ElementsAre(Pair(first.get(), channel)));
   }
+}
+
+TEST_F(AnEventDevice, is_left_alone_when_it_keeps_telling_of_nothing_new) {
+  join(first);
+  watch(first);
+  news = false;
+  for (int i = 0; i < 40; i++) {
+    send(5);
+  }
+  run_pending();
+  EXPECT_EQ(take_served().size(), 32U);
+  EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, path
+                                              + " keeps reporting changes that are none, looking "
+                                                "at it less often"));
+  // One look for whatever got lost, then the rest of the queue.
+  EXPECT_TRUE(run_until([] { return served.size() == 8; }));
+  EXPECT_EQ(served.front().second, iio_every_channel);
+  EXPECT_EQ(served.back().second, 5);
+  take_served();
+
+  // It is told once.
+  for (int i = 0; i < 60; i++) {
+    send(5);
+  }
+  EXPECT_TRUE(run_until([] { return served.size() == 60; }));
+  take_served();
+  news = true;
+  send(5);
+  EXPECT_TRUE(run_until([] { return served.size() == 1; }));
+  news = false;
+  take_served();
+  for (int i = 0; i < 32; i++) {
+    send(5);
+  }
+  EXPECT_TRUE(run_until([] { return served.size() == 32; }));
+  EXPECT_TRUE(logged_part(G_LOG_LEVEL_WARNING, " keeps reporting changes that are none"));
 }
 
 TEST_F(AnEventDevice, is_left_while_it_rests) {
