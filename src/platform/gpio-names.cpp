@@ -1,28 +1,31 @@
 #include "platform/gpio-names.h"
 
 #include "platform/handles.h"
+#include "platform/log.h"
 
 #include <fcntl.h>
 #include <linux/gpio.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
+#include <cerrno>
 #include <functional>
-#include <map>
-#include <set>
 #include <vector>
 
 namespace {
 
 constexpr const char* class_folder = "/sys/class/gpio";
-constexpr const char* bus_folder = "/sys/bus/gpio/devices";
+/// What the kernel tells of a line's name or a chip's label at most.
+constexpr gsize told_length = GPIO_MAX_NAME_SIZE - 1;
 
-// A chip as the character device shows it, with its number base once that is known.
+// A chip as the character device shows it, with the folders of its own device and of its parent.
 struct Chip {
-  std::string device;
+  std::string path;
   std::string label;
   guint lines;
+  std::string device;
   std::string parent;
-  std::optional<guint> base = std::nullopt;
 };
 
 // A chip as the sysfs class shows it.
@@ -30,8 +33,7 @@ struct ChipClass {
   guint base;
   guint lines;
   std::string label;
-  std::string parent;
-  std::string own;
+  std::string device;
 };
 
 void for_each_entry(const char* folder, const char* prefix,
@@ -40,7 +42,6 @@ void for_each_entry(const char* folder, const char* prefix,
   if (dir == nullptr) {
     return;
   }
-  // In order of name, so that chips pair up the same way on every start.
   std::set<std::string> names;
   while (const gchar* name = g_dir_read_name(dir)) {
     if (g_str_has_prefix(name, prefix)) {
@@ -81,52 +82,61 @@ std::vector<ChipClass> chip_classes() {
     classes.push_back({.base = read_number(folder + "/base"),
                        .lines = read_number(folder + "/ngpio"),
                        .label = read_line(folder + "/label"),
-                       .parent = real_path(folder + "/device"),
-                       .own = folder});
+                       .device = real_path(folder + "/device")});
   });
   return classes;
+}
+
+std::string device_folder(int fd) {
+  struct stat status {};
+  if (fstat(fd, &status) != 0) {
+    return {};
+  }
+  return real_path("/sys/dev/char/" + std::to_string(major(status.st_rdev)) + ':'
+                   + std::to_string(minor(status.st_rdev)));
 }
 
 std::vector<Chip> chips() {
   std::vector<Chip> found;
   for_each_entry("/dev", "gpiochip", [&](const std::string& name) {
-    const std::string device = "/dev/" + name;
-    const UniqueFd fd(open(device.c_str(), O_RDONLY | O_CLOEXEC));
+    const std::string path = "/dev/" + name;
+    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     gpiochip_info info{};
     if (!fd || ioctl(fd.get(), GPIO_GET_CHIPINFO_IOCTL, &info) != 0) {
       return;
     }
-    found.push_back({.device = device,
+    const std::string device = device_folder(fd.get());
+    found.push_back({.path = path,
                      .label = std::string(info.label, strnlen(info.label, sizeof info.label)),
                      .lines = info.lines,
-                     .parent = real_path(std::string(bus_folder) + '/' + name)});
+                     .device = device,
+                     .parent = parent_folder(device)});
   });
   return found;
 }
 
-// The class entry hangs off the chip's device or, when the chip has no parent, off the chip itself.
-bool same_chip(const Chip& chip, const ChipClass& entry) {
-  const bool same_device = entry.parent.empty() || chip.parent.empty()
-                           || entry.parent == chip.parent
-                           || entry.parent == parent_folder(chip.parent);
-  return same_device && entry.lines == chip.lines && entry.label == chip.label;
+// The class entry hangs off the parent of the chip's device or, where that has none, off the device
+// itself. Several banks of one parent hang off the same folder: what else is known of them tells
+// some apart, and others nothing does.
+bool may_be(const ChipClass& entry, const Chip& chip) {
+  if (chip.device.empty()) {
+    return false;
+  }
+  return entry.device == chip.device
+         || (entry.device == chip.parent && entry.lines == chip.lines
+             && gpio_told_as(entry.label, chip.label));
 }
 
-// Every chip whose number base can be told. Chips that look the same pair up in order of base.
-std::vector<Chip> numbered_chips() {
-  auto classes = chip_classes();
-  auto found = chips();
-  for (auto& chip : found) {
-    for (auto entry = classes.begin(); entry != classes.end(); ++entry) {
-      if (same_chip(chip, *entry)) {
-        chip.base = entry->base;
-        classes.erase(entry);
-        break;
+// Calls `use` with every chip and each number base that may be its own.
+void for_each_chip(const std::function<void(const Chip&, guint base)>& use) {
+  const auto classes = chip_classes();
+  for (const auto& chip : chips()) {
+    for (const auto& entry : classes) {
+      if (may_be(entry, chip)) {
+        use(chip, entry.base);
       }
     }
   }
-  std::erase_if(found, [](const Chip& chip) { return !chip.base; });
-  return found;
 }
 
 std::string line_name(int fd, guint offset) {
@@ -140,32 +150,55 @@ std::string line_name(int fd, guint offset) {
 
 } // namespace
 
-std::optional<guint> gpio_number_of_name(const std::string& name) {
+bool gpio_told_as(const std::string& text, const std::string& told) {
+  return text.compare(0, told_length, told) == 0;
+}
+
+std::set<guint> gpio_numbers_of_name(const std::string& name) {
+  std::set<guint> numbers;
   // Lines without a name have the empty one in the kernel's answer; nobody means those.
   if (name.empty()) {
-    return std::nullopt;
+    return numbers;
   }
-  for (const auto& chip : numbered_chips()) {
-    const UniqueFd fd(open(chip.device.c_str(), O_RDONLY | O_CLOEXEC));
+  for_each_chip([&](const Chip& chip, guint base) {
+    const UniqueFd fd(open(chip.path.c_str(), O_RDONLY | O_CLOEXEC));
     for (guint offset = 0; fd && offset < chip.lines; offset++) {
-      if (line_name(fd.get(), offset) == name) {
-        return *chip.base + offset;
+      if (gpio_told_as(name, line_name(fd.get(), offset))) {
+        numbers.insert(base + offset);
       }
     }
+  });
+  return numbers;
+}
+
+std::optional<guint> gpio_number_of_name(const std::string& name) {
+  const auto numbers = gpio_numbers_of_name(name);
+  if (numbers.size() == 1) {
+    return *numbers.begin();
   }
+  std::string all;
+  for (const guint number : numbers) {
+    all += (all.empty() ? "" : " or ") + std::to_string(number);
+  }
+  if (!all.empty()) {
+    g_warning("%sLine '%s' may be pin %s: describe the one that is meant by number", log_prefix,
+              name.c_str(), all.c_str());
+  }
+  errno = all.empty() ? ENODEV : ENOTUNIQ;
   return std::nullopt;
 }
 
-std::optional<std::string> gpio_name_of_number(guint number) {
-  for (const auto& chip : numbered_chips()) {
-    if (number < *chip.base || number - *chip.base >= chip.lines) {
-      continue;
+std::set<std::string> gpio_names_of_number(guint number) {
+  std::set<std::string> names;
+  for_each_chip([&](const Chip& chip, guint base) {
+    if (number < base || number - base >= chip.lines) {
+      return;
     }
-    const UniqueFd fd(open(chip.device.c_str(), O_RDONLY | O_CLOEXEC));
-    const auto name = fd ? line_name(fd.get(), number - *chip.base) : std::string();
+    const UniqueFd fd(open(chip.path.c_str(), O_RDONLY | O_CLOEXEC));
+    const auto name = fd ? line_name(fd.get(), number - base) : std::string();
     if (!name.empty()) {
-      return name;
+      names.insert(name);
     }
-  }
-  return std::nullopt;
+  });
+  return names;
 }

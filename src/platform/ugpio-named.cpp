@@ -2,13 +2,10 @@
 
 #include "platform/gpio-names.h"
 
-#include <cerrno>
-
 ugpio_t* ugpio_request_named(const char* name) {
   if (const auto number = gpio_number_of_name(name)) {
     return ugpio_request(*number, name);
   }
-  errno = ENODEV;
   return nullptr;
 }
 
@@ -16,6 +13,5 @@ ugpio_t* ugpio_request_one_named(const char* name, unsigned int flags) {
   if (const auto number = gpio_number_of_name(name)) {
     return ugpio_request_one(*number, flags, name);
   }
-  errno = ENODEV;
   return nullptr;
 }

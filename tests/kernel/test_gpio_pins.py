@@ -3,7 +3,7 @@
 import pytest
 
 import chips
-from chips import LABELLED, NAMED, PLAIN
+from chips import BANK_A, BANK_B, LABELLED, LONG, NAMED, PLAIN
 from describe import element, port
 from gpio_ports import gpio_configurable, gpio_input, gpio_output, pin
 from sim.bus import PortChanged
@@ -272,3 +272,80 @@ def test_io_ctrl_without_its_pins_drops_the_port(device):
     )
     device.start()
     assert list(device.ports()) == [1]
+
+
+LONG_LABEL = "a-chip-with-a-label-longer-than-31-characters"
+
+
+def named_input(name, number, alias):
+    return port(name, number, "input", "gpio", backend_inside=element("input", alias=alias))
+
+
+@pytest.mark.parametrize("label", ["twin", LONG_LABEL])
+def test_lines_of_chips_that_look_alike_are_found(device, label):
+    with (
+        chips.kernel_gpio_simulator(label, 8, {3: "left-door"}, "left") as (_, pull_left),
+        chips.kernel_gpio_simulator(label, 8, {3: "right-door"}, "right") as (_, pull_right),
+    ):
+        device.describe(named_input("left", 0, "left-door") + named_input("right", 1, "right-door"))
+        device.start()
+        signals = device.signals()
+        for number, pull in ((0, pull_left), (1, pull_right)):
+            for level in (1, 0):
+                pull(3, level)
+                signals.wait_for(PortChanged, port=number, state=bool(level))
+        signals.assert_none()
+        device.stop()
+
+
+def test_a_name_on_two_chips_is_refused_with_both(device):
+    device.expect("CRITICAL.*libugpio_port_setup.*port->optional")
+    with (
+        chips.kernel_gpio_simulator("twin", 8, {3: "door"}, "left") as (left, _),
+        chips.kernel_gpio_simulator("twin", 8, {5: "door"}, "right") as (right, _),
+    ):
+        device.describe(named_input("door", 0, "door") + gpio_input("gate", 1, PLAIN[0]))
+        device.start()
+        assert list(device.ports()) == [1]
+        both = " or ".join(map(str, sorted((left + 3, right + 5))))
+        told = f"^WARNING: Line 'door' may be pin {both}: describe the one that is meant by number$"
+        assert device.log_count(told) == 1
+        device.stop()
+
+
+@pytest.mark.parametrize("line", [BANK_A[3], BANK_B[3]], ids=repr)
+def test_a_name_on_a_bank_that_cannot_be_told_is_refused_with_both(device, line):
+    device.expect("CRITICAL.*libugpio_port_setup.*port->optional")
+    device.describe(gpio_output("lock", 0, line, by="alias") + gpio_input("gate", 1, PLAIN[0]))
+    device.start()
+    assert list(device.ports()) == [1]
+    told = f"^WARNING: Line '{line.alias}' may be pin 603 or 635: "
+    assert device.log_count(told) == 1
+    assert not any(other.driven_levels for other in (*BANK_A.lines, *BANK_B.lines))
+
+
+@pytest.mark.parametrize("by", ["alias", "number", "both"])
+def test_a_line_with_a_longer_name_than_the_kernel_tells_is_found(root_device, by):
+    line = LONG[4]
+    root_device.describe(gpio_input("door", 0, line, by=by, optional="true"))
+    root_device.start()
+    for _ in range(2):
+        assert_serves(root_device, root_device.signals(), line, 0)
+        root_device.state.DropIOPorts(["door"])
+        root_device.state.RefreshIOPorts()
+    assert line.exported
+
+
+def test_longer_names_that_differ_behind_what_the_kernel_tells_are_refused(device):
+    device.expect("CRITICAL.*libugpio_port_setup.*port->optional")
+    common = "a-name-that-goes-on-for-31-chars"
+    names = {1: f"{common}-left", 2: f"{common}-right", 3: f"{common[:-3]}"}
+    with chips.kernel_gpio_simulator("other", 8, names) as (base, pull):
+        device.describe(named_input("left", 0, names[1]) + named_input("short", 1, names[3]))
+        device.start()
+        assert list(device.ports()) == [1]
+        assert device.log_count(f"may be pin {base + 1} or {base + 2}: ") == 1
+        pull(3, 1)
+        device.signals()
+        assert device.state.GetState(1) is True
+        device.stop()

@@ -10,12 +10,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 struct ugpio {
   unsigned int number;
@@ -54,17 +58,35 @@ void wait_for_access(const std::string& folder) {
   }
 }
 
-// Where the kernel shows the pin: by number, or by the line's name when the chip's driver says so.
-std::string exported_folder(unsigned int number) {
-  std::string by_number = class_folder + "gpio" + std::to_string(number);
-  if (exists(by_number)) {
-    return by_number;
+std::string numbered_folder(unsigned int number) {
+  return class_folder + "gpio" + std::to_string(number);
+}
+
+// Folders of pins that are shown by one of these names, as chips of some drivers have it.
+std::set<std::string> named_folders(const std::set<std::string>& names) {
+  std::set<std::string> folders;
+  g_autoptr(GDir) dir = names.empty() ? nullptr : g_dir_open(class_folder.c_str(), 0, nullptr);
+  while (const gchar* entry = dir != nullptr ? g_dir_read_name(dir) : nullptr) {
+    const bool meant = std::ranges::any_of(
+        names, [entry](const std::string& name) { return gpio_told_as(entry, name); });
+    const std::string folder = class_folder + entry;
+    if (meant && exists(folder + "/value")) {
+      folders.insert(folder);
+    }
   }
-  if (const auto name = gpio_name_of_number(number);
-      name && name->find('/') == std::string::npos && exists(class_folder + *name + "/value")) {
-    return class_folder + *name;
-  }
-  return {};
+  return folders;
+}
+
+// Whether no other pin can have the only one of these names.
+bool only_pin_of(const std::set<std::string>& names, unsigned int number) {
+  return names.size() == 1 && gpio_numbers_of_name(*names.begin()) == std::set{number};
+}
+
+// The only folder of `after` that is not in `before`, or none.
+std::string only_new(const std::set<std::string>& after, const std::set<std::string>& before) {
+  std::vector<std::string> fresh;
+  std::ranges::set_difference(after, before, std::back_inserter(fresh));
+  return fresh.size() == 1 ? fresh.front() : std::string();
 }
 
 const char* edge_word(unsigned int flags) {
@@ -113,19 +135,28 @@ char read_char(int fd) {
 
 } // namespace
 
+// The kernel shows a pin by number or, when the chip's driver says so, by the line's name.
 ugpio_t* ugpio_request(unsigned int number, const char* /*label*/) {
   auto pin = std::make_unique<ugpio>(ugpio{.number = number,
-                                           .flags = UGPIOF_DIR_UNKNOWN,
-                                           .folder = exported_folder(number),
+                                           .flags = UGPIOF_REQUESTED | UGPIOF_DIR_UNKNOWN,
+                                           .folder = numbered_folder(number),
                                            .value = UniqueFd()});
-  if (!pin->folder.empty()) {
-    pin->flags |= UGPIOF_REQUESTED;
+  if (exists(pin->folder)) {
+    return pin.release();
+  }
+  const auto names = gpio_names_of_number(number);
+  const auto before = named_folders(names);
+  if (before.size() == 1 && only_pin_of(names, number)) {
+    pin->folder = *before.begin();
     return pin.release();
   }
   if (!write_text(class_folder + "export", std::to_string(number))) {
     return nullptr;
   }
-  pin->folder = exported_folder(number);
+  pin->flags = UGPIOF_DIR_UNKNOWN;
+  if (!exists(pin->folder)) {
+    pin->folder = only_new(named_folders(names), before);
+  }
   if (pin->folder.empty()) {
     ugpio_free(pin.release());
     errno = ENOENT;
@@ -143,6 +174,9 @@ ugpio_t* ugpio_request_one(unsigned int number, unsigned int flags, const char* 
 ugpio_t* ugpio_request_named(const char* name) {
   if (const auto number = gpio_number_of_name(name)) {
     return ugpio_request(*number, name);
+  }
+  if (errno == ENOTUNIQ) {
+    return nullptr;
   }
   const std::string folder = class_folder + name;
   if (strchr(name, '/') != nullptr || !exists(folder + "/value")) {
