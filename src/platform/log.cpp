@@ -41,18 +41,6 @@ const Level& level_of(GLogLevelFlags flags) {
   return user_level;
 }
 
-std::string priority_mark(int priority) {
-  return '<' + std::to_string(priority) + '>';
-}
-
-// The journal names its end of a stream; ours may have been put in the place of it.
-bool is_journal(int fd) {
-  const char* const told = g_getenv("JOURNAL_STREAM");
-  struct stat status {};
-  return told != nullptr && fstat(fd, &status) == 0
-         && std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == told;
-}
-
 std::string_view field(std::string_view key, const GLogField* fields, gsize n_fields) {
   for (gsize i = 0; i < n_fields; i++) {
     if (key == fields[i].key) {
@@ -100,9 +88,23 @@ GLogWriterOutput write_line(GLogLevelFlags flags, const GLogField* fields, gsize
   return G_LOG_WRITER_HANDLED;
 }
 
-// An assertion that fails says so in a line of its own.
+// An assertion that fails says so on either stream.
 int priority_of_line(std::string_view line) {
-  return line.starts_with("ERROR:") ? LOG_CRIT : LOG_WARNING;
+  return line.starts_with("ERROR:") || line.starts_with("Bail out!") ? LOG_CRIT : LOG_WARNING;
+}
+
+// Marks the lines of a text that is not the log's; `within_line` is kept from one text to the next.
+std::string marked(std::string_view text, bool& within_line) {
+  std::string lines;
+  while (!text.empty()) {
+    lines += within_line ? "" : priority_mark(priority_of_line(text));
+    const auto end = text.find('\n');
+    within_line = end == std::string_view::npos;
+    const auto line = text.substr(0, within_line ? end : end + 1);
+    lines += line;
+    text.remove_prefix(line.size());
+  }
+  return lines;
 }
 
 void write_fully(int fd, std::string_view text) {
@@ -116,24 +118,24 @@ void write_fully(int fd, std::string_view text) {
 }
 
 // Called with the stream's lock held.
-ssize_t write_marked_errors(void* /*cookie*/, const char* text, size_t length) {
+ssize_t write_errors(void* /*cookie*/, const char* text, size_t length) {
   static bool within_line = false;
-  std::string marked;
-  for (std::string_view rest(text, length); !rest.empty();) {
-    const auto line = rest.substr(0, rest.find('\n') + 1);
-    marked += within_line ? "" : priority_mark(priority_of_line(rest));
-    marked += line.empty() ? rest : line;
-    within_line = line.empty();
-    rest.remove_prefix(line.empty() ? rest.size() : line.size());
-  }
-  write_fully(STDERR_FILENO, marked);
+  write_fully(STDERR_FILENO, marked({text, length}, within_line));
   return static_cast<ssize_t>(length);
+}
+
+// What GLib prints on standard output, past the log.
+void print_marked(const gchar* text) {
+  bool within_line = false;
+  const std::string lines = marked(text, within_line);
+  fwrite(lines.data(), 1, lines.size(), stdout);
+  fflush(stdout);
 }
 
 // Whoever prints on standard error, GLib included, need not know where it goes.
 void mark_standard_error() {
   constexpr cookie_io_functions_t functions{
-      .read = nullptr, .write = write_marked_errors, .seek = nullptr, .close = nullptr};
+      .read = nullptr, .write = write_errors, .seek = nullptr, .close = nullptr};
   if (FILE* const marked = fopencookie(nullptr, "w", functions)) {
     setvbuf(marked, nullptr, _IONBF, 0);
     stderr = marked;
@@ -142,9 +144,24 @@ void mark_standard_error() {
 
 } // namespace
 
+std::string priority_mark(int priority) {
+  return '<' + std::to_string(priority) + '>';
+}
+
+// The journal names its end of a stream; ours may have been put in the place of it.
+bool stream_is_journal(int fd) {
+  const char* const told = g_getenv("JOURNAL_STREAM");
+  struct stat status {};
+  return told != nullptr && fstat(fd, &status) == 0
+         && std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == told;
+}
+
 void nv_log_stdout() {
-  output_is_journal = is_journal(STDOUT_FILENO);
-  if (is_journal(STDERR_FILENO)) {
+  output_is_journal = stream_is_journal(STDOUT_FILENO);
+  if (output_is_journal) {
+    g_set_print_handler(print_marked);
+  }
+  if (stream_is_journal(STDERR_FILENO)) {
     mark_standard_error();
   }
   // Lines printed directly must not overtake, or lag behind, those that come through the log.

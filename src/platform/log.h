@@ -5,6 +5,7 @@
 #include <glib.h>
 
 #include <bit>
+#include <string>
 
 /// Fed to the "%s" that opens every log format; a place for a device-wide tag, empty by default.
 inline constexpr const char* log_prefix = "";
@@ -12,6 +13,13 @@ inline constexpr const char* log_prefix = "";
 /// The first user-defined GLib level (256). Unnamed in GLib; used for module messages that are
 /// neither warnings nor information.
 inline constexpr auto log_level_user = std::bit_cast<GLogLevelFlags>(1 << G_LOG_LEVEL_USER_SHIFT);
+
+/// Whether the stream with that descriptor is the journal's, and so wants each line to begin with
+/// its priority.
+bool stream_is_journal(int fd);
+
+/// "<N>", by which the journal is told the priority (LOG_WARNING, ...) of a line.
+std::string priority_mark(int priority);
 
 /// Routes every GLib log message of the process, all levels and domains, to standard output as
 /// "LEVEL: text" ("Domain-LEVEL: text" when the message carries a domain). A message becomes

@@ -139,7 +139,8 @@ def test_saves_drops_and_refreshes_work_after_the_drop(running):
         lambda: running.attempt("wexctl", "list").returncode == 0, "the daemon", deadline=60
     )
     wexctl("usage", "relay", "kept")
-    assert "usage=kept" in running.path("/etc/wexd/wexd.conf").read_text()
+    settings = running.path("/etc/wexd/wexd.conf")
+    wait_until(lambda: "usage=kept" in settings.read_text(), "the save, which follows the answer")
     registry = running.path("/etc/service_registry/services.d/wexd_service_registry.conf")
     before = registry.stat().st_ino
     assert wexctl("drop", "relay") == "relay\n"
@@ -206,8 +207,25 @@ def test_it_comes_back_after_a_crash_and_stops_when_told(running):
     running.run("systemctl", "start", "wexd")
 
 
+def test_a_drop_in_that_ends_the_daemon_is_named_with_its_line(running):
+    """A port of files must be an input, on which the daemon insists."""
+    wrong = running.path("/etc/wexd.d/wrong.xml")
+    wrong.write_text(
+        '<config>\n<port name="wrong"><port_no nbr="77"/><port_type type="output"/>\n'
+        '<backend name="sysfs"><device path="/x" timeout="10"/></backend></port>\n</config>\n'
+    )
+    before = process(running)
+    running.attempt("systemctl", "restart", "wexd")
+    said = running.run("journalctl", "--unit=wexd", "--output=cat", "--priority=warning")
+    assert re.search(r"^/etc/wexd.d/wrong.xml:2: error: .*wrong", said, re.MULTILINE), said
+    wrong.unlink()
+    wait_for_another(running, before)
+
+
 PRIORITIES = {
     "ERROR": "2", "CRITICAL": "3", "WARNING": "4", "MESSAGE": "5", "USER": "5", "INFO": "6",
+    # What an assertion says around its own line.
+    "**": "4", "Bail out! ERROR": "2",
 }  # fmt: skip
 
 

@@ -78,6 +78,20 @@ def test_each_line_of_a_text_has_its_own_priority(device):
     assert re.match(r"<2>ERROR:.*assertion failed", second)
 
 
+def test_what_an_assertion_says_on_standard_output_is_marked_too(device):
+    device.expect("assertion failed")
+    device.describe(port("wrong", 0, "output", "sysfs"))
+    path = device.scratch / "1.out"
+    path.touch()
+    device.start(
+        ready=False,
+        environment={"JOURNAL_STREAM": f"{path.stat().st_dev}:{path.stat().st_ino}"},
+    )
+    device.wait_exit(128 + signal.SIGABRT)
+    assert all(re.match(r"<[2-7]>", line) for line in device.log), device.log
+    assert device.log_count("^<2>Bail out! ERROR:.*assertion failed") == 1
+
+
 def test_the_bus_library_does_not_talk_to_its_developers(device):
     device.describe(port("a", 0))
     device.start()

@@ -215,7 +215,7 @@ def test_a_refusal_is_told_with_its_error_name_and_status_1(daemon, wexctl, argu
         ("run", "1", "1:5x0"), ("run", "1", "1:-5"), ("run", "1", ""), ("pulse", "1", "soon"),
         ("direction", "1", "up"), ("active", "1", "ajar"), ("supervised",), ("legacy",),
         ("supervised", "ranges", "1", "open"), ("connectors", "hdmi"), ("get", "99999999999"),
-        ("legacy", "set", "1", "PulseTime", "soon"), ("legacy", "get", "2", "Name"), ("check",),
+        ("legacy", "set", "1", "PulseTime", "soon"), ("legacy", "get", "2", "Name"),
     ],
     ids=" ".join,
 )  # fmt: skip
@@ -432,6 +432,34 @@ def test_a_pipe_fails_the_check_and_does_not_hold_it(wexctl, tmp_path):
     result = wexctl("check", str(pipe))
     assert result.status == 1
     assert result.out == f"{pipe}:0: error: '{pipe}' is not a regular file\n"
+
+
+def test_without_files_the_check_reads_what_the_daemon_reads(device, wexctl):
+    device.describe(port("a", 0, "sideways"))
+    for name in ("wrong", "legacy.tmp", "open", "linked"):
+        device.drop_in(name, port(name, 1, "upwards"))
+    device.path("/etc/wexd.d/open").chmod(0o666)
+    device.path("/etc/wexd.d/folder").mkdir()
+    device.path("/etc/wexd.d/linked").rename(device.path("/etc/wexd/linked"))
+    device.path("/etc/wexd.d/link").symlink_to("/etc/wexd/linked")
+    command = device.sandbox.command(
+        ["/app/wexctl", "check", "--json"], device.binary, beside=[wexctl.program]
+    )
+    said = subprocess.run(command, capture_output=True, text=True, check=False)
+    assert said.returncode == 1, said.stderr
+    files = {finding["file"] for finding in json.loads(said.stdout)}
+    assert files == {"/usr/share/wexd/conf.xml", "/etc/wexd.d/wrong", "/etc/wexd.d/link"}
+
+
+def test_the_check_tells_the_journal_what_matters(wexctl, tmp_path):
+    file = tmp_path / "conf.xml"
+    file.write_text(f"<config>{port('a', 0, 'sideways')}</config>")
+    with open(tmp_path / "journal", "w+", encoding="utf-8") as journal:
+        status = os.stat(journal.fileno())
+        told = {"JOURNAL_STREAM": f"{status.st_dev}:{status.st_ino}"}
+        subprocess.run([wexctl.program, "check", file], stdout=journal, env=told, check=False)
+        journal.seek(0)
+        assert re.match(rf"<4>{file}:1: warning: ", journal.read())
 
 
 def test_a_missing_file_fails_the_check(wexctl, tmp_path):

@@ -2,6 +2,7 @@
 // attributes of and inside a backend go to that backend.
 #include "wexctl/check.h"
 
+#include "platform/log.h"
 #include "platform/regular-file.h"
 #include "port/ioport.h"
 #include "wexctl/check-vocabulary.h"
@@ -9,6 +10,8 @@
 
 #include <fmt/format.h>
 #include <glib.h>
+#include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -464,6 +467,24 @@ std::vector<Finding> check_descriptions(const std::vector<std::string>& files) {
   return findings;
 }
 
+namespace {
+
+// Before a start the journal is told what matters how much.
+std::string journal_mark(Severity severity) {
+  static const bool told = stream_is_journal(STDOUT_FILENO);
+  switch (severity) {
+  case Severity::Note:
+    return told ? priority_mark(LOG_NOTICE) : "";
+  case Severity::Warning:
+    return told ? priority_mark(LOG_WARNING) : "";
+  case Severity::Error:
+    return told ? priority_mark(LOG_ERR) : "";
+  }
+  return "";
+}
+
+} // namespace
+
 bool check_files(const std::vector<std::string>& files, bool json) {
   const auto findings = check_descriptions(files);
   Json array = Json::array();
@@ -473,7 +494,7 @@ bool check_files(const std::vector<std::string>& files, bool json) {
                      {"severity", severity_word(finding.severity)},
                      {"text", finding.text}});
     if (!json) {
-      print("{}:{}: {}: {}\n", finding.file, finding.line,
+      print("{}{}:{}: {}: {}\n", journal_mark(finding.severity), finding.file, finding.line,
             coloured(severity_colour(finding.severity), severity_word(finding.severity)),
             finding.text);
     }

@@ -85,7 +85,8 @@ Example: wexctl legacy set relay Output.PulseTime 750)"},
         "check",
         R"(Prints FILE:LINE: SEVERITY: TEXT for everything that the daemon would ignore, replace or drop
 (warning) or cannot read or survive (error); a note is worth knowing and no more. The exit status
-is 1 if there is a warning or an error. The daemon need not run.
+is 1 if there is a warning or an error. The daemon need not run; its unit does the same before each
+start, so that the findings stand in the journal.
 Example: wexctl check /usr/share/wexd/conf.xml)"},
 };
 

@@ -1,6 +1,7 @@
 // The command line: what each verb is called, what it takes, and which function does it.
 #include "wexctl/bus.h"
 #include "wexctl/check.h"
+#include "wexctl/descriptions.h"
 #include "wexctl/help.h"
 #include "wexctl/legacy.h"
 #include "wexctl/monitor.h"
@@ -252,13 +253,15 @@ void CommandLine::add_other_verbs() {
 
   auto* check = app_.add_subcommand(
       "check", "Read hardware descriptions and tell what wexd would make of them");
-  check->add_option("FILE", args_.names, "Files, in the order in which wexd reads them")
-      ->required();
+  check->add_option(
+      "FILE", args_.names,
+      "Files, in the order in which wexd reads them; without any, those that it reads");
   add_json(check);
   check->footer(verb_details("check"));
   check->callback([this] {
     action_ = [this] {
-      if (!check_files(args_.names, args_.json)) {
+      const auto files = args_.names.empty() ? description_files() : args_.names;
+      if (!check_files(files, args_.json)) {
         throw CommandError(Status::Refused, "");
       }
     };
