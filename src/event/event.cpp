@@ -2,8 +2,8 @@
 //
 // Records are reached from the main thread and from action-sequence threads; the module's mutex
 // keeps a record's id and filter consistent between them. It is taken below a port's lock. Of the
-// locks of a port and of the list, only `readout_lock` is taken under it, when an event tells what a
-// converter measures now.
+// locks of a port and of the list, only `readout_lock` is taken under it, when an event tells what
+// a converter measures now.
 #include "event/event.h"
 
 #include "event/event-builtin.h"

@@ -1,7 +1,8 @@
 // The sequence's thread holds the port's lock except while it waits between steps, and between any
-// two steps it lets in whoever waits to write the port's state. It is marked as running before it starts, so that a canceller never meets a thread that holds the lock without
-// saying so; the thread's last touch of the port happens under `sequence_lock`, so that a canceller
-// may free the port as soon as it has been told of the end.
+// two steps it lets in whoever waits to write the port's state. It is marked as running before it
+// starts, so that a canceller never meets a thread that holds the lock without saying so; the
+// thread's last touch of the port happens under `sequence_lock`, so that a canceller may free the
+// port as soon as it has been told of the end.
 #include "port/action-sequence.h"
 
 #include "platform/checks.h"

@@ -23,12 +23,12 @@ using ActionSequence = std::vector<ActionStep>;
 /// Longest sequence that a client may start.
 inline constexpr gsize action_sequence_step_limit = 100'000;
 
-enum class [[nodiscard]] SequenceStart {
-  Started,
-  /// The port cannot run the sequence.
-  Refused,
-  /// The system has no thread left for it.
-  NoThread,
+enum class [[nodiscard]] SequenceStart{
+    Started,
+    /// The port cannot run the sequence.
+    Refused,
+    /// The system has no thread left for it.
+    NoThread,
 };
 
 /// Runs `steps` on the port in a detached thread of its own, which owns `steps` and a reference of

@@ -3,8 +3,8 @@
 //
 // Threads: everything happens on the main thread except action sequences, which run on a thread of
 // their own. `IoPort::lock` serialises state writes and configuration changes against a running
-// sequence. docs/architecture.md has the order of all locks; a blocking wait for `lock` is never made
-// while holding `sequence_lock`.
+// sequence. docs/architecture.md has the order of all locks; a blocking wait for `lock` is never
+// made while holding `sequence_lock`.
 #pragma once
 
 #include <glib.h>

@@ -55,7 +55,7 @@ TEST_F(AThresholdChannelOnPlainFiles, replaces_a_longer_number) {
 
 TEST_F(AThresholdChannel, writes_to_a_pipe_as_well) {
   std::array<int, 2> pipe{-1, -1};
-  ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC), 0);
+  ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC | O_NONBLOCK), 0);
   const UniqueFd reader(pipe[0]);
   channel.either_enable.reset(pipe[1]);
   iio_threshold_disarm(channel);
