@@ -126,4 +126,4 @@ def test_waiting_ends_with_the_bus(daemon, wexctl):
     daemon.end_bus()
     status, errors = run(process)
     assert (status, errors.count("\n")) == (3, 1)
-    daemon.abandoned = True
+    daemon.wait_exit(status=1)
