@@ -494,9 +494,10 @@ bool check_files(const std::vector<std::string>& files, bool json) {
                      {"severity", severity_word(finding.severity)},
                      {"text", finding.text}});
     if (!json) {
-      print("{}{}:{}: {}: {}\n", journal_mark(finding.severity), finding.file, finding.line,
+      print("{}{}:{}: {}: {}\n", journal_mark(finding.severity), printable(finding.file),
+            finding.line,
             coloured(severity_colour(finding.severity), severity_word(finding.severity)),
-            finding.text);
+            printable(finding.text));
     }
   }
   if (json) {

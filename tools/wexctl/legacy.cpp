@@ -121,7 +121,7 @@ void legacy_get(const Daemon& daemon, const std::string& port, const std::string
     if (!all.contains(key)) {
       throw CommandError(Status::Refused, fmt::format("the port has no property '{}'", key));
     }
-    print("{}\n", json ? all[key].dump() : text_of(all[key]));
+    print("{}\n", json ? json_text(all[key]) : printable(text_of(all[key])));
     return;
   }
   if (json) {

@@ -64,7 +64,7 @@ int report(CommandError error) {
     }
   }
   if (*error.what() != '\0') {
-    fputs(fmt::format("wexctl: {}\n", error.what()).c_str(), stderr);
+    fputs(fmt::format("wexctl: {}\n", printable(error.what())).c_str(), stderr);
   }
   return static_cast<int>(error.status());
 }

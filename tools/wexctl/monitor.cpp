@@ -102,7 +102,7 @@ void Monitor::tell(Json event, const std::string& text) {
   try {
     if (json_) {
       event["time"] = now("%FT%T");
-      print("{}\n", event.dump(-1, ' ', false, Json::error_handler_t::replace));
+      print("{}\n", json_text(event));
     } else {
       print("{}  {}\n", coloured(Colour::Dim, now("%T")), text);
     }
@@ -138,7 +138,7 @@ void Monitor::on_port_changed(IOControlState* /*proxy*/, gint port, gboolean is_
        {"hidden", hidden != FALSE},
        {"virtual_trig", virtual_trig != FALSE},
        {"active_low", activelow != FALSE}},
-      fmt::format("port {} {}: {} ({})", port, name,
+      fmt::format("port {} {}: {} ({})", port, printable(name),
                   coloured(state ? Colour::Green : Colour::Plain, on_or_off(state != FALSE)),
                   remarks));
 }
@@ -147,7 +147,7 @@ void Monitor::on_sequence_done(IOControlState* /*proxy*/, gint port, gpointer se
   auto* monitor = static_cast<Monitor*>(self);
   const std::string name = monitor->name_of(port);
   monitor->tell({{"event", "sequence-done"}, {"port", port}, {"name", name}},
-                fmt::format("port {} {}: sequence done", port, name));
+                fmt::format("port {} {}: sequence done", port, printable(name)));
 }
 
 void Monitor::on_setting(GDBusConnection* /*connection*/, const gchar* /*sender*/,
@@ -175,8 +175,9 @@ void Monitor::on_setting(GDBusConnection* /*connection*/, const gchar* /*sender*
                    {"interface", side},
                    {"property", property},
                    {"value", text}},
-                  fmt::format("port {} {}: {}.{} is now '{}'", port, monitor->name_of(port), side,
-                              property, text));
+                  fmt::format("port {} {}: {}.{} is now '{}'", port,
+                              printable(monitor->name_of(port)), printable(side),
+                              printable(property), printable(text)));
   }
   g_variant_iter_free(changed);
 }

@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <iterator>
 
 namespace wexctl {
 
@@ -21,6 +22,32 @@ bool colours_wanted() {
 // Columns on the screen, not bytes.
 size_t width(const std::string& text) {
   return static_cast<size_t>(g_utf8_strlen(text.c_str(), -1));
+}
+
+// C0, DEL and C1: a terminal acts on them instead of showing them.
+bool is_control(gunichar c) {
+  return c < 0x20 || (c >= 0x7f && c < 0xa0);
+}
+
+// JSON has escaped the others, but for the line ends of its own layout.
+bool is_raw_in_json(gunichar c) {
+  return c >= 0x7f && is_control(c);
+}
+
+std::string escaped(std::string_view text, std::string_view mark, bool (*wanted)(gunichar)) {
+  std::string shown;
+  while (!text.empty()) {
+    const gunichar c = g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
+    const bool valid = g_unichar_validate(c) != FALSE;
+    const auto length = valid ? static_cast<size_t>(g_utf8_skip[static_cast<guchar>(text[0])]) : 1;
+    if (valid && !wanted(c)) {
+      shown += text.substr(0, length);
+    } else {
+      shown += fmt::format("{}{:02x}", mark, valid ? c : static_cast<guchar>(text[0]));
+    }
+    text.remove_prefix(length);
+  }
+  return shown;
 }
 
 } // namespace
@@ -61,10 +88,15 @@ std::string coloured(Colour colour, const std::string& text) {
   return fmt::format("\x1b[{}m{}\x1b[0m", codes[static_cast<size_t>(colour)], text);
 }
 
+std::string printable(std::string_view text) {
+  return escaped(text, "\\x", is_control);
+}
+
 Table::Table(std::vector<std::string> headings) : rows_{std::move(headings)} {}
 
-void Table::add(std::vector<std::string> row) {
-  rows_.push_back(std::move(row));
+void Table::add(const std::vector<std::string>& row) {
+  auto& cells = rows_.emplace_back();
+  std::ranges::transform(row, std::back_inserter(cells), printable);
 }
 
 void Table::print() const {
@@ -89,8 +121,13 @@ void Table::print() const {
   }
 }
 
+std::string json_text(const Json& json, int indent) {
+  return escaped(json.dump(indent, ' ', false, Json::error_handler_t::replace), "\\u00",
+                 is_raw_in_json);
+}
+
 void print_json(const Json& json) {
-  print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
+  print("{}\n", json_text(json, 2));
 }
 
 const char* on_or_off(bool state) {

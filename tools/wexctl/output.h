@@ -36,11 +36,16 @@ enum class Colour { Plain, Bold, Green, Yellow, Red, Dim };
 /// `text` in a colour if standard output is a terminal and NO_COLOR is unset, else as it is.
 std::string coloured(Colour colour, const std::string& text);
 
+/// Text from elsewhere as it can be shown: control characters, and bytes that are no UTF-8, as
+/// \xNN. Nobody forges a line or commands the terminal; a backslash stays as it is.
+std::string printable(std::string_view text);
+
 /// A table of left-aligned columns.
 class Table {
 public:
   explicit Table(std::vector<std::string> headings);
-  void add(std::vector<std::string> row);
+  /// The cells are made printable.
+  void add(const std::vector<std::string>& row);
   /// Prints the headings and all rows to standard output.
   void print() const;
 
@@ -48,6 +53,8 @@ private:
   std::vector<std::vector<std::string>> rows_;
 };
 
+/// On one line unless there is an indent.
+std::string json_text(const Json& json, int indent = -1);
 void print_json(const Json& json);
 
 const char* on_or_off(bool state);

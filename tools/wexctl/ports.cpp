@@ -207,12 +207,12 @@ void get_port(const Daemon& daemon, const std::string& port, bool json) {
     print_json(port_json(info, more));
     return;
   }
-  print("port {} {}: {}\n", info.number, info.name, state_text(info.state));
+  print("port {} {}: {}\n", info.number, printable(info.name), state_text(info.state));
   print("  kind        {}\n", kind(info));
-  print("  input side  '{}', {}\n", more.input_name, more.active_input);
-  print("  output side '{}', {}\n", more.output_name, more.active_output);
-  print("  usage       '{}'\n", more.usage);
-  print("  properties  {}\n", property_list(info));
+  print("  input side  '{}', {}\n", printable(more.input_name), more.active_input);
+  print("  output side '{}', {}\n", printable(more.output_name), more.active_output);
+  print("  usage       '{}'\n", printable(more.usage));
+  print("  properties  {}\n", printable(property_list(info)));
 }
 
 void set_port(const Daemon& daemon, const std::string& port, const std::string& state) {
@@ -273,7 +273,7 @@ void port_name(const Daemon& daemon, const std::string& port,
   check(
       iocontrol_state_call_get_names_sync(daemon.state(), number, &input, &output, nullptr, &error),
       error);
-  print("input {}\noutput {}\n", take(input), take(output));
+  print("input {}\noutput {}\n", printable(take(input)), printable(take(output)));
 }
 
 void port_usage(const Daemon& daemon, const std::string& port,
@@ -289,7 +289,7 @@ void port_usage(const Daemon& daemon, const std::string& port,
   gchar* current = nullptr;
   check(iocontrol_state_call_get_usage_sync(daemon.state(), number, &current, nullptr, &error),
         error);
-  print("{}\n", take(current));
+  print("{}\n", printable(take(current)));
 }
 
 void set_virtual(const Daemon& daemon, const std::string& port, const std::string& state) {
@@ -338,7 +338,7 @@ void drop_ports(const Daemon& daemon, const std::vector<std::string>& names, boo
   for (gchar** name = dropped; *name != nullptr; name++) {
     array.push_back(*name);
     if (!json) {
-      print("{}\n", *name);
+      print("{}\n", printable(*name));
     }
   }
   if (json) {
@@ -384,9 +384,11 @@ void show_connectors(const Daemon& daemon, const std::string& description, bool 
   }
 }
 
+// A name that takes more than its line, or commands the terminal, cannot be typed either.
 void complete_ports(const Daemon& daemon) {
   for (const auto& port : daemon.ports()) {
-    print("{}\n", port.name.empty() ? std::to_string(port.number) : port.name);
+    const bool usable = !port.name.empty() && printable(port.name) == port.name;
+    print("{}\n", usable ? port.name : std::to_string(port.number));
   }
 }
 
