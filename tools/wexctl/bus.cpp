@@ -36,6 +36,21 @@ private:
   struct sigaction inherited_ {};
 };
 
+// What the bus and its library say of that is about their insides.
+std::string absence(const GError* error) {
+  if (error->domain == G_DBUS_ERROR && error->code == G_DBUS_ERROR_NO_REPLY) {
+    return "it gave no answer";
+  }
+  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
+    return "it gave no answer in time";
+  }
+  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED)
+      || g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_DISCONNECTED)) {
+    return "the system bus has ended";
+  }
+  return "it is not running";
+}
+
 bool is_number(const std::string& text) {
   return !text.empty() && std::ranges::all_of(text, [](char c) { return g_ascii_isdigit(c); });
 }
@@ -109,11 +124,14 @@ void throw_unreachable(const std::string& reason) {
 void throw_bus_error(GError* error) {
   const std::unique_ptr<GError, void (*)(GError*)> owned(error, g_error_free);
   g_autofree gchar* name = g_dbus_error_get_remote_error(error);
-  const bool gone = unreachable(error);
-  g_dbus_error_strip_remote_error(error);
-  if (gone) {
-    throw_unreachable(error->message);
+  if (unreachable(error)) {
+    throw_unreachable(absence(error));
   }
+  if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED)) {
+    throw CommandError(Status::Refused, "only root and the group wxd may do this "
+                                        "(org.freedesktop.DBus.Error.AccessDenied)");
+  }
+  g_dbus_error_strip_remote_error(error);
   throw CommandError(Status::Refused, name != nullptr ? fmt::format("{} ({})", error->message, name)
                                                       : std::string(error->message));
 }
@@ -128,7 +146,8 @@ Daemon::Daemon() {
   GError* error = nullptr;
   connection_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
   if (connection_ == nullptr) {
-    throw_bus_error(error);
+    const std::unique_ptr<GError, void (*)(GError*)> owned(error, g_error_free);
+    throw_unreachable(fmt::format("no system bus: {}", error->message));
   }
   g_dbus_connection_set_exit_on_close(connection(), FALSE);
   state_.reset(iocontrol_state_proxy_new_sync(connection(), proxy_flags, "com.norv.IOControl.State",
@@ -147,6 +166,11 @@ Daemon::Daemon() {
   if (supervised_ == nullptr) {
     throw_bus_error(error);
   }
+}
+
+bool Daemon::present() const {
+  g_autofree gchar* owner = g_dbus_proxy_get_name_owner(G_DBUS_PROXY(state()));
+  return owner != nullptr;
 }
 
 std::vector<PortInfo> Daemon::ports() const {

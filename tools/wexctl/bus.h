@@ -85,6 +85,9 @@ public:
   [[nodiscard]] WXDConnector* connector() const { return connector_.get(); }
   [[nodiscard]] IOSupervisedSupervised* supervised() const { return supervised_.get(); }
 
+  /// Whether somebody serves the ports, as far as the bus has told.
+  [[nodiscard]] bool present() const;
+
   /// Every port in service, by number.
   [[nodiscard]] std::vector<PortInfo> ports() const;
 

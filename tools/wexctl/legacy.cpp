@@ -27,6 +27,10 @@ Variant call_properties(const Daemon& daemon, guint number, const char* method, 
       method, arguments, G_VARIANT_TYPE(reply_type), G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr,
       &error));
   if (reply == nullptr) {
+    if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER) && daemon.present()) {
+      g_error_free(error);
+      throw_unreachable("it does without its legacy interface");
+    }
     throw_bus_error(error);
   }
   return reply;

@@ -69,6 +69,15 @@ int report(CommandError error) {
   return static_cast<int>(error.status());
 }
 
+// Says of a word what is wrong with it, nothing if it is a number in the range.
+auto whole_number(guint64 most) {
+  return [most](const std::string& word) {
+    const bool right =
+        g_ascii_string_to_unsigned(word.c_str(), 10, 0, most, nullptr, nullptr) != FALSE;
+    return right ? "" : fmt::format("'{}' is no whole number from 0 to {}", word, most);
+  };
+}
+
 class CommandLine {
 public:
   CommandLine();
@@ -76,6 +85,7 @@ public:
 
 private:
   void perform(int argc, char** argv);
+  [[nodiscard]] std::string mistake(const CLI::ParseError& error) const;
   CLI::App* verb(CLI::App& parent, const char* name, const char* help,
                  std::function<void(const Daemon&)> action);
   void add_port(CLI::App* verb) {
@@ -186,7 +196,7 @@ void CommandLine::add_sequence_verbs() {
         run_sequence(daemon, args_.port, "1:" + args_.value + ",0:0", false, args_.wait);
       });
   add_port(pulse);
-  pulse->add_option("MS", args_.value, "Milliseconds")->required()->check(CLI::NonNegativeNumber);
+  pulse->add_option("MS", args_.value, "Milliseconds")->required()->check(whole_number(G_MAXINT32));
   pulse->add_flag("--wait", args_.wait, "Return when the pulse has ended");
 }
 
@@ -212,8 +222,10 @@ void CommandLine::add_supervised_verbs() {
       });
   add_port(ranges);
   auto* state = ranges->add_option("STATE", args_.value, "open, closed, short or cut");
-  auto* lower = ranges->add_option("LOWER", args_.lower, "Lower limit, included");
-  auto* upper = ranges->add_option("UPPER", args_.upper, "Upper limit, included");
+  auto* lower = ranges->add_option("LOWER", args_.lower, "Lower limit, included")
+                    ->check(whole_number(G_MAXUINT32));
+  auto* upper = ranges->add_option("UPPER", args_.upper, "Upper limit, included")
+                    ->check(whole_number(G_MAXUINT32));
   state->needs(lower)->needs(upper);
   add_json(ranges);
 
@@ -285,6 +297,26 @@ CommandLine::CommandLine() {
   add_other_verbs();
 }
 
+// One line that names what is wrong, and where to read of it. A word too many says more than what
+// is missing because of it.
+std::string CommandLine::mistake(const CLI::ParseError& error) const {
+  const CLI::App* verb = &app_;
+  std::string name = app_.get_name();
+  while (!verb->get_subcommands().empty()) {
+    verb = verb->get_subcommands().front();
+    name += " " + verb->get_name();
+  }
+  const bool takes_verbs = !verb->get_subcommands({}).empty();
+  std::string what = takes_verbs ? "VERB is required" : error.what();
+  if (const auto words = app_.remaining(true); !words.empty()) {
+    const char* const kind = words.front().starts_with('-') ? "no option"
+                             : takes_verbs                  ? "no verb"
+                                                            : "one argument too many";
+    what = fmt::format("'{}' is {}", words.front(), kind);
+  }
+  return fmt::format("{}; see {} --help", what, name);
+}
+
 void CommandLine::perform(int argc, char** argv) {
   try {
     app_.parse(argc, argv);
@@ -294,8 +326,7 @@ void CommandLine::perform(int argc, char** argv) {
     print_text(answer.str());
     return;
   } catch (const CLI::ParseError& error) {
-    app_.exit(error);
-    throw CommandError(Status::Usage, "");
+    throw CommandError(Status::Usage, mistake(error));
   }
   action_();
 }
