@@ -396,11 +396,69 @@ def test_an_upgrade_keeps_the_settings_and_starts_the_new_daemon(running):
     )
 
 
+def enabled(system):
+    return system.attempt("systemctl", "is-enabled", "wexd").stdout.strip()
+
+
+def active(system):
+    return system.attempt("systemctl", "is-active", "wexd").stdout.strip()
+
+
+def upgrade(system):
+    system.run("sh", "-c", "dpkg -i /root/walk/wexd_*.deb")
+    assert system.run("dpkg-query", "--show", "--showformat=${db:Status-Abbrev}", "wexd") == "ii "
+
+
+@pytest.fixture
+def undisturbed(running):
+    """The system, whose daemon is enabled and runs again after the test."""
+    yield running
+    running.run("systemctl", "unmask", "wexd")
+    running.run("systemctl", "enable", "wexd")
+    running.run("systemctl", "restart", "wexd")
+    wait_for_another(running, before="")
+
+
+@pytest.mark.parametrize("recorded", [True, False], ids=["recorded", "of an older release"])
+def test_a_disabled_daemon_stays_so_on_an_upgrade(undisturbed, recorded):
+    undisturbed.run("systemctl", "disable", "--now", "wexd")
+    if not recorded:
+        undisturbed.run("sh", "-c", "rm -r /var/lib/systemd/deb-systemd-helper-enabled/*wexd*")
+    upgrade(undisturbed)
+    assert (enabled(undisturbed), active(undisturbed)) == ("disabled", "inactive")
+
+
+def test_a_masked_daemon_stays_so_on_an_upgrade(undisturbed):
+    undisturbed.run("systemctl", "mask", "--now", "wexd")
+    upgrade(undisturbed)
+    assert (enabled(undisturbed), active(undisturbed)) == ("masked", "inactive")
+
+
+def test_an_enabled_daemon_of_an_older_release_stays_so(undisturbed):
+    undisturbed.run("sh", "-c", "rm -r /var/lib/systemd/deb-systemd-helper-enabled/*wexd*")
+    upgrade(undisturbed)
+    assert (enabled(undisturbed), active(undisturbed)) == ("enabled", "active")
+
+
+def test_a_daemon_that_does_not_start_does_not_fail_the_upgrade(undisturbed):
+    settings = undisturbed.path("/etc/wexd/wexd.conf")
+    kept = settings.read_text()
+    undisturbed.run("systemctl", "stop", "wexd")
+    settings.write_text("not a key file\n")
+    try:
+        upgrade(undisturbed)
+        assert active(undisturbed) != "active"
+    finally:
+        settings.write_text(kept)
+
+
 def test_a_purge_leaves_nothing_but_the_description(running):
     """The last test: the system is without the package afterwards."""
     running.run("dpkg", "--purge", "wexd")
-    assert running.attempt("systemctl", "is-active", "wexd").stdout.strip() == "inactive"
-    assert running.attempt("systemctl", "is-enabled", "wexd").returncode != 0
+    assert active(running) == "inactive"
+    assert enabled(running) in ("", "not-found")
+    assert not list(running.path("/etc/systemd/system").rglob("*wexd*"))
+    assert not list(running.path("/var/lib/systemd").rglob("*wexd*"))
     for folder in ("/etc/wexd", "/etc/wexd.d", "/usr/share/wexd", "/etc/service_registry",
                    "/etc/legacyconfig"):  # fmt: skip
         left = [path for path in running.path(folder).rglob("*") if not path.is_dir()]
