@@ -181,6 +181,16 @@ bool arm(IoPort* port, const SupervisedRange& range) {
   return false;
 }
 
+// A converter may tell of crossings only; one between the reading and the arming would go
+// unnoticed. What is found here is dealt with in the next turn of the main loop, which others
+// share.
+void look_behind(IoPort* port, const SupervisedRange* range) {
+  if (const auto level = watched_level(port, Occasion::Arming);
+      level && range_of_level(port->ranges, *level) != range) {
+    look_again(port, 0);
+  }
+}
+
 // Has the next change told: by an event that is armed around the range that holds the level. Beyond
 // a limit the converter's events cannot be trusted, between the ranges there is nothing to arm, and
 // a converter may refuse; the level is polled then.
@@ -193,7 +203,9 @@ void await_change(IoPort* port, guint level) {
   const SupervisedRange* const range = range_of_level(port->ranges, level);
   if (range == nullptr || beyond_limits(data, level) || !arm(port, *range)) {
     look_again(port, data->limit_timeout_ms);
+    return;
   }
+  look_behind(port, range);
 }
 
 void update_thresholds(IoPort* port) {

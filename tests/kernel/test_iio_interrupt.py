@@ -1,6 +1,7 @@
 """Converters that wake the daemon by threshold events: what is armed, when, and what follows."""
 
 import errno
+import itertools
 import os
 import time
 
@@ -101,9 +102,22 @@ def test_a_level_within_the_hysteresis_wakes_nobody(device):
     )
 
 
+def test_a_change_between_a_reading_and_the_arming_is_noticed(device):
+    """The converter tells crossings only, so nobody would tell of it afterwards."""
+    IIO_INTERRUPT.show("closed")
+    start(device, IIO_INTERRUPT.port())
+    ends = (("cut", (255, 200)), ("short", (40, 0)), ("open", (180, 110)))
+    for changes, (state, thresholds) in zip(range(40, 240, 2), itertools.cycle(ends)):
+        for i in range(changes):
+            IIO_INTERRUPT.show("open" if i % 2 == 0 else "closed")
+        IIO_INTERRUPT.show(state)
+        wait_until(
+            lambda: armed() == (*thresholds, ["rising", "falling"]),
+            lambda: f"thresholds around {state} after {changes} changes, not {armed()}",
+        )
+
+
 def test_a_thousand_changes_do_no_harm(device):
-    """A change between a reading and the arming that follows from it goes unnoticed, because the
-    converter tells crossings only; every later reading knows it."""
     IIO_INTERRUPT.show("closed")
     supervision = start(device, IIO_INTERRUPT.port())
     before = device.descriptors
@@ -424,10 +438,12 @@ def test_a_reading_that_fails_amid_an_event_leaves_nothing_unarmed(device):
     IIO_INTERRUPT.show("closed")
     start(device, IIO_INTERRUPT.port())
     signals = device.signals()
-    for state, thresholds in (("cut", (255, 200)), ("open", (180, 110))):
+    rounds = (("cut", (255, 200)), ("open", (180, 110)))
+    for times, (state, thresholds) in enumerate(rounds, 1):
+        device.sync()  # with the reading that follows the arming
         ADC_LE12.fail_readings(errno.EIO)
         IIO_INTERRUPT.show(state)
-        device.wait_for_log("^WARNING: Readout failed: ")
+        device.wait_for_log("^WARNING: Readout failed: ", count=times)
         signals.assert_none()
         ADC_LE12.fail_readings(0)
         signals.wait_for(PortChanged, port=0, input=True)
