@@ -1,5 +1,7 @@
 #include "core/privileges.h"
 
+#include "platform/own-user.h"
+
 #include <grp.h>
 #include <linux/capability.h>
 #include <pwd.h>
@@ -10,12 +12,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-
-namespace {
-
-constexpr const char* identity = "wxd";
-
-} // namespace
 
 // What is not inheritable cannot be ambient either; the kernel sees to that.
 void drop_inheritable_capabilities() {
@@ -31,15 +27,15 @@ void drop_inheritable_capabilities() {
 }
 
 void drop_privileges() {
-  const auto* user = getpwnam(identity);
+  const auto* user = getpwnam(own_user_name);
   if (user == nullptr) {
-    fprintf(stderr, "Couldn't get uid for user \"%s\".\n", identity);
+    fprintf(stderr, "Couldn't get uid for user \"%s\".\n", own_user_name);
     return;
   }
   const uid_t uid = user->pw_uid;
-  const auto* group = getgrnam(identity);
+  const auto* group = getgrnam(own_user_name);
   if (group == nullptr) {
-    fprintf(stderr, "Couldn't get gid for group \"%s\".\n", identity);
+    fprintf(stderr, "Couldn't get gid for group \"%s\".\n", own_user_name);
     return;
   }
   const gid_t gid = group->gr_gid;
@@ -47,8 +43,8 @@ void drop_privileges() {
     fprintf(stderr, "Failed setting gid to %d: %s\n", static_cast<int>(gid), strerror(errno));
     return;
   }
-  if (initgroups(identity, gid) != 0) {
-    fprintf(stderr, "Unable to run initgroups() with username: %s, gid: %d: %s\n", identity,
+  if (initgroups(own_user_name, gid) != 0) {
+    fprintf(stderr, "Unable to run initgroups() with username: %s, gid: %d: %s\n", own_user_name,
             static_cast<int>(gid), strerror(errno));
     return;
   }

@@ -7,6 +7,7 @@
 #include "platform/checks.h"
 #include "platform/file-sync.h"
 #include "platform/log.h"
+#include "platform/own-user.h"
 #include "platform/regular-file.h"
 #include "port/ioport-list.h"
 
@@ -23,8 +24,6 @@
 #include <mutex>
 
 namespace {
-
-constexpr const char* user_name = "wxd";
 
 /// Guards what stands below; the last lock in the order.
 std::mutex key_mutex;
@@ -156,13 +155,13 @@ void param_save_unsaved(const char* file) {
 
 void param_set_owner_group(const char* file) {
   constexpr auto unchanged = static_cast<gid_t>(-1);
-  const auto* user = getpwnam(user_name);
+  const auto* user = getpwnam(own_user_name);
   if (user == nullptr) {
     g_warning("%sFailed to get uid", log_prefix);
     return;
   }
   const uid_t uid = user->pw_uid;
-  const auto* group = getgrnam(user_name);
+  const auto* group = getgrnam(own_user_name);
   if (group == nullptr) {
     g_warning("%sFailed to get gid", log_prefix);
   }
