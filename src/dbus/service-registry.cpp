@@ -4,8 +4,11 @@
 #include "dbus/legacy-mapping.h"
 #include "platform/file-sync.h"
 #include "platform/log.h"
+#include "platform/own-user.h"
 
 #include <glib.h>
+#include <pwd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -19,9 +22,19 @@ constexpr const char* mapping_file = "/etc/legacyconfig/legacymappings.d/wexd.xm
 // What went wrong is a warning, one for each file; the reason stands beside it as information.
 constexpr const char* hint = "(the folder must be writable by the daemon's user)";
 
+// The start writes as root what the daemon replaces later. In a folder that it shares with others
+// it can replace only what is its own.
+std::optional<FileOwner> later_owner() {
+  const auto* user = geteuid() == 0 ? getpwnam(own_user_name) : nullptr;
+  if (user == nullptr) {
+    return std::nullopt;
+  }
+  return FileOwner{.user = user->pw_uid, .group = user->pw_gid};
+}
+
 bool write_temporary(const std::string& text) {
   g_autoptr(GError) error = nullptr;
-  if (!file_create_synced(legacy_temporary_file, text, &error)) {
+  if (!file_create_synced(legacy_temporary_file, text, later_owner(), &error)) {
     g_info("%s%s %s", log_prefix, error->message, hint);
     return false;
   }

@@ -257,7 +257,8 @@ bool file_set_contents_synced(const char* path, std::string_view text, GError** 
   return false;
 }
 
-bool file_create_synced(const char* path, std::string_view text, GError** error) {
+bool file_create_synced(const char* path, std::string_view text,
+                        const std::optional<FileOwner>& owner, GError** error) {
   const UniqueFd fd = create_anew(AT_FDCWD, path, default_mode);
   if (!fd) {
     return fail(error, "create", path);
@@ -266,6 +267,10 @@ bool file_create_synced(const char* path, std::string_view text, GError** error)
     fail(error, "write", path);
     unlink(path);
     return false;
+  }
+  // A file of ours is as good to its readers.
+  if (owner && fchown(fd.get(), owner->user, owner->group) != 0) {
+    g_info("Could not give '%s' to its owner: %s", path, g_strerror(errno));
   }
   // A file system that cannot sync still has the text.
   fsync(fd.get());

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <glib.h>
+#include <sys/types.h>
 
+#include <optional>
 #include <string_view>
 
 /// Writes `text` as the whole content of `path` and syncs it to disk.
@@ -24,9 +26,16 @@
 [[nodiscard]] bool file_set_contents_synced(const char* path, std::string_view text,
                                             GError** error);
 
+struct FileOwner {
+  uid_t user;
+  gid_t group;
+};
+
 /// Makes `path` anew with `text` as its content, synced where that is possible; whatever had the
-/// name before is gone. For files that nobody reads yet: a crash may leave half a text.
-[[nodiscard]] bool file_create_synced(const char* path, std::string_view text, GError** error);
+/// name before is gone. It is given to `owner`, if there is one and the caller may do that. For
+/// files that nobody reads yet: a crash may leave half a text.
+[[nodiscard]] bool file_create_synced(const char* path, std::string_view text,
+                                      const std::optional<FileOwner>& owner, GError** error);
 
 /// Takes away what writes of `path` have left that broke off, also those of earlier releases:
 /// "<name>.XXXXXX" with six random letters and digits. A word or a date in their place is

@@ -193,6 +193,35 @@ def test_every_thread_has_lost_its_rights(make_device, inheritable):
             assert int(lines[capabilities], 16) == 0, (lines["Name"], capabilities)
 
 
+LEGACY_FILES = (
+    "/etc/service_registry/services.d/wexd_service_registry.conf",
+    "/etc/legacyconfig/legacymappings.d/wexd.xml",
+)
+
+
+@as_root
+def test_what_the_start_generates_can_be_replaced_in_a_folder_that_others_share(
+    device, monkeypatch
+):
+    plain = device.sandbox.hand_over
+
+    def hand_over():
+        plain()
+        for file in LEGACY_FILES:
+            folder = device.path(file).parent
+            os.chown(folder, 0, WXD_GID)
+            folder.chmod(0o1775)
+
+    monkeypatch.setattr(device.sandbox, "hand_over", hand_over)
+    device.describe(RELAY + port("away", 1, optional="true"))
+    device.start()
+    assert {owner(device, file) for file in LEGACY_FILES} == {(WXD_UID, WXD_GID)}
+    assert device.state.DropIOPorts(["away"]) == ["away"]
+    for file in LEGACY_FILES:
+        assert "IOPort/1" not in device.read(file) and "IOPort.I1" not in device.read(file)
+    assert device.log_count("^WARNING") == 0
+
+
 @as_root
 def test_settings_can_be_saved_after_the_first_start(device):
     device.describe(RELAY)
