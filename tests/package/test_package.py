@@ -281,8 +281,8 @@ def test_crashes_in_a_row_are_survived(running):
         ("/etc/wexd", "wxd:wxd", "751"),
         ("/etc/wexd.d", "wxd:wxd", "755"),
         ("/etc/wexd/actions", "root:root", "755"),
-        ("/etc/service_registry/services.d", "root:wxd", "775"),
-        ("/etc/legacyconfig/legacymappings.d", "root:wxd", "775"),
+        ("/etc/service_registry/services.d", "root:wxd", "1775"),
+        ("/etc/legacyconfig/legacymappings.d", "root:wxd", "1775"),
         ("/usr/sbin/wexd", "root:root", "755"),
     ],
 )
@@ -304,10 +304,47 @@ def test_a_second_daemon_says_so_and_ends(running):
     running.run("wexctl", "list")
 
 
+SHARED = ("/etc/service_registry/services.d", "/etc/legacyconfig/legacymappings.d")
+
+
+@pytest.mark.parametrize("folder", SHARED)
+def test_the_daemon_s_user_replaces_no_registration_of_others(running, folder):
+    other = running.path(folder) / "other.conf"
+    other.write_text("kept")
+    running.run("sh", "-c", f"echo mine > {folder}/mine", user="wxd")
+    for command in (("rm", "-f", f"{folder}/other.conf"),
+                    ("mv", "-f", f"{folder}/mine", f"{folder}/other.conf"),
+                    ("mv", "-f", f"{folder}/other.conf", f"{folder}/gone")):  # fmt: skip
+        assert running.attempt(*command, user="wxd").returncode != 0, command
+    assert other.read_text() == "kept"
+    running.run("rm", f"{folder}/mine", str(other).removeprefix(str(running.root)))
+
+
+def test_the_daemon_s_user_moves_no_template(running):
+    """Whoever has the daemon has its view of the file system; who is its user otherwise has not."""
+    process = str(running.main_process("wexd.service"))
+    inside = ["nsenter", "--mount", "--root", "--wd=/", "--target", process]
+    become = ["setpriv", "--reuid", running.run("id", "-u", "wxd").strip(), "--clear-groups"]
+    for move in (
+        lambda: running.attempt("mv", "/etc/wexd/actions", "/etc/wexd/moved", user="wxd"),
+        lambda: subprocess.run(
+            [*inside, *become, "mv", "/etc/wexd/actions", "/etc/wexd/moved"],
+            capture_output=True, text=True, check=False,
+        ),
+    ):  # fmt: skip
+        moved = move()
+        assert moved.returncode != 0
+        assert "Device or resource busy" in moved.stderr
+    assert running.run("ls", "/etc/wexd/actions", user="stranger") == (
+        "com.norv.action.fixed.io.toggle.xml\ncom.norv.action.unlimited.io.toggle.xml\n"
+    )
+
+
 def test_the_package_brings_what_it_promises(running):
     files = running.run("dpkg", "-L", "wexd").split()
     for name in (
         "/usr/sbin/wexd", "/usr/bin/wexctl", "/usr/lib/systemd/system/wexd.service",
+        "/usr/lib/systemd/system/etc-wexd-actions.mount",
         "/usr/lib/udev/rules.d/60-wexd.rules", "/usr/lib/sysusers.d/wexd.conf", "/usr/lib/tmpfiles.d/wexd.conf",
         "/usr/share/dbus-1/system.d/com.norv.wexd.conf", "/usr/share/wexd/wexd-hardware.rng",
         "/usr/share/doc/wexd/examples/conf.xml", "/usr/share/doc/wexd/examples/any-machine.xml",
