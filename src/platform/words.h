@@ -15,6 +15,8 @@ struct Word {
   const char* word;
   Value value;
 };
+template <typename Value>
+Word(const char*, Value) -> Word<Value>;
 
 /// What the word stands for in a table of words; nothing for any other text.
 template <typename Table>
