@@ -265,6 +265,11 @@ def test_a_restart_of_the_bus_is_survived(running):
     assert "wexd.service: Main process exited, code=exited, status=1/FAILURE" in seen
 
 
+def test_no_service_that_hangs_can_use_up_the_time_of_the_start(running):
+    limit = running.run("systemctl", "show", "--value", "--property=TimeoutStartUSec", "wexd")
+    assert limit.strip() == "infinity"
+
+
 def test_crashes_in_a_row_are_survived(running):
     last = process(running)
     for _ in range(5):
