@@ -10,9 +10,9 @@ import time
 
 from sim import example, sandbox, scenario, shell, show
 from sim.device import Device
+from sim.endings import ENDINGS
 from sim.peers import Neighbourhood
 
-ENDINGS = (signal.SIGTERM, signal.SIGHUP)
 TOP = pathlib.Path(__file__).parent.parent
 
 

@@ -15,6 +15,7 @@ gi.require_version("Gio", "2.0")
 from gi.repository import Gio, GLib  # noqa: E402
 
 from sim import sandbox  # noqa: E402
+from sim.endings import undisturbed  # noqa: E402
 
 STATE_NAME = "com.norv.IOControl.State"
 STATE_PATH = "/com/norv/IOControl/State"
@@ -119,14 +120,17 @@ def wait_until(condition, what, deadline=None):
     tick.attach(context)
     try:
         while True:
-            while context.iteration(False):
-                pass
+            # An exception that a signal raises in a callback would end in GLib, printed and forgotten.
+            with undisturbed():
+                while context.iteration(False):
+                    pass
             result = condition()
             if result:
                 return result
             if time.monotonic() > end:
                 raise Timeout(f"waited in vain: {what() if callable(what) else what}")
-            context.iteration(True)
+            with undisturbed():
+                context.iteration(True)
     finally:
         tick.destroy()
 

@@ -24,6 +24,7 @@ import tempfile
 
 from sim import bus, sandbox
 from sim.bus import BusError, PortChanged, ActionSequenceDone, wait_until  # noqa: F401
+from sim.endings import undisturbed
 
 DESCRIPTION = "/usr/share/wexd/conf.xml"
 DROP_FOLDER = "/etc/wexd.d"
@@ -79,8 +80,9 @@ class Device:
 
     def __enter__(self):
         try:
-            self._bus = bus.Bus(self.sandbox, self.scratch / "bus.log")
-            self._closers.callback(self._bus.close)
+            with undisturbed():
+                self._bus = bus.Bus(self.sandbox, self.scratch / "bus.log")
+                self._closers.callback(self._bus.close)
             self._client = self.client()
         except BaseException:  # an interrupt, too, and then nobody calls __exit__
             self._clear()
@@ -103,8 +105,10 @@ class Device:
                 self._clear()
 
     def _clear(self):
-        self._closers.close()
-        shutil.rmtree(self.scratch, ignore_errors=True)
+        try:
+            self._closers.close()
+        finally:
+            shutil.rmtree(self.scratch, ignore_errors=True)
 
     def on_exit(self, callback):
         """Registers something to undo when the device goes, last come first."""
@@ -180,7 +184,11 @@ class Device:
         command = self.sandbox.command(
             [*self.wrapper, sandbox.BINARY, *argv], self.binary, info_write
         )
-        with open(self._stream("out"), "wb") as out, open(self._stream("err"), "wb") as err:
+        with (
+            open(self._stream("out"), "wb") as out,
+            open(self._stream("err"), "wb") as err,
+            undisturbed(),
+        ):
             self.process = subprocess.Popen(
                 command,
                 stdin=subprocess.DEVNULL,

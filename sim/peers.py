@@ -12,6 +12,7 @@ import subprocess
 import sys
 
 from sim.bus import BusError, wait_until
+from sim.endings import undisturbed
 
 MOCK = "org.freedesktop.DBus.Mock"
 MOCKS = pathlib.Path(__file__).resolve().parent / "mocks"
@@ -50,15 +51,16 @@ class Peer:
 
     def launch(self):
         """Starts the process, and does not wait for it."""
-        self.process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "KILL", sys.executable, "-m", "dbusmock",
-             "--template", str(MOCKS / f"{self.TEMPLATE}.py"),
-             "--parameters", json.dumps(self.parameters)],
-            env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.device.bus_address},
-            stdout=subprocess.DEVNULL,
-            # An interrupt from the terminal is for whoever runs the device.
-            start_new_session=True,
-        )  # fmt: skip
+        with undisturbed():
+            self.process = subprocess.Popen(
+                ["setpriv", "--pdeathsig", "KILL", sys.executable, "-m", "dbusmock",
+                 "--template", str(MOCKS / f"{self.TEMPLATE}.py"),
+                 "--parameters", json.dumps(self.parameters)],
+                env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.device.bus_address},
+                stdout=subprocess.DEVNULL,
+                # An interrupt from the terminal is for whoever runs the device.
+                start_new_session=True,
+            )  # fmt: skip
 
     def wait_ready(self):
         wait_until(lambda: self.client.owner(self.NAME), f"{self.NAME} on the bus")
@@ -82,8 +84,9 @@ class Peer:
             self.process.kill()
             self.process.wait()
             self.process = None
-            # Another may have waited for the name.
-            wait_until(lambda: self.client.owner(self.NAME) != owner, f"{self.NAME} off the bus")
+            # Another may have waited for the name; and one that goes early never had it.
+            if owner is not None:
+                wait_until(lambda: self.client.owner(self.NAME) != owner, f"{self.NAME} off the bus")
 
     def freeze(self):
         """Stays on the bus and answers nobody."""

@@ -13,6 +13,7 @@ from prompt_toolkit.layout import FormattedTextControl, Layout, Window
 from prompt_toolkit.output import ColorDepth
 from prompt_toolkit.styles import Style
 
+from sim.endings import ENDINGS
 from sim.live import keys, view
 from sim.live.controls import Controls
 from sim.live.model import PEERS, Model
@@ -56,7 +57,7 @@ class Live:
         """Returns when the user quits, or the process is told to end."""
         loop = asyncio.get_running_loop()
         # Not handlers of the loop, which would go with it and leave the cleaning up unprotected.
-        for number in (signal.SIGTERM, signal.SIGHUP):
+        for number in ENDINGS:
             signal.signal(number, lambda *_: loop.call_soon_threadsafe(self._quit))
         helpers = [loop.create_task(self._carry()), loop.create_task(self._ask())]
         for helper in helpers:
@@ -69,7 +70,7 @@ class Live:
             pass
         finally:
             sys.excepthook = hook
-            for number in (signal.SIGTERM, signal.SIGHUP):
+            for number in ENDINGS:
                 signal.signal(number, signal.SIG_IGN)
             for helper in helpers:
                 helper.cancel()

@@ -202,12 +202,14 @@ class Model:
     def _on_port_changed(self, _path, values):
         change = PortChanged(*values)
         port = self.ports.get(change.port)
+        self._stale = True
+        if port is None:  # the list that brings its name brings its state
+            return
         # A supervised port's signal calls every state but open "on"; its state is asked for.
-        if port is not None and not change.virtual_trig and not port.supervised:
+        if not change.virtual_trig and not port.supervised:
             port.state, port.input = change.state, change.input
         word = "on" if change.state else "off"
         self.note(word, f"{self.label(change.port)}: {word} ({', '.join(remarks(change))})")
-        self._stale = True
 
     def _on_sequence_done(self, _path, values):
         self.note("note", f"{self.label(values[0])}: sequence done")

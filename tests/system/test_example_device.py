@@ -5,6 +5,7 @@ import subprocess
 import pytest
 from conftest import TOP
 
+from sim.peers import IoBox
 from sim.terminal import simulation
 
 STEPS = 14
@@ -32,3 +33,10 @@ def test_a_story_that_does_not_happen_fails(imposter):
     assert run.returncode == 1
     assert "The run failed" in run.stderr
     assert "All of it happened" not in run.stdout
+
+
+def test_a_neighbour_that_goes_before_it_came_is_not_waited_for(device):
+    peer = IoBox(device, start=False)
+    peer.launch()
+    peer.freeze()
+    peer.stop()
