@@ -40,6 +40,10 @@ STATE_METHODS = {
 }
 
 
+MANAGER_NAME = "com.norv.IOControl.Manager1"
+MANAGER_PATH = "/com/norv/IOControl/Manager"
+MANAGER_METHODS = {"StopSequence": "u"}
+
 SUPERVISED_NAME = "com.norv.IOSupervised.Supervised"
 SUPERVISED_PATH = "/com/norv/IOSupervised/Supervised"
 SUPERVISED_METHODS = {
@@ -190,6 +194,7 @@ class Client:
             None,
         )
         self.state = Interface(self, STATE_NAME, STATE_PATH, STATE_NAME, STATE_METHODS)
+        self.manager = Interface(self, STATE_NAME, MANAGER_PATH, MANAGER_NAME, MANAGER_METHODS)
         self.supervision = Interface(
             self, SUPERVISED_NAME, SUPERVISED_PATH, SUPERVISED_NAME, SUPERVISED_METHODS
         )

@@ -353,6 +353,11 @@ class Device:
         return self._client.state
 
     @property
+    def manager(self):
+        """The interface of the daemon as a whole."""
+        return self._client.manager
+
+    @property
     def supervision(self):
         """The supervision interface."""
         return self._client.supervision

@@ -6,6 +6,7 @@
 #include "dbus/dbus-handles.h"
 #include "dbus/iocontrol-conf-legacy-dbus.h"
 #include "dbus/iocontrol-state-gen.h"
+#include "dbus/manager.h"
 #include "dbus/service-registry.h"
 #include "param/param.h"
 #include "platform/log.h"
@@ -466,6 +467,7 @@ void iocontrol_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*
   if (!export_skeleton(skeleton, handlers, connection, state_path)) {
     g_warning("%sFailed to register IOControl state dbus interface", log_prefix);
   }
+  manager_publish(connection);
 }
 
 } // namespace
@@ -487,6 +489,7 @@ bool iocontrol_unreg_dbus() {
   port_observer.port_changed = nullptr;
   port_observer.burst_announced = nullptr;
   port_observer.sequence_done = nullptr;
+  manager_unpublish();
   state_interface.reset();
   g_bus_unown_name(std::exchange(state_owner_id, 0));
   connector_unpublish();

@@ -203,9 +203,13 @@ SequenceStart io_port_run_action_sequence(IoPort* ioport, ActionSequence steps) 
   return SequenceStart::Started;
 }
 
+void io_port_stop_action_sequence(IoPort* ioport) {
+  const PortConfigLock cancelled(ioport);
+}
+
 void action_sequences_stop() {
   while (const IoPortRef port = any_running_port()) {
-    const PortConfigLock cancelled(port.get());
+    io_port_stop_action_sequence(port.get());
   }
   std::unique_lock guard(running_mutex);
   thread_ended.wait(guard, [] { return live_threads == 0; });

@@ -36,6 +36,10 @@ enum class [[nodiscard]] SequenceStart{
 /// empty and the port not be busy (io_port_lock_taken).
 SequenceStart io_port_run_action_sequence(IoPort* ioport, ActionSequence steps);
 
+/// Ends the sequence that runs on the port, if one does, after the step under way, whose state the
+/// port keeps; returns when it has ended.
+void io_port_stop_action_sequence(IoPort* ioport);
+
 /// Cancels whatever sequence still runs, on any port, and waits until all have ended.
 void action_sequences_stop();
 

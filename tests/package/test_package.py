@@ -16,6 +16,7 @@ READING = re.compile(r"^(Get|Is)")
 
 SERVICES = {
     "com.norv.IOControl.State": ("com.norv.IOControl.State", "/com/norv/IOControl/State"),
+    "com.norv.IOControl.Manager1": ("com.norv.IOControl.State", "/com/norv/IOControl/Manager"),
     "com.norv.IOSupervised.Supervised": (
         "com.norv.IOSupervised.Supervised", "/com/norv/IOSupervised/Supervised",
     ),
@@ -75,7 +76,7 @@ def test_legacy_properties_are_read_by_all_and_written_by_few(running, user, may
 
 
 @pytest.mark.parametrize("user", ["member", "stranger"])
-@pytest.mark.parametrize("service", sorted({*SERVICES, LEGACY[0]}))
+@pytest.mark.parametrize("service", sorted({LEGACY[0], *(name for name, _ in SERVICES.values())}))
 def test_only_root_and_wxd_own_the_names(running, service, user):
     bus = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
     assert denied(running, user, *bus, "RequestName", ["s", "u"], [service, "0"])

@@ -8,12 +8,13 @@ import pytest
 from describe import element, port
 from gi.repository import GLib
 
-from sim.bus import BusError
+from sim.bus import MANAGER_NAME, MANAGER_PATH, STATE_NAME, BusError
 from sim.peers import IoBox
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 PATHS = {
     "com.norv.IOControl.State": "/com/norv/IOControl/State",
+    MANAGER_NAME: MANAGER_PATH,
     "com.norv.IOSupervised.Supervised": "/com/norv/IOSupervised/Supervised",
     "com.norv.WXD.Connector": "/com/norv/WXD/Connector",
 }
@@ -56,7 +57,7 @@ def value(dice, kind):
 
 
 def methods():
-    """(path, interface, method, in-signature) of every method of the three services."""
+    """(path, interface, method, in-signature) of every method of the services."""
     found = []
     for interface, path in PATHS.items():
         root = ElementTree.parse(TOP / f"src/dbus/{interface}.xml").getroot()
@@ -88,7 +89,8 @@ def random_call(dice):
     path, interface, method, signature = dice.choice(methods())
     if dice.random() < 0.1:
         signature = dice.choice(SIGNATURES)
-    return interface, path, interface, method, values(dice, signature)
+    name = STATE_NAME if interface == MANAGER_NAME else interface
+    return name, path, interface, method, values(dice, signature)
 
 
 @pytest.mark.parametrize("seed", range(4))

@@ -193,6 +193,17 @@ TEST_F(AnActionSequence, is_cancelled_by_every_configuration_change) {
   }
 }
 
+TEST_F(AnActionSequence, is_stopped_without_a_change_and_frees_its_port) {
+  const auto port = make_running();
+  io_port_stop_action_sequence(port.get());
+  EXPECT_THAT(take_changes(), IsEmpty());
+  EXPECT_THAT(take_dones(), ElementsAre(5));
+  EXPECT_TRUE(io_port_get_state(port.get()));
+  EXPECT_FALSE(io_port_lock_taken(port.get()));
+  io_port_stop_action_sequence(port.get());
+  EXPECT_EQ(dones(), 0U);
+}
+
 TEST_F(AnActionSequence, is_cancelled_by_a_change_of_supervision) {
   const auto port = make({.type = PORT_IO_CTRL, .backend = BACKEND_IIO, .direction_input = false});
   ASSERT_TRUE(start(port.get(), {{true, long_ms}}));
