@@ -11,8 +11,22 @@ namespace wexctl {
 
 namespace {
 
+constexpr const char* state_name = "com.norv.IOControl.State";
 constexpr auto proxy_flags = static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES
                                                           | G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START);
+
+// The proxy of an object, by the function that makes such ones.
+template <typename Proxy>
+Owned<Proxy> service(Proxy* (*create)(GDBusConnection*, GDBusProxyFlags, const gchar*, const gchar*,
+                                      GCancellable*, GError**),
+                     GDBusConnection* connection, const char* name, const char* path) {
+  GError* error = nullptr;
+  Owned<Proxy> proxy(create(connection, proxy_flags, name, path, nullptr, &error));
+  if (proxy == nullptr) {
+    throw_bus_error(error);
+  }
+  return proxy;
+}
 
 // Errors that say that nobody answers, rather than that somebody refused.
 bool unreachable(const GError* error) {
@@ -150,22 +164,14 @@ Daemon::Daemon() {
     throw_unreachable(fmt::format("no system bus: {}", error->message));
   }
   g_dbus_connection_set_exit_on_close(connection(), FALSE);
-  state_.reset(iocontrol_state_proxy_new_sync(connection(), proxy_flags, "com.norv.IOControl.State",
-                                              "/com/norv/IOControl/State", nullptr, &error));
-  if (state_ == nullptr) {
-    throw_bus_error(error);
-  }
-  connector_.reset(wxd_connector_proxy_new_sync(connection(), proxy_flags, "com.norv.WXD.Connector",
-                                                "/com/norv/WXD/Connector", nullptr, &error));
-  if (connector_ == nullptr) {
-    throw_bus_error(error);
-  }
-  supervised_.reset(iosupervised_supervised_proxy_new_sync(
-      connection(), proxy_flags, "com.norv.IOSupervised.Supervised",
-      "/com/norv/IOSupervised/Supervised", nullptr, &error));
-  if (supervised_ == nullptr) {
-    throw_bus_error(error);
-  }
+  state_ = service(iocontrol_state_proxy_new_sync, connection(), state_name,
+                   "/com/norv/IOControl/State");
+  manager_ = service(iocontrol_manager1_proxy_new_sync, connection(), state_name,
+                     "/com/norv/IOControl/Manager");
+  connector_ = service(wxd_connector_proxy_new_sync, connection(), "com.norv.WXD.Connector",
+                       "/com/norv/WXD/Connector");
+  supervised_ = service(iosupervised_supervised_proxy_new_sync, connection(),
+                        "com.norv.IOSupervised.Supervised", "/com/norv/IOSupervised/Supervised");
 }
 
 bool Daemon::present() const {

@@ -1,6 +1,7 @@
-// The daemon as its client sees it: three services on the system bus.
+// The daemon as its client sees it: services on the system bus.
 #pragma once
 
+#include "dbus/iocontrol-manager-gen.h"
 #include "dbus/iocontrol-state-gen.h"
 #include "dbus/iosupervised-supervised-gen.h"
 #include "dbus/wxd-connector-gen.h"
@@ -74,7 +75,7 @@ struct PortInfo {
   [[nodiscard]] bool has(const std::string& property) const;
 };
 
-/// The connection and the three services.
+/// The connection and the services.
 class Daemon {
 public:
   /// Connects; throws when there is no bus.
@@ -82,6 +83,7 @@ public:
 
   [[nodiscard]] GDBusConnection* connection() const { return connection_.get(); }
   [[nodiscard]] IOControlState* state() const { return state_.get(); }
+  [[nodiscard]] IOControlManager1* manager() const { return manager_.get(); }
   [[nodiscard]] WXDConnector* connector() const { return connector_.get(); }
   [[nodiscard]] IOSupervisedSupervised* supervised() const { return supervised_.get(); }
 
@@ -98,6 +100,7 @@ public:
 private:
   Owned<GDBusConnection> connection_;
   Owned<IOControlState> state_;
+  Owned<IOControlManager1> manager_;
   Owned<WXDConnector> connector_;
   Owned<IOSupervisedSupervised> supervised_;
 };

@@ -56,6 +56,15 @@ sequence is busy and refuses another.
 Example: wexctl run lamp 1:500,0:200x10 --wait)"},
     Details{"pulse", R"(The same as running the sequence 1:MS,0:0.
 Example: wexctl pulse lamp 500)"},
+    Details{
+        "stop",
+        R"(The port keeps the state that it has, or takes the one given; its line does not turn in between.
+Nothing happens to a port on which no sequence runs, but for the STATE.
+
+A sequence ends also after its last step, with a change of the port's direction, sense, supervision
+or ranges, when the port is dropped, and with the daemon. `set` does not end it: the state comes in
+between two steps and lasts until the next one. Another sequence is refused while one runs.
+Example: wexctl stop lamp off)"},
     Details{"supervised show", R"(Levels and limits are counts of the port's converter.)"},
     Details{"supervised on", R"(A switchable port that is an output becomes an input.
 Example: wexctl supervised on window)"},

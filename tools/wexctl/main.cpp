@@ -198,6 +198,12 @@ void CommandLine::add_sequence_verbs() {
   add_port(pulse);
   pulse->add_option("MS", args_.value, "Milliseconds")->required()->check(whole_number(G_MAXINT32));
   pulse->add_flag("--wait", args_.wait, "Return when the pulse has ended");
+
+  auto* stop =
+      verb(app_, "stop", "Stop the sequence that runs on a port",
+           [this](const Daemon& daemon) { stop_sequence(daemon, args_.port, args_.text); });
+  add_port(stop);
+  stop->add_option("STATE", args_.text, "on or off; by default the state that the port has");
 }
 
 void CommandLine::add_supervised_verbs() {

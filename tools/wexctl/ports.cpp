@@ -322,6 +322,24 @@ void run_sequence(const Daemon& daemon, const std::string& port, const std::stri
   }
 }
 
+// A state is set after the end, so that no step of the sequence undoes it. What cannot be set
+// leaves the sequence running, too.
+void stop_sequence(const Daemon& daemon, const std::string& port,
+                   const std::optional<std::string>& state) {
+  const auto active = state ? std::optional(parse_state(*state)) : std::nullopt;
+  const guint number = daemon.resolve(port);
+  if (active && find_port(daemon, number).input) {
+    throw CommandError(Status::Refused, fmt::format("port {} is an input", number));
+  }
+  GError* error = nullptr;
+  check(iocontrol_manager1_call_stop_sequence_sync(daemon.manager(), number, nullptr, &error),
+        error);
+  if (active) {
+    check(iocontrol_state_call_set_state_sync(daemon.state(), number, *active, nullptr, &error),
+          error);
+  }
+}
+
 void drop_ports(const Daemon& daemon, const std::vector<std::string>& names, bool json) {
   std::vector<const gchar*> asked;
   asked.reserve(names.size() + 1);

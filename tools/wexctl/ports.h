@@ -35,6 +35,9 @@ void set_virtual(const Daemon& daemon, const std::string& port, const std::strin
 /// With `wait`, returns when the sequence has ended.
 void run_sequence(const Daemon& daemon, const std::string& port, const std::string& sequence,
                   bool is_virtual, bool wait);
+/// Ends the sequence of a port, if one runs, and then sets `state`, if there is one.
+void stop_sequence(const Daemon& daemon, const std::string& port,
+                   const std::optional<std::string>& state);
 void drop_ports(const Daemon& daemon, const std::vector<std::string>& names, bool json);
 void refresh_ports(const Daemon& daemon);
 void show_connectors(const Daemon& daemon, const std::string& description, bool json);

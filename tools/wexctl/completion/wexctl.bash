@@ -20,7 +20,7 @@ _wexctl_options() {
 
 _wexctl() {
   local cur=${COMP_WORDS[COMP_CWORD]} words=() word value=''
-  local verbs='list get set direction active name usage virtual run pulse drop refresh supervised
+  local verbs='list get set direction active name usage virtual run pulse stop drop refresh supervised
     connectors monitor legacy check'
   local candidates=''
 
@@ -61,13 +61,13 @@ _wexctl() {
     candidates=$(_wexctl_ports)
   elif [ "$position" -eq 1 ]; then
     case $verb in
-      get | set | direction | active | name | usage | virtual | run | pulse)
+      get | set | direction | active | name | usage | virtual | run | pulse | stop)
         candidates=$(_wexctl_ports) ;;
       connectors) candidates='video audio all' ;;
     esac
   elif [ "$position" -eq 2 ]; then
     case $verb in
-      set | virtual) candidates='on off' ;;
+      set | virtual | stop) candidates='on off' ;;
       direction) candidates='input output' ;;
       active) candidates='open closed' ;;
     esac
