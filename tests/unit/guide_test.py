@@ -14,7 +14,7 @@ COMPLAINT = re.compile(
 REFUSAL = re.compile(
     rf"CommandError\(\s*Status::(\w+),\s*(?:fmt::format\()?((?:{STRING}\s*)+)"
 )
-STATUS = {"Refused": 1, "Usage": 2, "Unreachable": 3, "Unwritable": 5}
+STATUS = {"Refused": 1, "Usage": 2, "Unreachable": 3, "TimedOut": 4, "Unwritable": 5}
 PLACE = re.compile(r"%[#0+ -]*\d*(?:hh|h|ll|l|z)?[diuxXcs]")
 
 

@@ -196,6 +196,15 @@ std::vector<PortInfo> Daemon::ports() const {
   return ports;
 }
 
+PortInfo Daemon::port(guint number) const {
+  for (const auto& port : ports()) {
+    if (port.number == static_cast<int>(number)) {
+      return port;
+    }
+  }
+  throw CommandError(Status::Refused, fmt::format("no port has number {}", number));
+}
+
 guint Daemon::resolve(const std::string& port) const {
   if (is_number(port)) {
     const guint64 number = g_ascii_strtoull(port.c_str(), nullptr, 10);

@@ -22,6 +22,8 @@ enum class Status : int {
   Usage = 2,
   /// No bus, no daemon on it, or it went.
   Unreachable = 3,
+  /// What was waited for did not come in time.
+  TimedOut = 4,
   /// Standard output took less than there was to say.
   Unwritable = 5,
 };
@@ -92,6 +94,9 @@ public:
 
   /// Every port in service, by number.
   [[nodiscard]] std::vector<PortInfo> ports() const;
+
+  /// The port of that number; throws for none.
+  [[nodiscard]] PortInfo port(guint number) const;
 
   /// The number of a port told by number, description name, or the name that users see of the side
   /// in use, in this order. Throws for none, and for several of the same name.

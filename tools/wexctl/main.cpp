@@ -8,6 +8,7 @@
 #include "wexctl/output.h"
 #include "wexctl/ports.h"
 #include "wexctl/supervised.h"
+#include "wexctl/wait.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -30,6 +31,7 @@ constexpr const char* footer = R"(Exit status of every verb:
   1  the daemon refused, or `check` found something
   2  the command line makes no sense
   3  wexd does not answer, or went before the end that was waited for
+  4  the time ran out
   5  standard output could not be written
 
 Errors are one line on standard error: the daemon's message and, in brackets, its error name.
@@ -48,6 +50,8 @@ struct Arguments {
   bool json = false;
   bool is_virtual = false;
   bool wait = false;
+  bool daemon = false;
+  std::string timeout;
 };
 
 /// Set by the verb that was chosen; runs it.
@@ -67,6 +71,13 @@ int report(CommandError error) {
     fputs(fmt::format("wexctl: {}\n", printable(error.what())).c_str(), stderr);
   }
   return static_cast<int>(error.status());
+}
+
+// Says of a word what is wrong with it, nothing if it is a length of time.
+std::string check_duration(const std::string& word) {
+  return parse_duration(word)
+             ? ""
+             : fmt::format("'{}' is no length of time: write 500ms, 2s, 1m or 1h", word);
 }
 
 // Says of a word what is wrong with it, nothing if it is a number in the range.
@@ -96,11 +107,19 @@ private:
     verb->add_option("--side", args_.side, "Side of the port; by default the one in use")
         ->check(CLI::IsMember({"input", "output"}));
   }
+  void add_timeout(CLI::App* verb, const char* help) {
+    verb->add_option("--timeout", args_.timeout, help)->check(check_duration);
+  }
+  /// What was checked already.
+  [[nodiscard]] static Timeout duration(const std::string& text) {
+    return text.empty() ? Timeout() : parse_duration(text);
+  }
   [[nodiscard]] Side side() const { return args_.side.empty() ? Side() : parse_side(args_.side); }
 
   void add_port_verbs();
   void add_setting_verbs();
   void add_sequence_verbs();
+  void add_wait_verb();
   void add_supervised_verbs();
   void add_other_verbs();
 
@@ -206,6 +225,27 @@ void CommandLine::add_sequence_verbs() {
   stop->add_option("STATE", args_.text, "on or off; by default the state that the port has");
 }
 
+void CommandLine::add_wait_verb() {
+  auto* wait = verb(app_, "wait", "Wait for a state of a port, or for the daemon",
+                    [this](const Daemon& daemon) {
+                      const auto timeout = duration(args_.timeout);
+                      args_.daemon ? wait_for_daemon(daemon, timeout)
+                                   : wait_for_port(daemon, args_.port, args_.text, timeout);
+                    });
+  auto* port = wait->add_option("PORT", args_.port, "Number or name of the port");
+  wait->add_option("STATE", args_.text,
+                   "on, off, open, closed, short or cut; by default any change")
+      ->check(CLI::IsMember(std::vector<std::string>(wait_states.begin(), wait_states.end())));
+  auto* daemon = wait->add_flag("--daemon", args_.daemon, "Wait until wexd answers");
+  port->excludes(daemon);
+  add_timeout(wait, "Give up after so long (status 4), e.g. 5s; 0 looks once");
+  wait->parse_complete_callback([port, daemon] {
+    if (port->empty() && daemon->empty()) {
+      throw CLI::RequiredError("PORT");
+    }
+  });
+}
+
 void CommandLine::add_supervised_verbs() {
   auto* supervised =
       app_.add_subcommand("supervised", "Supervised inputs: show, on, off, ranges, read");
@@ -299,6 +339,7 @@ CommandLine::CommandLine() {
   add_port_verbs();
   add_setting_verbs();
   add_sequence_verbs();
+  add_wait_verb();
   add_supervised_verbs();
   add_other_verbs();
 }

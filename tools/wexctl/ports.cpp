@@ -2,6 +2,7 @@
 
 #include "wexctl/output.h"
 #include "wexctl/sequence.h"
+#include "wexctl/vigil.h"
 
 #include <fmt/format.h>
 
@@ -100,56 +101,23 @@ void check(gboolean done, GError*& error) {
   }
 }
 
-PortInfo find_port(const Daemon& daemon, guint number) {
-  for (const auto& port : daemon.ports()) {
-    if (port.number == static_cast<int>(number)) {
-      return port;
-    }
-  }
-  throw CommandError(Status::Refused, fmt::format("no port has number {}", number));
-}
-
 // The side that a setting is meant for: the one told, or the one in use.
 bool input_side(const Daemon& daemon, guint number, Side side) {
-  return side ? *side : find_port(daemon, number).input;
+  return side ? *side : daemon.port(number).input;
 }
 
-struct Waiting {
-  GMainLoop* loop;
+// Heeds what was told since before the start.
+struct SequenceEnd {
+  Vigil vigil;
   guint number;
-  bool done = false;
 
-  static void on_done(IOControlState*, gint port, gpointer data) {
-    auto* waiting = static_cast<Waiting*>(data);
-    if (port == static_cast<gint>(waiting->number)) {
-      waiting->done = true;
-      g_main_loop_quit(waiting->loop);
+  static void on_done(IOControlState* /*proxy*/, gint port, gpointer data) {
+    auto* end = static_cast<SequenceEnd*>(data);
+    if (port == static_cast<gint>(end->number)) {
+      end->vigil.finish();
     }
   }
-
-  static void stop(Waiting* waiting) { g_main_loop_quit(waiting->loop); }
 };
-
-// Only the daemon that runs the sequence can tell its end: another owner of the name, or none,
-// knows nothing of it. Neither comes with an end of the bus, so that is heeded, too.
-void wait_for_end(const Daemon& daemon, GMainLoop* loop, guint number) {
-  Waiting waiting{.loop = loop, .number = number};
-  const gulong done = g_signal_connect(daemon.state(), "action-sequence-done",
-                                       G_CALLBACK(Waiting::on_done), &waiting);
-  const gulong owner = g_signal_connect_swapped(daemon.state(), "notify::g-name-owner",
-                                                G_CALLBACK(Waiting::stop), &waiting);
-  const gulong closed =
-      g_signal_connect_swapped(daemon.connection(), "closed", G_CALLBACK(Waiting::stop), &waiting);
-  if (g_dbus_connection_is_closed(daemon.connection()) == FALSE) {
-    g_main_loop_run(loop);
-  }
-  g_signal_handler_disconnect(daemon.state(), done);
-  g_signal_handler_disconnect(daemon.state(), owner);
-  g_signal_handler_disconnect(daemon.connection(), closed);
-  if (!waiting.done) {
-    throw_unreachable("it went before the sequence ended");
-  }
-}
 
 struct ConnectorKind {
   const char* word;
@@ -201,7 +169,7 @@ void list_ports(const Daemon& daemon, bool json) {
 
 void get_port(const Daemon& daemon, const std::string& port, bool json) {
   const guint number = daemon.resolve(port);
-  const auto info = find_port(daemon, number);
+  const auto info = daemon.port(number);
   const auto more = details(daemon, info);
   if (json) {
     print_json(port_json(info, more));
@@ -309,16 +277,15 @@ void run_sequence(const Daemon& daemon, const std::string& port, const std::stri
   for (const auto& step : steps) {
     g_variant_builder_add(&builder, "(bi)", static_cast<gboolean>(step.state), step.duration_ms);
   }
-  // The end may be announced before the answer to the start has been looked at: signals wait for
-  // the loop, so none is missed.
-  const std::unique_ptr<GMainLoop, void (*)(GMainLoop*)> loop(g_main_loop_new(nullptr, FALSE),
-                                                              g_main_loop_unref);
+  SequenceEnd end{.vigil{daemon, Vigil::Awaits::WordOfDaemon}, .number = number};
+  const SignalHandler done(daemon.state(), "action-sequence-done", G_CALLBACK(SequenceEnd::on_done),
+                           &end);
   GError* error = nullptr;
   check(iocontrol_state_call_start_action_sequence_sync(
             daemon.state(), number, is_virtual, g_variant_builder_end(&builder), nullptr, &error),
         error);
   if (wait) {
-    wait_for_end(daemon, loop.get(), number);
+    end.vigil.wait(std::nullopt, "it went before the sequence ended");
   }
 }
 
@@ -328,7 +295,7 @@ void stop_sequence(const Daemon& daemon, const std::string& port,
                    const std::optional<std::string>& state) {
   const auto active = state ? std::optional(parse_state(*state)) : std::nullopt;
   const guint number = daemon.resolve(port);
-  if (active && find_port(daemon, number).input) {
+  if (active && daemon.port(number).input) {
     throw CommandError(Status::Refused, fmt::format("port {} is an input", number));
   }
   GError* error = nullptr;

@@ -96,6 +96,27 @@ Json port_json(const Daemon& daemon, guint number) {
 
 } // namespace
 
+// One that cannot be read now is undefined, as it is where its level is in no range.
+SupervisedWord supervised_word(const Daemon& daemon, const PortInfo& port) {
+  const auto number = static_cast<guint>(port.number);
+  gboolean on = FALSE;
+  if (!port.input || port.number < 0 || !port.has("ioport")
+      || iosupervised_supervised_call_get_supervised_sync(daemon.supervised(), number, &on, nullptr,
+                                                          nullptr)
+             == FALSE
+      || on == FALSE) {
+    return std::nullopt;
+  }
+  try {
+    return read_port(daemon, number).state;
+  } catch (const CommandError& error) {
+    if (error.status() == Status::Unreachable) {
+      throw;
+    }
+    return "undefined";
+  }
+}
+
 void supervised_show(const Daemon& daemon, const std::optional<std::string>& port, bool json) {
   const auto numbers =
       port ? std::vector<guint>{daemon.resolve(*port)} : supervisable_numbers(daemon);

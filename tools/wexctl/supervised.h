@@ -8,6 +8,11 @@
 
 namespace wexctl {
 
+/// "open", "closed", "short", "cut" or "undefined".
+using SupervisedWord = std::optional<std::string>;
+/// What the line of a supervised input is at; nothing for any other port.
+SupervisedWord supervised_word(const Daemon& daemon, const PortInfo& port);
+
 /// All supervisable ports, or one, with reading and ranges.
 void supervised_show(const Daemon& daemon, const std::optional<std::string>& port, bool json);
 void supervised_switch(const Daemon& daemon, const std::string& port, bool on);

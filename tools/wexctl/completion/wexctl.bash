@@ -13,6 +13,7 @@ _wexctl_options() {
     'active '* | 'name '*) echo --side ;;
     'run '*) echo --virtual --wait ;;
     'pulse '*) echo --wait ;;
+    'wait '*) echo --daemon --timeout ;;
     ' ') echo --help-all --version ;;
   esac
   echo --help
@@ -20,7 +21,7 @@ _wexctl_options() {
 
 _wexctl() {
   local cur=${COMP_WORDS[COMP_CWORD]} words=() word value=''
-  local verbs='list get set direction active name usage virtual run pulse stop drop refresh supervised
+  local verbs='list get set direction active name usage virtual run pulse stop wait drop refresh supervised
     connectors monitor legacy check'
   local candidates=''
 
@@ -61,13 +62,14 @@ _wexctl() {
     candidates=$(_wexctl_ports)
   elif [ "$position" -eq 1 ]; then
     case $verb in
-      get | set | direction | active | name | usage | virtual | run | pulse | stop)
+      get | set | direction | active | name | usage | virtual | run | pulse | stop | wait)
         candidates=$(_wexctl_ports) ;;
       connectors) candidates='video audio all' ;;
     esac
   elif [ "$position" -eq 2 ]; then
     case $verb in
       set | virtual | stop) candidates='on off' ;;
+      wait) candidates='on off open closed short cut' ;;
       direction) candidates='input output' ;;
       active) candidates='open closed' ;;
     esac
