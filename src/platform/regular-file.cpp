@@ -6,6 +6,8 @@
 
 #include <array>
 #include <cerrno>
+#include <ctime>
+#include <memory>
 
 namespace {
 
@@ -25,6 +27,10 @@ bool is_regular(const struct stat& status, const char* name, GError** error) {
                                       : "'%s' is not a regular file",
               name);
   return false;
+}
+
+bool same_time(const timespec& one, const timespec& other) {
+  return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
 
 } // namespace
@@ -50,10 +56,10 @@ UniqueFd regular_file_open(int folder, const char* name, Links links, struct sta
 
 bool regular_file_read(int fd, const char* name, std::string* text, GError** error) {
   constexpr gsize chunk = 65'536;
-  std::string buffer(chunk, '\0');
+  const auto buffer = std::make_unique_for_overwrite<char[]>(chunk);
   text->clear();
   while (true) {
-    const ssize_t count = read(fd, buffer.data(), buffer.size());
+    const ssize_t count = read(fd, buffer.get(), chunk);
     if (count < 0 && errno == EINTR) {
       continue;
     }
@@ -63,7 +69,7 @@ bool regular_file_read(int fd, const char* name, std::string* text, GError** err
     if (count == 0) {
       return true;
     }
-    text->append(buffer, 0, static_cast<gsize>(count));
+    text->append(buffer.get(), static_cast<gsize>(count));
   }
 }
 
@@ -71,4 +77,19 @@ bool regular_file_get_contents(const char* path, Links links, std::string* text,
   struct stat status {};
   const UniqueFd fd = regular_file_open(AT_FDCWD, path, links, &status, error);
   return fd && regular_file_read(fd.get(), path, text, error);
+}
+
+bool regular_file_is_unchanged(const char* path, const struct stat& before) {
+  struct stat now {};
+  return lstat(path, &now) == 0 && now.st_dev == before.st_dev && now.st_ino == before.st_ino
+         && now.st_size == before.st_size && same_time(now.st_mtim, before.st_mtim)
+         && same_time(now.st_ctim, before.st_ctim);
+}
+
+bool regular_file_has_settled(const struct stat& status) {
+  // The coarsest file systems count in steps of two seconds.
+  constexpr time_t settled_after_s = 3;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return now.tv_sec - status.st_ctim.tv_sec >= settled_after_s;
 }

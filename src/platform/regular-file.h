@@ -24,3 +24,11 @@ enum class Links { Refused, Followed };
 /// Both of the above for a path.
 [[nodiscard]] bool regular_file_get_contents(const char* path, Links links, std::string* text,
                                              GError** error);
+
+/// Whether a file that was in that state, when it was opened here, is so still: nobody has written
+/// to it or put another in its place since. False when there is doubt.
+[[nodiscard]] bool regular_file_is_unchanged(const char* path, const struct stat& before);
+
+/// Whether a change of the file from now on would show in its state. Its times may be no finer than
+/// some seconds, so that a second change right after the first leaves no trace.
+[[nodiscard]] bool regular_file_has_settled(const struct stat& status);
