@@ -5,6 +5,26 @@
 namespace {
 
 constexpr std::string_view form_feed_sign = "\\f";
+constexpr std::string_view blanks = " \t\n\r";
+
+// What stands behind a backslash for a character that would be read as something else; '\0':
+// nothing does. Blanks would be lost at the start only.
+char sign_of(char c, bool leading) {
+  switch (c) {
+  case '\n':
+    return 'n';
+  case '\r':
+    return 'r';
+  case '\\':
+    return '\\';
+  case ' ':
+    return leading ? 's' : '\0';
+  case '\t':
+    return leading ? 't' : '\0';
+  default:
+    return '\0';
+  }
+}
 
 } // namespace
 
@@ -12,7 +32,7 @@ KeyFilePtr key_file_make() {
   return KeyFilePtr(g_key_file_new());
 }
 
-KeyFilePtr key_file_parse(const std::string& text, GError** error) {
+KeyFilePtr key_file_parse(std::string_view text, GError** error) {
   // Rewriting in place fills a file up with line ends before it cuts them off; a power cut may
   // leave them, and they would be kept as a comment.
   gsize length = text.size();
@@ -57,13 +77,28 @@ bool key_file_get_text(GKeyFile* file, const char* group, const char* key, std::
   return true;
 }
 
-void key_file_set_text(GKeyFile* file, const char* group, const char* key, const char* text) {
-  const bool form_feed = *text == '\f';
-  g_key_file_set_string(file, group, key, text + (form_feed ? 1 : 0));
-  if (form_feed) {
-    g_autofree gchar* raw = g_key_file_get_value(file, group, key, nullptr);
-    g_key_file_set_value(file, group, key, (std::string(form_feed_sign) + raw).c_str());
+std::string key_file_raw_text(std::string_view text) {
+  std::string raw;
+  if (text.starts_with('\f')) {
+    raw = form_feed_sign;
+    text.remove_prefix(1);
   }
+  bool leading = true;
+  for (const char c : text) {
+    leading = leading && blanks.find(c) != std::string_view::npos;
+    const char sign = sign_of(c, leading);
+    if (sign != '\0') {
+      raw += '\\';
+    }
+    raw += sign != '\0' ? sign : c;
+  }
+  return raw;
+}
+
+std::string key_file_to_text(GKeyFile* file) {
+  gsize length = 0;
+  g_autofree gchar* text = g_key_file_to_data(file, &length, nullptr);
+  return {text, length};
 }
 
 void key_file_copy(GKeyFile* source, GKeyFile* target) {

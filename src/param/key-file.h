@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 struct KeyFileFree {
   void operator()(GKeyFile* file) const { g_key_file_free(file); }
@@ -18,7 +19,7 @@ using KeyFilePtr = std::unique_ptr<GKeyFile, KeyFileFree>;
 KeyFilePtr key_file_make();
 
 /// Parses with comments kept; nullptr with `error` set when that fails.
-KeyFilePtr key_file_parse(const std::string& text, GError** error);
+KeyFilePtr key_file_parse(std::string_view text, GError** error);
 
 /// Reads and parses a regular file. A link is none: its folder may belong to somebody who is not to
 /// choose what we read. nullptr with `error` set when that fails.
@@ -28,9 +29,12 @@ KeyFilePtr key_file_load(const char* path, GError** error);
 /// then.
 bool key_file_get_text(GKeyFile* file, const char* group, const char* key, std::string* text,
                        GError** error);
-/// Stores a text so that it is read as it is: a form feed at its start, which key files take for
-/// indentation and have no sign for, is written as "\\f".
-void key_file_set_text(GKeyFile* file, const char* group, const char* key, const char* text);
+/// A text as it stands in a key file, to be read as it is: as the library writes one, but that a
+/// form feed at its start, which key files take for indentation and have no sign for, is "\\f".
+std::string key_file_raw_text(std::string_view text);
+
+/// A whole key file as a text.
+std::string key_file_to_text(GKeyFile* file);
 
 /// Copies every value, as the raw text that it is, over what the target has of that name.
 void key_file_copy(GKeyFile* source, GKeyFile* target);

@@ -216,34 +216,48 @@ bool valid_group_name(const std::string& name) {
   });
 }
 
-void write_text(GKeyFile* file, const char* group, const char* key, const OptionalText& text) {
+// Collects the lines of a group.
+class GroupWriter {
+public:
+  explicit GroupWriter(std::string name) : group_{.name = std::move(name), .lines = {}} {}
+
+  void word(const char* key, std::string value) {
+    group_.lines.push_back({.key = key, .value = std::move(value)});
+  }
+  void text(const char* key, std::string_view value) { word(key, key_file_raw_text(value)); }
   // A missing key would make the next start lose the rest of the group.
-  key_file_set_text(file, group, key, text.value_or("").c_str());
+  void name(const char* key, const OptionalText& value) { text(key, value.value_or("")); }
+  void flag(const char* key, bool value) { word(key, value ? "true" : "false"); }
+  void number(const char* key, guint64 value) { word(key, std::to_string(value)); }
+
+  [[nodiscard]] ParamGroup group() && { return std::move(group_); }
+
+private:
+  ParamGroup group_;
+};
+
+void write_input_side(GroupWriter& writer, const IoPort* port) {
+  writer.name("input_name", port->input_name);
+  writer.flag("input_activelow", port->activelow_input);
 }
 
-void write_input_side(GKeyFile* file, const char* group, const IoPort* port) {
-  write_text(file, group, "input_name", port->input_name);
-  g_key_file_set_boolean(file, group, "input_activelow", port->activelow_input);
-}
-
-void write_output_side(GKeyFile* file, const char* group, const IoPort* port) {
-  write_text(file, group, "output_name", port->output_name);
-  g_key_file_set_boolean(file, group, "output_activelow", port->activelow_output);
-  g_key_file_set_string(file, group, "button_type", button_type_string[port->button_type]);
-  g_key_file_set_uint64(file, group, "pulse_time", port->pulse_time);
-  g_key_file_set_string(file, group, "port_mode", port_mode_string[port->mode]);
+void write_output_side(GroupWriter& writer, const IoPort* port) {
+  writer.name("output_name", port->output_name);
+  writer.flag("output_activelow", port->activelow_output);
+  writer.word("button_type", button_type_string[port->button_type]);
+  writer.number("pulse_time", port->pulse_time);
+  writer.word("port_mode", port_mode_string[port->mode]);
   // Sign-extended on purpose: a negative time is a very large number in the file.
-  g_key_file_set_uint64(file, group, "delay_time",
-                        static_cast<guint64>(static_cast<gint64>(port->delay_time)));
+  writer.number("delay_time", static_cast<guint64>(static_cast<gint64>(port->delay_time)));
 }
 
-void write_supervision(GKeyFile* file, const char* group, IoPort* port) {
+void write_supervision(GroupWriter& writer, IoPort* port) {
   GList* ranges = nullptr;
   io_port_get_supervised_ranges(port, &ranges);
   g_autoptr(GVariant) value = g_variant_ref_sink(supervised_ranges2gvariant(ranges));
   g_autofree gchar* text = g_variant_print(value, TRUE);
-  g_key_file_set_string(file, group, "supervised_input_ranges", text);
-  g_key_file_set_boolean(file, group, "supervised_input", port->supervised);
+  writer.text("supervised_input_ranges", text);
+  writer.flag("supervised_input", port->supervised);
 }
 
 } // namespace
@@ -275,29 +289,52 @@ bool param_group_read(GKeyFile* file, IoPort* port) {
   return true;
 }
 
-bool param_group_write(GKeyFile* file, IoPort* port) {
+std::optional<ParamGroup> param_group_of(IoPort* port) {
   if (!port->name) {
-    return report_nameless();
+    report_nameless();
+    return std::nullopt;
   }
-  const char* const group = port->name->c_str();
   if (!valid_group_name(*port->name)) {
     g_warning("%sSettings of port %d are not saved: its name '%s' cannot head a group of the key "
               "file",
-              log_prefix, port->number, group);
-    return false;
+              log_prefix, port->number, port->name->c_str());
+    return std::nullopt;
   }
+  GroupWriter writer(*port->name);
   if (port->type == PORT_IO_CTRL) {
-    g_key_file_set_boolean(file, group, "input", port->direction);
+    writer.flag("input", port->direction);
   }
   if (io_port_has_input_side(port)) {
-    write_input_side(file, group, port);
+    write_input_side(writer, port);
   }
   if (io_port_has_output_side(port)) {
-    write_output_side(file, group, port);
+    write_output_side(writer, port);
   }
   if (io_port_is_supervisable(port)) {
-    write_supervision(file, group, port);
+    write_supervision(writer, port);
   }
-  key_file_set_text(file, group, "usage", port->usage.c_str());
-  return true;
+  writer.text("usage", port->usage);
+  return std::move(writer).group();
+}
+
+std::string param_group_text(const ParamGroup& group) {
+  std::string text = "[" + group.name + "]\n";
+  for (const auto& line : group.lines) {
+    text.append(line.key).append("=").append(line.value).append("\n");
+  }
+  return text;
+}
+
+void param_group_store(GKeyFile* file, const ParamGroup& group) {
+  for (const auto& line : group.lines) {
+    g_key_file_set_value(file, group.name.c_str(), line.key, line.value.c_str());
+  }
+}
+
+bool param_group_write(GKeyFile* file, IoPort* port) {
+  const auto group = param_group_of(port);
+  if (group) {
+    param_group_store(file, *group);
+  }
+  return group.has_value();
 }
