@@ -22,50 +22,128 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
 
 namespace {
+
+/// The settings file as it was last met.
+struct OnDisk {
+  std::string path;
+  /// None where there is no file.
+  std::optional<std::string> text;
+  struct stat status {};
+  /// Whether any change of the file since then shows in its status.
+  bool settled = false;
+  /// Whether a save that changes no setting would leave this very text.
+  bool in_our_form = false;
+};
 
 /// Guards what stands below; the last lock in the order.
 std::mutex key_mutex;
 KeyFilePtr key_file;
+OnDisk on_disk;
 /// The groups that are to be saved and are not on the disk yet.
 KeyFilePtr unsaved;
+/// Whether the last write failed, so that what is in the file may not be on the disk.
+bool in_doubt = false;
+
+// Settings are kept rather than the port, which may be gone by the time that they can be saved.
+void note_as_unsaved(std::span<const ParamGroup> groups) {
+  const std::lock_guard guard(key_mutex);
+  if (unsaved == nullptr) {
+    unsaved = key_file_make();
+  }
+  for (const auto& group : groups) {
+    param_group_store(unsaved.get(), group);
+  }
+}
 
 bool something_is_unsaved() {
   const std::lock_guard guard(key_mutex);
   return unsaved != nullptr;
 }
 
-// The port's settings as they are now. They are kept rather than the port, which may be gone by the
-// time that they can be saved.
-void note_as_unsaved(IoPort* port) {
+void change_loaded_file(std::span<const ParamGroup> groups) {
   const std::lock_guard guard(key_mutex);
-  if (unsaved == nullptr) {
-    unsaved = key_file_make();
-  }
-  param_group_write(unsaved.get(), port);
-}
-
-void take_over_unsaved() {
-  const std::lock_guard guard(key_mutex);
-  if (unsaved != nullptr && key_file != nullptr) {
+  if (unsaved != nullptr) {
     key_file_copy(unsaved.get(), key_file.get());
   }
+  for (const auto& group : groups) {
+    param_group_store(key_file.get(), group);
+  }
 }
 
-void store_unsaved(const char* file) {
-  take_over_unsaved();
-  if (param_store_key_file(file)) {
-    const std::lock_guard guard(key_mutex);
-    unsaved.reset();
+// Stores the loaded file with these groups, and with what is unsaved from before.
+bool store_groups(std::span<const ParamGroup> groups, const char* file) {
+  change_loaded_file(groups);
+  if (!param_store_key_file(file)) {
+    note_as_unsaved(groups);
+    return false;
   }
+  const std::lock_guard guard(key_mutex);
+  unsaved.reset();
+  return true;
+}
+
+bool save_groups(std::span<const ParamGroup> groups, const char* file) {
+  const bool loaded = key_file != nullptr;
+  if (!loaded && !param_read_configuration(file)) {
+    note_as_unsaved(groups);
+    g_return_if_fail_warning(G_LOG_DOMAIN, "param_save_for_port", "param_read_configuration(file)");
+    return false;
+  }
+  const bool saved = store_groups(groups, file);
+  if (!loaded) {
+    param_close_file();
+  }
+  return saved;
+}
+
+// Whether the file has just these lines for the port, as can be told without reading it.
+bool is_known_to_be_saved(const ParamGroup& group, const char* file) {
+  const std::lock_guard guard(key_mutex);
+  if (key_file != nullptr || unsaved != nullptr || !on_disk.in_our_form || !on_disk.settled
+      || on_disk.path != file || !regular_file_is_unchanged(file, on_disk.status)) {
+    return false;
+  }
+  const std::string lines = param_group_text(group);
+  return on_disk.text->starts_with(lines) || on_disk.text->find("\n" + lines) != std::string::npos;
+}
+
+// With the mutex held. A missing file is an empty one.
+KeyFilePtr read_settings(const char* path, GError** error) {
+  on_disk = {.path = path, .text = {}};
+  if (struct stat status{}; lstat(path, &status) != 0) {
+    return key_file_make();
+  }
+  const UniqueFd fd = regular_file_open(AT_FDCWD, path, Links::Refused, &on_disk.status, error);
+  std::string text;
+  if (!fd || !regular_file_read(fd.get(), path, &text, error)) {
+    return nullptr;
+  }
+  on_disk.settled = regular_file_has_settled(on_disk.status);
+  on_disk.text = std::move(text);
+  return key_file_parse(*on_disk.text, error);
+}
+
+// With the mutex held. Flash wears with each write, and each takes the time of a sync.
+bool store_settings(const char* path, std::string text, GError** error) {
+  if (!in_doubt && on_disk.path == path && on_disk.text == text) {
+    on_disk.in_our_form = true;
+    return true;
+  }
+  in_doubt = !file_set_contents_synced(path, text, error);
+  on_disk = {.path = path, .text = std::move(text)};
+  return !in_doubt;
 }
 
 // What has a second name, or is only a link, may be somebody else's.
-UniqueFd open_to_hand_over(const char* path, GError** error) {
-  struct stat status {};
-  UniqueFd fd = regular_file_open(AT_FDCWD, path, Links::Refused, &status, error);
-  if (fd && status.st_nlink != 1) {
+UniqueFd open_to_hand_over(const char* path, struct stat* status, GError** error) {
+  UniqueFd fd = regular_file_open(AT_FDCWD, path, Links::Refused, status, error);
+  if (fd && status->st_nlink != 1) {
     g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_INVAL, "'%s' has more than one name", path);
     return {};
   }
@@ -76,13 +154,8 @@ UniqueFd open_to_hand_over(const char* path, GError** error) {
 
 bool param_read_configuration(const char* path) {
   const std::lock_guard guard(key_mutex);
-  key_file = key_file_make();
-  struct stat status {};
-  if (lstat(path, &status) != 0) {
-    return true;
-  }
   g_autoptr(GError) error = nullptr;
-  key_file = key_file_load(path, &error);
+  key_file = read_settings(path, &error);
   if (key_file == nullptr) {
     fprintf(stderr, "Could not read key file: %s\n", error->message);
     return false;
@@ -93,10 +166,8 @@ bool param_read_configuration(const char* path) {
 bool param_store_key_file(const char* path) {
   const std::lock_guard guard(key_mutex);
   WEXD_RETURN_VAL_IF_FAIL(key_file != NULL, false);
-  gsize length = 0;
-  g_autofree gchar* text = g_key_file_to_data(key_file.get(), &length, nullptr);
   g_autoptr(GError) error = nullptr;
-  if (!file_set_contents_synced(path, {text, length}, &error)) {
+  if (!store_settings(path, key_file_to_text(key_file.get()), &error)) {
     fprintf(stderr, "Failed to store key file %s: %s\n", path, error->message);
     return false;
   }
@@ -122,33 +193,31 @@ bool param_set_conf_vals(IoPort* port) {
 
 void param_save_for_port(IoPort* port, const char* file) {
   g_assert(port != NULL);
-  const bool loaded = key_file != nullptr;
-  note_as_unsaved(port);
-  if (!loaded) {
-    WEXD_RETURN_IF_FAIL(param_read_configuration(file));
-  }
-  store_unsaved(file);
-  if (!loaded) {
-    param_close_file();
+  const auto group = param_group_of(port);
+  if (!group) {
+    save_groups({}, file);
+  } else if (!is_known_to_be_saved(*group, file)) {
+    save_groups({&*group, 1}, file);
   }
 }
 
 bool param_save_all(const char* file) {
-  bool all_saved = true;
   const IoPortListLock list_lock;
+  std::vector<ParamGroup> groups;
   for (IoPort* port : io_port_list_get()) {
-    if (port->number >= 0 && io_port_get_property(port, "ioport")) {
-      const IoPortRef held(io_port_ref(port));
-      param_save_for_port(port, file);
-      all_saved = all_saved && !something_is_unsaved();
+    if (port->number < 0 || !io_port_get_property(port, "ioport")) {
+      continue;
+    }
+    if (auto group = param_group_of(port)) {
+      groups.push_back(std::move(*group));
     }
   }
-  return all_saved;
+  return groups.empty() || save_groups(groups, file);
 }
 
 void param_save_unsaved(const char* file) {
   if (something_is_unsaved() && param_read_configuration(file)) {
-    store_unsaved(file);
+    store_groups({}, file);
     param_close_file();
   }
 }
@@ -167,9 +236,13 @@ void param_set_owner_group(const char* file) {
   }
   const gid_t gid = group != nullptr ? group->gr_gid : unchanged;
   g_autoptr(GError) error = nullptr;
-  const UniqueFd fd = open_to_hand_over(file, &error);
+  struct stat status {};
+  const UniqueFd fd = open_to_hand_over(file, &status, &error);
   if (!fd) {
     g_warning("%sNot handing over settings: %s", log_prefix, error->message);
+    return;
+  }
+  if (status.st_uid == uid && (gid == unchanged || status.st_gid == gid)) {
     return;
   }
   if (fchown(fd.get(), uid, gid) != 0) {

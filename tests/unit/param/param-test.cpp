@@ -29,6 +29,12 @@ struct TheKeyFile : PortTest {
     return result;
   }
 
+  static ino_t inode_of(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    return status.st_ino;
+  }
+
   ScratchFolder scratch;
   std::string err;
 };
@@ -151,6 +157,39 @@ TEST_F(TheKeyFile, saves_one_port_beside_what_others_changed_meanwhile) {
   // Nothing stays loaded between two saves.
   EXPECT_FALSE(param_store_key_file(file.c_str()));
   EXPECT_TRUE(logged_part(G_LOG_LEVEL_CRITICAL, "param_store_key_file"));
+}
+
+TEST_F(TheKeyFile, is_not_written_when_nothing_has_changed) {
+  const auto file = scratch.path("conf");
+  const auto port = make({.name = "a"});
+  param_save_for_port(port.get(), file.c_str());
+  const auto first = inode_of(file);
+  param_save_for_port(port.get(), file.c_str());
+  EXPECT_EQ(inode_of(file), first);
+  port->usage = "new";
+  param_save_for_port(port.get(), file.c_str());
+  EXPECT_NE(inode_of(file), first);
+  EXPECT_THAT(read_file(file), HasSubstr("usage=new\n"));
+}
+
+TEST_F(TheKeyFile, is_written_where_it_was_not_read) {
+  const auto file = scratch.write("conf", "[a]\nusage=x\n");
+  ASSERT_TRUE(param_read_configuration(file.c_str()));
+  ASSERT_TRUE(param_store_key_file(scratch.path("copy").c_str()));
+  EXPECT_EQ(read_file(scratch.path("copy")), "[a]\nusage=x\n");
+}
+
+TEST_F(TheKeyFile, is_compared_with_what_was_stored_last) {
+  const auto file = scratch.path("conf");
+  const auto port = make({.name = "a"});
+  param_save_for_port(port.get(), file.c_str());
+  ASSERT_TRUE(param_read_configuration(file.c_str()));
+  for (const char* usage : {"new", ""}) {
+    port->usage = usage;
+    ASSERT_TRUE(param_set_conf_vals(port.get()));
+    ASSERT_TRUE(param_store_key_file(file.c_str()));
+    EXPECT_THAT(read_file(file), testing::EndsWith("usage=" + port->usage + "\n"));
+  }
 }
 
 TEST_F(TheKeyFile, saves_into_the_loaded_file_and_leaves_it_loaded) {

@@ -1,0 +1,153 @@
+"""What is written to the disk, and how often, as a trace shows it: flash wears, and syncs take time."""
+
+import re
+import time
+
+import pytest
+from describe import port
+
+from sim.bus import wait_until
+from sim.device import KEY_FILE
+
+pytestmark = [pytest.mark.uninstrumented, pytest.mark.root]
+
+TRACE = "/run/trace"
+# A daemon that is a child of its tracer would not hear the signals meant for it.
+STRACE = ("strace", "-D", "-f", "-y", "-qq", "-s", "400", "-o", TRACE, "-e", "trace=file,desc")
+SETTINGS = r'"(?:/etc/wexd/)?\.?wexd\.conf'
+PORTS = "".join(port(f"port{n}", n) for n in range(16))
+# After that long a change of a file shows in its times.
+SETTLED_S = 3.1
+
+
+def counted(device, call):
+    """How many such calls the daemon has made with success in its life so far."""
+    return sum(
+        re.search(rf"\b{call}", line) is not None and " = -1 " not in line
+        for line in device.read(TRACE).splitlines()
+    )
+
+
+def syncs(device):
+    return counted(device, r"f(?:data)?sync\(")
+
+
+def renames(device):
+    return counted(device, rf"rename\w*\(.*{SETTINGS}")
+
+
+def settle(device):
+    """Waits until the settings file is of an age at which it need not be read to be known."""
+
+    def old():
+        return time.time() - device.path(KEY_FILE).stat().st_ctime > SETTLED_S
+
+    wait_until(old, "an old settings file")
+
+
+@pytest.fixture
+def device(make_device):
+    device = make_device(wrapper=STRACE, patience=4)
+    device.describe(PORTS)
+    return device
+
+
+@pytest.fixture
+def old_device(device):
+    """One whose settings have been the daemon's own for a while."""
+    device.wrapper = ()
+    device.start()
+    device.restart()
+    device.stop()
+    settle(device)
+    device.wrapper = STRACE
+    return device
+
+
+def test_the_first_start_writes_the_settings_once(device):
+    device.start("--disable_legacy_interface")
+    assert (syncs(device), renames(device)) == (2, 1)
+    assert len(device.saved) == 16
+
+
+def test_a_later_start_writes_no_settings(old_device):
+    old_device.start("--disable_legacy_interface")
+    assert (syncs(old_device), renames(old_device)) == (0, 0)
+    assert counted(old_device, rf"(?:openat\(.*{SETTINGS}.*O_(?:WRONLY|RDWR)|f?chown)") == 0
+
+
+def test_a_start_that_changes_one_port_writes_once(old_device):
+    old_device.settings(old_device.read(KEY_FILE).replace("[port3]", "[gone]"))
+    old_device.start("--disable_legacy_interface")
+    assert (syncs(old_device), renames(old_device)) == (2, 1)
+    assert {"gone", "port3"} <= old_device.saved.keys()
+
+
+def test_states_that_are_set_write_nothing(device):
+    device.start("--disable_legacy_interface")
+    before = syncs(device)
+    for n in range(100):
+        device.state.SetState(n % 16, n % 3 == 0)
+    device.sync()
+    assert (syncs(device), renames(device)) == (before, 1)
+
+
+def test_settings_that_are_set_again_write_nothing(device):
+    device.start("--disable_legacy_interface")
+    for name in ("lamp", "lamp", "lamp", "bell", "bell"):
+        device.state.SetName(0, False, name)
+    device.sync()
+    assert renames(device) == 1 + 2
+    assert device.saved["port0"]["output_name"] == "bell"
+
+
+def test_a_file_that_nobody_touches_is_not_even_read(old_device):
+    device = old_device
+    device.start("--disable_legacy_interface")
+    before = counted(device, rf"openat\(.*{SETTINGS}")
+    for n in range(100):
+        device.state.SetState(n % 16, n % 3 == 0)
+    device.sync()
+    assert counted(device, rf"openat\(.*{SETTINGS}") == before
+
+
+def in_place(path, text):
+    path.write_text(text)
+
+
+def replaced(path, text):
+    path.with_name("edited").write_text(text)
+    path.with_name("edited").rename(path)
+
+
+@pytest.mark.parametrize("write", [in_place, replaced])
+def test_what_somebody_else_changes_in_a_known_file_is_met(old_device, write):
+    """Of the same length, so that only the file's times and its number tell."""
+    device = old_device
+    device.start("--disable_legacy_interface")
+    device.state.SetState(0, True)
+    device.sync()
+    text = device.read(KEY_FILE)
+    changed = text.replace("output_name=Port 1\n", "output_name=Port X\n")
+    changed = changed.replace("output_name=Port 2\n", "output_name=Port Y\n")
+    write(device.path(KEY_FILE), changed)
+    device.state.SetState(0, False)
+    device.sync()
+    assert device.saved["port0"]["output_name"] == "Port 1", "the port's own settings are saved"
+    assert device.saved["port1"]["output_name"] == "Port Y", "another's change is kept"
+
+
+def test_what_may_not_be_on_the_disk_is_written_again(make_device):
+    """The text is in the file, but the sync that was to make it last has failed."""
+    inject = ("-e", "inject=fsync:error=EIO:when=4")
+    device = make_device(wrapper=(*STRACE, *inject), patience=4)
+    device.describe(port("out", 0))
+    device.start("--disable_legacy_interface")
+    device.state.SetUsage(0, "lamp")  # saved by the third and the fourth sync
+    device.sync()
+    assert device.stderr.count("Failed to store key file") == 1
+    assert device.saved["out"]["usage"] == "lamp"
+    assert renames(device) == 2
+    device.state.SetState(0, True)
+    device.sync()
+    assert renames(device) == 3
