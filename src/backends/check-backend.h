@@ -1,10 +1,20 @@
 // Hardware: none; the state lives in memory. Kernel interface: none.
-// Vocabulary: every attribute is remembered; any attribute setup="fail" makes the set-up fail.
 // Limits: none. Made for trying out descriptions and for tests.
 #pragma once
 
+#include "description/vocabulary.h"
+
 struct IoPort;
 struct PortFunctions;
+
+inline constexpr std::array check_attributes{
+    AttributeWord{"setup", ValueForm::Text, "\"fail\" makes the set-up fail."},
+};
+inline constexpr BackendVocabulary check_vocabulary{
+    .name = "check",
+    .meaning = "A port for trying descriptions out; remembers what it is told.",
+    .attributes = check_attributes,
+    .takes_all = true};
 
 /// The operation table of ports of kind "check"; gives the port a record if it has none.
 const PortFunctions* check_setup_functions(IoPort* port);

@@ -2,6 +2,7 @@
 
 #include "backends/description-keys.h"
 #include "backends/iio-utils.h"
+#include "backends/supervised-iio-interrupt-backend.h"
 #include "platform/log.h"
 
 #include <fcntl.h>
@@ -31,6 +32,7 @@ constexpr std::array keys{
     DescriptionKey<Channel>{"integration_time", take_number<&Channel::integration_time_us>},
     DescriptionKey<Channel>{"one_threshold", take_switch<&Channel::one_threshold>},
 };
+static_assert(known_keys(iio_int_device_attributes, keys));
 
 // "in_<channel>[_<extension>]".
 std::string full_name(const Channel& channel) {

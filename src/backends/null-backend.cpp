@@ -38,6 +38,6 @@ static_assert(port_functions_valid(functions));
 
 } // namespace
 
-const PortFunctions* null_setup_functions() {
+const PortFunctions* null_setup_functions(IoPort* /*port*/) {
   return &functions;
 }

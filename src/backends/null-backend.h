@@ -1,9 +1,15 @@
-// Hardware: none. Kernel interface: none. Vocabulary: none. Limits: always reads low.
+// Hardware: none. Kernel interface: none. Limits: always reads low.
 //
 // The smallest complete backend: the one to copy for a new kind of hardware.
 #pragma once
 
+#include "description/vocabulary.h"
+
+struct IoPort;
 struct PortFunctions;
 
-/// The operation table of ports of kind "null".
-const PortFunctions* null_setup_functions();
+inline constexpr BackendVocabulary null_vocabulary{
+    .name = "null", .meaning = "A port that does nothing and reads low."};
+
+/// The operation table of ports of kind "null", which need no record.
+const PortFunctions* null_setup_functions(IoPort* port = nullptr);

@@ -101,12 +101,14 @@ constexpr std::array device_keys{
     DescriptionKey<SpiadcPortData>{"address", take_number<&SpiadcPortData::address, 0>},
     DescriptionKey<SpiadcPortData>{"inverted", take_switch<&SpiadcPortData::inverted>},
 };
+static_assert(same_keys(spiadc_device_attributes, device_keys));
 
 constexpr std::array band_keys{
     DescriptionKey<Band>{"active_min", take_number<&Band::active_min, 0>},
     DescriptionKey<Band>{"active_max", take_number<&Band::active_max, 0>},
     DescriptionKey<Band>{"hysteresis", take_number<&Band::hysteresis, 0>},
 };
+static_assert(same_keys(spiadc_band_attributes, band_keys));
 
 void parse_band(SpiadcPortData* data, const char* key, const char* value) {
   if (data->bands.empty()) {

@@ -382,6 +382,7 @@ constexpr std::array device_keys{
                                   }
                                 }},
 };
+static_assert(same_keys(iio_device_attributes, device_keys));
 
 void IioPortData::take(const char* element, const char* key, const char* value) {
   if (g_str_equal(element, "device")) {

@@ -357,6 +357,7 @@ constexpr std::array device_keys{
     DescriptionKey<Data>{"cache_ad_value", take_cache},
     DescriptionKey<Data>{"pullup_when_supervised", take_pullup},
 };
+static_assert(known_keys(iio_int_device_attributes, device_keys));
 
 void IioIntPortData::take(const char* element, const char* key, const char* value) {
   if (g_str_equal(element, "device")) {

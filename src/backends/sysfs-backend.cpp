@@ -31,6 +31,7 @@ constexpr std::array device_keys{
     DescriptionKey<SysfsPortData>{"clear_flag", take_switch<&SysfsPortData::clear_flag>},
     DescriptionKey<SysfsPortData>{"inverted", take_switch<&SysfsPortData::inverted>},
 };
+static_assert(same_keys(sysfs_device_attributes, device_keys));
 
 void sysfs_port_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
   auto* data = backend_data_ensure<SysfsPortData>(port);

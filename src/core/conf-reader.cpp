@@ -5,6 +5,7 @@
 
 #include "core/conf-vocabulary.h"
 #include "core/drop-folder.h"
+#include "description/reader.h"
 #include "event/event.h"
 #include "peers/bootblock.h"
 #include "platform/log.h"
@@ -26,8 +27,8 @@ struct GFree {
 };
 
 // One file being read.
-struct Reading {
-  const char* file_name;
+struct File {
+  const char* name;
   /// The device's hardware id, once asked for and answered.
   std::unique_ptr<gchar, GFree> hwid_value;
 };
@@ -55,36 +56,34 @@ bool hwid_matches(const char* hwid_value, const char* prefixes) {
 
 // Whether the device has the hardware that the port is meant for. Without an id to compare, a
 // port too many is better than a door that does not open.
-bool hardware_accepted(Reading& reading, const char* prefixes) {
-  if (reading.hwid_value == nullptr) {
+bool hardware_accepted(File& file, const char* prefixes) {
+  if (file.hwid_value == nullptr) {
     gchar* value = nullptr;
     bootblock_read_param("HWID", &value);
-    reading.hwid_value.reset(value);
+    file.hwid_value.reset(value);
     if (value != nullptr && *value == '\0') {
-      reading.hwid_value.reset();
+      file.hwid_value.reset();
     }
   }
-  if (reading.hwid_value == nullptr || *prefixes == '\0') {
+  if (file.hwid_value == nullptr || *prefixes == '\0') {
     g_warning("%sCould not get the hardware id", log_prefix);
     return true;
   }
-  return hwid_matches(reading.hwid_value.get(), prefixes);
+  return hwid_matches(file.hwid_value.get(), prefixes);
 }
 
-// Creates the port of a "port" element, unless its hardware is absent. Consumes the leading
-// hardware filter from the attributes.
-IoPortRef start_port(Reading& reading, const Place& place, const gchar**& names,
-                     const gchar**& values) {
-  if (*names != nullptr && view(*names) == "hwid") {
-    if (!hardware_accepted(reading, *values)) {
+// Creates the port of a "port" element, unless its hardware is absent. The hardware filter must be
+// the first attribute, and a name that replaces an earlier port the first of the others.
+IoPortRef start_port(File& file, const Place& place, std::span<const DescribedAttribute>& rest) {
+  if (!rest.empty() && view(rest.front().name) == "hwid") {
+    if (!hardware_accepted(file, rest.front().value)) {
       ignore_elements = true;
       return nullptr;
     }
-    names++;
-    values++;
+    rest = rest.subspan(1);
   }
-  if (*names != nullptr && view(*names) == "name") {
-    io_port_list_free_by_name(*values);
+  if (!rest.empty() && view(rest.front().name) == "name") {
+    io_port_list_free_by_name(rest.front().value);
   }
   IoPortRef port(io_port_new());
   port->origin = std::string(place.file_name) + ':' + std::to_string(place.line);
@@ -135,58 +134,37 @@ void apply_attribute(IoPort* port, IoEvent* event, const Place& place, const cha
   }
 }
 
-Place place_of(GMarkupParseContext* context, const Reading& reading, const char* element) {
-  gint line = 0;
-  gint character = 0;
-  g_markup_parse_context_get_position(context, &line, &character);
-  if (character == 1) {
-    // The parser looks one character ahead: the tag ended its line, and the next one is counted.
-    line--;
-  }
-  return {.file_name = reading.file_name, .line = line, .element = element};
-}
-
-void start_element(GMarkupParseContext* context, const gchar* element, const gchar** names,
-                   const gchar** values, gpointer user_data, GError** /*error*/) {
-  auto& reading = *static_cast<Reading*>(user_data);
+void start_element(File& file, const DescribedElement& element) {
   if (ignore_elements) {
     return;
   }
-  const Place place = place_of(context, reading, element);
-  const IoPortRef port = view(element) == "port" ? start_port(reading, place, names, values)
-                                                 : IoPortRef(io_port_list_nth_data(0));
+  const Place place{.file_name = file.name, .line = element.line, .element = element.name};
+  auto rest = element.attributes;
+  const IoPortRef port = view(element.name) == "port" ? start_port(file, place, rest)
+                                                      : IoPortRef(io_port_list_nth_data(0));
   if (port == nullptr) {
     return;
   }
-  IoEvent* const event = current_event(port.get(), element);
-  if (view(element) == "keyvalue") {
+  IoEvent* const event = current_event(port.get(), element.name);
+  if (view(element.name) == "keyvalue") {
     if (event == nullptr) {
       refuse(place, "belongs to no event; it is ignored");
       return;
     }
     event->key_values.emplace_front();
   }
-  for (; *names != nullptr; names++, values++) {
-    apply_attribute(port.get(), event, place, *names, *values);
+  for (const auto& [name, value] : rest) {
+    apply_attribute(port.get(), event, place, name, value);
   }
 }
 
-void end_element(GMarkupParseContext* /*context*/, const gchar* element, gpointer /*user_data*/,
-                 GError** /*error*/) {
-  if (view(element) == "backend") {
+void end_element(std::string_view element) {
+  if (element == "backend") {
     backend_data = false;
-  } else if (view(element) == "port") {
+  } else if (element == "port") {
     ignore_elements = false;
   }
 }
-
-constexpr GMarkupParser parser{
-    .start_element = start_element,
-    .end_element = end_element,
-    .text = nullptr,
-    .passthrough = nullptr,
-    .error = nullptr,
-};
 
 void report_dropped(const IoPort* port) {
   g_warning("%s%s: port '%s' (number %d) names no known backend, dropping it", log_prefix,
@@ -194,14 +172,13 @@ void report_dropped(const IoPort* port) {
 }
 
 bool parse(const char* file_name, const std::string& text) {
-  Reading reading{.file_name = file_name, .hwid_value = nullptr};
-  g_autoptr(GMarkupParseContext) context =
-      g_markup_parse_context_new(&parser, static_cast<GMarkupParseFlags>(0), &reading, nullptr);
-
+  File file{.name = file_name, .hwid_value = nullptr};
+  const DescriptionHandler handler{
+      .start = [&](const DescribedElement& element) { start_element(file, element); },
+      .end = end_element};
   g_autoptr(GError) error = nullptr;
-  // The context is not ended, so a document that is merely cut short counts as far as it goes.
-  if (!g_markup_parse_context_parse(context, text.data(), static_cast<gssize>(text.size()),
-                                    &error)) {
+  // A description that is merely cut short counts as far as it goes.
+  if (description_read(text, handler, &error) == Reading::Broken) {
     g_critical("%sCouldn't parse markup file (%s)\n", log_prefix, file_name);
     g_warning("%s%s: %s", log_prefix, file_name, error->message);
     return false;

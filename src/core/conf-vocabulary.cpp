@@ -1,5 +1,6 @@
 #include "core/conf-vocabulary.h"
 
+#include "description/common-vocabulary.h"
 #include "event/event.h"
 #include "platform/log.h"
 #include "platform/words.h"
@@ -20,11 +21,7 @@ struct Row {
   /// nullptr: any attribute.
   const char* key;
   Apply apply;
-  /// A text of at most io_port_text_limit bytes.
-  bool is_port_text = false;
 };
-
-constexpr bool port_text = true;
 
 // Sets `target` to the value of the word (any letter case); an unknown word changes nothing.
 template <typename Table, typename Target>
@@ -35,15 +32,19 @@ void set_by_word(const Table& words, const char* text, Target& target) {
 }
 
 constexpr std::array direction_words{Word{"input", true}, Word{"output", false}};
+static_assert(same_words(direction_words, direction_names));
 constexpr std::array mode_words{Word{"bistable", PORT_MODE_BISTABLE},
                                 Word{"monostable", PORT_MODE_MONOSTABLE}};
+static_assert(same_words(mode_words, port_mode_names));
 constexpr std::array button_words{Word{"none", BUTTON_NONE}, Word{"pulse", BUTTON_PULSE},
                                   Word{"actinact", BUTTON_ACTINACT}};
+static_assert(same_words(button_words, button_type_names));
 constexpr std::array flag_words{Word{"true", true}, Word{"false", false}};
 
 // Exact, unlike the words above.
 constexpr std::array type_words{Word{"input", PORT_INPUT}, Word{"output", PORT_OUTPUT},
                                 Word{"io_ctrl", PORT_IO_CTRL}};
+static_assert(same_words(type_words, port_type_names));
 
 // Ports from here on may meet the virtual inputs of video channels.
 constexpr gint first_virtual_port = 6;
@@ -103,8 +104,9 @@ void set_event_flag(const ConfTarget& target, const char* /*key*/, const char* v
 
 constexpr std::array rows{
     Row{"port", "name",
-        [](const ConfTarget& target, const char*, const char* value) { target.port->name = value; },
-        port_text},
+        [](const ConfTarget& target, const char*, const char* value) {
+          target.port->name = value;
+        }},
     Row{"port", "optional",
         [](const ConfTarget& target, const char*, const char* value) {
           target.port->optional = g_str_equal(value, "true");
@@ -127,18 +129,15 @@ constexpr std::array rows{
     Row{"param_defaults", "usage",
         [](const ConfTarget& target, const char*, const char* value) {
           target.port->usage = value;
-        },
-        port_text},
+        }},
     Row{"param_default_name", "input",
         [](const ConfTarget& target, const char*, const char* value) {
           set_default_name(target.port->input_name, value);
-        },
-        port_text},
+        }},
     Row{"param_default_name", "output",
         [](const ConfTarget& target, const char*, const char* value) {
           set_default_name(target.port->output_name, value);
-        },
-        port_text},
+        }},
     Row{"properties", nullptr,
         [](const ConfTarget& target, const char* key, const char* value) {
           io_port_add_property(target.port, key, value);
@@ -167,18 +166,52 @@ constexpr std::array rows{
         }},
 };
 
-const Row* find_row(std::string_view element, std::string_view key) {
+constexpr const Row* find_row(std::string_view element, std::string_view key) {
   const auto found = std::ranges::find_if(rows, [&](const Row& row) {
     return row.element == element && (row.key == nullptr || row.key == key);
   });
   return found != rows.end() ? &*found : nullptr;
 }
 
+// The reader of the description looks at this one itself.
+constexpr bool is_filter(std::string_view key) {
+  return key == "hwid";
+}
+
+constexpr bool rows_are_the_vocabulary() {
+  const bool all_known = std::ranges::all_of(rows, [](const Row& row) {
+    const auto* const element = find_element(common_elements, row.element);
+    return element != nullptr
+           && (row.key == nullptr || find_attribute(element->attributes, row.key) != nullptr);
+  });
+  return all_known && std::ranges::all_of(common_elements, [](const ElementWord& element) {
+           return std::ranges::all_of(element.attributes, [&](const AttributeWord& attribute) {
+             return is_filter(attribute.name) || find_row(element.name, attribute.name) != nullptr;
+           });
+         });
+}
+static_assert(rows_are_the_vocabulary());
+
+constexpr bool is_port_text(const Row& row) {
+  const auto* const word =
+      row.key != nullptr
+          ? find_attribute(find_element(common_elements, row.element)->attributes, row.key)
+          : nullptr;
+  return word != nullptr && word->form == ValueForm::PortText;
+}
+
+// Known when compiled, so that the daemon need not carry the vocabulary along.
+constexpr auto port_text_rows = [] {
+  std::array<bool, rows.size()> found{};
+  std::ranges::transform(rows, found.begin(), is_port_text);
+  return found;
+}();
+
 } // namespace
 
 bool conf_is_port_text(std::string_view element, std::string_view key) {
   const auto* const row = find_row(element, key);
-  return row != nullptr && row->is_port_text;
+  return row != nullptr && port_text_rows[static_cast<gsize>(row - rows.data())];
 }
 
 void conf_apply_attribute(const ConfTarget& target, const char* element, const char* key,

@@ -1,5 +1,6 @@
 #include "event/event-values.h"
 
+#include "description/common-vocabulary.h"
 #include "platform/words.h"
 #include "port/ioport.h"
 
@@ -13,6 +14,7 @@ constexpr std::array type_words{
     Word{"double", NV_EVENT_DOUBLE},
     Word{"string", NV_EVENT_STRING},
 };
+static_assert(same_words(type_words, value_type_names));
 
 // A placeholder that stands for the port's state, in the form of each type.
 struct StateWords {

@@ -9,6 +9,7 @@
 
 #include <glib.h>
 
+#include "description/limits.h"
 #include "port/supervised-utils.h"
 
 #include <array>
@@ -48,10 +49,6 @@ enum PortMode : guint { PORT_MODE_NONE = 0, PORT_MODE_MONOSTABLE = 1, PORT_MODE_
 /// Texts of ButtonType and PortMode, as stored and published.
 inline constexpr std::array<const char*, 3> button_type_string{"none", "pulse", "actinact"};
 inline constexpr std::array<const char*, 3> port_mode_string{"", "monostable", "bistable"};
-
-/// Bytes of the longest name or usage that a port takes, without the final zero. All texts of all
-/// ports together must fit into one message of the bus.
-inline constexpr gsize io_port_text_limit = 65'536;
 
 /// Selects one side of a port, or the port as a whole.
 enum class PortSide { Input, Output, Port };

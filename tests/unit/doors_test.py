@@ -1,4 +1,5 @@
-"""Includes go one way: core -> dbus, peers, param -> backends -> port <-> event -> platform."""
+"""Includes go one way: core -> dbus, peers, param -> backends -> port <-> event
+-> description -> platform."""
 
 import pathlib
 import re
@@ -6,12 +7,13 @@ import unittest
 
 SOURCES = pathlib.Path(__file__).resolve().parents[2] / "src"
 
-MODEL = {"port", "event", "platform"}
+MODEL = {"port", "event", "description", "platform"}
 # What each folder may include from, besides itself.
 DOORS = {
     "platform": set(),
-    "event": {"port", "platform"},
-    "port": {"event", "platform"},
+    "description": {"platform"},
+    "event": {"port", "description", "platform"},
+    "port": {"event", "description", "platform"},
     "backends": MODEL,
     "param": MODEL | {"backends"},
     "peers": MODEL | {"backends"},
