@@ -29,7 +29,7 @@ Owned<Proxy> service(Proxy* (*create)(GDBusConnection*, GDBusProxyFlags, const g
 }
 
 // Errors that say that nobody answers, rather than that somebody refused.
-bool unreachable(const GError* error) {
+bool nobody_answers(const GError* error) {
   static constexpr std::array codes{G_DBUS_ERROR_SERVICE_UNKNOWN, G_DBUS_ERROR_NAME_HAS_NO_OWNER,
                                     G_DBUS_ERROR_NO_REPLY, G_DBUS_ERROR_DISCONNECTED};
   return error->domain != G_DBUS_ERROR
@@ -106,7 +106,7 @@ std::string shown_name(IOControlState* state, const PortInfo& port) {
   GError* error = nullptr;
   if (!iocontrol_state_call_get_names_sync(state, static_cast<guint>(port.number), &input, &output,
                                            nullptr, &error)) {
-    if (unreachable(error)) {
+    if (nobody_answers(error)) {
       throw_bus_error(error);
     }
     g_error_free(error);
@@ -131,15 +131,19 @@ guint only_one(const std::vector<PortInfo>& found, const std::string& name) {
 
 } // namespace
 
-void throw_unreachable(const std::string& reason) {
-  throw CommandError(Status::Unreachable, fmt::format("wexd does not answer: {}", reason));
+CommandError unreachable(const std::string& reason) {
+  return CommandError(Status::Unreachable, fmt::format("wexd does not answer: {}", reason));
+}
+
+CommandError empty_port() {
+  return CommandError(Status::Usage, "PORT is empty");
 }
 
 void throw_bus_error(GError* error) {
   const std::unique_ptr<GError, void (*)(GError*)> owned(error, g_error_free);
   g_autofree gchar* name = g_dbus_error_get_remote_error(error);
-  if (unreachable(error)) {
-    throw_unreachable(absence(error));
+  if (nobody_answers(error)) {
+    throw unreachable(absence(error));
   }
   if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED)) {
     throw CommandError(Status::Refused, "only root and the group wxd may do this "
@@ -161,7 +165,7 @@ Daemon::Daemon() {
   connection_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
   if (connection_ == nullptr) {
     const std::unique_ptr<GError, void (*)(GError*)> owned(error, g_error_free);
-    throw_unreachable(fmt::format("no system bus: {}", error->message));
+    throw unreachable(fmt::format("no system bus: {}", error->message));
   }
   g_dbus_connection_set_exit_on_close(connection(), FALSE);
   state_ = service(iocontrol_state_proxy_new_sync, connection(), state_name,
@@ -214,7 +218,7 @@ guint Daemon::resolve(const std::string& port) const {
     return static_cast<guint>(number);
   }
   if (port.empty()) {
-    throw CommandError(Status::Usage, "PORT is empty");
+    throw empty_port();
   }
   auto published = ports();
   std::erase_if(published, [](const PortInfo& entry) { return entry.number < 0; });

@@ -42,8 +42,10 @@ private:
 /// Throws what a failed bus call means: the daemon's message and its error name. Takes `error`.
 [[noreturn]] void throw_bus_error(GError* error);
 
-/// Throws that nobody answers, and why.
-[[noreturn]] void throw_unreachable(const std::string& reason);
+/// That nobody answers, and why.
+CommandError unreachable(const std::string& reason);
+/// That a PORT is an empty word.
+CommandError empty_port();
 
 struct Unref {
   template <typename T>

@@ -88,9 +88,15 @@ Example: wexctl supervised ranges window cut 3200 4095)"},
     Details{
         "monitor",
         R"(One line for each change of a state, end of a sequence, and change of a setting, with the time and
-the port's name. A daemon that goes is waited for, and both its going and its return are told.
-With --json each line is an object whose "event" is port-changed, sequence-done, setting-changed,
-watching, daemon-absent, daemon-gone or daemon-back.)"},
+the port's name. A daemon that goes is waited for, and both its going and its return are told. Lines
+about wexd itself do not count. A full count, an idle end and an interrupt are status 0.
+
+A format has, in braces, time, kind, port, name, state, direction, interface, property, value and
+text, which is what people are shown; a brace of its own is written twice. What a line lacks is
+empty. The kind, which --json calls event, is port-changed, sequence-done, setting-changed, initial,
+watching, daemon-absent, daemon-gone or daemon-back. The state is on or off, or that of a supervised
+line: open, closed, short, cut or undefined. Times are as RFC 3339 has them.
+Example: wexctl monitor door relay --initial --count 2 --format '{time} {name} is {state}')"},
     Details{
         "legacy get",
         R"(Without PROPERTY shows all of the port. A property that only one interface has needs no prefix.

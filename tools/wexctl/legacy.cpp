@@ -29,7 +29,7 @@ Variant call_properties(const Daemon& daemon, guint number, const char* method, 
   if (reply == nullptr) {
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER) && daemon.present()) {
       g_error_free(error);
-      throw_unreachable("it does without its legacy interface");
+      throw unreachable("it does without its legacy interface");
     }
     throw_bus_error(error);
   }

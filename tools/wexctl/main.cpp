@@ -52,6 +52,11 @@ struct Arguments {
   bool wait = false;
   bool daemon = false;
   std::string timeout;
+  std::string idle_timeout;
+  std::optional<std::string> format;
+  std::optional<guint> count;
+  bool initial = false;
+  bool quiet = false;
 };
 
 /// Set by the verb that was chosen; runs it.
@@ -81,11 +86,11 @@ std::string check_duration(const std::string& word) {
 }
 
 // Says of a word what is wrong with it, nothing if it is a number in the range.
-auto whole_number(guint64 most) {
-  return [most](const std::string& word) {
+auto whole_number(guint64 most, guint64 least = 0) {
+  return [most, least](const std::string& word) {
     const bool right =
-        g_ascii_string_to_unsigned(word.c_str(), 10, 0, most, nullptr, nullptr) != FALSE;
-    return right ? "" : fmt::format("'{}' is no whole number from 0 to {}", word, most);
+        g_ascii_string_to_unsigned(word.c_str(), 10, least, most, nullptr, nullptr) != FALSE;
+    return right ? "" : fmt::format("'{}' is no whole number from {} to {}", word, least, most);
   };
 }
 
@@ -120,6 +125,8 @@ private:
   void add_setting_verbs();
   void add_sequence_verbs();
   void add_wait_verb();
+  void add_monitor_verb();
+  [[nodiscard]] MonitorOptions monitor_options() const;
   void add_supervised_verbs();
   void add_other_verbs();
 
@@ -246,6 +253,37 @@ void CommandLine::add_wait_verb() {
   });
 }
 
+MonitorOptions CommandLine::monitor_options() const {
+  return {.format = args_.format ? LineFormat::fields(*args_.format)
+                    : args_.json ? LineFormat::json()
+                                 : LineFormat::text(),
+          .ports = args_.names,
+          .initial = args_.initial,
+          .quiet = args_.quiet,
+          .count = args_.count,
+          .idle_timeout = duration(args_.idle_timeout),
+          .timeout = duration(args_.timeout)};
+}
+
+void CommandLine::add_monitor_verb() {
+  auto* verb_app = verb(app_, "monitor", "Show changes as they happen, until interrupted",
+                        [this](const Daemon& daemon) { monitor(daemon, monitor_options()); });
+  verb_app->add_option("PORT", args_.names, "Ports to show; by default all");
+  verb_app->add_flag("--initial", args_.initial, "Begin with the present states");
+  verb_app->add_flag("--quiet", args_.quiet, "Do not say that the watch begins");
+  verb_app->add_option("--count", args_.count, "End after so many lines about ports")
+      ->check(whole_number(G_MAXUINT32, 1));
+  verb_app
+      ->add_option("--idle-timeout", args_.idle_timeout,
+                   "End after so long without a line, e.g. 5s")
+      ->check(check_duration);
+  add_timeout(verb_app, "End after so long, with status 4");
+  auto* json = verb_app->add_flag("--json", args_.json, "Print JSON, an object on each line");
+  verb_app->add_option("--format", args_.format, "How a line reads, e.g. '{time} {name} {state}'")
+      ->check(format_mistake)
+      ->excludes(json);
+}
+
 void CommandLine::add_supervised_verbs() {
   auto* supervised =
       app_.add_subcommand("supervised", "Supervised inputs: show, on, off, ranges, read");
@@ -290,9 +328,6 @@ void CommandLine::add_other_verbs() {
       });
   connectors->add_option("KIND", args_.value, "video, audio or all");
   add_json(connectors);
-
-  add_json(verb(app_, "monitor", "Show changes as they happen, until interrupted",
-                [this](const Daemon& daemon) { monitor(daemon, args_.json); }));
 
   auto* legacy = app_.add_subcommand("legacy", "Legacy configuration properties: get, set");
   legacy->require_subcommand(1);
@@ -340,6 +375,7 @@ CommandLine::CommandLine() {
   add_setting_verbs();
   add_sequence_verbs();
   add_wait_verb();
+  add_monitor_verb();
   add_supervised_verbs();
   add_other_verbs();
 }

@@ -2,6 +2,7 @@
 
 #include "wexctl/output.h"
 #include "wexctl/sequence.h"
+#include "wexctl/supervised.h"
 #include "wexctl/vigil.h"
 
 #include <fmt/format.h>
@@ -19,6 +20,7 @@ struct PortDetails {
   std::string usage;
   std::string active_input;
   std::string active_output;
+  SupervisedWord supervised;
 };
 
 std::string take(gchar* text) {
@@ -49,6 +51,7 @@ PortDetails details(const Daemon& daemon, const PortInfo& port) {
     result.active_input = take(first);
     result.active_output = take(second);
   }
+  result.supervised = supervised_word(daemon, port.number, port.input);
   return result;
 }
 
@@ -76,22 +79,27 @@ Json port_json(const PortInfo& port, const PortDetails& more) {
   for (const auto& property : port.properties) {
     properties[property.key] = property.value;
   }
-  return {{"number", port.number},
-          {"name", port.name},
-          {"state", port.state},
-          {"direction", port.input ? "input" : "output"},
-          {"configurable", port.configurable},
-          {"active_low", port.activelow},
-          {"input_name", more.input_name},
-          {"output_name", more.output_name},
-          {"active_input", more.active_input},
-          {"active_output", more.active_output},
-          {"usage", more.usage},
-          {"properties", properties}};
+  Json json{{"number", port.number},
+            {"name", port.name},
+            {"state", port.state},
+            {"direction", port.input ? "input" : "output"},
+            {"configurable", port.configurable},
+            {"active_low", port.activelow},
+            {"input_name", more.input_name},
+            {"output_name", more.output_name},
+            {"active_input", more.active_input},
+            {"active_output", more.active_output},
+            {"usage", more.usage},
+            {"properties", properties}};
+  if (more.supervised) {
+    json["supervised"] = *more.supervised;
+  }
+  return json;
 }
 
-std::string state_text(bool state) {
-  return coloured(state ? Colour::Green : Colour::Dim, on_or_off(state));
+// A supervised line has more than two states.
+std::string state_word(const PortInfo& port, const PortDetails& more) {
+  return more.supervised ? *more.supervised : on_or_off(port.state);
 }
 
 // By reference, so that the error is looked at after the call that sets it.
@@ -157,7 +165,7 @@ void list_ports(const Daemon& daemon, bool json) {
     const auto more = details(daemon, port);
     array.push_back(port_json(port, more));
     table.add({std::to_string(port.number), port.name, shown_as(port, more), kind(port),
-               on_or_off(port.state), port.activelow ? "open" : "closed", more.usage,
+               state_word(port, more), port.activelow ? "open" : "closed", more.usage,
                property_list(port)});
   }
   if (json) {
@@ -175,7 +183,8 @@ void get_port(const Daemon& daemon, const std::string& port, bool json) {
     print_json(port_json(info, more));
     return;
   }
-  print("port {} {}: {}\n", info.number, printable(info.name), state_text(info.state));
+  print("port {} {}: {}\n", info.number, printable(info.name),
+        coloured(info.state ? Colour::Green : Colour::Dim, state_word(info, more)));
   print("  kind        {}\n", kind(info));
   print("  input side  '{}', {}\n", printable(more.input_name), more.active_input);
   print("  output side '{}', {}\n", printable(more.output_name), more.active_output);

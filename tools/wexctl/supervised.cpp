@@ -60,21 +60,6 @@ std::string ranges_text(const Json& ranges) {
   return text;
 }
 
-std::vector<guint> supervisable_numbers(const Daemon& daemon) {
-  GVariant* ports = nullptr;
-  GError* error = nullptr;
-  check(iosupervised_supervised_call_get_supervised_port_numbers_sync(daemon.supervised(), &ports,
-                                                                      nullptr, &error),
-        error);
-  const Variant owned(ports);
-  std::vector<guint> numbers;
-  for (gsize i = 0; i < g_variant_n_children(ports); i++) {
-    const Variant number(g_variant_get_child_value(ports, i));
-    numbers.push_back(g_variant_get_uint32(number.get()));
-  }
-  return numbers;
-}
-
 // A port that cannot be read now is shown as such; the others are still worth seeing.
 Json port_json(const Daemon& daemon, guint number) {
   Json entry{{"number", number}};
@@ -96,19 +81,33 @@ Json port_json(const Daemon& daemon, guint number) {
 
 } // namespace
 
+std::vector<guint> supervisable_numbers(const Daemon& daemon) {
+  GVariant* ports = nullptr;
+  GError* error = nullptr;
+  check(iosupervised_supervised_call_get_supervised_port_numbers_sync(daemon.supervised(), &ports,
+                                                                      nullptr, &error),
+        error);
+  const Variant owned(ports);
+  std::vector<guint> numbers;
+  for (gsize i = 0; i < g_variant_n_children(ports); i++) {
+    const Variant number(g_variant_get_child_value(ports, i));
+    numbers.push_back(g_variant_get_uint32(number.get()));
+  }
+  return numbers;
+}
+
 // One that cannot be read now is undefined, as it is where its level is in no range.
-SupervisedWord supervised_word(const Daemon& daemon, const PortInfo& port) {
-  const auto number = static_cast<guint>(port.number);
+SupervisedWord supervised_word(const Daemon& daemon, int number, bool input) {
   gboolean on = FALSE;
-  if (!port.input || port.number < 0 || !port.has("ioport")
-      || iosupervised_supervised_call_get_supervised_sync(daemon.supervised(), number, &on, nullptr,
-                                                          nullptr)
+  if (!input
+      || iosupervised_supervised_call_get_supervised_sync(
+             daemon.supervised(), static_cast<guint>(number), &on, nullptr, nullptr)
              == FALSE
       || on == FALSE) {
     return std::nullopt;
   }
   try {
-    return read_port(daemon, number).state;
+    return read_port(daemon, static_cast<guint>(number)).state;
   } catch (const CommandError& error) {
     if (error.status() == Status::Unreachable) {
       throw;

@@ -5,13 +5,16 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace wexctl {
 
 /// "open", "closed", "short", "cut" or "undefined".
 using SupervisedWord = std::optional<std::string>;
-/// What the line of a supervised input is at; nothing for any other port.
-SupervisedWord supervised_word(const Daemon& daemon, const PortInfo& port);
+/// What the line of a supervised port is at, if it is an input; nothing for any other.
+SupervisedWord supervised_word(const Daemon& daemon, int number, bool input);
+/// The ports that can be supervised.
+std::vector<guint> supervisable_numbers(const Daemon& daemon);
 
 /// All supervisable ports, or one, with reading and ranges.
 void supervised_show(const Daemon& daemon, const std::optional<std::string>& port, bool json);

@@ -62,14 +62,14 @@ void Vigil::wait(Timeout timeout, const char* gone) {
   case End::Done:
     break;
   case End::TimedOut:
-    throw_timed_out();
+    throw timed_out();
   case End::Gone:
-    throw_unreachable(gone);
+    throw unreachable(gone);
   }
 }
 
-void throw_timed_out() {
-  throw CommandError(Status::TimedOut, "the time ran out");
+CommandError timed_out() {
+  return CommandError(Status::TimedOut, "the time ran out");
 }
 
 } // namespace wexctl

@@ -68,7 +68,7 @@ private:
   std::optional<CommandError> failure_;
 };
 
-/// Throws that the time ran out.
-[[noreturn]] void throw_timed_out();
+/// That the time ran out.
+CommandError timed_out();
 
 } // namespace wexctl

@@ -54,12 +54,12 @@ bool PortWait::is_wanted(const PortInfo& port, const SupervisedWord& word) const
 
 bool PortWait::look() const {
   const auto port = daemon_.port(number_);
-  return is_wanted(port, supervised_word(daemon_, port));
+  return is_wanted(port, supervised_word(daemon_, port.number, port.input));
 }
 
 // What is told of a supervised line is more and less than its state.
 void PortWait::judge(PortInfo told) {
-  const auto word = supervised_word(daemon_, told);
+  const auto word = supervised_word(daemon_, told.number, told.input);
   if (!wanted_ || (word ? look() : is_wanted(told, word))) {
     vigil_.finish();
   }
@@ -81,7 +81,7 @@ void PortWait::on_port_changed(IOControlState* /*proxy*/, gint port, gboolean is
                  .input = input != FALSE,
                  .configurable = false,
                  .activelow = activelow != FALSE,
-                 .properties = {{.key = "ioport", .value = true}}});
+                 .properties = {}});
   } catch (const CommandError& error) {
     wait->vigil_.fail(error);
   }

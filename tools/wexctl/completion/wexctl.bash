@@ -7,12 +7,13 @@ _wexctl_ports() {
 # The options of a verb, given the words up to here with a blank behind.
 _wexctl_options() {
   case $1 in
-    'list '* | 'get '* | 'drop '* | 'connectors '* | 'monitor '* | 'check '*) echo --json ;;
+    'list '* | 'get '* | 'drop '* | 'connectors '* | 'check '*) echo --json ;;
     'supervised show '* | 'supervised ranges '* | 'supervised read '*) echo --json ;;
     'legacy get '*) echo --json ;;
     'active '* | 'name '*) echo --side ;;
     'run '*) echo --virtual --wait ;;
     'pulse '*) echo --wait ;;
+    'monitor '*) echo --initial --quiet --count --idle-timeout --timeout --json --format ;;
     'wait '*) echo --daemon --timeout ;;
     ' ') echo --help-all --version ;;
   esac
@@ -58,7 +59,7 @@ _wexctl() {
   elif [ "$verb" = check ]; then
     mapfile -t COMPREPLY < <(compgen -f -- "$cur")
     return
-  elif [ "$verb" = drop ]; then
+  elif [ "$verb" = drop ] || [ "$verb" = monitor ]; then
     candidates=$(_wexctl_ports)
   elif [ "$position" -eq 1 ]; then
     case $verb in
