@@ -4,14 +4,21 @@
 #include "dbus/legacy-names.h"
 #include "port/ioport-list.h"
 
+#include <algorithm>
 #include <array>
 #include <initializer_list>
 #include <span>
+#include <string_view>
 #include <utility>
 
 namespace {
 
-using Attributes = std::initializer_list<std::pair<const char*, std::string>>;
+using Attributes = std::initializer_list<std::pair<const char*, std::string_view>>;
+
+// Stands in XML for itself.
+bool is_plain(char c) {
+  return c >= ' ' && c <= '~' && c != '&' && c != '<' && c != '>' && c != '"' && c != '\'';
+}
 
 // Builds indented XML, one element a line, two blanks a level; values are escaped.
 class XmlWriter {
@@ -25,7 +32,7 @@ public:
   void close(const char* element) {
     level_--;
     indent();
-    text_ += std::string("</") + element + ">\n";
+    text_.append("</").append(element).append(">\n");
   }
 
   void leaf(const char* element, Attributes attributes) {
@@ -40,11 +47,23 @@ private:
 
   void start(const char* element, Attributes attributes) {
     indent();
-    text_ += std::string("<") + element;
+    text_.append("<").append(element);
     for (const auto& [name, value] : attributes) {
-      g_autofree gchar* escaped = g_markup_escape_text(value.c_str(), -1);
-      text_ += std::string(" ") + name + "=\"" + escaped + '"';
+      text_.append(" ").append(name).append("=\"");
+      append_escaped(value);
+      text_ += '"';
     }
+  }
+
+  // Nearly all values are plain, and the library would copy each of them.
+  void append_escaped(std::string_view value) {
+    if (std::ranges::all_of(value, is_plain)) {
+      text_.append(value);
+      return;
+    }
+    g_autofree gchar* escaped =
+        g_markup_escape_text(value.data(), static_cast<gssize>(value.size()));
+    text_ += escaped;
   }
 
   std::string text_ = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
@@ -187,7 +206,7 @@ void write_type(XmlWriter& xml, const char* type) {
   }
 }
 
-void write_option(XmlWriter& xml, const char* name, const std::string& value) {
+void write_option(XmlWriter& xml, const char* name, std::string_view value) {
   xml.leaf("legacyoption", {{"name", name}, {"value", value}});
 }
 
