@@ -5,7 +5,9 @@
 #include "platform/file-sync.h"
 #include "platform/log.h"
 #include "platform/own-user.h"
+#include "platform/regular-file.h"
 
+#include <fcntl.h>
 #include <glib.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -32,9 +34,18 @@ std::optional<FileOwner> later_owner() {
   return FileOwner{.user = user->pw_uid, .group = user->pw_gid};
 }
 
-bool write_temporary(const std::string& text) {
+// Whether the text is there already, in a file that the daemon may replace later.
+bool is_in_place(const char* target, std::string_view text, const std::optional<FileOwner>& owner) {
+  struct stat status {};
+  const UniqueFd fd = regular_file_open(AT_FDCWD, target, Links::Refused, &status, nullptr);
+  std::string present;
+  return fd && (!owner || status.st_uid == owner->user)
+         && regular_file_read(fd.get(), target, &present, nullptr) && present == text;
+}
+
+bool write_temporary(std::string_view text, const std::optional<FileOwner>& owner) {
   g_autoptr(GError) error = nullptr;
-  if (!file_create_synced(legacy_temporary_file, text, later_owner(), &error)) {
+  if (!file_create_synced(legacy_temporary_file, text, owner, &error)) {
     g_info("%s%s %s", log_prefix, error->message, hint);
     return false;
   }
@@ -51,17 +62,27 @@ void move_temporary(const char* target) {
   }
 }
 
+// False when the text could not be written at all.
+bool bring_in_place(const char* target, std::string_view text,
+                    const std::optional<FileOwner>& owner) {
+  if (is_in_place(target, text, owner)) {
+    return true;
+  }
+  if (!write_temporary(text, owner)) {
+    return false;
+  }
+  move_temporary(target);
+  return true;
+}
+
 } // namespace
 
 void generate_service_registry() {
-  if (write_temporary(legacy_registry_text())) {
-    move_temporary(registry_file);
-  } else {
+  const auto owner = later_owner();
+  if (!bring_in_place(registry_file, legacy_registry_text(), owner)) {
     g_warning("%sCouldn't write to service registry", log_prefix);
   }
-  if (write_temporary(legacy_mapping_text())) {
-    move_temporary(mapping_file);
-  } else {
+  if (!bring_in_place(mapping_file, legacy_mapping_text(), owner)) {
     g_warning("%sCouldn't write to legacy mappings", log_prefix);
   }
 }

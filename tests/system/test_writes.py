@@ -1,5 +1,6 @@
 """What is written to the disk, and how often, as a trace shows it: flash wears, and syncs take time."""
 
+import os
 import re
 import time
 
@@ -8,6 +9,7 @@ from describe import port
 
 from sim.bus import wait_until
 from sim.device import KEY_FILE
+from sim.sandbox import WXD_UID
 
 pytestmark = [pytest.mark.uninstrumented, pytest.mark.root]
 
@@ -15,6 +17,8 @@ TRACE = "/run/trace"
 # A daemon that is a child of its tracer would not hear the signals meant for it.
 STRACE = ("strace", "-D", "-f", "-y", "-qq", "-s", "400", "-o", TRACE, "-e", "trace=file,desc")
 SETTINGS = r'"(?:/etc/wexd/)?\.?wexd\.conf'
+REGISTRY = "/etc/service_registry/services.d/wexd_service_registry.conf"
+MAPPING = "/etc/legacyconfig/legacymappings.d/wexd.xml"
 PORTS = "".join(port(f"port{n}", n) for n in range(16))
 # After that long a change of a file shows in its times.
 SETTLED_S = 3.1
@@ -64,16 +68,47 @@ def old_device(device):
     return device
 
 
-def test_the_first_start_writes_the_settings_once(device):
-    device.start("--disable_legacy_interface")
-    assert (syncs(device), renames(device)) == (2, 1)
+def test_the_first_start_writes_each_file_once(device):
+    device.start()
+    assert (syncs(device), renames(device)) == (4, 1)
+    assert counted(device, "rename") == 3, "the settings and both generated files"
     assert len(device.saved) == 16
 
 
-def test_a_later_start_writes_no_settings(old_device):
-    old_device.start("--disable_legacy_interface")
-    assert (syncs(old_device), renames(old_device)) == (0, 0)
-    assert counted(old_device, rf"(?:openat\(.*{SETTINGS}.*O_(?:WRONLY|RDWR)|f?chown)") == 0
+def test_a_later_start_writes_nothing(old_device):
+    old_device.start()
+    assert counted(old_device, r"(?:f(?:data)?sync|rename\w*|unlink\w*|f?ch(?:own|mod)\w*)\(") == 0
+    assert counted(old_device, r'openat\(.*"(?!/dev).*O_(?:WRONLY|RDWR|CREAT)') == 0
+
+
+@pytest.mark.parametrize("file", [REGISTRY, MAPPING])
+def test_a_generated_file_is_written_again_when_it_is_another(old_device, file):
+    text = old_device.read(file)
+    old_device.write(file, text.replace("6", "7"))
+    old_device.start()
+    assert (syncs(old_device), counted(old_device, "rename")) == (1, 1)
+    assert old_device.read(file) == text
+
+
+def test_a_generated_file_of_another_user_becomes_the_daemons_own(old_device):
+    """In a folder that is shared nobody replaces what is another's."""
+    path = old_device.path(REGISTRY)
+    os.chown(path, 0, 0)
+    old_device.start()
+    assert path.stat().st_uid == WXD_UID
+
+
+def test_ports_that_go_and_come_back_renew_both_files(make_device):
+    device = make_device(wrapper=STRACE, patience=4)
+    device.describe(PORTS + port("extra", 16, optional="true"))
+    device.start()
+    before = counted(device, "rename")
+    assert device.state.DropIOPorts(["extra"]) == ["extra"]
+    device.sync()
+    assert counted(device, "rename") == before + 2
+    device.state.RefreshIOPorts()
+    device.sync()
+    assert counted(device, "rename") == before + 4
 
 
 def test_a_start_that_changes_one_port_writes_once(old_device):
