@@ -16,9 +16,9 @@ def daemon(device):
 def test_an_error_stays_on_its_line(daemon, wexctl):
     result = wexctl("get", "no\nsuch \x1b[31m")
     assert (result.status, result.err) == (1, "wexctl: no port is called 'no\\x0asuch \\x1b[31m'\n")
-    result = wexctl("set", "relay", "on", "a\nb")
+    result = wexctl("get", "relay", "a\nb")
     assert (result.status, result.err) == (
-        2, "wexctl: 'a\\x0ab' is one argument too many; see wexctl set --help\n",
+        2, "wexctl: 'a\\x0ab' is one argument too many; see wexctl get --help\n",
     )  # fmt: skip
 
 
@@ -33,13 +33,22 @@ def test_an_error_stays_on_its_line(daemon, wexctl):
         ("set", "PORT is required; see wexctl set --help"),
         ("set relay", "STATE is required; see wexctl set --help"),
         ("set relay maybe", "'maybe' is neither on nor off"),
-        ("set relay on x y", "'x' is one argument too many; see wexctl set --help"),
+        ("set relay on x y", "'relay' is not PORT=STATE; see wexctl set --help"),
+        ("get relay x y", "'x' is one argument too many; see wexctl get --help"),
         ("get relay --side", "'--side' is no option; see wexctl get --help"),
         ("pulse relay 5xyz",
-         "MS: '5xyz' is no whole number from 0 to 2147483647; see wexctl pulse --help"),
-        ("pulse relay -5", "MS: '-5' is no whole number from 0 to 2147483647; see wexctl pulse --help"),
+         "TIME: '5xyz' is no length of time: write 500ms, 2s, 1m or 1h; see wexctl pulse --help"),
+        ("pulse relay -5",
+         "TIME: '-5' is no length of time: write 500ms, 2s, 1m or 1h; see wexctl pulse --help"),
         ("pulse relay 2147483648",
-         "MS: '2147483648' is no whole number from 0 to 2147483647; see wexctl pulse --help"),
+         "TIME: '2147483648' is no length of time: write 500ms, 2s, 1m or 1h; see wexctl pulse --help"),
+        ("set relay=on lamp", "'lamp' is neither on nor off"),
+        ("set relay=maybe", "'maybe' is neither on nor off"),
+        ("set =on relay=off", "PORT is empty"),
+        ("set relay=on 1=off", "port 1 is told twice"),
+        ("set relay --on", "'--on' is no option; see wexctl set --help"),
+        ("toggle", "PORT is required; see wexctl toggle --help"),
+        ("toggle relay relay", "port 1 is told twice"),
         ("direction relay up",
          "DIRECTION: up not in {input,output}; see wexctl direction --help"),
         ("supervised ranges line cut 1 x",

@@ -21,8 +21,13 @@ constexpr std::array details{
 direction, its state, the sense of the side in use, its usage and its properties. JSON has both
 sides.)"},
     Details{"get", R"(Example: wexctl get relay)"},
-    Details{"set", R"(States are on and off; 1, 0, true and false will do. Inputs cannot be driven.
-Example: wexctl set relay on)"},
+    Details{
+        "set",
+        R"(States are on and off; 1, 0, true and false will do. Inputs cannot be driven. Several ports are
+told as PORT=STATE, are all looked up before the first is driven, and are driven in that order.
+Example: wexctl set relay=on lamp=off)"},
+    Details{"toggle", R"(All ports are looked up before the first is driven.
+Example: wexctl toggle relay lamp)"},
     Details{
         "virtual",
         R"(Announces the state of any port to everyone who listens, and drives no hardware. A virtual port has
@@ -50,12 +55,13 @@ Example: wexctl name relay 'Garage gate')"},
 Example: wexctl usage relay 'Opens the gate')"},
     Details{
         "run",
-        R"(Each step is a state, on or off, 1 or 0, and how many milliseconds it lasts; xTIMES repeats all of
-them. The daemon runs the steps, and the port keeps the state of the last. A port that runs a
-sequence is busy and refuses another.
-Example: wexctl run lamp 1:500,0:200x10 --wait)"},
-    Details{"pulse", R"(The same as running the sequence 1:MS,0:0.
-Example: wexctl pulse lamp 500)"},
+        R"(Each step is a state, on or off, 1 or 0, and how long it lasts, e.g. 500ms, 2s, 1m or 1h; a bare
+number is milliseconds. xTIMES repeats all of them. The daemon runs the steps, and the port keeps
+the state of the last. A port that runs a sequence is busy and refuses another; `wexctl stop` ends
+it. A step of more than 35 minutes is told to the daemon as several of the same state.
+Example: wexctl run lamp 1:500ms,0:200msx5 --wait)"},
+    Details{"pulse", R"(The same as running the sequence 1:TIME,0:0.
+Example: wexctl pulse lamp 500ms)"},
     Details{
         "stop",
         R"(The port keeps the state that it has, or takes the one given; its line does not turn in between.

@@ -15,6 +15,7 @@
 
 #include <functional>
 #include <sstream>
+#include <tuple>
 
 using namespace wexctl;
 
@@ -124,6 +125,7 @@ private:
   void add_port_verbs();
   void add_setting_verbs();
   void add_sequence_verbs();
+  [[nodiscard]] std::vector<Setting> settings() const;
   void add_wait_verb();
   void add_monitor_verb();
   [[nodiscard]] MonitorOptions monitor_options() const;
@@ -149,6 +151,28 @@ CLI::App* CommandLine::verb(CLI::App& parent, const char* name, const char* help
   return added;
 }
 
+// PORT STATE, or PORT=STATE any number of times; a name may hold the sign, too.
+std::vector<Setting> CommandLine::settings() const {
+  if (args_.names.size() == 1 && args_.names[0].find('=') == std::string::npos) {
+    return {{.port = args_.port, .state = parse_state(args_.names[0])}};
+  }
+  std::vector<std::string> words{args_.port};
+  words.insert(words.end(), args_.names.begin(), args_.names.end());
+  std::vector<Setting> settings;
+  for (const auto& word : words) {
+    const auto sign = word.rfind('=');
+    if (sign != std::string::npos) {
+      settings.push_back(
+          {.port = word.substr(0, sign), .state = parse_state(word.substr(sign + 1))});
+    } else if (words.size() == 1) {
+      throw CLI::RequiredError("STATE");
+    } else {
+      throw CLI::ValidationError(fmt::format("'{}' is not PORT=STATE", word));
+    }
+  }
+  return settings;
+}
+
 void CommandLine::add_port_verbs() {
   add_json(verb(app_, "list", "Show all ports",
                 [this](const Daemon& daemon) { list_ports(daemon, args_.json); }));
@@ -158,10 +182,16 @@ void CommandLine::add_port_verbs() {
   add_port(get);
   add_json(get);
 
-  auto* set = verb(app_, "set", "Drive an output",
-                   [this](const Daemon& daemon) { set_port(daemon, args_.port, args_.value); });
-  add_port(set);
-  set->add_option("STATE", args_.value, "on or off")->required();
+  auto* set = verb(app_, "set", "Drive outputs",
+                   [this](const Daemon& daemon) { set_ports(daemon, settings()); });
+  set->add_option("PORT", args_.port, "Number or name of the port, or PORT=STATE")->required();
+  set->add_option("STATE", args_.names, "on or off, or more of PORT=STATE");
+  // Said of the line as a whole, before anybody is asked.
+  set->parse_complete_callback([this] { std::ignore = settings(); });
+
+  auto* toggle = verb(app_, "toggle", "Turn outputs over",
+                      [this](const Daemon& daemon) { toggle_ports(daemon, args_.names); });
+  toggle->add_option("PORT", args_.names, "Numbers or names of the ports")->required();
 
   auto* virt = verb(app_, "virtual", "Announce a virtual state of a port",
                     [this](const Daemon& daemon) { set_virtual(daemon, args_.port, args_.value); });
@@ -212,7 +242,8 @@ void CommandLine::add_sequence_verbs() {
         run_sequence(daemon, args_.port, args_.value, args_.is_virtual, args_.wait);
       });
   add_port(run);
-  run->add_option("SEQUENCE", args_.value, "STATE:MS[,STATE:MS...][xTIMES], e.g. 1:500,0:200x10")
+  run->add_option("SEQUENCE", args_.value,
+                  "STATE:TIME[,STATE:TIME...][xTIMES], e.g. 1:500ms,0:2sx10")
       ->required();
   run->add_flag("--virtual", args_.is_virtual, "Announce virtual states instead of driving");
   run->add_flag("--wait", args_.wait, "Return when the sequence has ended");
@@ -222,7 +253,10 @@ void CommandLine::add_sequence_verbs() {
         run_sequence(daemon, args_.port, "1:" + args_.value + ",0:0", false, args_.wait);
       });
   add_port(pulse);
-  pulse->add_option("MS", args_.value, "Milliseconds")->required()->check(whole_number(G_MAXINT32));
+  pulse
+      ->add_option("TIME", args_.value, "How long, e.g. 500ms or 2s; a bare number is milliseconds")
+      ->required()
+      ->check(check_duration);
   pulse->add_flag("--wait", args_.wait, "Return when the pulse has ended");
 
   auto* stop =

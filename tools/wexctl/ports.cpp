@@ -7,7 +7,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
+#include <iterator>
 
 namespace wexctl {
 
@@ -109,6 +111,33 @@ void check(gboolean done, GError*& error) {
   }
 }
 
+// The port, which must be there and be driven by somebody.
+PortInfo output(const Daemon& daemon, guint number) {
+  auto port = daemon.port(number);
+  if (port.input) {
+    throw CommandError(Status::Refused, fmt::format("port {} is an input", number));
+  }
+  return port;
+}
+
+void set_state(const Daemon& daemon, guint number, bool state) {
+  GError* error = nullptr;
+  check(iocontrol_state_call_set_state_sync(daemon.state(), number, state, nullptr, &error), error);
+}
+
+// Which of two words about one port counts would be a guess.
+std::vector<guint> distinct_numbers(const Daemon& daemon, const std::vector<std::string>& ports) {
+  std::vector<guint> numbers;
+  for (const auto& port : ports) {
+    const guint number = daemon.resolve(port);
+    if (std::ranges::find(numbers, number) != numbers.end()) {
+      throw CommandError(Status::Usage, fmt::format("port {} is told twice", number));
+    }
+    numbers.push_back(number);
+  }
+  return numbers;
+}
+
 // The side that a setting is meant for: the one told, or the one in use.
 bool input_side(const Daemon& daemon, guint number, Side side) {
   return side ? *side : daemon.port(number).input;
@@ -192,12 +221,29 @@ void get_port(const Daemon& daemon, const std::string& port, bool json) {
   print("  properties  {}\n", printable(property_list(info)));
 }
 
-void set_port(const Daemon& daemon, const std::string& port, const std::string& state) {
-  const bool active = parse_state(state);
-  GError* error = nullptr;
-  check(iocontrol_state_call_set_state_sync(daemon.state(), daemon.resolve(port), active, nullptr,
-                                            &error),
-        error);
+void set_ports(const Daemon& daemon, const std::vector<Setting>& settings) {
+  std::vector<std::string> names;
+  std::ranges::transform(settings, std::back_inserter(names), &Setting::port);
+  const auto numbers = distinct_numbers(daemon, names);
+  // Of one port the daemon says all there is to say.
+  if (numbers.size() > 1) {
+    for (const guint number : numbers) {
+      output(daemon, number);
+    }
+  }
+  for (size_t i = 0; i < numbers.size(); i++) {
+    set_state(daemon, numbers[i], settings[i].state);
+  }
+}
+
+void toggle_ports(const Daemon& daemon, const std::vector<std::string>& ports) {
+  std::vector<PortInfo> found;
+  for (const guint number : distinct_numbers(daemon, ports)) {
+    found.push_back(output(daemon, number));
+  }
+  for (const auto& port : found) {
+    set_state(daemon, static_cast<guint>(port.number), !port.state);
+  }
 }
 
 void port_direction(const Daemon& daemon, const std::string& port, const std::string& direction) {
@@ -304,15 +350,14 @@ void stop_sequence(const Daemon& daemon, const std::string& port,
                    const std::optional<std::string>& state) {
   const auto active = state ? std::optional(parse_state(*state)) : std::nullopt;
   const guint number = daemon.resolve(port);
-  if (active && daemon.port(number).input) {
-    throw CommandError(Status::Refused, fmt::format("port {} is an input", number));
+  if (active) {
+    output(daemon, number);
   }
   GError* error = nullptr;
   check(iocontrol_manager1_call_stop_sequence_sync(daemon.manager(), number, nullptr, &error),
         error);
   if (active) {
-    check(iocontrol_state_call_set_state_sync(daemon.state(), number, *active, nullptr, &error),
-          error);
+    set_state(daemon, number, *active);
   }
 }
 

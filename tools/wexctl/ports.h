@@ -19,7 +19,14 @@ bool parse_state(const std::string& text);
 
 void list_ports(const Daemon& daemon, bool json);
 void get_port(const Daemon& daemon, const std::string& port, bool json);
-void set_port(const Daemon& daemon, const std::string& port, const std::string& state);
+/// A port and the state that it is to have.
+struct Setting {
+  std::string port;
+  bool state;
+};
+/// Drives the ports in this order, once all of them are known to be there.
+void set_ports(const Daemon& daemon, const std::vector<Setting>& settings);
+void toggle_ports(const Daemon& daemon, const std::vector<std::string>& ports);
 /// Without `direction`, shows it.
 void port_direction(const Daemon& daemon, const std::string& port, const std::string& direction);
 /// Without `sense`, shows both sides.

@@ -1,6 +1,7 @@
 #include "wexctl/sequence.h"
 
 #include "wexctl/bus.h"
+#include "wexctl/duration.h"
 
 #include <fmt/format.h>
 
@@ -11,10 +12,11 @@ namespace {
 constexpr guint64 most_steps = 100000;
 
 [[noreturn]] void malformed(const std::string& part) {
-  throw CommandError(Status::Usage,
-                     fmt::format("'{}' is no sequence: write STATE:MS[,STATE:MS...][xTIMES], e.g. "
-                                 "1:500,0:200x10",
-                                 part));
+  throw CommandError(
+      Status::Usage,
+      fmt::format("'{}' is no sequence: write STATE:TIME[,STATE:TIME...][xTIMES], e.g. "
+                  "1:500ms,0:2sx10",
+                  part));
 }
 
 guint64 parse_number(const std::string& text, guint64 most) {
@@ -35,13 +37,28 @@ bool parse_state(const std::string& text) {
   return false;
 }
 
-SequenceStep parse_step(const std::string& text) {
+// The daemon counts microseconds in 32 bits, and does not hold a longer step: such a one is told as
+// several of the same state.
+constexpr guint longest_step_ms = G_MAXINT32 / 1000;
+
+void add_step(std::vector<SequenceStep>& steps, bool state, guint duration_ms) {
+  for (; duration_ms > longest_step_ms; duration_ms -= longest_step_ms) {
+    steps.push_back({.state = state, .duration_ms = static_cast<int>(longest_step_ms)});
+  }
+  steps.push_back({.state = state, .duration_ms = static_cast<int>(duration_ms)});
+}
+
+void parse_step(std::vector<SequenceStep>& steps, const std::string& text) {
   const auto colon = text.find(':');
   if (colon == std::string::npos) {
     malformed(text);
   }
-  return {.state = parse_state(text.substr(0, colon)),
-          .duration_ms = static_cast<int>(parse_number(text.substr(colon + 1), G_MAXINT32))};
+  const bool state = parse_state(text.substr(0, colon));
+  const auto duration_ms = parse_duration(text.substr(colon + 1));
+  if (!duration_ms) {
+    malformed(text);
+  }
+  add_step(steps, state, *duration_ms);
 }
 
 } // namespace
@@ -58,7 +75,7 @@ std::vector<SequenceStep> parse_sequence(const std::string& text) {
   size_t start = 0;
   while (true) {
     const auto comma = steps_text.find(',', start);
-    once.push_back(parse_step(steps_text.substr(start, comma - start)));
+    parse_step(once, steps_text.substr(start, comma - start));
     if (comma == std::string::npos) {
       break;
     }

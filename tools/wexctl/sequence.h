@@ -11,8 +11,9 @@ struct SequenceStep {
   int duration_ms;
 };
 
-/// Parses "STATE:MS[,STATE:MS...][xTIMES]", e.g. "1:500,0:200x10": ten times half a second on and a
-/// fifth off. States are 1, 0, on and off; durations are milliseconds. Throws CommandError.
+/// Parses "STATE:TIME[,STATE:TIME...][xTIMES]", e.g. "1:500ms,0:2sx10": ten times half a second on
+/// and two seconds off. States are 1, 0, on and off; times are as parse_duration has them. Throws
+/// CommandError.
 std::vector<SequenceStep> parse_sequence(const std::string& text);
 
 } // namespace wexctl

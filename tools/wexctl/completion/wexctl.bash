@@ -22,7 +22,7 @@ _wexctl_options() {
 
 _wexctl() {
   local cur=${COMP_WORDS[COMP_CWORD]} words=() word value=''
-  local verbs='list get set direction active name usage virtual run pulse stop wait drop refresh supervised
+  local verbs='list get set toggle direction active name usage virtual run pulse stop wait drop refresh supervised
     connectors monitor legacy check'
   local candidates=''
 
@@ -59,7 +59,8 @@ _wexctl() {
   elif [ "$verb" = check ]; then
     mapfile -t COMPREPLY < <(compgen -f -- "$cur")
     return
-  elif [ "$verb" = drop ] || [ "$verb" = monitor ]; then
+  elif [ "$verb" = drop ] || [ "$verb" = monitor ] ||
+    [ "$verb" = toggle ]; then
     candidates=$(_wexctl_ports)
   elif [ "$position" -eq 1 ]; then
     case $verb in
