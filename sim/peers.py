@@ -7,6 +7,7 @@ type, and send its signals.
 import json
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
@@ -38,6 +39,7 @@ class Peer:
         self.device = device
         self.parameters = parameters
         self.client = device.client()
+        self.log = device.scratch / f"{self.TEMPLATE}.log"
         self.process = None
         device.on_exit(self.stop)
         if start:
@@ -51,13 +53,13 @@ class Peer:
 
     def launch(self):
         """Starts the process, and does not wait for it."""
-        with undisturbed():
+        with undisturbed(), open(self.log, "ab") as log:
             self.process = subprocess.Popen(
                 ["setpriv", "--pdeathsig", "KILL", sys.executable, "-m", "dbusmock",
                  "--template", str(MOCKS / f"{self.TEMPLATE}.py"),
                  "--parameters", json.dumps(self.parameters)],
                 env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.device.bus_address},
-                stdout=subprocess.DEVNULL,
+                stdout=log,
                 # An interrupt from the terminal is for whoever runs the device.
                 start_new_session=True,
             )  # fmt: skip
@@ -118,6 +120,13 @@ class Peer:
     def calls(self, method):
         """The arguments of every call of a method, in order."""
         return [tuple(call[2]) for call in self.mock("GetCalls") if call[1] == method]
+
+    def questions(self, path=None):
+        """How often the properties of an object were asked for, in all lives together."""
+        if not self.log.exists():
+            return 0
+        # A question that is answered otherwise is logged without the path.
+        return len(re.findall(rf' GetAll (?:{path or self.PATH} |")', self.log.read_text()))
 
     def forget_calls(self):
         self.mock("ClearCalls")

@@ -5,6 +5,8 @@
 #include "platform/bus-proxy.h"
 #include "platform/log.h"
 
+#include <utility>
+
 namespace {
 
 constexpr BusService service{.name = "com.norv.PTZ.Coordinator",
@@ -13,6 +15,10 @@ constexpr BusService service{.name = "com.norv.PTZ.Coordinator",
                              .flags = G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START};
 
 GDBusProxy* coordinator = nullptr;
+/// Cancelled when nobody waits for the proxy any more.
+GCancellable* making = nullptr;
+/// Called once, when the state of the start is taken in.
+void (*coordinator_met)() = nullptr;
 BusOwnerWatch owner_watch;
 
 PtzState state_of(bool enabled) {
@@ -26,8 +32,15 @@ void apply_current_state() {
   virtual_input_set_ptz_enabled(known ? state_of(enabled) : PtzState::Unknown);
 }
 
+void tell_met() {
+  if (const auto tell = std::exchange(coordinator_met, nullptr); tell != nullptr) {
+    tell();
+  }
+}
+
 void on_owner_changed(gpointer /*user_data*/) {
   apply_current_state();
+  tell_met();
 }
 
 void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* signal,
@@ -40,21 +53,30 @@ void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* sign
   virtual_input_set_ptz_enabled(state_of(enabled != FALSE));
 }
 
-} // namespace
-
-void coordinator_dbus_init() {
-  g_autoptr(GError) error = nullptr;
-  coordinator = bus_proxy_new(service, &error);
-  if (coordinator == nullptr) {
+void on_made(GDBusProxy* proxy, const GError* error, gpointer /*user_data*/) {
+  if (proxy == nullptr) {
     g_warning("%sError creating proxy: %s\n", log_prefix, error->message);
+    tell_met();
     return;
   }
+  coordinator = proxy;
   owner_watch.start(coordinator, on_owner_changed, nullptr);
   g_signal_connect(coordinator, "g-signal", G_CALLBACK(on_signal), nullptr);
-  apply_current_state();
+  owner_watch.note_change();
+}
+
+} // namespace
+
+void coordinator_dbus_init(void (*met)()) {
+  coordinator_met = met;
+  making = g_cancellable_new();
+  bus_proxy_make(service, making, on_made, nullptr);
 }
 
 void coordinator_dbus_finalize() {
+  coordinator_met = nullptr;
+  g_cancellable_cancel(making);
+  g_clear_object(&making);
   owner_watch.stop();
   if (coordinator != nullptr) {
     g_signal_handlers_disconnect_matched(coordinator, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr,

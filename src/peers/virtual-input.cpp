@@ -41,10 +41,11 @@ void note_channel(int channel, bool enabled) {
 
 } // namespace
 
+// Nobody waits for the peers, but they are met in this order: the channels while PTZ counts as
+// disabled, then the coordinator, and only then a streamer that came or went meanwhile.
 void virtual_input_init() {
   if (virtual_input_in_use()) {
-    streamer_dbus_init();
-    coordinator_dbus_init();
+    streamer_dbus_init([] { coordinator_dbus_init(streamer_dbus_follow); });
   }
 }
 

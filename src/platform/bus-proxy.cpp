@@ -4,6 +4,9 @@
 #include "platform/bus-connection.h"
 #include "platform/hung-services.h"
 
+#include <memory>
+#include <optional>
+#include <string>
 #include <utility>
 
 namespace {
@@ -38,6 +41,50 @@ void keep_properties(GDBusProxy* proxy, GVariant* reply) {
   while (g_variant_iter_loop(iter, "{&sv}", &name, &value)) {
     g_dbus_proxy_set_cached_property(proxy, name, value);
   }
+}
+
+// What is wanted to know of a proxy that is being made.
+struct Making {
+  std::string name;
+  /// None when the service is left alone.
+  std::optional<guint64> begun;
+  BusProxyMade made;
+  gpointer user_data;
+};
+
+void on_made(GObject* /*source*/, GAsyncResult* result, gpointer user_data) {
+  const std::unique_ptr<Making> making(static_cast<Making*>(user_data));
+  g_autoptr(GError) error = nullptr;
+  GDBusProxy* const proxy = g_dbus_proxy_new_finish(result, &error);
+  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
+    return;
+  }
+  if (proxy == nullptr && making->begun) {
+    hung_service_call_failed(making->name.c_str(), *making->begun, false, error);
+  }
+  making->made(proxy, error, making->user_data);
+}
+
+struct Question {
+  guint64 begun;
+  BusProxyAnswered answered;
+  gpointer user_data;
+};
+
+// A question that was given up ends here, too, perhaps after whoever had asked it.
+void on_properties(GObject* source, GAsyncResult* result, gpointer user_data) {
+  const std::unique_ptr<Question> question(static_cast<Question*>(user_data));
+  GDBusProxy* const proxy = G_DBUS_PROXY(source);
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GVariant) reply = g_dbus_proxy_call_finish(proxy, result, &error);
+  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
+    return;
+  }
+  if (error != nullptr) {
+    hung_service_call_failed(g_dbus_proxy_get_name(proxy), question->begun, true, error);
+  }
+  keep_properties(proxy, reply);
+  question->answered(question->user_data);
 }
 
 // Makes a proxy that asks nothing by itself but, perhaps, to have the service started.
@@ -88,6 +135,41 @@ GDBusProxy* bus_proxy_renew(const BusService& service, GError** error) {
   return new_proxy(service, G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START_AT_CONSTRUCTION, error);
 }
 
+void bus_proxy_make(const BusService& service, GCancellable* cancellable, BusProxyMade made,
+                    gpointer user_data) {
+  g_autoptr(GError) error = nullptr;
+  GDBusConnection* const connection = bus_connection(&error);
+  if (connection == nullptr) {
+    made(nullptr, error, user_data);
+    return;
+  }
+  hung_service_follow(connection, service.name);
+  auto making = std::make_unique<Making>(Making{.name = service.name,
+                                                .begun = hung_service_begin_call(service.name),
+                                                .made = made,
+                                                .user_data = user_data});
+  const auto start = making->begun ? G_DBUS_PROXY_FLAGS_NONE
+                                   : G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START_AT_CONSTRUCTION;
+  g_dbus_proxy_new(connection, service.flags | start | G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES,
+                   nullptr, service.name, service.path, service.interface_name, cancellable,
+                   on_made, making.release());
+}
+
+void bus_proxy_ask(GDBusProxy* proxy, GCancellable* cancellable, BusProxyAnswered answered,
+                   gpointer user_data) {
+  constexpr gint default_timeout = -1;
+  const auto begun =
+      bus_has_owner(proxy) ? hung_service_begin_call(g_dbus_proxy_get_name(proxy)) : std::nullopt;
+  if (!begun) {
+    answered(user_data);
+    return;
+  }
+  auto question = std::make_unique<Question>(
+      Question{.begun = *begun, .answered = answered, .user_data = user_data});
+  g_dbus_proxy_call(proxy, get_all, get_all_arguments(proxy), G_DBUS_CALL_FLAGS_NONE,
+                    default_timeout, cancellable, on_properties, question.release());
+}
+
 void BusOwnerWatch::start(GDBusProxy* proxy, Changed changed, gpointer user_data) {
   stop();
   proxy_ = static_cast<GDBusProxy*>(g_object_ref(proxy));
@@ -99,8 +181,7 @@ void BusOwnerWatch::start(GDBusProxy* proxy, Changed changed, gpointer user_data
 }
 
 void BusOwnerWatch::stop() {
-  g_cancellable_cancel(question_);
-  g_clear_object(&question_);
+  give_up_question();
   if (handler_ != 0) {
     g_signal_handler_disconnect(proxy_, std::exchange(handler_, 0));
   }
@@ -108,38 +189,19 @@ void BusOwnerWatch::stop() {
 }
 
 void BusOwnerWatch::note_change() {
+  give_up_question();
+  forget_properties(proxy_);
+  question_ = g_cancellable_new();
+  bus_proxy_ask(
+      proxy_, question_,
+      [](gpointer user_data) {
+        const auto* watch = static_cast<BusOwnerWatch*>(user_data);
+        watch->changed_(watch->user_data_);
+      },
+      this);
+}
+
+void BusOwnerWatch::give_up_question() {
   g_cancellable_cancel(question_);
   g_clear_object(&question_);
-  forget_properties(proxy_);
-  const auto begun =
-      bus_has_owner(proxy_) ? hung_service_begin_call(g_dbus_proxy_get_name(proxy_)) : std::nullopt;
-  if (begun) {
-    begun_ = *begun;
-    ask();
-  } else {
-    changed_(user_data_);
-  }
-}
-
-void BusOwnerWatch::ask() {
-  constexpr gint default_timeout = -1;
-  question_ = g_cancellable_new();
-  g_dbus_proxy_call(proxy_, get_all, get_all_arguments(proxy_), G_DBUS_CALL_FLAGS_NONE,
-                    default_timeout, question_, on_properties, this);
-}
-
-// A question that was given up ends here, too, perhaps after the watch.
-void BusOwnerWatch::on_properties(GObject* proxy, GAsyncResult* result, gpointer user_data) {
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) reply = g_dbus_proxy_call_finish(G_DBUS_PROXY(proxy), result, &error);
-  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
-    return;
-  }
-  auto* watch = static_cast<BusOwnerWatch*>(user_data);
-  g_clear_object(&watch->question_);
-  if (error != nullptr) {
-    hung_service_call_failed(g_dbus_proxy_get_name(watch->proxy_), watch->begun_, true, error);
-  }
-  keep_properties(watch->proxy_, reply);
-  watch->changed_(watch->user_data_);
 }

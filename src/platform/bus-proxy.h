@@ -18,8 +18,25 @@ struct BusService {
 /// properties unless its flags say otherwise; NULL with `error` on failure.
 GDBusProxy* bus_proxy_new(const BusService& service, GError** error);
 
-/// The same for a service that was asked before: it is neither started nor asked anything.
+/// As bus_proxy_new(), for a service that was asked before: it is neither started nor asked
+/// anything.
 GDBusProxy* bus_proxy_renew(const BusService& service, GError** error);
+
+/// Called from the main loop with a new proxy that the callee owns, or with NULL and the reason.
+using BusProxyMade = void (*)(GDBusProxy* proxy, const GError* error, gpointer user_data);
+
+/// Makes a proxy without its properties, and waits for nobody. `made` is not called any more once
+/// `cancellable` is cancelled. Without a connection it is called at once.
+void bus_proxy_make(const BusService& service, GCancellable* cancellable, BusProxyMade made,
+                    gpointer user_data);
+
+using BusProxyAnswered = void (*)(gpointer user_data);
+
+/// Asks the proxy's service for its properties, and waits for nobody. `answered` is called from the
+/// main loop when the proxy has what there is to have, or at once when there is nobody to ask; not
+/// any more once `cancellable` is cancelled.
+void bus_proxy_ask(GDBusProxy* proxy, GCancellable* cancellable, BusProxyAnswered answered,
+                   gpointer user_data);
 
 /// Follows the coming and going of a proxy's service. When it comes, its properties are asked for
 /// first; nobody waits for that.
@@ -40,14 +57,12 @@ public:
   void note_change();
 
 private:
-  void ask();
-  static void on_properties(GObject* proxy, GAsyncResult* result, gpointer user_data);
+  void give_up_question();
 
   GDBusProxy* proxy_ = nullptr;
   gulong handler_ = 0;
   /// Of the question that is under way.
   GCancellable* question_ = nullptr;
-  guint64 begun_ = 0;
   Changed changed_ = nullptr;
   gpointer user_data_ = nullptr;
 };

@@ -5,7 +5,7 @@ import re
 import pytest
 from describe import element, port
 
-from sim.bus import STATE_NAME
+from sim.bus import STATE_NAME, wait_until
 from sim.device import IMPORT_FILE, OLD_KEY_FILE
 from sim.peers import ActionEngine, BootBlock, Coordinator, Streamer
 
@@ -47,7 +47,12 @@ START = {
     "the inputs are watched": rf"fcntl\(\d+<{PIN}/value>, F_GETFL",
     "the events are declared": r"write\(1.*event declare .*type=IOPort",
     "the streamer is followed": sent("AddMatch", "arg0='com.norv.Streamer'"),
-    "its channels are met": sent("/com/norv/Streamer/Video/Channel/1", "GetAll"),
+}
+# Nobody waits for these, and each waits for the one before.
+PEERS = {
+    "the first channel is met": sent("/com/norv/Streamer/Video/Channel/1", "GetAll"),
+    "the next path, which is none, is asked": sent("/com/norv/Streamer/Video/Channel/2", "GetAll"),
+    "the coordinator is followed": sent("AddMatch", "arg0='com.norv.PTZ.Coordinator'"),
     "the coordinator is met": sent("/com/norv/PTZ/Coordinator/1", "GetAll"),
 }
 # What is begun before the watches and comes about once the main loop runs; which of these comes
@@ -60,6 +65,7 @@ ONCE_RUNNING = {
         "RequestName", "com.norv.IOSupervised.Supervised"
     ),
 }
+COORDINATOR_MET = PEERS["the coordinator is met"]
 # What happens when a port is dropped or comes back: nobody meets objects or files that do not fit.
 LEGACY_NAME = "com.norv.Configuration.Legacy.IOControl1.IOPort"
 REBUILD = {
@@ -116,6 +122,7 @@ def life(make_device):
     device.write(IMPORT_FILE, "")
     device.start()
     device.wait_for_log(r"event declare .*ManualTrigger")
+    wait_until(lambda: re.search(COORDINATOR_MET, device.read(TRACE)), "the coordinator to be met")
     device.stop()
     return device.read(TRACE).splitlines()
 
@@ -140,6 +147,7 @@ def in_order(trace, steps):
 def test_everything_has_its_turn(life):
     start = in_order(life, START)
     assert max(start.values()) < min(places(life, ONCE_RUNNING).values())
+    assert max(start.values()) < min(in_order(life, PEERS).values())
     in_order(life, END_OF_MESSAGES)
     in_order(life, END_OF_CALLS)
 

@@ -1,5 +1,7 @@
 """Manual-trigger ports of the video channels: which exist, and which are enabled."""
 
+import contextlib
+
 import pytest
 from describe import element, port
 
@@ -8,6 +10,11 @@ from sim.peers import FAILURE, WRONG_TYPE, Coordinator, Streamer, Witness, late_
 
 FIRST = 10
 LATE = 1  # second
+# The third channel is not heard of before the bus gives it up.
+SILENT_THIRD = (
+    "a{sv}",
+    "import time; time.sleep(60 if self.path.endswith('/3') else 0); ret = self.props[args[0]]",
+)
 FAULTS = pytest.mark.parametrize("fault", [FAILURE, WRONG_TYPE], ids=["an error", "another type"])
 
 
@@ -38,6 +45,22 @@ def wait_for_triggers(device, channels, first=FIRST):
     wait_until(lambda: triggers(device) == wanted, f"triggers of {channels}")
 
 
+@contextlib.contextmanager
+def meeting(device, peer):
+    """Around what makes the daemon ask a peer: leaves when the daemon knows the answer."""
+    before = peer.questions()
+    yield
+    wait_until(lambda: peer.questions() > before, f"{peer.NAME} to be asked")
+    peer.mock("GetCalls")  # answered after the daemon
+    device.sync()
+
+
+def start(device, coordinator):
+    """Returns when the coordinator is met, which is the last of the peers."""
+    with meeting(device, coordinator):
+        device.start()
+
+
 def test_without_the_element_no_peer_is_contacted(device):
     streamer, coordinator = Streamer(device, channels=[True]), Coordinator(device, enabled=True)
     device.describe(port("p", 0))
@@ -48,10 +71,10 @@ def test_without_the_element_no_peer_is_contacted(device):
 
 
 def test_each_channel_has_a_trigger_port_enabled_as_it_is(device):
-    Coordinator(device, enabled=True)
+    coordinator = Coordinator(device, enabled=True)
     Streamer(device, channels=[True, False, True])
     describe(device)
-    device.start()
+    start(device, coordinator)
     wait_for_triggers(device, [1, 2, 3])
     # Channels are met while PTZ is not yet known: only channel 1 counts then.
     assert [enabled(device, channel) for channel in (1, 2, 3)] == [True, False, True]
@@ -73,10 +96,10 @@ def test_a_trigger_port_announces_and_sends_its_event(device):
 
 
 def test_a_channel_follows_its_signal(device):
-    Coordinator(device, enabled=True)
+    coordinator = Coordinator(device, enabled=True)
     streamer = Streamer(device, channels=[True, True])
     describe(device)
-    device.start()
+    start(device, coordinator)
     wait_for_triggers(device, [1, 2])
     for state in (False, True):
         streamer.enable(2, state)
@@ -87,9 +110,9 @@ def test_a_channel_follows_its_signal(device):
 @pytest.mark.parametrize("told", ["", "yes", 1], ids=["nothing", "a text", "a number"])
 def test_a_channel_that_does_not_tell_counts_as_enabled(device, told):
     Streamer(device, channels=[True, told])
-    Coordinator(device, enabled=True)
+    coordinator = Coordinator(device, enabled=True)
     describe(device)
-    device.start()
+    start(device, coordinator)
     wait_for_triggers(device, [1, 2])
     assert enabled(device, 2)
 
@@ -116,9 +139,9 @@ def test_a_streamer_that_goes_takes_the_ports_one_above_its_channels(device):
 
 
 def test_with_ptz_disabled_channel_1_is_enabled_and_others_are_not(device):
-    Coordinator(device, enabled=False)
+    coordinator = Coordinator(device, enabled=False)
     describe(device)
-    device.start()
+    start(device, coordinator)
     Streamer(device, channels=[False, True])
     wait_for_triggers(device, [1, 2])
     assert (enabled(device, 1), enabled(device, 2)) == (True, False)
@@ -128,7 +151,7 @@ def test_with_ptz_disabled_an_existing_port_stays_as_it_is(device):
     coordinator = Coordinator(device, enabled=True)
     streamer = Streamer(device, channels=[True, True])
     describe(device)
-    device.start()
+    start(device, coordinator)
     wait_for_triggers(device, [1, 2])
     coordinator.enable(False)
     device.sync()
@@ -144,10 +167,10 @@ def test_with_ptz_disabled_an_existing_port_stays_as_it_is(device):
 
 
 def test_before_ptz_is_known_channel_1_is_enabled_whatever_it_says(device):
-    Coordinator(device, enabled=True)
+    coordinator = Coordinator(device, enabled=True)
     Streamer(device, channels=[False, True])
     describe(device)
-    device.start()
+    start(device, coordinator)
     wait_for_triggers(device, [1, 2])
     # The channels are met first; PTZ comes on for those in the list, which 1 is not in.
     assert (enabled(device, 1), enabled(device, 2)) == (True, True)
@@ -157,7 +180,7 @@ def test_ptz_going_off_enables_no_trigger_that_exists(device):
     coordinator = Coordinator(device, enabled=True)
     streamer = Streamer(device, channels=[True, True])
     describe(device)
-    device.start()
+    start(device, coordinator)
     wait_for_triggers(device, [1, 2])
     streamer.enable(1, False)
     wait_until(lambda: not enabled(device, 1), "channel 1 to be disabled")
@@ -170,7 +193,7 @@ def test_ptz_going_off_lists_channel_1_for_the_time_when_it_comes_back(device):
     coordinator = Coordinator(device, enabled=True)
     streamer = Streamer(device, channels=[True, True])
     describe(device)
-    device.start()
+    start(device, coordinator)
     wait_for_triggers(device, [1, 2])
     streamer.enable(1, False)
     streamer.enable(2, False)
@@ -196,7 +219,7 @@ def test_a_streamer_that_takes_anothers_place_is_met_anew(device):
 def test_ptz_coming_on_enables_every_enabled_channel(device):
     coordinator = Coordinator(device, enabled=False)
     describe(device)
-    device.start()
+    start(device, coordinator)
     Streamer(device, channels=[True, False, True])
     wait_for_triggers(device, [1, 2, 3])
     assert not enabled(device, 3)
@@ -209,9 +232,9 @@ def test_ptz_coming_on_enables_every_enabled_channel(device):
     "parameters", [{}, {"enabled": "yes"}], ids=["no property", "of another type"]
 )
 def test_a_coordinator_that_does_not_tell_leaves_the_channels_alone(device, parameters):
-    Coordinator(device, **parameters)
+    coordinator = Coordinator(device, **parameters)
     describe(device)
-    device.start()
+    start(device, coordinator)
     streamer = Streamer(device, channels=[True, True])
     wait_for_triggers(device, [1, 2])
     assert enabled(device, 2)
@@ -222,14 +245,14 @@ def test_a_coordinator_that_does_not_tell_leaves_the_channels_alone(device, para
 def test_a_coordinator_that_goes_is_unknown(device):
     coordinator = Coordinator(device, enabled=False)
     describe(device)
-    device.start()
+    start(device, coordinator)
     coordinator.stop()
     device.sync()
     streamer = Streamer(device, channels=[True, True])
     wait_for_triggers(device, [1, 2])
     assert enabled(device, 2)
-    coordinator.start(enabled=False)
-    device.sync()
+    with meeting(device, coordinator):
+        coordinator.start(enabled=False)
     streamer.enable(2, False)
     device.sync()
     assert enabled(device, 2)  # left as it is while PTZ is disabled
@@ -238,9 +261,9 @@ def test_a_coordinator_that_goes_is_unknown(device):
 @FAULTS
 def test_channels_that_answer_badly_are_none_until_the_streamer_is_back_in_order(device, fault):
     streamer = Streamer(device, channels=[True, True], properties=fault)
-    Coordinator(device, enabled=False)
+    coordinator = Coordinator(device, enabled=False)
     describe(device)
-    device.start()
+    start(device, coordinator)
     wait_for_triggers(device, [1])  # the one that is there without any channel
     device.sync()
     assert set(triggers(device)) == {1}
@@ -253,15 +276,14 @@ def test_channels_that_answer_badly_are_none_until_the_streamer_is_back_in_order
 @FAULTS
 def test_a_streamer_that_comes_back_broken_has_no_channels(device, fault):
     streamer = Streamer(device, channels=[True, True])
-    Coordinator(device, enabled=True)
+    coordinator = Coordinator(device, enabled=True)
     describe(device)
-    device.start()
+    start(device, coordinator)
     wait_for_triggers(device, [1, 2])
     streamer.stop()
     wait_for_triggers(device, [1])
-    streamer.start(properties=fault)
-    device.sync()
-    device.sync()
+    with meeting(device, streamer):
+        streamer.start(properties=fault)
     assert set(triggers(device)) == {1}
     assert device.state.GetState(0) is False
 
@@ -271,11 +293,11 @@ def test_every_channel_of_a_late_streamer_is_met(device, present):
     streamer = Streamer(
         device, start=False, channels=[True, True, True], properties=late_properties(LATE)
     )
-    Coordinator(device, enabled=True)
+    coordinator = Coordinator(device, enabled=True)
     describe(device)
     if present:
         streamer.start()
-    device.start()
+    start(device, coordinator)
     if not present:
         streamer.start()
     wait_for_triggers(device, [1, 2, 3])
@@ -283,11 +305,35 @@ def test_every_channel_of_a_late_streamer_is_met(device, present):
     wait_until(lambda: enabled(device, 3) is False, "channel 3 to be disabled")
 
 
+@pytest.mark.parametrize("known", [True, False], ids=["with PTZ", "without a coordinator"])
+def test_a_streamer_that_goes_while_it_is_met_for_the_first_time_is_met_before_it_is_gone(
+    device, known
+):
+    """What is known of PTZ counts for its channels, and only then do they go."""
+    streamer = Streamer(device, channels=[True, True, True], properties=SILENT_THIRD)
+    coordinator = Coordinator(device, start=known, enabled=True)
+    describe(device)
+    device.start()
+    wait_until(lambda: streamer.questions() == 3, "the third channel to be asked")
+    assert set(triggers(device)) == {1, 2}
+    streamer.stop()
+    wait_for_triggers(device, [1])
+    device.sync()
+    if known:
+        wait_until(coordinator.questions, "the coordinator to be asked")
+        coordinator.mock("GetCalls")
+        device.sync()
+    assert set(triggers(device)) == {1}
+    del streamer.parameters["properties"]
+    streamer.start()
+    wait_for_triggers(device, [1, 2, 3])
+
+
 @FAULTS
 def test_a_coordinator_that_answers_badly_is_unknown(device, fault):
     coordinator = Coordinator(device, enabled=False, properties=fault)
     describe(device)
-    device.start()
+    start(device, coordinator)
     Streamer(device, channels=[True, True])
     wait_for_triggers(device, [1, 2])
     assert enabled(device, 2)  # were PTZ known to be disabled, it would not be
@@ -302,10 +348,10 @@ def test_a_coordinator_that_answers_badly_is_unknown(device, fault):
 def test_a_coordinator_that_comes_back_broken_is_unknown(device, fault):
     coordinator = Coordinator(device, enabled=False)
     describe(device)
-    device.start()
+    start(device, coordinator)
     coordinator.stop()
-    coordinator.start(properties=fault)
-    device.sync()
+    with meeting(device, coordinator):
+        coordinator.start(properties=fault)
     Streamer(device, channels=[True, True])
     wait_for_triggers(device, [1, 2])
     assert enabled(device, 2)
@@ -319,24 +365,17 @@ def test_what_a_late_coordinator_says_counts(device, present):
     describe(device)
     if present:
         coordinator.start()
-    device.start()
-    if not present:
-        coordinator.start()
-        # It is asked without waiting, and answers its next caller when it has answered the daemon.
-        assert device.state.GetState(0) is False
-        coordinator.mock("GetCalls")
-        device.sync()
+        start(device, coordinator)
+    else:
+        device.start()
+        with meeting(device, coordinator):
+            coordinator.launch()
+            # It is asked without waiting.
+            wait_until(coordinator.questions, "the question")
+            assert device.state.GetState(0) is False
     Streamer(device, channels=[True, True])
     wait_for_triggers(device, [1, 2])
     assert not enabled(device, 2)
-
-
-def wait_until_asked(device, peer):
-    """Waits until the daemon has met a peer that came: it asks, is answered, and takes that in."""
-    for _ in range(3):
-        device.sync()
-        peer.mock("GetCalls")
-    device.sync()
 
 
 def test_the_coordinator_may_come_after_the_channels_and_go_and_return(device):
@@ -344,9 +383,10 @@ def test_the_coordinator_may_come_after_the_channels_and_go_and_return(device):
     device.start()
     streamer = Streamer(device, channels=[True, True])
     wait_for_triggers(device, [1, 2])
-    coordinator = Coordinator(device, enabled=False)
+    coordinator = Coordinator(device, start=False, enabled=False)
     for _ in range(2):
-        wait_until_asked(device, coordinator)
+        with meeting(device, coordinator):
+            coordinator.start()
         streamer.enable(2, False)
         device.sync()
         assert enabled(device, 2)  # left as it is while PTZ is disabled
@@ -354,14 +394,13 @@ def test_the_coordinator_may_come_after_the_channels_and_go_and_return(device):
         wait_until(lambda: not device.client().owner(coordinator.NAME), "the coordinator to go")
         device.sync()
         streamer.enable(2, True)
-        coordinator.start()
 
 
 def test_signals_of_another_form_are_ignored(device):
     coordinator = Coordinator(device, enabled=True)
     streamer = Streamer(device, channels=[True, True])
     describe(device)
-    device.start()
+    start(device, coordinator)
     wait_for_triggers(device, [1, 2])
     streamer.emit("EnabledChanged", "i", 0, path=f"{streamer.PATH}/2")
     streamer.emit("Other", "b", False, path=f"{streamer.PATH}/2")
@@ -379,10 +418,10 @@ def test_trigger_ports_that_meet_real_numbers_follow_the_look_ups(device):
 
 
 def test_channels_vanish_quietly_at_shutdown(device):
-    Coordinator(device, enabled=True)
+    coordinator = Coordinator(device, enabled=True)
     Streamer(device, channels=[True, True])
     describe(device)
-    device.start()
+    start(device, coordinator)
     wait_for_triggers(device, [1, 2])
     device.stop()
     assert device.log_count("event undeclare .*ManualTrigger") == 2
