@@ -42,7 +42,12 @@ STATE_METHODS = {
 
 MANAGER_NAME = "com.norv.IOControl.Manager1"
 MANAGER_PATH = "/com/norv/IOControl/Manager"
-MANAGER_METHODS = {"StopSequence": "u"}
+MANAGER_METHODS = {
+    "StopSequence": "u",
+    "GetRunningSequences": "",
+    "GetServices": "",
+    "GetLastFailedSave": "",
+}
 
 SUPERVISED_NAME = "com.norv.IOSupervised.Supervised"
 SUPERVISED_PATH = "/com/norv/IOSupervised/Supervised"

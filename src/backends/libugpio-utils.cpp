@@ -2,6 +2,7 @@
 
 #include "platform/log.h"
 #include "platform/ugpio-named.h"
+#include "port/port-observer.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -182,6 +183,7 @@ void LogicWatch::give_up(int reason) {
   g_warning("%sPin of port %d cannot be read any more, not watching it: %s", log_prefix,
             port_->number, g_strerror(reason));
   port_->hardware_gone = true;
+  announce(port_observer.hardware_gone);
   stop();
 }
 

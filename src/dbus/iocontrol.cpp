@@ -373,6 +373,7 @@ gboolean on_handle_drop_io_ports(IOControlState* object, GDBusMethodInvocation* 
   }
   if (any) {
     serve_changed_port_set();
+    manager_tell_ports();
   }
   g_auto(GStrv) answer = g_strv_builder_end(dropped);
   iocontrol_state_complete_drop_ioports(object, invocation, answer);
@@ -384,6 +385,8 @@ gboolean on_handle_refresh_io_ports(IOControlState* object, GDBusMethodInvocatio
   if (io_port_list_setup_dynamic_ports() > 0) {
     serve_changed_port_set();
   }
+  // Also of those that are still missing there may be another reason now.
+  manager_tell_ports();
   iocontrol_state_complete_refresh_ioports(object, invocation);
   return TRUE;
 }

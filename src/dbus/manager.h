@@ -6,5 +6,8 @@
 /// Publishes the object. Errors of the port control domain must be registered.
 void manager_publish(GDBusConnection* connection);
 
+/// Announces which ports are in service now, here and to the service manager. Main thread.
+void manager_tell_ports();
+
 /// Takes the object off the bus.
 void manager_unpublish();

@@ -4,6 +4,7 @@
 
 #include "param/key-file.h"
 #include "param/param-port-group.h"
+#include "platform/boot-time.h"
 #include "platform/checks.h"
 #include "platform/file-sync.h"
 #include "platform/log.h"
@@ -49,10 +50,14 @@ OnDisk on_disk;
 KeyFilePtr unsaved;
 /// Whether the last write failed, so that what is in the file may not be on the disk.
 bool in_doubt = false;
+/// Why the file could not be read or written when that failed last.
+std::string last_error;
+std::optional<FailedSave> last_failed_save;
 
 // Settings are kept rather than the port, which may be gone by the time that they can be saved.
 void note_as_unsaved(std::span<const ParamGroup> groups) {
   const std::lock_guard guard(key_mutex);
+  last_failed_save = {.at_us = boot_time_us(), .reason = last_error, .made_good = false};
   if (unsaved == nullptr) {
     unsaved = key_file_make();
   }
@@ -157,6 +162,7 @@ bool param_read_configuration(const char* path) {
   g_autoptr(GError) error = nullptr;
   key_file = read_settings(path, &error);
   if (key_file == nullptr) {
+    last_error = error->message;
     fprintf(stderr, "Could not read key file: %s\n", error->message);
     return false;
   }
@@ -168,6 +174,7 @@ bool param_store_key_file(const char* path) {
   WEXD_RETURN_VAL_IF_FAIL(key_file != NULL, false);
   g_autoptr(GError) error = nullptr;
   if (!store_settings(path, key_file_to_text(key_file.get()), &error)) {
+    last_error = error->message;
     fprintf(stderr, "Failed to store key file %s: %s\n", path, error->message);
     return false;
   }
@@ -220,6 +227,15 @@ void param_save_unsaved(const char* file) {
     store_groups({}, file);
     param_close_file();
   }
+}
+
+std::optional<FailedSave> param_last_failed_save() {
+  const std::lock_guard guard(key_mutex);
+  auto failed = last_failed_save;
+  if (failed) {
+    failed->made_good = unsaved == nullptr;
+  }
+  return failed;
 }
 
 void param_set_owner_group(const char* file) {

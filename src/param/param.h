@@ -3,6 +3,9 @@
 
 #include <glib.h>
 
+#include <optional>
+#include <string>
+
 struct IoPort;
 
 /// The user configuration, and the folder that it is in.
@@ -30,5 +33,15 @@ void param_save_for_port(IoPort* port, const char* file);
 bool param_save_all(const char* file);
 /// Tries once more to save what is still remembered, if anything is.
 void param_save_unsaved(const char* file);
+/// A save that failed.
+struct FailedSave {
+  /// Microseconds since the boot.
+  gint64 at_us;
+  std::string reason;
+  /// Whether all of it is on the disk by now.
+  bool made_good;
+};
+/// The last save that failed, if one did.
+std::optional<FailedSave> param_last_failed_save();
 /// Hands the file to the user and group `wxd`, unless it is a link or has a second name.
 void param_set_owner_group(const char* file);

@@ -131,6 +131,13 @@ void hung_service_call_failed(const char* name, guint64 begun, bool owned, const
   }
 }
 
+bool hung_service_is_left_alone(const char* name) {
+  const std::lock_guard guard(mutex);
+  const auto found = services().find(std::string_view(name));
+  return found != services().end() && found->second.left_alone
+         && g_get_monotonic_time() < found->second.end_us;
+}
+
 void hung_service_set_error(GError** error) {
   g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT, "Timeout was reached");
 }

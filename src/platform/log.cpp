@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -31,6 +32,8 @@ constexpr std::array levels{
 };
 
 bool output_is_journal = false;
+
+thread_local FirstWarning* listener = nullptr;
 
 const Level& level_of(GLogLevelFlags flags) {
   for (const auto& entry : levels) {
@@ -75,6 +78,9 @@ GLogWriterOutput write_line(GLogLevelFlags flags, const GLogField* fields, gsize
   auto message = field("MESSAGE", fields, n_fields);
   while (message.ends_with('\n')) {
     message.remove_suffix(1);
+  }
+  if (listener != nullptr) {
+    listener->hear(level.level, message);
   }
   for (const char c : message) {
     // A line break inside a message would let outside text forge log lines.
@@ -143,6 +149,20 @@ void mark_standard_error() {
 }
 
 } // namespace
+
+FirstWarning::FirstWarning() : outer_(std::exchange(listener, this)) {}
+
+FirstWarning::~FirstWarning() {
+  listener = outer_;
+}
+
+// A critical message is worse than a warning, and tells of a refused call.
+void FirstWarning::hear(GLogLevelFlags level, std::string_view message) {
+  constexpr int wanted = G_LOG_LEVEL_WARNING | G_LOG_LEVEL_CRITICAL;
+  if ((level & wanted) != 0 && text_.empty()) {
+    text_ = message;
+  }
+}
 
 std::string priority_mark(int priority) {
   return '<' + std::to_string(priority) + '>';

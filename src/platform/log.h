@@ -6,6 +6,7 @@
 
 #include <bit>
 #include <string>
+#include <string_view>
 
 /// Fed to the "%s" that opens every log format; a place for a device-wide tag, empty by default.
 inline constexpr const char* log_prefix = "";
@@ -13,6 +14,23 @@ inline constexpr const char* log_prefix = "";
 /// The first user-defined GLib level (256). Unnamed in GLib; used for module messages that are
 /// neither warnings nor information.
 inline constexpr auto log_level_user = std::bit_cast<GLogLevelFlags>(1 << G_LOG_LEVEL_USER_SHIFT);
+
+/// Keeps what this thread warns of first, as long as it lives; once nv_log_stdout() was called.
+class FirstWarning {
+public:
+  FirstWarning();
+  ~FirstWarning();
+  FirstWarning(const FirstWarning&) = delete;
+  FirstWarning& operator=(const FirstWarning&) = delete;
+
+  /// Empty if there was no warning.
+  [[nodiscard]] const std::string& text() const { return text_; }
+  void hear(GLogLevelFlags level, std::string_view message);
+
+private:
+  FirstWarning* outer_;
+  std::string text_;
+};
 
 /// Whether the stream with that descriptor is the journal's, and so wants each line to begin with
 /// its priority.

@@ -9,7 +9,9 @@
 #include "platform/log.h"
 #include "port/port-observer.h"
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <set>
 
 namespace {
@@ -205,6 +207,16 @@ SequenceStart io_port_run_action_sequence(IoPort* ioport, ActionSequence steps) 
 
 void io_port_stop_action_sequence(IoPort* ioport) {
   const PortConfigLock cancelled(ioport);
+}
+
+std::vector<gint> action_sequences_running() {
+  std::vector<gint> numbers;
+  {
+    const std::lock_guard guard(running_mutex);
+    std::ranges::transform(running_ports, std::back_inserter(numbers), &IoPort::number);
+  }
+  std::ranges::sort(numbers);
+  return numbers;
 }
 
 void action_sequences_stop() {

@@ -40,6 +40,9 @@ SequenceStart io_port_run_action_sequence(IoPort* ioport, ActionSequence steps);
 /// port keeps; returns when it has ended.
 void io_port_stop_action_sequence(IoPort* ioport);
 
+/// Numbers of the ports on which sequences run, in ascending order.
+std::vector<gint> action_sequences_running();
+
 /// Cancels whatever sequence still runs, on any port, and waits until all have ended.
 void action_sequences_stop();
 

@@ -1,10 +1,13 @@
 // State of the port list, shared by its source files only.
 #pragma once
 
+#include "port/ioport-census.h"
 #include "port/ioport.h"
 
 #include <deque>
 #include <mutex>
+#include <string>
+#include <vector>
 
 namespace port_list {
 
@@ -15,6 +18,11 @@ extern std::deque<IoPort*>& io_port_list;
 /// Optional ports not in service, latest first; holds the reference the main list held.
 extern std::deque<IoPort*>& io_port_dynamic_list;
 
+/// Ports that will not be tried again; they are gone but for this.
+extern std::vector<MissingPort>& lost_ports;
+
+/// The port as one that is not in service.
+MissingPort missing_port(const IoPort* port, const std::string& reason);
 /// Whether the port can be found by its number.
 bool addressable(IoPort* port);
 /// Tells the observer whether there is an output-capable port. With the mutex held.

@@ -12,6 +12,8 @@ using namespace port_list;
 
 namespace {
 
+constexpr const char* number_is_taken = "another port has its number";
+
 void remove_from_main_list(const std::vector<IoPort*>& ports) {
   const std::unordered_set<IoPort*> leaving(ports.begin(), ports.end());
   std::erase_if(io_port_list, [&](IoPort* port) { return leaving.contains(port); });
@@ -25,6 +27,31 @@ bool number_in_service(gint number) {
 
 std::string default_name(const IoPort* port) {
   return "Port " + std::to_string(port->number + 1);
+}
+
+// The first warning of a set-up that fails says why, as far as anything does.
+bool setup_or_note_why(IoPort* port) {
+  const FirstWarning heard;
+  if (io_port_setup(port)) {
+    return true;
+  }
+  port->absence = heard.text();
+  return false;
+}
+
+bool bring_into_service(IoPort* port) {
+  if (number_in_service(port->number)) {
+    port->absence = number_is_taken;
+    return false;
+  }
+  return setup_or_note_why(port);
+}
+
+void destroy_lost(const std::vector<IoPort*>& ports) {
+  for (IoPort* port : ports) {
+    lost_ports.push_back(missing_port(port, port->absence));
+    io_port_free(port);
+  }
 }
 
 // Closed without the list's mutex, as a running sequence that has to end first may be in need of
@@ -72,10 +99,11 @@ void io_port_list_setup() {
   std::vector<IoPort*> to_destroy;
   std::vector<IoPort*> waiting;
   for (IoPort* port : io_port_list) {
-    if (io_port_setup(port)) {
+    if (setup_or_note_why(port)) {
       // The walk meets the newest definition of a number first; only that one stays. A port that
       // cannot be addressed never takes a number away from another.
       if (numbers_taken.contains(port->number)) {
+        port->absence = number_is_taken;
         to_destroy.push_back(port);
       } else if (addressable(port)) {
         numbers_taken.insert(port->number);
@@ -91,7 +119,7 @@ void io_port_list_setup() {
   }
 
   remove_from_main_list(to_destroy);
-  std::ranges::for_each(to_destroy, io_port_free);
+  destroy_lost(to_destroy);
   remove_from_main_list(waiting);
   update_action_registration_internal();
 }
@@ -102,7 +130,7 @@ gint io_port_list_setup_dynamic_ports() {
   gint count = setup_gone_ports();
   for (gsize i = 0; i < io_port_dynamic_list.size();) {
     IoPort* const port = io_port_dynamic_list[i];
-    if (number_in_service(port->number) || !io_port_setup(port)) {
+    if (!bring_into_service(port)) {
       i++;
       continue;
     }

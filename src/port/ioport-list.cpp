@@ -16,6 +16,14 @@ std::mutex mutex;
 // Never destroyed: a daemon that gives up early leaves its ports to the kernel.
 std::deque<IoPort*>& io_port_list = *new std::deque<IoPort*>;
 std::deque<IoPort*>& io_port_dynamic_list = *new std::deque<IoPort*>;
+std::vector<MissingPort>& lost_ports = *new std::vector<MissingPort>;
+
+MissingPort missing_port(const IoPort* port, const std::string& reason) {
+  return {.name = port->name.value_or(""),
+          .number = port->number,
+          .optional = port->optional,
+          .reason = reason};
+}
 
 bool addressable(IoPort* port) {
   return io_port_get_property(port, "ioport") || io_port_get_property(port, "virtual");
@@ -141,6 +149,7 @@ void io_port_list_move_to_dynamic(IoPort* port) {
   if (!port->optional || std::erase(io_port_list, port) == 0) {
     return;
   }
+  port->absence = "it was dropped";
   io_port_dynamic_list.push_front(port);
   update_action_registration_internal();
 }
@@ -163,6 +172,7 @@ void io_port_list_drop_without_backend(void (*report)(const IoPort* port)) {
       return false;
     }
     report(port);
+    lost_ports.push_back(missing_port(port, "it names no known backend"));
     removed.emplace_back(port);
     return true;
   });
@@ -183,6 +193,7 @@ void io_port_list_free() {
       std::ranges::for_each(*ports, io_port_free);
       ports->clear();
     }
+    lost_ports.clear();
   }
   // Sequences on ports that left the lists while they ran.
   action_sequences_stop();

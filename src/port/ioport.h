@@ -171,6 +171,8 @@ struct IoPort {
   std::vector<BackendAttribute> backend_description;
   /// File of the hardware description that defined the port, for messages.
   std::string origin;
+  /// Why the port is not in service, where that is known.
+  std::string absence;
   /// The thread that holds `lock` for a configuration change; backends may then change the
   /// configuration further from inside an operation.
   std::atomic<std::thread::id> config_owner{};

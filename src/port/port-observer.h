@@ -33,6 +33,7 @@ struct PortObserver {
   using SequenceDone = void (*)(gint port_number);
   using BurstAnnounced = void (*)();
   using SettingChanged = void (*)(const IoPort& port, Setting setting);
+  using HardwareGone = void (*)();
   using OutputsWanted = void (*)(gboolean wanted);
 
   /// A port's state was set or seen.
@@ -44,6 +45,8 @@ struct PortObserver {
   std::atomic<BurstAnnounced> burst_announced{nullptr};
   /// A setting has a new value, which the port holds already.
   std::atomic<SettingChanged> setting_changed{nullptr};
+  /// A port in service has lost its hardware.
+  std::atomic<HardwareGone> hardware_gone{nullptr};
   /// Whether the device has an output-capable port; told after every change of the port list.
   std::atomic<OutputsWanted> outputs_wanted{nullptr};
 };

@@ -90,6 +90,11 @@ in none of them is undefined.
 Example: wexctl supervised ranges window cut 3200 4095)"},
     Details{"supervised read",
             R"(Prints the state (open, closed, short, cut or undefined) and the level.)"},
+    Details{
+        "status",
+        R"(Shows the version and since when it runs, its bus names, how many of the described ports are in
+service, which are missing and why as far as known, the ports on which sequences run, which of the
+services that it calls are there, and the last save of settings that failed.)"},
     Details{"connectors", R"(KIND is video, audio or all, which is the default.)"},
     Details{
         "monitor",

@@ -7,6 +7,7 @@
 #include "wexctl/monitor.h"
 #include "wexctl/output.h"
 #include "wexctl/ports.h"
+#include "wexctl/status.h"
 #include "wexctl/supervised.h"
 #include "wexctl/wait.h"
 
@@ -355,6 +356,8 @@ void CommandLine::add_supervised_verbs() {
 }
 
 void CommandLine::add_other_verbs() {
+  add_json(verb(app_, "status", "Show how wexd is: ports missing, sequences, services, saves",
+                [this](const Daemon& daemon) { show_status(daemon, args_.json); }));
   args_.property.clear();
   auto* connectors = verb(
       app_, "connectors", "Count connectors and show their states", [this](const Daemon& daemon) {

@@ -7,7 +7,7 @@ _wexctl_ports() {
 # The options of a verb, given the words up to here with a blank behind.
 _wexctl_options() {
   case $1 in
-    'list '* | 'get '* | 'drop '* | 'connectors '* | 'check '*) echo --json ;;
+    'list '* | 'get '* | 'drop '* | 'connectors '* | 'status '* | 'check '*) echo --json ;;
     'supervised show '* | 'supervised ranges '* | 'supervised read '*) echo --json ;;
     'legacy get '*) echo --json ;;
     'active '* | 'name '*) echo --side ;;
@@ -23,7 +23,7 @@ _wexctl_options() {
 _wexctl() {
   local cur=${COMP_WORDS[COMP_CWORD]} words=() word value=''
   local verbs='list get set toggle direction active name usage virtual run pulse stop wait drop refresh supervised
-    connectors monitor legacy check'
+    status connectors monitor legacy check'
   local candidates=''
 
   # Options may stand anywhere, and do not count.
