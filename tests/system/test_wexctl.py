@@ -154,7 +154,7 @@ def test_supervised(daemon, wexctl):
         {"state": "cut", "lower": 200, "upper": 255}
     ]
     shown = done(wexctl("supervised", "show")).out.splitlines()
-    assert shown[1].split() == ["5", "on", "closed", "0", "cut", "200-255"]
+    assert shown[1].split() == ["5", "line", "on", "closed", "0", "cut", "200-255"]
     assert done(wexctl("supervised", "show", "line", "--json")).json[0]["supervised"] is True
     done(wexctl("supervised", "off", "line"))
     assert daemon.supervision.GetSupervised(5) is False

@@ -19,7 +19,8 @@ constexpr std::array details{
         "list",
         R"(Shows each port's number, its name in the hardware description, the name that users see, its
 direction, its state, the sense of the side in use, its usage and its properties. JSON has both
-sides.)"},
+sides. On a terminal a table is no wider than that, and what is left out of a cell is marked.
+Example: wexctl list --columns no,shown,state)"},
     Details{"get", R"(Example: wexctl get relay)"},
     Details{
         "set",

@@ -37,7 +37,7 @@ constexpr const char* footer = R"(Exit status of every verb:
   5  standard output could not be written
 
 Errors are one line on standard error: the daemon's message and, in brackets, its error name.
-Colours are used on a terminal only, and never when NO_COLOR is set.)";
+Colours are used on a terminal only, and never when NO_COLOR is set or TERM is dumb.)";
 
 /// What the chosen verb was given.
 struct Arguments {
@@ -57,6 +57,7 @@ struct Arguments {
   std::string idle_timeout;
   std::optional<std::string> format;
   std::optional<guint> count;
+  std::vector<std::string> columns;
   bool initial = false;
   bool quiet = false;
 };
@@ -175,8 +176,15 @@ std::vector<Setting> CommandLine::settings() const {
 }
 
 void CommandLine::add_port_verbs() {
-  add_json(verb(app_, "list", "Show all ports",
-                [this](const Daemon& daemon) { list_ports(daemon, args_.json); }));
+  auto* list = verb(app_, "list", "Show all ports", [this](const Daemon& daemon) {
+    list_ports(daemon, args_.json, args_.columns);
+  });
+  auto* json = list->add_flag("--json", args_.json, "Print JSON");
+  list->add_option("--columns", args_.columns,
+                   "Some of " + CLI::detail::join(list_column_names(), ","))
+      ->delimiter(',')
+      ->check(CLI::IsMember(list_column_names()))
+      ->excludes(json);
 
   auto* get = verb(app_, "get", "Show one port",
                    [this](const Daemon& daemon) { get_port(daemon, args_.port, args_.json); });

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <glib.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +10,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <iterator>
+#include <numeric>
+#include <optional>
 
 namespace wexctl {
 
@@ -16,12 +19,62 @@ namespace {
 
 bool colours_wanted() {
   const char* const no_color = getenv("NO_COLOR");
-  return isatty(STDOUT_FILENO) != 0 && (no_color == nullptr || *no_color == '\0');
+  return isatty(STDOUT_FILENO) != 0 && (no_color == nullptr || *no_color == '\0')
+         && g_strcmp0(getenv("TERM"), "dumb") != 0;
 }
 
-// Columns on the screen, not bytes.
+// Places on the screen, not bytes or characters.
+size_t width_of(gunichar c) {
+  return g_unichar_iszerowidth(c) != FALSE ? 0 : g_unichar_iswide(c) != FALSE ? 2 : 1;
+}
+
 size_t width(const std::string& text) {
-  return static_cast<size_t>(g_utf8_strlen(text.c_str(), -1));
+  size_t places = 0;
+  for (const char* at = text.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
+    places += width_of(g_utf8_get_char(at));
+  }
+  return places;
+}
+
+// As much of the text as has room, with a mark where something is left out.
+std::string cut(const std::string& text, size_t room) {
+  if (width(text) <= room) {
+    return text;
+  }
+  size_t places = 0;
+  const char* at = text.c_str();
+  while (places + width_of(g_utf8_get_char(at)) < room) {
+    places += width_of(g_utf8_get_char(at));
+    at = g_utf8_next_char(at);
+  }
+  return std::string(text.c_str(), at) + (room > 0 ? "…" : "");
+}
+
+constexpr size_t gap = 2;
+constexpr size_t narrowest_column = 4;
+constexpr size_t usual_terminal = 80;
+
+// Places in a line; none where lines are not cut, because no person looks at them.
+std::optional<size_t> line_room() {
+  if (isatty(STDOUT_FILENO) == 0) {
+    return std::nullopt;
+  }
+  winsize size{};
+  const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+  return known ? size.ws_col : usual_terminal;
+}
+
+// Takes from the widest column until the line has room, or no column can be narrower.
+void fit(std::vector<size_t>& widths, size_t room) {
+  const size_t gaps = gap * (widths.size() - 1);
+  auto total = std::accumulate(widths.begin(), widths.end(), gaps);
+  for (; total > room; total--) {
+    const auto widest = std::ranges::max_element(widths);
+    if (*widest <= narrowest_column) {
+      return;
+    }
+    --*widest;
+  }
 }
 
 // C0, DEL and C1: a terminal acts on them instead of showing them.
@@ -99,23 +152,32 @@ void Table::add(const std::vector<std::string>& row) {
   std::ranges::transform(row, std::back_inserter(cells), printable);
 }
 
-void Table::print() const {
+std::vector<size_t> Table::column_widths() const {
   std::vector<size_t> widths(rows_.front().size());
   for (const auto& row : rows_) {
     for (size_t i = 0; i < row.size(); i++) {
       widths[i] = std::max(widths[i], width(row[i]));
     }
   }
+  return widths;
+}
+
+void Table::print() const {
+  const auto room = line_room();
+  auto widths = column_widths();
+  if (room) {
+    fit(widths, *room);
+  }
   bool heading = true;
   for (const auto& row : rows_) {
     std::string line;
     for (size_t i = 0; i < row.size(); i++) {
-      line += row[i];
-      if (i + 1 < row.size()) {
-        line.append(widths[i] - width(row[i]) + 2, ' ');
-      }
+      const auto cell = cut(row[i], widths[i]);
+      line += cell;
+      line.append(widths[i] - width(cell) + gap, ' ');
     }
     line.erase(line.find_last_not_of(' ') + 1);
+    line = room ? cut(line, *room) : line;
     wexctl::print("{}\n", heading ? coloured(Colour::Bold, line) : line);
     heading = false;
   }

@@ -33,14 +33,16 @@ using Json = nlohmann::ordered_json;
 
 enum class Colour { Plain, Bold, Green, Yellow, Red, Dim };
 
-/// `text` in a colour if standard output is a terminal and NO_COLOR is unset, else as it is.
+/// `text` in a colour if standard output is a terminal that has some and NO_COLOR is unset, else as
+/// it is.
 std::string coloured(Colour colour, const std::string& text);
 
 /// Text from elsewhere as it can be shown: control characters, and bytes that are no UTF-8, as
 /// \xNN. Nobody forges a line or commands the terminal; a backslash stays as it is.
 std::string printable(std::string_view text);
 
-/// A table of left-aligned columns.
+/// A table of left-aligned columns. On a terminal it is as wide as that at most: columns become
+/// narrower, the widest first, and what is left out of a cell is marked.
 class Table {
 public:
   explicit Table(std::vector<std::string> headings);
@@ -50,6 +52,8 @@ public:
   void print() const;
 
 private:
+  [[nodiscard]] std::vector<size_t> column_widths() const;
+
   std::vector<std::vector<std::string>> rows_;
 };
 

@@ -104,6 +104,37 @@ std::string state_word(const PortInfo& port, const PortDetails& more) {
   return more.supervised ? *more.supervised : on_or_off(port.state);
 }
 
+struct Column {
+  const char* name;
+  const char* heading;
+  std::string (*value)(const PortInfo& port, const PortDetails& more);
+};
+
+constexpr std::array columns{
+    Column{"no", "No", [](auto& port, auto&) { return std::to_string(port.number); }},
+    Column{"name", "Port", [](auto& port, auto&) { return port.name; }},
+    Column{"shown", "Shown as", shown_as},
+    Column{"kind", "Kind", [](auto& port, auto&) { return kind(port); }},
+    Column{"state", "State", state_word},
+    Column{"active", "Active",
+           [](auto& port, auto&) { return std::string(port.activelow ? "open" : "closed"); }},
+    Column{"usage", "Usage", [](auto&, auto& more) { return more.usage; }},
+    Column{"properties", "Properties", [](auto& port, auto&) { return property_list(port); }},
+};
+
+// All of them unless some are wanted, in the order in which they are.
+std::vector<Column> chosen_columns(const std::vector<std::string>& wanted) {
+  if (wanted.empty()) {
+    return {columns.begin(), columns.end()};
+  }
+  std::vector<Column> chosen;
+  for (const auto& name : wanted) {
+    std::ranges::copy_if(columns, std::back_inserter(chosen),
+                         [&](const Column& column) { return name == column.name; });
+  }
+  return chosen;
+}
+
 // By reference, so that the error is looked at after the call that sets it.
 void check(gboolean done, GError*& error) {
   if (!done) {
@@ -187,15 +218,25 @@ bool parse_state(const std::string& text) {
   throw CommandError(Status::Usage, fmt::format("'{}' is neither on nor off", text));
 }
 
-void list_ports(const Daemon& daemon, bool json) {
+std::vector<std::string> list_column_names() {
+  std::vector<std::string> names;
+  std::ranges::transform(columns, std::back_inserter(names), &Column::name);
+  return names;
+}
+
+void list_ports(const Daemon& daemon, bool json, const std::vector<std::string>& wanted) {
+  const auto chosen = chosen_columns(wanted);
   Json array = Json::array();
-  Table table({"No", "Port", "Shown as", "Kind", "State", "Active", "Usage", "Properties"});
+  std::vector<std::string> headings;
+  std::ranges::transform(chosen, std::back_inserter(headings), &Column::heading);
+  Table table(headings);
   for (const auto& port : daemon.ports()) {
     const auto more = details(daemon, port);
     array.push_back(port_json(port, more));
-    table.add({std::to_string(port.number), port.name, shown_as(port, more), kind(port),
-               state_word(port, more), port.activelow ? "open" : "closed", more.usage,
-               property_list(port)});
+    std::vector<std::string> row;
+    std::ranges::transform(chosen, std::back_inserter(row),
+                           [&](const Column& column) { return column.value(port, more); });
+    table.add(row);
   }
   if (json) {
     print_json(array);

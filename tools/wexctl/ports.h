@@ -17,7 +17,10 @@ Side parse_side(const std::string& text);
 /// "on"/"off", "1"/"0", "true"/"false".
 bool parse_state(const std::string& text);
 
-void list_ports(const Daemon& daemon, bool json);
+/// What the list of ports can show.
+std::vector<std::string> list_column_names();
+/// Only the columns that are wanted, if any are told.
+void list_ports(const Daemon& daemon, bool json, const std::vector<std::string>& wanted);
 void get_port(const Daemon& daemon, const std::string& port, bool json);
 /// A port and the state that it is to have.
 struct Setting {

@@ -7,7 +7,8 @@ _wexctl_ports() {
 # The options of a verb, given the words up to here with a blank behind.
 _wexctl_options() {
   case $1 in
-    'list '* | 'get '* | 'drop '* | 'connectors '* | 'status '* | 'check '*) echo --json ;;
+    'list '*) echo --json --columns ;;
+    'get '* | 'drop '* | 'connectors '* | 'status '* | 'check '*) echo --json ;;
     'supervised show '* | 'supervised ranges '* | 'supervised read '*) echo --json ;;
     'legacy get '*) echo --json ;;
     'active '* | 'name '*) echo --side ;;
