@@ -242,7 +242,7 @@ def test_help_names_every_verb_and_status(wexctl):
     out = done(wexctl("--help")).out
     for verb in ("list", "get", "set", "toggle", "direction", "active", "name", "usage", "virtual", "run",
                  "pulse", "stop", "wait", "drop", "refresh", "supervised", "status", "connectors", "monitor", "legacy",
-                 "check"):  # fmt: skip
+                 "check", "describe"):  # fmt: skip
         assert re.search(rf"^  {verb} ", out, re.MULTILINE), verb
     assert "Exit status of every verb:" in out and "NO_COLOR" in out and "complete-ports" not in out
 
@@ -254,7 +254,7 @@ def verbs(wexctl):
 
 def test_every_verb_tells_of_itself_and_completes(wexctl):
     names = verbs(wexctl)
-    assert len(names) == 19 + 5 + 2
+    assert len(names) == 20 + 5 + 2
     for name in names:
         out = done(wexctl(*name.split(), "--help")).out
         assert f"Usage: wexctl {name} " in out and "REQUIRED" not in out

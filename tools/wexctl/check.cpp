@@ -3,6 +3,7 @@
 
 #include "description/check.h"
 #include "platform/log.h"
+#include "wexctl/here.h"
 #include "wexctl/output.h"
 
 #include <syslog.h>
@@ -41,8 +42,12 @@ std::string journal_mark(Severity severity) {
 
 } // namespace
 
-bool check_files(const std::vector<std::string>& files, bool json) {
-  const auto findings = check_descriptions(files);
+bool check_files(const std::vector<std::string>& files, bool here, bool json) {
+  auto findings = check_descriptions(files);
+  if (here) {
+    const auto of_hardware = check_hardware(files);
+    findings.insert(findings.end(), of_hardware.begin(), of_hardware.end());
+  }
   Json array = Json::array();
   for (const auto& finding : findings) {
     array.push_back({{"file", finding.file},

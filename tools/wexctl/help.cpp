@@ -121,7 +121,15 @@ Example: wexctl legacy set relay Output.PulseTime 750)"},
 (warning) or cannot read or survive (error); a note is worth knowing and no more. The exit status
 is 1 if there is a warning or an error. The daemon need not run; its unit does the same before each
 start, so that the findings stand in the journal.
+
+With --here it also tells of pins, converters, device nodes and attribute files that are not on this
+machine or that the user who asks cannot open; of a port that may be absent, that is a note.
 Example: wexctl check /usr/share/wexd/conf.xml)"},
+    Details{
+        "describe",
+        R"(Prints a hardware description whose comments tell of the GPIO chips and lines, converters and SPI
+nodes of this machine, each with a port to be completed. The daemon need not run.
+Example: wexctl describe)"},
 };
 
 // Every line further in by as much.

@@ -1,6 +1,7 @@
 // The command line: what each verb is called, what it takes, and which function does it.
 #include "wexctl/bus.h"
 #include "wexctl/check.h"
+#include "wexctl/describe.h"
 #include "wexctl/descriptions.h"
 #include "wexctl/help.h"
 #include "wexctl/legacy.h"
@@ -59,6 +60,7 @@ struct Arguments {
   std::optional<guint> count;
   std::vector<std::string> columns;
   bool initial = false;
+  bool here = false;
   bool quiet = false;
 };
 
@@ -395,15 +397,21 @@ void CommandLine::add_other_verbs() {
       "FILE", args_.names,
       "Files, in the order in which wexd reads them; without any, those that it reads");
   add_json(check);
+  check->add_flag("--here", args_.here, "Look for the hardware on this machine, too");
   check->footer(verb_details("check"));
   check->callback([this] {
     action_ = [this] {
       const auto files = args_.names.empty() ? description_files() : args_.names;
-      if (!check_files(files, args_.json)) {
+      if (!check_files(files, args_.here, args_.json)) {
         throw CommandError(Status::Refused, "");
       }
     };
   });
+
+  auto* describe =
+      app_.add_subcommand("describe", "Print a description of what is here to start from");
+  describe->footer(verb_details("describe"));
+  describe->callback([this] { action_ = describe_machine; });
 
   // For the shells' completion.
   auto* complete = app_.add_subcommand("complete-ports")->group("");

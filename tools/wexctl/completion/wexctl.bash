@@ -8,7 +8,8 @@ _wexctl_ports() {
 _wexctl_options() {
   case $1 in
     'list '*) echo --json --columns ;;
-    'get '* | 'drop '* | 'connectors '* | 'status '* | 'check '*) echo --json ;;
+    'get '* | 'drop '* | 'connectors '* | 'status '*) echo --json ;;
+    'check '*) echo --here --json ;;
     'supervised show '* | 'supervised ranges '* | 'supervised read '*) echo --json ;;
     'legacy get '*) echo --json ;;
     'active '* | 'name '*) echo --side ;;
@@ -24,7 +25,7 @@ _wexctl_options() {
 _wexctl() {
   local cur=${COMP_WORDS[COMP_CWORD]} words=() word value=''
   local verbs='list get set toggle direction active name usage virtual run pulse stop wait drop refresh supervised
-    status connectors monitor legacy check'
+    status connectors monitor legacy check describe'
   local candidates=''
 
   # Options may stand anywhere, and do not count.
