@@ -23,6 +23,7 @@ PORTS = (
     + port("locked", 3, properties="ioport readonly")
     + port("screen", 4, properties="ioport video_connector")
     + port("line", 5, "input", "iobox")
+    + port("Big bell", 6)
     + element("first_virtual_input", nbr=9)
 )
 
@@ -244,7 +245,7 @@ def test_help_names_every_verb_and_status(wexctl):
                  "pulse", "stop", "wait", "drop", "refresh", "supervised", "status", "connectors", "monitor", "legacy",
                  "check", "describe"):  # fmt: skip
         assert re.search(rf"^  {verb} ", out, re.MULTILINE), verb
-    assert "Exit status of every verb:" in out and "NO_COLOR" in out and "complete-ports" not in out
+    assert "Exit status of every verb:" in out and "NO_COLOR" in out and " complete" not in out
 
 
 def verbs(wexctl):
@@ -258,9 +259,9 @@ def test_every_verb_tells_of_itself_and_completes(wexctl):
     for name in names:
         out = done(wexctl(*name.split(), "--help")).out
         assert f"Usage: wexctl {name} " in out and "REQUIRED" not in out
-        for shell in ("wexctl.bash", "_wexctl"):
-            completion = (TOP / "tools/wexctl/completion" / shell).read_text()
-            assert re.search(rf"\b{name.split()[-1]}\b", completion), (name, shell)
+        *outer, last = name.split()
+        told = done(wexctl("complete", *outer, last[:2])).out.splitlines()
+        assert last in [line.split("\t")[0] for line in told], name
 
 
 def test_every_option_completes(daemon, wexctl, binary):
@@ -478,13 +479,26 @@ def complete(device, binary, *words):
              "DBUS_SYSTEM_BUS_ADDRESS": device.bus_address},
         capture_output=True, text=True, check=True,
     )  # fmt: skip
-    return run.stdout.split()
+    return run.stdout.splitlines()
 
 
 @pytest.mark.parametrize(
     "words, expected",
     [
         (("di",), ["direction"]),
+        (("set", "Big"), ["Big bell"]),
+        (("set", "'Big b"), ["Big bell"]),
+        (("set", "Big\\ b"), ["Big bell"]),
+        (("toggle", "relay", "bo"), ["both"]),
+        (("wait", "relay", "--timeout", "5"), ["500ms", "5s"]),
+        (("wait", "line", "c"), ["closed", "cut"]),
+        (("list", "--columns", "p"), ["properties"]),
+        (("run", "relay", "1:5"), ["1:500ms,0:500msx10"]),
+        (("supervised", "ranges", "line", "s"), ["short"]),
+        (("supervised", "ranges", "line", "short", ""), ["0", "3200"]),
+        (("get", "relay", ""), [""]),
+        (("bogus", ""), [""]),
+        (("check", f"{TOP}/READ"), [f"{TOP}/README.md"]),
         (("set", "re"), ["relay"]),
         (("set", "relay", ""), ["on", "off"]),
         (("supervised", "r"), ["ranges", "read"]),
@@ -495,7 +509,7 @@ def complete(device, binary, *words):
         (("--v",), ["--version"]),
         (("list", "--j"), ["--json"]),
         (("run", "--wait", "re"), ["relay"]),
-        (("run", "relay", "--"), ["--virtual", "--wait", "--help"]),
+        (("run", "relay", "--"), ["--help", "--virtual", "--wait"]),
         (("name", "relay", "--side", "in"), ["input"]),
         (("active", "--side", "input", "both", "o"), ["open"]),
     ],

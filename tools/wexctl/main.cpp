@@ -1,6 +1,7 @@
 // The command line: what each verb is called, what it takes, and which function does it.
 #include "wexctl/bus.h"
 #include "wexctl/check.h"
+#include "wexctl/complete.h"
 #include "wexctl/describe.h"
 #include "wexctl/descriptions.h"
 #include "wexctl/help.h"
@@ -412,10 +413,6 @@ void CommandLine::add_other_verbs() {
       app_.add_subcommand("describe", "Print a description of what is here to start from");
   describe->footer(verb_details("describe"));
   describe->callback([this] { action_ = describe_machine; });
-
-  // For the shells' completion.
-  auto* complete = app_.add_subcommand("complete-ports")->group("");
-  complete->callback([this] { action_ = [] { complete_ports(Daemon()); }; });
 }
 
 CommandLine::CommandLine() {
@@ -454,6 +451,11 @@ std::string CommandLine::mistake(const CLI::ParseError& error) const {
 }
 
 void CommandLine::perform(int argc, char** argv) {
+  // What is being typed is no command line yet.
+  if (argc > 1 && g_str_equal(argv[1], complete_verb)) {
+    print_completions(app_, {argv + 2, argv + argc});
+    return;
+  }
   try {
     app_.parse(argc, argv);
   } catch (const CLI::Success& question) {

@@ -464,12 +464,4 @@ void show_connectors(const Daemon& daemon, const std::string& description, bool 
   }
 }
 
-// A name that takes more than its line, or commands the terminal, cannot be typed either.
-void complete_ports(const Daemon& daemon) {
-  for (const auto& port : daemon.ports()) {
-    const bool usable = !port.name.empty() && printable(port.name) == port.name;
-    print("{}\n", usable ? port.name : std::to_string(port.number));
-  }
-}
-
 } // namespace wexctl

@@ -51,7 +51,5 @@ void stop_sequence(const Daemon& daemon, const std::string& port,
 void drop_ports(const Daemon& daemon, const std::vector<std::string>& names, bool json);
 void refresh_ports(const Daemon& daemon);
 void show_connectors(const Daemon& daemon, const std::string& description, bool json);
-/// Names for the shell's completion, one a line.
-void complete_ports(const Daemon& daemon);
 
 } // namespace wexctl
