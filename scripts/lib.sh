@@ -25,7 +25,7 @@ test_packages=(
   python3-pytest python3-pytest-xdist python3-pytest-timeout
   umockdev valgrind strace libc6-dbg
   libglib2.0-bin systemd debootstrap binutils
-  tmux zsh fish python3-rich
+  tmux zsh fish python3-rich python3-jsonschema man-db
 )
 # The bench kernel and what it is built with, the machine, and what its guest runs from /usr.
 kernel_packages=(

@@ -353,6 +353,8 @@ def test_the_package_brings_what_it_promises(running):
         "/usr/lib/systemd/system/etc-wexd-actions.mount",
         "/usr/lib/udev/rules.d/60-wexd.rules", "/usr/lib/sysusers.d/wexd.conf", "/usr/lib/tmpfiles.d/wexd.conf",
         "/usr/share/dbus-1/system.d/com.norv.wexd.conf", "/usr/share/wexd/wexd-hardware.rng",
+        "/usr/share/wexd/wexctl.schema.json", "/usr/share/dbus-1/interfaces/com.norv.IOControl.Manager1.xml",
+        "/usr/share/fish/vendor_completions.d/wexctl.fish",
         "/usr/share/doc/wexd/examples/conf.xml", "/usr/share/doc/wexd/examples/any-machine.xml",
         "/etc/wexd/actions/com.norv.action.fixed.io.toggle.xml",
         "/etc/wexd/actions/com.norv.action.unlimited.io.toggle.xml",

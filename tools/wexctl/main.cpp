@@ -38,6 +38,8 @@ constexpr const char* footer = R"(Exit status of every verb:
   4  the time ran out
   5  standard output could not be written
 
+Later releases add to these, to the keys of JSON (/usr/share/wexd/wexctl.schema.json) and to the
+fields of formats; they change none.
 Errors are one line on standard error: the daemon's message and, in brackets, its error name.
 Colours are used on a terminal only, and never when NO_COLOR is set or TERM is dumb.)";
 
