@@ -128,6 +128,23 @@ def test_a_virtual_port_is_in_the_state_that_was_announced(daemon, wexctl):
     done(wexctl("wait", "trigger", "on", "--timeout", "0"))
 
 
+def test_a_port_that_comes_back_is_looked_at(daemon, wexctl):
+    def outcome_of_a_return():
+        daemon.state.SetState(1, True)
+        process = begin(wexctl, "relay", "off")
+        wait_until(lambda: connections(daemon) > 0, "the client on the bus")
+        for _ in range(50):  # while it looks
+            daemon.sync()
+        daemon.state.DropIOPorts(["relay"])
+        daemon.state.RefreshIOPorts()
+        return ended_by(process, lambda: None)
+
+    # One that had not looked yet finds no such port.
+    too_late = (1, "", "wexctl: no port is called 'relay'\n")
+    outcomes = (outcome_of_a_return() for _ in range(20))
+    assert next(outcome for outcome in outcomes if outcome != too_late) == (0, "", "")
+
+
 def test_the_changes_of_other_ports_end_nothing(daemon, wexctl):
     process = begin(wexctl, "relay", "--timeout", "1s")
 

@@ -77,7 +77,8 @@ Example: wexctl stop lamp off)"},
         R"(Returns when the port is in the STATE, at once if it is in it already; a state that came and went
 while it was waited for counts, too. Without STATE it returns with the next change that is told of
 the port, virtual states included. Open and closed are the line of a supervised port and the circuit
-of any other; short and cut are for supervised ports. Ends with status 3 when wexd goes.
+of any other; short and cut are for supervised ports. A port that leaves service meanwhile is waited
+for. Ends with status 3 when wexd goes.
 Example: wexctl wait door off --timeout 10s)"},
     Details{"supervised show", R"(Levels and limits are counts of the port's converter.)"},
     Details{"supervised on", R"(A switchable port that is an output becomes an input.

@@ -2,6 +2,15 @@
 
 namespace wexctl {
 
+Subscription::Subscription(const Daemon& daemon, GDBusSignalCallback changed, gpointer data)
+    : connection_(daemon.connection()) {
+  auto* const proxy = G_DBUS_PROXY(daemon.manager());
+  id_ = g_dbus_connection_signal_subscribe(connection_, g_dbus_proxy_get_name(proxy),
+                                           "org.freedesktop.DBus.Properties", "PropertiesChanged",
+                                           g_dbus_proxy_get_object_path(proxy), nullptr,
+                                           G_DBUS_SIGNAL_FLAGS_NONE, changed, data, nullptr);
+}
+
 // Only the daemon that was asked can tell: another owner of its name, or none, knows nothing of it.
 // An end of the bus takes the name from nobody, so that is heeded, too.
 Vigil::Vigil(const Daemon& daemon, Awaits awaits)

@@ -33,6 +33,20 @@ private:
   gulong id_ = 0;
 };
 
+/// A subscription to a signal that no proxy tells, for as long as this lives.
+class Subscription {
+public:
+  /// To changes of the properties of the daemon as a whole, of which those that count ports change.
+  Subscription(const Daemon& daemon, GDBusSignalCallback changed, gpointer data);
+  ~Subscription() { g_dbus_connection_signal_unsubscribe(connection_, id_); }
+  Subscription(const Subscription&) = delete;
+  Subscription& operator=(const Subscription&) = delete;
+
+private:
+  GDBusConnection* connection_;
+  guint id_;
+};
+
 /// A run of the main loop for whoever waits. Signals of the daemon that came since its proxies were
 /// made are told in the run, so that nothing is missed between a look and the wait.
 class Vigil {

@@ -28,6 +28,9 @@ private:
   static void on_port_changed(IOControlState*, gint port, gboolean is_virtual, gboolean hidden,
                               gboolean input, gboolean virtual_trig, gboolean state,
                               gboolean activelow, gpointer self);
+  static void on_ports_changed(GDBusConnection*, const gchar* sender, const gchar* path,
+                               const gchar* interface, const gchar* signal, GVariant* arguments,
+                               gpointer self);
   [[nodiscard]] bool look() const;
   [[nodiscard]] bool is_wanted(const PortInfo& port, const SupervisedWord& word) const;
   void judge(PortInfo told);
@@ -87,7 +90,24 @@ void PortWait::on_port_changed(IOControlState* /*proxy*/, gint port, gboolean is
   }
 }
 
+// A port that comes back into service is not told of as changed. While it is away it is waited for.
+void PortWait::on_ports_changed(GDBusConnection* /*connection*/, const gchar* /*sender*/,
+                                const gchar* /*path*/, const gchar* /*interface*/,
+                                const gchar* /*signal*/, GVariant* /*arguments*/, gpointer self) {
+  auto* wait = static_cast<PortWait*>(self);
+  try {
+    if (wait->look()) {
+      wait->vigil_.finish();
+    }
+  } catch (const CommandError& error) {
+    if (error.status() != Status::Refused) {
+      wait->vigil_.fail(error);
+    }
+  }
+}
+
 void PortWait::run(Timeout timeout) {
+  const Subscription ports(daemon_, on_ports_changed, this);
   const SignalHandler changed(daemon_.state(), "port-changed", G_CALLBACK(on_port_changed), this);
   if (!look()) {
     vigil_.wait(timeout, "it went while it was waited for");
