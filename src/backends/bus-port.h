@@ -49,7 +49,8 @@ struct BusPort {
 };
 
 /// Makes the proxy, if there is none yet; false with `error` on failure.
-bool bus_port_open(BusPort& bus, IoPort* port, const BusPortService& service, GError** error);
+[[nodiscard]] bool bus_port_open(BusPort& bus, IoPort* port, const BusPortService& service,
+                                 GError** error);
 
 /// Takes every open port over to the connection that bus_connection_share() has opened, and leaves
 /// the start's. What a service told in between is not lost; it is asked nothing again. Main thread
@@ -58,15 +59,15 @@ void bus_ports_change_connection();
 
 /// Calls the service and returns a reply of `reply_type` (g_variant_unref; nullptr: any type). NULL
 /// on failure, which `tell` hears, and without a proxy, which it does not.
-GVariant* bus_port_call(BusPort& bus, const char* method, GVariant* arguments,
-                        const GVariantType* reply_type,
-                        void (*tell)(const char* method, const GError* error));
+[[nodiscard]] GVariant* bus_port_call(BusPort& bus, const char* method, GVariant* arguments,
+                                      const GVariantType* reply_type,
+                                      void (*tell)(const char* method, const GError* error));
 
 /// Follows the service's signal; a second time changes nothing. False when it cannot.
-bool bus_port_follow(BusPort& bus, const BusPortSignal& signal);
+[[nodiscard]] bool bus_port_follow(BusPort& bus, const BusPortSignal& signal);
 
 /// Stores the state that the output value shows; whether that is the active one.
-bool bus_port_show_output(BusPort& bus);
+[[nodiscard]] bool bus_port_show_output(BusPort& bus);
 
 /// Reports the port's state, if it is watched.
 void bus_port_report(const BusPort& bus);

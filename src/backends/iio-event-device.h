@@ -24,11 +24,11 @@ inline constexpr gint iio_every_channel = -1;
 using IioEventHandler = bool (*)(IoPort* port, gint channel);
 
 /// Opens the device's record for a port, or joins it. False, with a warning, on failure.
-bool iio_event_device_join(IoPort* port, const std::string& path);
+[[nodiscard]] bool iio_event_device_join(IoPort* port, const std::string& path);
 /// Leaves the record; the last port to leave closes it.
 void iio_event_device_leave(IoPort* port, const std::string& path);
 
 /// Has the port served by the device's events; a port that is served already stays as it is.
 void iio_event_device_watch(IoPort* port, const std::string& path, IioEventHandler handler);
 /// Ends that; true when the port was served. The last port to leave ends the device's watch.
-bool iio_event_device_unwatch(IoPort* port, const std::string& path);
+[[nodiscard]] bool iio_event_device_unwatch(IoPort* port, const std::string& path);

@@ -47,10 +47,10 @@ struct IioThresholdChannel {
 void iio_threshold_parse(IioThresholdChannel& channel, const char* key, const char* value);
 
 /// Finds the converter by its driver's name; false, with a warning, when it is not there.
-bool iio_threshold_find(IioThresholdChannel& channel);
+[[nodiscard]] bool iio_threshold_find(IioThresholdChannel& channel);
 
 /// Opens the channel's event files; false, with a warning, on failure.
-bool iio_threshold_open(IioThresholdChannel& channel);
+[[nodiscard]] bool iio_threshold_open(IioThresholdChannel& channel);
 
 /// Writes the settings of the whole device and leaves the channel disarmed; failures are logged
 /// only.
@@ -58,7 +58,8 @@ void iio_threshold_prepare(const IioThresholdChannel& channel);
 
 /// The level now; nothing, with `error`, on failure. `tell`: whether that is logged, with its
 /// reason.
-std::optional<guint32> iio_threshold_read(IioThresholdChannel& channel, bool tell, GError** error);
+[[nodiscard]] std::optional<guint32> iio_threshold_read(IioThresholdChannel& channel, bool tell,
+                                                        GError** error);
 
 /// Has an event raised when the level, which was read last, leaves the range. A threshold that the
 /// converter refuses becomes the nearest one that it takes, which is logged when it is found. 0, or

@@ -21,10 +21,10 @@ int iio_get_device_number_with_type(const char* name, int type);
 int iio_get_device_number(const char* name);
 
 /// "/sys/bus/iio/devices/iio:device<number>/".
-std::string iio_device_folder(int number);
+[[nodiscard]] std::string iio_device_folder(int number);
 
 /// "/dev/iio:device<number>".
-std::string iio_device_node(int number);
+[[nodiscard]] std::string iio_device_node(int number);
 
 /// How a sample lies in the buffer, e.g. "le:u12/16>>4".
 struct IioScanType {
@@ -39,7 +39,7 @@ struct IioScanType {
 
 /// Parses a scan type; nothing when not even its first field is there. Later fields that are
 /// missing stay 0.
-std::optional<IioScanType> iio_parse_scan_type(const char* text);
+[[nodiscard]] std::optional<IioScanType> iio_parse_scan_type(const char* text);
 
 /// The value of a stored sample of 1 to 4 bytes; 0 for any other size.
 guint32 iio_decode_sample(const IioScanType& type, std::span<const guint8> sample);

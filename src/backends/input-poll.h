@@ -16,7 +16,7 @@ struct InputPoll {
 };
 
 /// Reports the port's state when it has changed; keeps polling.
-gboolean input_poll_report(IoPort* port, bool changed);
+[[nodiscard]] gboolean input_poll_report(IoPort* port, bool changed);
 
 template <typename Data>
 gboolean input_poll_on_time(gpointer user_data) {
@@ -26,7 +26,7 @@ gboolean input_poll_on_time(gpointer user_data) {
 
 /// The slot that starts the poll; a running one stays as it is.
 template <typename Data>
-gboolean input_poll_set_watch(IoPort* port) {
+[[nodiscard]] gboolean input_poll_set_watch(IoPort* port) {
   InputPoll& poll = backend_data_ensure<Data>(port)->poll;
   if (!poll.source) {
     poll.source.reset(g_timeout_add(poll.interval_ms, input_poll_on_time<Data>, port));

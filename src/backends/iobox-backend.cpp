@@ -5,6 +5,8 @@
 #include "platform/log.h"
 #include "platform/words.h"
 
+#include <tuple>
+
 namespace {
 
 constexpr BusPortService service{.at = {.name = "com.norv.IOBoxMonitor",
@@ -76,7 +78,7 @@ void send_mode(IoPort* port, IoboxPortData* data) {
 
 void set_output(IoboxPortData* data, gint value) {
   data->bus.output_value = value;
-  bus_port_show_output(data->bus);
+  std::ignore = bus_port_show_output(data->bus);
 }
 
 // The stored state as a plain contact: a cut line is an open one, a short a closed one.

@@ -48,9 +48,9 @@ struct PinElement {
 
 /// Takes an attribute of a pin's element; false when the element is none of the table's.
 template <typename Record, gsize Count>
-bool libugpio_parse_pin_element(const std::array<PinElement<Record>, Count>& elements,
-                                Record& record, const char* element, const char* key,
-                                const char* value) {
+[[nodiscard]] bool libugpio_parse_pin_element(const std::array<PinElement<Record>, Count>& elements,
+                                              Record& record, const char* element, const char* key,
+                                              const char* value) {
   for (const auto& entry : elements) {
     if (g_str_equal(entry.element, element)) {
       libugpio_parse_data_pin(record.*entry.pin, key, value);
@@ -62,16 +62,16 @@ bool libugpio_parse_pin_element(const std::array<PinElement<Record>, Count>& ele
 
 /// Requests and opens the pin as an input (with both edges) or as an output that starts at `value`
 /// without a glitch. A pin in use is given back first. False, with a warning, on failure.
-bool libugpio_open_gpio_pin(GpioPin* pin, bool input, bool value);
+[[nodiscard]] bool libugpio_open_gpio_pin(GpioPin* pin, bool input, bool value);
 
 /// As above, and writes an output's level once more; failing to is told, but no failure.
-bool libugpio_port_init_gpio_pin(GpioPin* pin, bool input, bool value);
+[[nodiscard]] bool libugpio_port_init_gpio_pin(GpioPin* pin, bool input, bool value);
 
 /// Applies a described active-low setting to an open pin; false, with a warning, on failure.
-bool libugpio_apply_activelow(GpioPin* pin);
+[[nodiscard]] bool libugpio_apply_activelow(GpioPin* pin);
 
 /// Sets an output's level; false, with a warning, on failure.
-bool libugpio_set_gpio_pin(GpioPin* pin, bool value);
+[[nodiscard]] bool libugpio_set_gpio_pin(GpioPin* pin, bool value);
 
 /// Releases the pin, keeping its description. NULL is allowed.
 void libugpio_close_gpio_pin(GpioPin* pin);
@@ -80,7 +80,8 @@ void libugpio_close_gpio_pin(GpioPin* pin);
 void libugpio_free_gpio_pin(GpioPin* pin);
 
 /// Reports the level of a port whose line has changed, until it holds still; true: keep watching.
-gboolean libugpio_handle_trig(GIOChannel* channel, GIOCondition condition, IoPort* port);
+[[nodiscard]] gboolean libugpio_handle_trig(GIOChannel* channel, GIOCondition condition,
+                                            IoPort* port);
 
 /// The watch on a pin's value file. Main thread only.
 ///
@@ -96,7 +97,7 @@ public:
 
   /// Watches the pin, which must outlive the watch, for `port`; a running watch stays as it is.
   /// False when the pin is not open.
-  bool start(IoPort* port, const GpioPin* pin, GIOCondition condition = G_IO_ERR);
+  [[nodiscard]] bool start(IoPort* port, const GpioPin* pin, GIOCondition condition = G_IO_ERR);
   void stop();
   explicit operator bool() const { return source_ || rest_; }
 
@@ -104,7 +105,7 @@ private:
   static gboolean on_edge(GIOChannel* channel, GIOCondition condition, gpointer user_data);
   static gboolean on_rested(gpointer user_data);
   void look();
-  bool serve();
+  [[nodiscard]] bool serve();
   void give_up(int reason);
   void rest(int reason);
 

@@ -10,7 +10,7 @@ using SpiWord = std::array<guint8, 2>;
 
 /// Sends the converter's command byte and reads its answer in one message of two transfers. False
 /// with errno set on failure; `word` is then untouched.
-bool spi_exchange(int fd, guint8 command, SpiWord* word);
+[[nodiscard]] bool spi_exchange(int fd, guint8 command, SpiWord* word);
 
 /// The level in an answer: bits 4-11 of the word whose low byte came first, 0-255.
 constexpr guint8 spi_level(const SpiWord& word) {

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -320,7 +321,7 @@ void apply_watches(IoPort* port) {
     start_sample_watch(port, data);
   } else {
     data->sample_watch.stop();
-    data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins));
+    std::ignore = data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins));
   }
 }
 
@@ -340,7 +341,7 @@ gboolean iio_set_supervised(IoPort* port, gboolean /*supervised*/) {
     return FALSE;
   }
   auto* data = backend_data<IioPortData>(port);
-  supervised_set_control_pins(port, data->pins, pin_setup);
+  std::ignore = supervised_set_control_pins(port, data->pins, pin_setup);
   if (data->sample_watch) {
     // Taken before the line was led to the converter.
     drop_samples(data);

@@ -9,6 +9,7 @@
 #include "platform/log.h"
 
 #include <cerrno>
+#include <tuple>
 
 namespace {
 
@@ -248,13 +249,14 @@ void stop_interrupts(IoPort* port, IioIntPortData* data) {
   data->unreadable = Trouble();
   data->unarmed = Trouble();
   iio_threshold_disarm(data->channel);
-  iio_event_device_unwatch(port, data->channel.device_path);
+  std::ignore = iio_event_device_unwatch(port, data->channel.device_path);
 }
 
 gboolean iio_int_set_watch(IoPort* port) {
   auto* data = backend_data_ensure<IioIntPortData>(port);
   if (!measured(port, data)) {
-    data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins), G_IO_PRI);
+    std::ignore =
+        data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins), G_IO_PRI);
     stop_interrupts(port, data);
     return TRUE;
   }
@@ -310,7 +312,7 @@ gboolean iio_int_set_supervised(IoPort* port, gboolean /*supervised*/) {
     return FALSE;
   }
   const auto* data = backend_data<IioIntPortData>(port);
-  supervised_set_control_pins(port, data->pins, pin_setup(data));
+  std::ignore = supervised_set_control_pins(port, data->pins, pin_setup(data));
   return TRUE;
 }
 

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <tuple>
 
 namespace {
 
@@ -182,7 +183,7 @@ void supervised_turn_pins(IoPort* port, SupervisedPins& pins, bool input, const 
     supervised_drive_output(port, pins, false);
   }
   if (pins.ioctrl != nullptr) {
-    supervised_set_control_pins(port, pins, how);
+    std::ignore = supervised_set_control_pins(port, pins, how);
   }
   if (!input) {
     supervised_drive_output(port, pins, port->activelow_output);
@@ -200,7 +201,7 @@ guint supervised_pin_level(IoPort* port, const SupervisedPins& pins) {
 
 void supervised_drive_output(IoPort* port, const SupervisedPins& pins, bool value) {
   if (io_port_has_output_side(port) && pins.output != nullptr) {
-    libugpio_set_gpio_pin(pins.output.get(), value);
+    std::ignore = libugpio_set_gpio_pin(pins.output.get(), value);
   }
 }
 

@@ -43,15 +43,17 @@ struct PinSetup {
 /// Takes an attribute of a pin's or a "range" element; false when the element is neither. In a
 /// "range" the order of attributes matters: "upper" adds the range to the port with the state and
 /// lower limit told before. A refused range is logged.
-bool supervised_parse_line(IoPort* port, SupervisedPins& pins, PendingRange& pending,
-                           const char* element, const char* key, const char* value);
+[[nodiscard]] bool supervised_parse_line(IoPort* port, SupervisedPins& pins, PendingRange& pending,
+                                         const char* element, const char* key, const char* value);
 
 /// Requests the port's pins for its type and direction and sets the control pins. An output starts
 /// at `state`. False, with a warning, on failure.
-bool supervised_setup_pins(IoPort* port, SupervisedPins& pins, bool state, const PinSetup& how);
+[[nodiscard]] bool supervised_setup_pins(IoPort* port, SupervisedPins& pins, bool state,
+                                         const PinSetup& how);
 
 /// Routes the line: to the logic input, to the measuring circuit, or (output) to neither.
-bool supervised_set_control_pins(IoPort* port, const SupervisedPins& pins, const PinSetup& how);
+[[nodiscard]] bool supervised_set_control_pins(IoPort* port, const SupervisedPins& pins,
+                                               const PinSetup& how);
 
 /// Turns the pins round; the port already has its new direction. The watch is stopped.
 void supervised_turn_pins(IoPort* port, SupervisedPins& pins, bool input, const PinSetup& how);

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <tuple>
 
 namespace {
 
@@ -131,7 +132,7 @@ gboolean spi_poll(gpointer user_data) {
 gboolean spi_set_watch(IoPort* port) {
   auto* data = backend_data_ensure<SpiPortData>(port);
   if (!io_port_supervised_input(port)) {
-    data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins));
+    std::ignore = data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins));
     data->poll_timer.reset();
     return TRUE;
   }
@@ -148,7 +149,7 @@ gboolean spi_set_supervised(IoPort* port, gboolean /*supervised*/) {
     return FALSE;
   }
   spi_set_watch(port);
-  supervised_set_control_pins(port, backend_data<SpiPortData>(port)->pins, pin_setup);
+  std::ignore = supervised_set_control_pins(port, backend_data<SpiPortData>(port)->pins, pin_setup);
   return TRUE;
 }
 

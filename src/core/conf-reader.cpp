@@ -85,7 +85,7 @@ IoPortRef start_port(File& file, const Place& place, std::span<const DescribedAt
   if (!rest.empty() && view(rest.front().name) == "name") {
     io_port_list_free_by_name(rest.front().value);
   }
-  IoPortRef port(io_port_new());
+  IoPortRef port = io_port_new();
   port->origin = std::string(place.file_name) + ':' + std::to_string(place.line);
   io_port_list_add(port.get());
   return port;
@@ -140,8 +140,8 @@ void start_element(File& file, const DescribedElement& element) {
   }
   const Place place{.file_name = file.name, .line = element.line, .element = element.name};
   auto rest = element.attributes;
-  const IoPortRef port = view(element.name) == "port" ? start_port(file, place, rest)
-                                                      : IoPortRef(io_port_list_nth_data(0));
+  const IoPortRef port =
+      view(element.name) == "port" ? start_port(file, place, rest) : io_port_list_nth_data(0);
   if (port == nullptr) {
     return;
   }

@@ -16,7 +16,7 @@ struct ConfTarget {
 };
 
 /// Whether the attribute is a name or usage of a port.
-bool conf_is_port_text(std::string_view element, std::string_view key);
+[[nodiscard]] bool conf_is_port_text(std::string_view element, std::string_view key);
 
 /// Applies one attribute; unknown elements and attributes are ignored.
 void conf_apply_attribute(const ConfTarget& target, const char* element, const char* key,

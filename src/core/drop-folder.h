@@ -12,4 +12,4 @@ using DropInReader = bool (*)(const char* path, const std::string& text);
 /// A description is a regular file of the user that the process runs as, not writable by anyone
 /// else, or a link of that user to such a file. Anything else is skipped with a warning; the
 /// temporary of the legacy files is skipped without.
-bool drop_folder_read(const char* directory, DropInReader read);
+[[nodiscard]] bool drop_folder_read(const char* directory, DropInReader read);

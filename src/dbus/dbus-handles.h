@@ -51,8 +51,8 @@ struct MethodHandler {
 
 /// Connects every handler and exports the skeleton; false when the bus refuses the object.
 template <typename Handlers>
-bool export_skeleton(gpointer skeleton, const Handlers& handlers, GDBusConnection* connection,
-                     const char* object_path) {
+[[nodiscard]] bool export_skeleton(gpointer skeleton, const Handlers& handlers,
+                                   GDBusConnection* connection, const char* object_path) {
   for (const auto& entry : handlers) {
     g_signal_connect(skeleton, entry.signal, entry.handler, nullptr);
   }

@@ -150,7 +150,7 @@ void register_ports() {
     return;
   }
   for (const gint number : port_numbers_below(first_virtual)) {
-    if (const IoPortRef port(io_port_list_get_port(number)); port != nullptr) {
+    if (const IoPortRef port = io_port_list_get_port(number); port != nullptr) {
       register_port(port.get());
     } else if (number == 0) {
       iocontrol_conf_legacy_dbus_register_object(number, IoPortInterface);

@@ -58,7 +58,7 @@ void save(IoPort* port) {
 }
 
 IoPortRef find_port(guint number) {
-  return IoPortRef(io_port_list_get_port(static_cast<gint>(number)));
+  return io_port_list_get_port(static_cast<gint>(number));
 }
 
 // The port of that number if it is published here; otherwise the call is answered and the result
@@ -362,7 +362,7 @@ gboolean on_handle_drop_io_ports(IOControlState* object, GDBusMethodInvocation* 
   g_autoptr(GStrvBuilder) dropped = g_strv_builder_new();
   bool any = false;
   for (; *names != nullptr; names++) {
-    const IoPortRef port(io_port_list_get_by_name(*names));
+    const IoPortRef port = io_port_list_get_by_name(*names);
     if (port == nullptr || !port->optional) {
       continue;
     }
@@ -475,7 +475,7 @@ void iocontrol_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*
 
 } // namespace
 
-bool iocontrol_init_dbus() {
+void iocontrol_init_dbus() {
   register_errors();
   port_observer.port_changed = iocontrol_emit_port_changed;
   port_observer.sequence_done = iocontrol_emit_action_sequence_done;
@@ -485,10 +485,9 @@ bool iocontrol_init_dbus() {
   connector_owner_id =
       g_bus_own_name(G_BUS_TYPE_SYSTEM, connector_name, G_BUS_NAME_OWNER_FLAGS_NONE,
                      connector_on_bus_acquired, nullptr, nullptr, nullptr, nullptr);
-  return true;
 }
 
-bool iocontrol_unreg_dbus() {
+void iocontrol_unreg_dbus() {
   port_observer.port_changed = nullptr;
   port_observer.burst_announced = nullptr;
   port_observer.sequence_done = nullptr;
@@ -497,7 +496,6 @@ bool iocontrol_unreg_dbus() {
   g_bus_unown_name(std::exchange(state_owner_id, 0));
   connector_unpublish();
   g_bus_unown_name(std::exchange(connector_owner_id, 0));
-  return true;
 }
 
 void iocontrol_emit_port_changed(const PortChange& change) {

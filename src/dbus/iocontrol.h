@@ -5,12 +5,11 @@
 
 #include "port/port-observer.h"
 
-/// Takes the bus names of this and the connector service and publishes both once the bus is there;
-/// always true.
-bool iocontrol_init_dbus();
+/// Takes the bus names of this and the connector service and publishes both once the bus is there.
+void iocontrol_init_dbus();
 
-/// Takes both services off the bus and releases their names; always true.
-bool iocontrol_unreg_dbus();
+/// Takes both services off the bus and releases their names.
+void iocontrol_unreg_dbus();
 
 /// Emits PortChanged; does nothing while the service is not published. Any thread.
 void iocontrol_emit_port_changed(const PortChange& change);
@@ -19,5 +18,5 @@ void iocontrol_emit_port_changed(const PortChange& change);
 void iocontrol_emit_action_sequence_done(gint port_number);
 
 /// Whether the legacy configuration interface is in use; true unless switched off at start.
-bool use_legacy_interface();
+[[nodiscard]] bool use_legacy_interface();
 void set_use_legacy_interface(bool use);

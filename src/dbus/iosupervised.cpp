@@ -52,7 +52,7 @@ void answer_model_error(GDBusMethodInvocation* invocation, const GError* error,
 }
 
 IoPortRef any_port(GDBusMethodInvocation* invocation, guint number) {
-  IoPortRef port(io_port_list_get_port(static_cast<gint>(number)));
+  IoPortRef port = io_port_list_get_port(static_cast<gint>(number));
   if (port == nullptr) {
     answer_error(invocation, IO_SUPERVISED_ERROR_NO_PORT, "No such port.");
   }
@@ -61,7 +61,7 @@ IoPortRef any_port(GDBusMethodInvocation* invocation, guint number) {
 
 // The port of that number if it is published; otherwise the call is answered.
 IoPortRef published_port(GDBusMethodInvocation* invocation, guint number) {
-  IoPortRef port(io_port_list_get_port(static_cast<gint>(number)));
+  IoPortRef port = io_port_list_get_port(static_cast<gint>(number));
   if (port == nullptr || !io_port_get_property(port.get(), "ioport")) {
     answer_error(invocation, IO_SUPERVISED_ERROR_NO_PORT, "No such port.");
     return nullptr;
@@ -250,15 +250,13 @@ void iosupervised_on_bus_acquired(GDBusConnection* connection, const gchar* /*na
 
 } // namespace
 
-bool iosupervised_init_dbus() {
+void iosupervised_init_dbus() {
   register_errors();
   owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, supervised_name, G_BUS_NAME_OWNER_FLAGS_NONE,
                             iosupervised_on_bus_acquired, nullptr, nullptr, nullptr, nullptr);
-  return true;
 }
 
-bool iosupervised_unreg_dbus() {
+void iosupervised_unreg_dbus() {
   supervised_interface.reset();
   g_bus_unown_name(std::exchange(owner_id, 0));
-  return true;
 }

@@ -4,7 +4,7 @@
 #include <string>
 
 /// Which objects and interfaces the legacy service has.
-std::string legacy_registry_text();
+[[nodiscard]] std::string legacy_registry_text();
 
 /// How each legacy parameter maps onto a bus property.
-std::string legacy_mapping_text();
+[[nodiscard]] std::string legacy_mapping_text();

@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdio>
 #include <string_view>
+#include <tuple>
 
 namespace {
 
@@ -237,7 +238,8 @@ bool write_usage(IoPort* port, const LegacyProperty& property, GVariant* value, 
   if (!text) {
     return incorrect(error, property);
   }
-  io_port_set_usage(port, text->c_str());
+  // A refused usage is no error here.
+  std::ignore = io_port_set_usage(port, text->c_str());
   return save(port);
 }
 
@@ -279,7 +281,7 @@ IoPortRef port_at(const char* path, GError** error) {
     refuse(error, "Incorrect port object");
     return nullptr;
   }
-  IoPortRef port(io_port_list_get_port(number));
+  IoPortRef port = io_port_list_get_port(number);
   if (port == nullptr) {
     g_set_error_literal(error, io_control_error_quark(), IO_CONTROL_ERROR_NO_PORT, "No such port.");
   }

@@ -33,9 +33,9 @@ using SendPortCounts = void (*)();
 void legacy_properties_set_send_port_counts(SendPortCounts send);
 
 /// Reads a property of the object at `path`; nullptr with `error` when there is no value.
-GVariant* legacy_property_get(const char* path, const char* interface_name, const char* name,
-                              GError** error);
+[[nodiscard]] GVariant* legacy_property_get(const char* path, const char* interface_name,
+                                            const char* name, GError** error);
 
 /// Writes a property of the object at `path`; false with `error` when refused.
-bool legacy_property_set(const char* path, const char* interface_name, const char* name,
-                         GVariant* value, GError** error);
+[[nodiscard]] bool legacy_property_set(const char* path, const char* interface_name,
+                                       const char* name, GVariant* value, GError** error);

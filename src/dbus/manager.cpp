@@ -41,7 +41,7 @@ constexpr std::array called_services{"com.norv.IOBoxMonitor",
 
 gboolean on_handle_stop_sequence(IOControlManager1* object, GDBusMethodInvocation* invocation,
                                  guint number, gpointer /*user_data*/) {
-  const IoPortRef port(io_port_list_get_port(static_cast<gint>(number)));
+  const IoPortRef port = io_port_list_get_port(static_cast<gint>(number));
   if (port == nullptr) {
     g_dbus_method_invocation_return_error_literal(invocation, io_control_error_quark(),
                                                   IO_CONTROL_ERROR_NO_PORT, "No such port.");

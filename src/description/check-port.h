@@ -12,4 +12,4 @@ struct PortFinding {
 };
 
 /// What the daemon would make of the port as a whole.
-std::vector<PortFinding> check_port(const PortSketch& port);
+[[nodiscard]] std::vector<PortFinding> check_port(const PortSketch& port);

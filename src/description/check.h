@@ -24,4 +24,4 @@ struct Finding {
 
 /// What the daemon would ignore, replace, drop or end over in the files, read in this order; by
 /// file and line.
-std::vector<Finding> check_descriptions(const std::vector<std::string>& files);
+[[nodiscard]] std::vector<Finding> check_descriptions(const std::vector<std::string>& files);

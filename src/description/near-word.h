@@ -6,4 +6,5 @@
 #include <vector>
 
 /// The word that is the fewest typing mistakes away from the text; empty when none is near.
-std::string near_word(std::string_view text, const std::vector<std::string_view>& words);
+[[nodiscard]] std::string near_word(std::string_view text,
+                                    const std::vector<std::string_view>& words);

@@ -5,4 +5,4 @@
 
 /// The schema of all that the vocabulary knows. What fits it means what it says; the daemon itself
 /// is more lenient.
-std::string description_schema();
+[[nodiscard]] std::string description_schema();

@@ -103,7 +103,7 @@ std::span<const BackendVocabulary* const> backend_vocabularies();
 const BackendVocabulary* find_backend_vocabulary(std::string_view name);
 
 /// Whether the text has the form that the attribute asks for.
-bool has_form(const AttributeWord& attribute, std::string_view text);
+[[nodiscard]] bool has_form(const AttributeWord& attribute, std::string_view text);
 
 constexpr const ElementWord* find_element(std::span<const ElementWord> elements,
                                           std::string_view name) {
@@ -121,7 +121,7 @@ constexpr const AttributeWord* find_attribute(std::span<const AttributeWord> att
 
 /// Whether a table that gives words their values has exactly these words, in whatever order.
 template <typename Table>
-constexpr bool same_words(const Table& table, std::span<const char* const> words) {
+[[nodiscard]] constexpr bool same_words(const Table& table, std::span<const char* const> words) {
   return table.size() == words.size() && std::ranges::all_of(words, [&](std::string_view word) {
            return std::ranges::any_of(table, [word](const auto& row) { return word == row.word; });
          });
@@ -129,7 +129,8 @@ constexpr bool same_words(const Table& table, std::span<const char* const> words
 
 /// Whether every row of a table of attributes, which have a `key`, is one of an element's.
 template <typename Table>
-constexpr bool known_keys(std::span<const AttributeWord> attributes, const Table& table) {
+[[nodiscard]] constexpr bool known_keys(std::span<const AttributeWord> attributes,
+                                        const Table& table) {
   return std::ranges::all_of(table, [attributes](const auto& row) {
     return find_attribute(attributes, row.key) != nullptr;
   });
@@ -137,6 +138,7 @@ constexpr bool known_keys(std::span<const AttributeWord> attributes, const Table
 
 /// Whether a table of attributes, which have a `key`, has exactly those of an element.
 template <typename Table>
-constexpr bool same_keys(std::span<const AttributeWord> attributes, const Table& table) {
+[[nodiscard]] constexpr bool same_keys(std::span<const AttributeWord> attributes,
+                                       const Table& table) {
   return table.size() == attributes.size() && known_keys(attributes, table);
 }

@@ -80,7 +80,7 @@ constexpr std::array supervised_keys{numbered_port,
 
 // The fills run from the main loop with no lock held, so they may look ports up.
 IoPortRef port_of(gpointer user_data) {
-  return IoPortRef(io_port_list_get_port(GPOINTER_TO_INT(user_data)));
+  return io_port_list_get_port(GPOINTER_TO_INT(user_data));
 }
 
 void fill_io_port(NvEvent* event, gpointer user_data) {

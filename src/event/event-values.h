@@ -12,4 +12,4 @@ NvEventType event_value_type(const EventKeyValue& key_value);
 
 /// The text that fills the key: the placeholder's meaning for this port now, or the value itself.
 /// A placeholder for a double is a programming error.
-std::string event_value_text(IoPort* port, const EventKeyValue& key_value);
+[[nodiscard]] std::string event_value_text(IoPort* port, const EventKeyValue& key_value);

@@ -16,6 +16,7 @@
 
 #include <memory>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -189,7 +190,7 @@ void undeclare(IoEvent* event) {
   if (event->id == 0 || is_type(event, event_port_any)) {
     return;
   }
-  nv_event_producer_undeclare(producer.get(), event->id, nullptr);
+  std::ignore = nv_event_producer_undeclare(producer.get(), event->id, nullptr);
   event->id = 0;
   event->stale = false;
 }

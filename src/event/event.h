@@ -51,13 +51,13 @@ inline constexpr const char* event_port_any = "PortAny";
 inline constexpr const char* event_supervised_port = "com.norv.Event.Wxd.SupervisedPort";
 
 /// Whether the event fits what the port currently is (output, input, supervised input).
-bool io_event_currently_applicable(IoPort* port, const IoEvent* event);
+[[nodiscard]] bool io_event_currently_applicable(IoPort* port, const IoEvent* event);
 /// Declares the event if it applies, is not declared, and its port is set up; before that, the port
 /// has no state that an event could tell. An event that was declared already and went stale sends
 /// the state that its port has now. Always true, failures are logged.
-bool io_event_declare_event(IoPort* port, IoEvent* event);
+[[nodiscard]] bool io_event_declare_event(IoPort* port, IoEvent* event);
 /// Sends the event with `value`; true when the event system took it.
-bool io_event_send_event(IoPort* port, IoEvent* event, gint value);
+[[nodiscard]] bool io_event_send_event(IoPort* port, IoEvent* event, gint value);
 /// Withdraws and declares again, so that new names reach the declaration.
 void io_event_redeclare_port(IoPort* port, IoEvent* event);
 /// Withdraws the declaration; the shared any-port declaration stays.

@@ -27,14 +27,14 @@ KeyFilePtr key_file_load(const char* path, GError** error);
 
 /// A text, decoded. False with `error` set when it is missing or malformed; `text` is untouched
 /// then.
-bool key_file_get_text(GKeyFile* file, const char* group, const char* key, std::string* text,
-                       GError** error);
+[[nodiscard]] bool key_file_get_text(GKeyFile* file, const char* group, const char* key,
+                                     std::string* text, GError** error);
 /// A text as it stands in a key file, to be read as it is: as the library writes one, but that a
 /// form feed at its start, which key files take for indentation and have no sign for, is "\\f".
-std::string key_file_raw_text(std::string_view text);
+[[nodiscard]] std::string key_file_raw_text(std::string_view text);
 
 /// A whole key file as a text.
-std::string key_file_to_text(GKeyFile* file);
+[[nodiscard]] std::string key_file_to_text(GKeyFile* file);
 
 /// Copies every value, as the raw text that it is, over what the target has of that name.
 void key_file_copy(GKeyFile* source, GKeyFile* target);

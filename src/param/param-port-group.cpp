@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <tuple>
 
 namespace {
 
@@ -253,7 +254,7 @@ void write_output_side(GroupWriter& writer, const IoPort* port) {
 
 void write_supervision(GroupWriter& writer, IoPort* port) {
   GList* ranges = nullptr;
-  io_port_get_supervised_ranges(port, &ranges);
+  std::ignore = io_port_get_supervised_ranges(port, &ranges);
   g_autoptr(GVariant) value = g_variant_ref_sink(supervised_ranges2gvariant(ranges));
   g_autofree gchar* text = g_variant_print(value, TRUE);
   writer.text("supervised_input_ranges", text);

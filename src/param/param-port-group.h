@@ -21,13 +21,13 @@ struct ParamGroup {
 };
 
 /// What is to be saved of the port; none, after a message, when its name cannot head a group.
-std::optional<ParamGroup> param_group_of(IoPort* port);
+[[nodiscard]] std::optional<ParamGroup> param_group_of(IoPort* port);
 /// The group as it is written into a file that does not have it yet.
-std::string param_group_text(const ParamGroup& group);
+[[nodiscard]] std::string param_group_text(const ParamGroup& group);
 /// Brings the file's group of that name in line; keys of others stay.
 void param_group_store(GKeyFile* file, const ParamGroup& group);
 
 /// Reads the group into the port; see param_get_conf_vals.
-bool param_group_read(GKeyFile* file, IoPort* port);
+[[nodiscard]] bool param_group_read(GKeyFile* file, IoPort* port);
 /// Writes the port into its group; see param_set_conf_vals.
-bool param_group_write(GKeyFile* file, IoPort* port);
+[[nodiscard]] bool param_group_write(GKeyFile* file, IoPort* port);

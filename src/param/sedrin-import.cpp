@@ -20,6 +20,7 @@
 #include <cstring>
 #include <span>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -59,7 +60,7 @@ Taken take_activelow(IoPort* port, const char* value, PortSide side) {
   if (!open && !g_str_equal(value, "closed")) {
     return Taken::Refused;
   }
-  io_port_set_activelow(port, open, side);
+  std::ignore = io_port_set_activelow(port, open, side);
   return Taken::Yes;
 }
 
@@ -94,8 +95,8 @@ Taken take_button(IoPort* port, const char* value) {
 }
 
 Taken take_mode(IoPort* port, const char* value) {
-  io_port_set_mode(port,
-                   g_str_equal(value, "bistable") ? PORT_MODE_BISTABLE : PORT_MODE_MONOSTABLE);
+  std::ignore = io_port_set_mode(port, g_str_equal(value, "bistable") ? PORT_MODE_BISTABLE
+                                                                      : PORT_MODE_MONOSTABLE);
   return Taken::Yes;
 }
 
@@ -176,7 +177,7 @@ Step take_input_key(Import& import, const char* group, const char* key, const ch
     import.fail("Failed to parse port number");
     return Step::NextGroup;
   }
-  const IoPortRef port(io_port_list_get_port(*number));
+  const IoPortRef port = io_port_list_get_port(*number);
   if (port == nullptr) {
     fprintf(stderr, "No port %d to write sedrin data to.\n", *number);
     import.failed = true;
@@ -192,7 +193,7 @@ Step take_output_key(Import& import, const char* group, const char* key, const c
     import.fail("Failed to parse port number");
     return Step::NextGroup;
   }
-  const IoPortRef port(io_port_list_get_port(*number));
+  const IoPortRef port = io_port_list_get_port(*number);
   if (port == nullptr) {
     return Step::NextGroup;
   }

@@ -20,9 +20,9 @@ PtzState ptz_state = PtzState::Disabled;
 // With the mutex held. An existing port is left as it is while PTZ is disabled.
 void update_trigger(int channel, bool enabled) {
   const std::string name = "manualtrigger" + std::to_string(channel);
-  IoPortRef port(io_port_list_get_by_name(name.c_str()));
+  IoPortRef port = io_port_list_get_by_name(name.c_str());
   if (port == nullptr) {
-    port.reset(io_port_create_manual_trigger(channel));
+    port = io_port_create_manual_trigger(channel);
     io_port_set_enabled(port.get(), enabled);
     io_port_list_add(port.get());
   } else if (ptz_state != PtzState::Disabled) {

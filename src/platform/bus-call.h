@@ -7,14 +7,15 @@
 /// Calls `method` with the default time-out and returns the reply (g_variant_unref). A reply that
 /// is not of `reply_type` (nullptr: any) is a failed call. NULL with `error` on failure. A floating
 /// `arguments` is consumed in every case.
-GVariant* bus_call(GDBusProxy* proxy, const char* method, GVariant* arguments,
-                   const GVariantType* reply_type, GError** error);
+[[nodiscard]] GVariant* bus_call(GDBusProxy* proxy, const char* method, GVariant* arguments,
+                                 const GVariantType* reply_type, GError** error);
 
 /// The proxy's cached boolean property, into `value`; false when it is missing or no boolean.
-bool bus_cached_boolean(GDBusProxy* proxy, const char* property, bool* value);
+[[nodiscard]] bool bus_cached_boolean(GDBusProxy* proxy, const char* property, bool* value);
 
 /// Whether a signal is the one of that name, with arguments of that type.
-bool bus_signal_is(const char* signal, GVariant* arguments, const char* name, const char* type);
+[[nodiscard]] bool bus_signal_is(const char* signal, GVariant* arguments, const char* name,
+                                 const char* type);
 
 /// Whether somebody owns the proxy's name.
-bool bus_has_owner(GDBusProxy* proxy);
+[[nodiscard]] bool bus_has_owner(GDBusProxy* proxy);

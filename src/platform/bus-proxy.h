@@ -16,11 +16,11 @@ struct BusService {
 
 /// A new proxy on the bus_connection() of the moment (g_object_unref), with the service's
 /// properties unless its flags say otherwise; NULL with `error` on failure.
-GDBusProxy* bus_proxy_new(const BusService& service, GError** error);
+[[nodiscard]] GDBusProxy* bus_proxy_new(const BusService& service, GError** error);
 
 /// As bus_proxy_new(), for a service that was asked before: it is neither started nor asked
 /// anything.
-GDBusProxy* bus_proxy_renew(const BusService& service, GError** error);
+[[nodiscard]] GDBusProxy* bus_proxy_renew(const BusService& service, GError** error);
 
 /// Called from the main loop with a new proxy that the callee owns, or with NULL and the reason.
 using BusProxyMade = void (*)(GDBusProxy* proxy, const GError* error, gpointer user_data);

@@ -16,7 +16,8 @@ enum NvConfigEventError { NV_CONFIG_EVENT_ERROR_NOT_DECLARED, NV_CONFIG_EVENT_ER
 GQuark nv_config_event_error_quark();
 
 /// A handle for the named producer; `producer` stays the caller's and must outlive the handle.
-NvConfigEvent* nv_config_event_new(const char* producer_name, NvEventProducer* producer);
+[[nodiscard]] NvConfigEvent* nv_config_event_new(const char* producer_name,
+                                                 NvEventProducer* producer);
 /// Frees a handle; NULL is allowed.
 void nv_config_event_free(NvConfigEvent* handle);
 

@@ -40,15 +40,16 @@ GQuark nv_event_error_quark();
 using NvEventFill = void (*)(NvEvent* event, gpointer user_data);
 
 /// A producer of events; `name` identifies it to the event system.
-NvEventProducer* nv_event_producer_new(const char* name);
+[[nodiscard]] NvEventProducer* nv_event_producer_new(const char* name);
 /// The full-form constructor; flags and context are reserved and given as zero.
-NvEventProducer* nv_event_producer_new_full(const char* name, guint flags, gpointer context);
+[[nodiscard]] NvEventProducer* nv_event_producer_new_full(const char* name, guint flags,
+                                                          gpointer context);
 void nv_event_producer_free(NvEventProducer* producer);
 
 /// An empty declaration; `type_name` names it in diagnostics.
-NvEventDeclaration* nv_event_declaration_new(const char* type_name);
+[[nodiscard]] NvEventDeclaration* nv_event_declaration_new(const char* type_name);
 /// A declaration of a type that the event system knows, or NULL.
-NvEventDeclaration* nv_event_declaration_new_from_type(const char* type_name);
+[[nodiscard]] NvEventDeclaration* nv_event_declaration_new_from_type(const char* type_name);
 void nv_event_declaration_free(NvEventDeclaration* declaration);
 /// Adds a key with a fixed value, written as text in the form of its type.
 bool nv_event_declaration_add_key_value(NvEventDeclaration* declaration, const char* key,
@@ -66,7 +67,7 @@ bool nv_event_declaration_tag_key(NvEventDeclaration* declaration, const char* k
 /// Makes the key the event's property (a state rather than an occurrence). `fill` may be NULL.
 bool nv_event_declaration_set_property(NvEventDeclaration* declaration, const char* key,
                                        NvEventFill fill, gpointer user_data);
-bool nv_event_declaration_is_property(const NvEventDeclaration* declaration);
+[[nodiscard]] bool nv_event_declaration_is_property(const NvEventDeclaration* declaration);
 NvEventInspectable* nv_event_declaration_get_inspectable(NvEventDeclaration* declaration);
 
 /// Sets display names on a key; false when the key is unknown.
@@ -81,11 +82,13 @@ bool nv_event_inspectable_set_value(NvEventInspectable* inspectable, const char*
 guint nv_event_producer_declare(NvEventProducer* producer, const NvEventDeclaration* declaration,
                                 GError** error);
 /// Withdraws a declaration; false when the id is unknown.
-bool nv_event_producer_undeclare(NvEventProducer* producer, guint id, GError** error);
+[[nodiscard]] bool nv_event_producer_undeclare(NvEventProducer* producer, guint id, GError** error);
 /// An event for a declared id, with the declaration's fixed values; NULL when the id is unknown.
-NvEvent* nv_event_producer_prepare(NvEventProducer* producer, guint id, GError** error);
+[[nodiscard]] NvEvent* nv_event_producer_prepare(NvEventProducer* producer, guint id,
+                                                 GError** error);
 /// Sends; every key must have a value. Takes no ownership.
-bool nv_event_producer_send(NvEventProducer* producer, const NvEvent* event, GError** error);
+[[nodiscard]] bool nv_event_producer_send(NvEventProducer* producer, const NvEvent* event,
+                                          GError** error);
 
 void nv_event_free(NvEvent* event);
 NvEventInspectable* nv_event_get_inspectable(NvEvent* event);

@@ -20,7 +20,7 @@ void hung_service_follow(GDBusConnection* connection, const char* name);
 
 /// To be called before a service is called. None when it is to be left alone; else what
 /// hung_service_call_failed() wants to know.
-std::optional<guint64> hung_service_begin_call(const char* name);
+[[nodiscard]] std::optional<guint64> hung_service_begin_call(const char* name);
 
 /// Leaves the service alone from now on, if it let the call time out and its name was not taken
 /// anew since the call began. `owned`: whether anyone has the name, or the bus had to start the

@@ -34,10 +34,10 @@ private:
 
 /// Whether the stream with that descriptor is the journal's, and so wants each line to begin with
 /// its priority.
-bool stream_is_journal(int fd);
+[[nodiscard]] bool stream_is_journal(int fd);
 
 /// "<N>", by which the journal is told the priority (LOG_WARNING, ...) of a line.
-std::string priority_mark(int priority);
+[[nodiscard]] std::string priority_mark(int priority);
 
 /// Routes every GLib log message of the process, all levels and domains, to standard output as
 /// "LEVEL: text" ("Domain-LEVEL: text" when the message carries a domain). A message becomes

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <iterator>
 #include <set>
+#include <tuple>
 
 namespace {
 
@@ -40,7 +41,7 @@ bool take_cancel(IoPort* port) {
 
 void apply_step(const ActionStep& step) {
   if (step.is_virtual) {
-    io_port_set_virtual(step.port, step.state);
+    std::ignore = io_port_set_virtual(step.port, step.state);
   } else {
     io_port_set_state_internal(step.port, step.state);
   }
@@ -189,7 +190,7 @@ SequenceStart io_port_run_action_sequence(IoPort* ioport, ActionSequence steps) 
     return SequenceStart::Refused;
   }
 
-  mark_running(io_port_ref(ioport));
+  mark_running(io_port_ref(ioport).release());
   auto owned = std::make_unique<ActionSequence>(std::move(steps));
   g_autoptr(GError) error = nullptr;
   GThread* const thread = g_thread_try_new("Action thread", action_thread, owned.get(), &error);

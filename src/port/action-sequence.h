@@ -46,11 +46,11 @@ std::vector<gint> action_sequences_running();
 /// Cancels whatever sequence still runs, on any port, and waits until all have ended.
 void action_sequences_stop();
 
-/// A new manual-trigger port for a video channel (1-based), disabled, with one reference.
-IoPort* io_port_create_manual_trigger(gint channel);
+/// A new manual-trigger port for a video channel (1-based), disabled.
+[[nodiscard]] IoPortRef io_port_create_manual_trigger(gint channel);
 
 /// Number of the port of channel 1; also switches the virtual inputs on.
 void virtual_input_set_first_port_no(gint port_no);
 gint virtual_input_get_first_port_no();
 /// Whether the hardware description asked for virtual inputs.
-bool virtual_input_in_use();
+[[nodiscard]] bool virtual_input_in_use();

@@ -67,17 +67,17 @@ PortConfigLock::~PortConfigLock() {
   }
 }
 
-IoPort* io_port_new() {
-  auto* port = new IoPort;
+IoPortRef io_port_new() {
+  IoPortRef port(new IoPort);
   port->properties = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, nullptr);
   return port;
 }
 
-IoPort* io_port_ref(IoPort* ioport) {
+IoPortRef io_port_ref(IoPort* ioport) {
   if (ioport != nullptr) {
     ioport->refcount.fetch_add(1);
   }
-  return ioport;
+  return IoPortRef(ioport);
 }
 
 void io_port_unref(IoPort* ioport) {

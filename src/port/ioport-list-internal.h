@@ -24,7 +24,7 @@ extern std::vector<MissingPort>& lost_ports;
 /// The port as one that is not in service.
 MissingPort missing_port(const IoPort* port, const std::string& reason);
 /// Whether the port can be found by its number.
-bool addressable(IoPort* port);
+[[nodiscard]] bool addressable(IoPort* port);
 /// Tells the observer whether there is an output-capable port. With the mutex held.
 void update_action_registration_internal();
 

@@ -6,6 +6,7 @@
 #include "port/ioport-list-internal.h"
 
 #include <algorithm>
+#include <tuple>
 #include <unordered_set>
 
 using namespace port_list;
@@ -62,7 +63,7 @@ void close_gone_ports() {
     const std::lock_guard guard(mutex);
     for (IoPort* port : io_port_list) {
       if (port->hardware_gone && port->is_setup) {
-        gone.emplace_back(io_port_ref(port));
+        gone.push_back(io_port_ref(port));
       }
     }
   }
@@ -82,12 +83,12 @@ void set_default_input_name(IoPort* port) {
     return;
   }
   const bool pir = port->name == "pir_detector";
-  io_port_set_input_name(port, pir ? "PIR sensor" : default_name(port).c_str());
+  std::ignore = io_port_set_input_name(port, pir ? "PIR sensor" : default_name(port).c_str());
 }
 
 void set_default_output_name(IoPort* port) {
   if (!port->output_name) {
-    io_port_set_output_name(port, default_name(port).c_str());
+    std::ignore = io_port_set_output_name(port, default_name(port).c_str());
   }
 }
 
@@ -153,7 +154,7 @@ void io_port_list_set_watch() {
   const std::lock_guard guard(mutex);
   for (IoPort* port : io_port_list) {
     if (!port->hardware_gone) {
-      io_port_set_watch(port);
+      std::ignore = io_port_set_watch(port);
     }
   }
 }

@@ -43,7 +43,7 @@ void update_action_registration_internal() {
 
 namespace {
 
-IoPort* find_by_number(const std::deque<IoPort*>& ports, gint number) {
+IoPortRef find_by_number(const std::deque<IoPort*>& ports, gint number) {
   IoPort* candidate = nullptr;
   for (IoPort* port : ports) {
     if (port->number == number && addressable(port)) {
@@ -73,11 +73,11 @@ gint count_ports(PortType type, PortSide direction) {
 
 void io_port_list_add(IoPort* port) {
   const std::lock_guard guard(mutex);
-  io_port_list.push_front(io_port_ref(port));
+  io_port_list.push_front(io_port_ref(port).release());
   update_action_registration_internal();
 }
 
-IoPort* io_port_list_nth_data(guint n) {
+IoPortRef io_port_list_nth_data(guint n) {
   const std::lock_guard guard(mutex);
   return n < io_port_list.size() ? io_port_ref(io_port_list[n]) : nullptr;
 }
@@ -91,18 +91,18 @@ gint io_port_list_length() {
   return static_cast<gint>(io_port_list.size());
 }
 
-IoPort* io_port_list_get_by_name(const char* name) {
+IoPortRef io_port_list_get_by_name(const char* name) {
   const std::lock_guard guard(mutex);
   const auto found = find_by_name(name);
   return found != io_port_list.end() ? io_port_ref(*found) : nullptr;
 }
 
-IoPort* io_port_list_get_port(gint number) {
+IoPortRef io_port_list_get_port(gint number) {
   const std::lock_guard guard(mutex);
   return find_by_number(io_port_list, number);
 }
 
-IoPort* io_port_list_get_dynamic_port(gint number) {
+IoPortRef io_port_list_get_dynamic_port(gint number) {
   const std::lock_guard guard(mutex);
   return find_by_number(io_port_dynamic_list, number);
 }
@@ -112,7 +112,7 @@ std::vector<IoPortRef> io_port_list_get_port_list(gint number) {
   std::vector<IoPortRef> ports;
   for (IoPort* port : io_port_list) {
     if (port->number == number && addressable(port)) {
-      ports.emplace_back(io_port_ref(port));
+      ports.push_back(io_port_ref(port));
     }
   }
   return ports;

@@ -11,23 +11,23 @@
 
 /// Adds a port in front, with a reference of the list's own.
 void io_port_list_add(IoPort* port);
-/// The n-th port, 0 being the newest, or NULL; a new reference.
-IoPort* io_port_list_nth_data(guint n);
+/// The n-th port, 0 being the newest, if there is one.
+[[nodiscard]] IoPortRef io_port_list_nth_data(guint n);
 /// The raw list: no lock, no references. Only between io_port_list_lock and io_port_list_unlock.
 const std::deque<IoPort*>& io_port_list_get();
 gint io_port_list_length();
-/// The first port of that name (NULL finds an unnamed port), or NULL; a new reference.
-IoPort* io_port_list_get_by_name(const char* name);
-/// The oldest addressable ("ioport" or "virtual") port of that number, or NULL; a new reference.
-IoPort* io_port_list_get_port(gint number);
+/// The first port of that name (NULL finds an unnamed port), if there is one.
+[[nodiscard]] IoPortRef io_port_list_get_by_name(const char* name);
+/// The oldest addressable ("ioport" or "virtual") port of that number, if there is one.
+[[nodiscard]] IoPortRef io_port_list_get_port(gint number);
 /// The same look-up among the ports that wait for their hardware.
-IoPort* io_port_list_get_dynamic_port(gint number);
+[[nodiscard]] IoPortRef io_port_list_get_dynamic_port(gint number);
 /// Every addressable port of that number, in list order.
-std::vector<IoPortRef> io_port_list_get_port_list(gint number);
+[[nodiscard]] std::vector<IoPortRef> io_port_list_get_port_list(gint number);
 gint io_port_list_nbr_inputs();
 gint io_port_list_nbr_outputs();
 /// Numbers of the supervisable ports, in list order.
-std::vector<gint> io_port_list_get_supervised_port_numbers();
+[[nodiscard]] std::vector<gint> io_port_list_get_supervised_port_numbers();
 /// 1 if some port that takes part in the any-port event is active, else 0.
 gint io_port_list_get_port_any_value();
 /// Sets every port up, once, at start. Optional ports that fail wait in the dynamic list; other

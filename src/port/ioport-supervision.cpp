@@ -5,6 +5,8 @@
 #include "platform/log.h"
 #include "port/errors.h"
 
+#include <tuple>
+
 namespace {
 
 constexpr gint level_limit = 65536;
@@ -32,7 +34,7 @@ bool io_port_set_supervised(IoPort* port, bool supervised) {
     port->functions->set_supervised(port, supervised);
   }
   if (port->type == PORT_IO_CTRL && io_port_input(port)) {
-    io_port_set_direction(port, true);
+    std::ignore = io_port_set_direction(port, true);
   }
   return true;
 }

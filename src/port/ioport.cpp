@@ -8,6 +8,7 @@
 #include "port/port-observer.h"
 
 #include <string_view>
+#include <tuple>
 
 namespace {
 
@@ -114,11 +115,11 @@ bool io_port_set_direction(IoPort* ioport, bool input) {
   if (ioport->is_setup) {
     ioport->functions->set_direction(ioport, input);
     if (input) {
-      io_port_set_watch(ioport);
+      std::ignore = io_port_set_watch(ioport);
     }
     for (const auto& event : ioport->events) {
       if (io_event_currently_applicable(ioport, event.get())) {
-        io_event_declare_event(ioport, event.get());
+        std::ignore = io_event_declare_event(ioport, event.get());
       } else {
         io_event_undeclare_event(event.get());
       }
@@ -183,7 +184,7 @@ void io_port_trigger(IoPort* ioport, guint state) {
 void io_port_send_events(IoPort* ioport, guint state) {
   for (const auto& event : ioport->events) {
     if (io_event_currently_applicable(ioport, event.get())) {
-      io_event_send_event(ioport, event.get(), static_cast<gint>(state));
+      std::ignore = io_event_send_event(ioport, event.get(), static_cast<gint>(state));
     }
   }
 }
@@ -331,8 +332,7 @@ void io_port_add_property(IoPort* ioport, const char* key, const char* value) {
 
 bool io_port_get_property(const IoPort* ioport, const char* key) {
   bool value = false;
-  io_port_lookup_property(ioport, key, &value);
-  return value;
+  return io_port_lookup_property(ioport, key, &value) && value;
 }
 
 bool io_port_lookup_property(const IoPort* ioport, const char* key, bool* value) {
@@ -361,7 +361,7 @@ void io_port_set_enabled(IoPort* ioport, bool enabled) {
   ioport->enabled = enabled;
   for (const auto& event : ioport->events) {
     if (enabled) {
-      io_event_declare_event(ioport, event.get());
+      std::ignore = io_event_declare_event(ioport, event.get());
     } else {
       io_event_undeclare_event(event.get());
     }

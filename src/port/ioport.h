@@ -91,7 +91,7 @@ struct PortFunctions {
 };
 
 /// Whether every slot that may not be empty is filled; for a static_assert beside each table.
-constexpr bool port_functions_valid(const PortFunctions& table) {
+[[nodiscard]] constexpr bool port_functions_valid(const PortFunctions& table) {
   return table.setup && table.get_state && table.set_state && table.set_watch && table.set_direction
          && table.parse_data && table.free;
 }
@@ -202,10 +202,10 @@ private:
 
 // Creation and lifetime
 
-/// A new port with one reference, which the caller owns.
-IoPort* io_port_new();
-/// Takes a reference (NULL is ignored) and returns the port. Any thread.
-IoPort* io_port_ref(IoPort* ioport);
+/// A new port with one reference.
+[[nodiscard]] IoPortRef io_port_new();
+/// A further reference; none of no port. Any thread.
+[[nodiscard]] IoPortRef io_port_ref(IoPort* ioport);
 /// Drops a reference (NULL is ignored); the last one frees the port. Any thread.
 void io_port_unref(IoPort* ioport);
 /// Ends a running sequence and frees the port, whatever its reference count.
@@ -214,42 +214,42 @@ void io_port_free(IoPort* ioport);
 /// unchanged) when no backend is of that kind.
 const PortFunctions* io_port_set_backend(IoPort* ioport, BackendKind kind);
 /// Takes the port's hardware into use. False when the backend refuses.
-bool io_port_setup(IoPort* ioport);
+[[nodiscard]] bool io_port_setup(IoPort* ioport);
 /// Ends a running sequence and releases the hardware; the port can be set up again later.
 void io_port_close(IoPort* ioport);
 /// Hands one attribute of the hardware description to the backend.
 void io_port_parse_backend_data(IoPort* ioport, const char* element, const char* key,
                                 const char* value);
 /// Starts the input watch of an enabled input; false for any other port.
-bool io_port_set_watch(IoPort* ioport);
+[[nodiscard]] bool io_port_set_watch(IoPort* ioport);
 
 // Kind and direction
 
 /// Whether the port can be an input, or an output.
-inline bool io_port_has_input_side(const IoPort* port) {
+[[nodiscard]] inline bool io_port_has_input_side(const IoPort* port) {
   return port->type == PORT_INPUT || port->type == PORT_IO_CTRL;
 }
-inline bool io_port_has_output_side(const IoPort* port) {
+[[nodiscard]] inline bool io_port_has_output_side(const IoPort* port) {
   return port->type == PORT_OUTPUT || port->type == PORT_IO_CTRL;
 }
 /// True when the port currently is an input.
-bool io_port_input(IoPort* port);
+[[nodiscard]] bool io_port_input(IoPort* port);
 /// As io_port_input, but an unknown type is a programming error.
-bool io_port_direction_input(const IoPort* ioport);
+[[nodiscard]] bool io_port_direction_input(const IoPort* ioport);
 /// Switches a configurable port; false for any other port. Cancels a running sequence.
-bool io_port_set_direction(IoPort* ioport, bool input);
+[[nodiscard]] bool io_port_set_direction(IoPort* ioport, bool input);
 
 // State
 
 /// Logical state; 0 for a port that is not set up.
-bool io_port_get_state(IoPort* ioport);
+[[nodiscard]] bool io_port_get_state(IoPort* ioport);
 /// Sets an output's logical state; waits for a running sequence to be between steps. False when
 /// the port is no set-up hardware output.
-bool io_port_set_state(IoPort* ioport, bool state);
+[[nodiscard]] bool io_port_set_state(IoPort* ioport, bool state);
 /// The state setter for callers that hold `lock`: writes the hardware, announces a change.
 void io_port_set_state_internal(IoPort* ioport, bool state);
 /// Announces a virtual state (and stores it in a virtual output); always true.
-bool io_port_set_virtual(IoPort* ioport, bool state);
+[[nodiscard]] bool io_port_set_virtual(IoPort* ioport, bool state);
 /// Announces a state that a backend or peer saw: the port's events, then PortChanged. Supervised
 /// states come as their number; where only a boolean fits, all but 0 are true.
 void io_port_trigger(IoPort* ioport, guint state);
@@ -260,59 +260,60 @@ void io_port_send_events_if_enabled(IoPort* ioport, guint state);
 /// Announces PortChanged for an enabled port.
 void io_port_send_signal(IoPort* port, Trigger trigger, bool state);
 /// The inversion of one side; `side` is Input or Output.
-bool io_port_get_activelow(IoPort* ioport, PortSide side);
+[[nodiscard]] bool io_port_get_activelow(IoPort* ioport, PortSide side);
 /// Sets the inversion of one side. On a set-up output the physical line flips so that the logical
 /// state stays. False when the side does not exist or is read-only. Cancels a running sequence.
-bool io_port_set_activelow(IoPort* ioport, bool value, PortSide side);
+[[nodiscard]] bool io_port_set_activelow(IoPort* ioport, bool value, PortSide side);
 
 // Names and usage
 
 /// Copy of the current side's name (g_free), or NULL.
-gchar* io_port_get_name(IoPort* ioport);
+[[nodiscard]] gchar* io_port_get_name(IoPort* ioport);
 /// Copies (g_free) of the names of the sides that the port has; the other is left untouched.
 void io_port_get_names(IoPort* ioport, gchar** input_name, gchar** output_name);
 /// Rename one side. False when the port lacks the side, or its names are read-only, or `name` is
 /// longer than io_port_text_limit.
-bool io_port_set_input_name(IoPort* ioport, const char* name);
-bool io_port_set_output_name(IoPort* ioport, const char* name);
+[[nodiscard]] bool io_port_set_input_name(IoPort* ioport, const char* name);
+[[nodiscard]] bool io_port_set_output_name(IoPort* ioport, const char* name);
 /// Copy (g_free), never NULL for a port.
-gchar* io_port_get_usage(IoPort* ioport);
+[[nodiscard]] gchar* io_port_get_usage(IoPort* ioport);
 /// False when the usage is read-only or `usage` is longer than io_port_text_limit.
-bool io_port_set_usage(IoPort* ioport, const char* usage);
+[[nodiscard]] bool io_port_set_usage(IoPort* ioport, const char* usage);
 
 // Properties
 
 /// Stores true when `value` is "true" in any case, else false; replaces an earlier entry.
 void io_port_add_property(IoPort* ioport, const char* key, const char* value);
 /// False when absent.
-bool io_port_get_property(const IoPort* ioport, const char* key);
+[[nodiscard]] bool io_port_get_property(const IoPort* ioport, const char* key);
 /// Whether the key exists; its value goes to `value`, which is untouched otherwise.
-bool io_port_lookup_property(const IoPort* ioport, const char* key, bool* value);
+[[nodiscard]] bool io_port_lookup_property(const IoPort* ioport, const char* key, bool* value);
 /// Keys (char*, owned by the port) and values (GINT_TO_POINTER), paired by position. The caller
 /// frees the lists, not their contents.
-GList* io_port_get_property_keys(IoPort* ioport);
-GList* io_port_get_property_values(IoPort* ioport);
+[[nodiscard]] GList* io_port_get_property_keys(IoPort* ioport);
+[[nodiscard]] GList* io_port_get_property_values(IoPort* ioport);
 
 // Supervision
 
-bool io_port_is_supervisable(IoPort* port);
+[[nodiscard]] bool io_port_is_supervisable(IoPort* port);
 /// Switches supervision; false when the port is not supervisable. Cancels a running sequence.
-bool io_port_set_supervised(IoPort* port, bool supervised);
+[[nodiscard]] bool io_port_set_supervised(IoPort* port, bool supervised);
 /// True when the port currently acts as a supervised input.
-bool io_port_supervised_input(IoPort* port);
+[[nodiscard]] bool io_port_supervised_input(IoPort* port);
 /// Lends the port's own list.
-bool io_port_get_supervised_ranges(IoPort* port, GList** ranges);
+[[nodiscard]] bool io_port_get_supervised_ranges(IoPort* port, GList** ranges);
 /// Hands `ranges` to the port on success; on failure the caller keeps it.
-bool io_port_set_supervised_ranges(IoPort* port, GList* ranges, GError** error);
+[[nodiscard]] bool io_port_set_supervised_ranges(IoPort* port, GList* ranges, GError** error);
 /// Appends a range. Limits below 65536, lower strictly below upper. Cancels a running sequence once
 /// the range is found valid.
-bool io_port_add_supervised_range(IoPort* port, const char* state, gint lower, gint upper,
-                                  GError** error);
-bool io_port_get_supervised_readout(IoPort* port, guint* state, guint* level, GError** error);
+[[nodiscard]] bool io_port_add_supervised_range(IoPort* port, const char* state, gint lower,
+                                                gint upper, GError** error);
+[[nodiscard]] bool io_port_get_supervised_readout(IoPort* port, guint* state, guint* level,
+                                                  GError** error);
 /// Never fails: a failed readout is logged and reads SUPERVISED_UNDEFINED.
 SupervisedState io_port_get_supervised_state(IoPort* ioport);
 /// Appends the state names that a supervised port can report (static texts) to `*states`.
-bool io_port_get_supported_states(IoPort* port, GList** states);
+[[nodiscard]] bool io_port_get_supported_states(IoPort* port, GList** states);
 /// Makes `ranges` the port's list and frees the former one, unless it is the same list.
 void io_port_replace_ranges(IoPort* port, GList* ranges);
 
@@ -321,12 +322,12 @@ void io_port_replace_ranges(IoPort* port, GList* ranges);
 /// Switches events and signals on or off, declaring or withdrawing the port's events.
 void io_port_set_enabled(IoPort* ioport, bool enabled);
 /// True when the port is enabled and takes part in the any-port event.
-bool io_port_got_port_any(IoPort* ioport);
+[[nodiscard]] bool io_port_got_port_any(IoPort* ioport);
 /// True when the port is locked or a sequence runs on it. Never blocks.
-bool io_port_lock_taken(IoPort* ioport);
+[[nodiscard]] bool io_port_lock_taken(IoPort* ioport);
 void io_port_reset_event_filters(IoPort* ioport);
 /// Accepts 1 and 2 only.
-bool io_port_set_mode(IoPort* ioport, PortMode mode);
+[[nodiscard]] bool io_port_set_mode(IoPort* ioport, PortMode mode);
 /// PORT_MODE_NONE for NULL.
 PortMode io_port_get_mode(IoPort* ioport);
 void io_port_set_delay_time(IoPort* ioport, gint32 delay_time);

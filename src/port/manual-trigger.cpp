@@ -2,6 +2,8 @@
 #include "event/event.h"
 #include "port/action-sequence.h"
 
+#include <tuple>
+
 namespace {
 
 constexpr gint default_first_port_no = 5;
@@ -39,16 +41,16 @@ bool virtual_input_in_use() {
   return in_use;
 }
 
-IoPort* io_port_create_manual_trigger(gint channel) {
-  IoPort* const port = io_port_new();
+IoPortRef io_port_create_manual_trigger(gint channel) {
+  IoPortRef port = io_port_new();
   port->type = PORT_OUTPUT;
   port->number = wrapping_sum(first_port_no, channel - 1);
   port->name = "manualtrigger" + std::to_string(channel);
   port->is_setup = true;
   port->enabled = false;
-  io_port_set_backend(port, BACKEND_VIRTUAL);
-  io_port_add_property(port, "virtual", "true");
+  io_port_set_backend(port.get(), BACKEND_VIRTUAL);
+  io_port_add_property(port.get(), "virtual", "true");
   port->events.push_front(manual_trigger_event(channel));
-  io_port_setup(port);
+  std::ignore = io_port_setup(port.get());
   return port;
 }

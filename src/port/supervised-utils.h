@@ -49,10 +49,10 @@ const char* supervised_range_state2string(SupervisedState state);
 
 /// New floating `a(suu)` variant of (state, lower, upper), in list order; NULL gives an empty
 /// array.
-GVariant* supervised_ranges2gvariant(GList* ranges);
+[[nodiscard]] GVariant* supervised_ranges2gvariant(GList* ranges);
 
 /// New list from an `a(suu)` variant, sorted by lower limit; limits and states are not validated.
-GList* supervised_gvariant2ranges(GVariant* value);
+[[nodiscard]] GList* supervised_gvariant2ranges(GVariant* value);
 
 /// GCompareFunc-like: zero when both ranges describe the same state.
 gint range_equal(const SupervisedRange* a, const SupervisedRange* b);
@@ -61,15 +61,17 @@ gint range_equal(const SupervisedRange* a, const SupervisedRange* b);
 void supervised_ranges_free(GList* ranges);
 
 /// Slot of the supervised backends: lends the port's list.
-GList* supervised_get_supervised_ranges(IoPort* port);
+[[nodiscard]] GList* supervised_get_supervised_ranges(IoPort* port);
 
 /// Slot of the supervised backends: takes over `ranges` and frees the list it replaces. NULL is
 /// refused with IO_SUPERVISED_ERROR_BAD_SUPERVISED_RANGE.
-gboolean supervised_set_supervised_ranges(IoPort* port, GList* ranges, GError** error);
+[[nodiscard]] gboolean supervised_set_supervised_ranges(IoPort* port, GList* ranges,
+                                                        GError** error);
 
 /// True for inputs and configurable ports.
-gboolean supervised_is_supervisable(IoPort* port);
+[[nodiscard]] gboolean supervised_is_supervisable(IoPort* port);
 
 /// The state of `level` by the port's ranges: the last range in list order that holds it, else
 /// SUPERVISED_UNDEFINED. Returns false with an error when the backend lends no list.
-gboolean supervised_lookup_state(IoPort* port, guint32 level, guint* state, GError** error);
+[[nodiscard]] gboolean supervised_lookup_state(IoPort* port, guint32 level, guint* state,
+                                               GError** error);

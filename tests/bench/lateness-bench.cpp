@@ -64,7 +64,7 @@ std::vector<gint64> bare_waits(const std::vector<gint32>& durations) {
 }
 
 void run_sequence(const std::vector<gint32>& durations) {
-  const IoPortRef port(io_port_new());
+  const IoPortRef port = io_port_new();
   port->type = PORT_OUTPUT;
   port->number = 1;
   io_port_set_backend(port.get(), BACKEND_CHECK);

@@ -17,7 +17,7 @@
 namespace {
 
 IoPortRef make_port(gint number) {
-  IoPortRef port(io_port_new());
+  IoPortRef port = io_port_new();
   port->type = PORT_OUTPUT;
   port->number = number;
   port->name = "port" + std::to_string(number);

@@ -19,7 +19,7 @@ bool is_text(const OptionalText& text) {
 
 void add_port(gint number, PortType type, const char* name, BackendKind backend,
               const char* property) {
-  const IoPortRef port(io_port_new());
+  const IoPortRef port = io_port_new();
   port->type = type;
   port->number = number;
   port->name = name;

@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const guint8* data, size_t size) {
   g_autoptr(GVariant) sent = g_variant_ref_sink(g_variant_builder_end(&builder));
 
   fuzz_add_ports();
-  IoPortRef port(io_port_list_get_port(4));
+  IoPortRef port = io_port_list_get_port(4);
   GList* const ranges = supervised_gvariant2ranges(sent);
   const gsize count = g_list_length(ranges);
   fuzz_require(count == g_variant_n_children(sent));

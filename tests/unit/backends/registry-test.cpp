@@ -29,7 +29,7 @@ TEST_F(TheRegistryThatShips, has_every_kind_once_in_order_and_whole) {
     EXPECT_TRUE(names.insert(entry.name).second);
     EXPECT_TRUE(entry.kind > last || names.size() == 1);
     last = entry.kind;
-    const IoPortRef port(io_port_new());
+    const IoPortRef port = io_port_new();
     const auto* table = io_port_set_backend(port.get(), entry.kind);
     ASSERT_NE(table, nullptr);
     EXPECT_TRUE(port_functions_valid(*table));

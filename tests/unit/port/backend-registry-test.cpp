@@ -17,7 +17,7 @@ TEST(TheBackendRegistry, holds_tables_with_every_required_operation) {
   EXPECT_FALSE(port_functions_valid(PortFunctions{}));
   for (const auto& entry : backend_registry()) {
     SCOPED_TRACE(entry.name);
-    const IoPortRef port(io_port_new());
+    const IoPortRef port = io_port_new();
     EXPECT_TRUE(port_functions_valid(*io_port_set_backend(port.get(), entry.kind)));
   }
 }

@@ -13,8 +13,7 @@ using APortsLife = PortTest;
 
 TEST_F(APortsLife, ends_with_its_last_reference) {
   IoPort* const port = make({}).release();
-  EXPECT_EQ(io_port_ref(port), port);
-  io_port_unref(port);
+  EXPECT_EQ(io_port_ref(port).get(), port);
   EXPECT_EQ(fake_backend::live_records(), 1);
   io_port_unref(port);
   EXPECT_EQ(fake_backend::live_records(), 0);
@@ -27,7 +26,7 @@ TEST_F(APortsLife, ignores_references_of_no_port) {
 }
 
 TEST_F(APortsLife, ends_for_a_port_without_hardware_too) {
-  io_port_free(io_port_new());
+  io_port_new().reset();
   EXPECT_THAT(fake_backend::take_calls(), IsEmpty());
 }
 
@@ -40,7 +39,7 @@ TEST_F(APortsLife, withdraws_its_events_and_frees_its_ranges_at_the_end) {
 }
 
 TEST_F(APortsLife, gets_the_backend_of_a_kind) {
-  const IoPortRef port(io_port_new());
+  const IoPortRef port = io_port_new();
   for (guint kind = 0; kind <= 10; kind++) {
     SCOPED_TRACE(kind);
     EXPECT_NE(io_port_set_backend(port.get(), static_cast<BackendKind>(kind)), nullptr);
@@ -99,7 +98,7 @@ TEST_F(APortsLife, closes_through_close_when_the_backend_has_one) {
 }
 
 TEST_F(APortsLife, cannot_be_closed_without_a_backend) {
-  const IoPortRef port(io_port_new());
+  const IoPortRef port = io_port_new();
   port->is_setup = true;
   io_port_close(port.get());
   EXPECT_TRUE(port->is_setup);

@@ -22,12 +22,8 @@ struct SettingPortsUp : PortTest {
     return all;
   }
 
-  static bool in_service(gint number) {
-    return IoPortRef(io_port_list_get_port(number)) != nullptr;
-  }
-  static bool waiting(gint number) {
-    return IoPortRef(io_port_list_get_dynamic_port(number)) != nullptr;
-  }
+  static bool in_service(gint number) { return io_port_list_get_port(number) != nullptr; }
+  static bool waiting(gint number) { return io_port_list_get_dynamic_port(number) != nullptr; }
 };
 
 } // namespace

@@ -16,10 +16,7 @@ struct ThePortList : PortTest {
     return all;
   }
 
-  static gint found(IoPort* port) {
-    const IoPortRef held(port);
-    return held != nullptr ? held->number : -99;
-  }
+  static gint found(const IoPortRef& port) { return port != nullptr ? port->number : -99; }
 };
 
 } // namespace
@@ -40,8 +37,8 @@ TEST_F(ThePortList, holds_one_reference_and_lends_new_ones) {
   const auto port = make({.number = 1, .name = "a"});
   io_port_list_add(port.get());
   EXPECT_EQ(port->refcount, 2U);
-  const std::array lent{IoPortRef(io_port_list_nth_data(0)), IoPortRef(io_port_list_get_port(1)),
-                        IoPortRef(io_port_list_get_by_name("a"))};
+  const std::array lent{io_port_list_nth_data(0), io_port_list_get_port(1),
+                        io_port_list_get_by_name("a")};
   EXPECT_EQ(port->refcount, 5U);
   const auto many = io_port_list_get_port_list(1);
   EXPECT_EQ(port->refcount, 6U);
@@ -53,11 +50,11 @@ TEST_F(ThePortList, finds_the_newest_port_of_a_name) {
   IoPort* const older = add({.number = 1, .name = "a"});
   IoPort* const newer = add({.number = 2, .name = "a"});
   IoPort* const unnamed = add({.number = 3});
-  EXPECT_EQ(IoPortRef(io_port_list_get_by_name("a")).get(), newer);
-  EXPECT_EQ(IoPortRef(io_port_list_get_by_name(nullptr)).get(), unnamed);
+  EXPECT_EQ(io_port_list_get_by_name("a").get(), newer);
+  EXPECT_EQ(io_port_list_get_by_name(nullptr).get(), unnamed);
   EXPECT_EQ(io_port_list_get_by_name("b"), nullptr);
   io_port_list_free_by_name("a");
-  EXPECT_EQ(IoPortRef(io_port_list_get_by_name("a")).get(), older);
+  EXPECT_EQ(io_port_list_get_by_name("a").get(), older);
 }
 
 TEST_F(ThePortList, finds_the_oldest_addressable_port_of_a_number) {
@@ -65,7 +62,7 @@ TEST_F(ThePortList, finds_the_oldest_addressable_port_of_a_number) {
   IoPort* const oldest = add({.number = 4, .name = "oldest", .properties = {"virtual"}});
   IoPort* const newest = add({.number = 4, .name = "newest", .properties = {"ioport"}});
   add({.number = 4, .name = "bare, newest", .properties = {"hidden"}});
-  EXPECT_EQ(IoPortRef(io_port_list_get_port(4)).get(), oldest);
+  EXPECT_EQ(io_port_list_get_port(4).get(), oldest);
   EXPECT_EQ(io_port_list_get_port(5), nullptr);
 
   const auto all = io_port_list_get_port_list(4);
@@ -158,7 +155,7 @@ TEST_F(ThePortList, looks_waiting_ports_up_like_those_in_service) {
   IoPort* const oldest = wait({.number = 2, .optional = true});
   wait({.number = 2, .optional = true});
   wait({.number = 3, .properties = {}, .optional = true});
-  EXPECT_EQ(IoPortRef(io_port_list_get_dynamic_port(2)).get(), oldest);
+  EXPECT_EQ(io_port_list_get_dynamic_port(2).get(), oldest);
   EXPECT_EQ(io_port_list_get_dynamic_port(3), nullptr);
 }
 
@@ -200,7 +197,7 @@ TEST_F(ThePortList, works_without_an_observer) {
 
 TEST_F(ThePortList, drops_ports_without_a_backend_and_says_which) {
   add({.number = 1});
-  const IoPortRef bare(io_port_new());
+  const IoPortRef bare = io_port_new();
   bare->number = 2;
   io_port_list_add(bare.get());
   static std::vector<gint> reported;

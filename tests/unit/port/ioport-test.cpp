@@ -12,7 +12,7 @@ using AnIoPortDeathTest = PortTest;
 } // namespace
 
 TEST_F(AnIoPort, starts_with_the_documented_defaults) {
-  const IoPortRef port(io_port_new());
+  const IoPortRef port = io_port_new();
   EXPECT_EQ(port->type, PORT_INPUT);
   EXPECT_EQ(port->backend, BACKEND_VIRTUAL);
   EXPECT_EQ(port->backend_private, nullptr);
@@ -741,7 +741,7 @@ TEST_F(AnIoPortDeathTest, ends_the_process_when_misused) {
 }
 
 TEST_F(AnIoPortDeathTest, ends_the_process_without_an_operation_table) {
-  const IoPortRef port(io_port_new());
+  const IoPortRef port = io_port_new();
   EXPECT_DEATH(io_port_input(port.get()), "port->functions != NULL");
   EXPECT_DEATH(io_port_send_signal(port.get(), Trigger::Hardware, true), "port->functions != NULL");
   EXPECT_DEATH(io_port_setup(port.get()), "'ioport->functions' should not be NULL");

@@ -17,7 +17,7 @@ struct AManualTrigger : PortTest {
 
 TEST_F(AManualTrigger, is_a_disabled_virtual_output_named_after_its_channel) {
   virtual_input_set_first_port_no(8);
-  const IoPortRef port(io_port_create_manual_trigger(3));
+  const IoPortRef port = io_port_create_manual_trigger(3);
   EXPECT_EQ(port->type, PORT_OUTPUT);
   EXPECT_EQ(port->number, 10);
   EXPECT_EQ(port->name, "manualtrigger3");
@@ -33,13 +33,13 @@ TEST_F(AManualTrigger, is_a_disabled_virtual_output_named_after_its_channel) {
 
 TEST_F(AManualTrigger, does_not_mind_a_failed_set_up) {
   fake_backend::failing = {5};
-  const IoPortRef port(io_port_create_manual_trigger(1));
+  const IoPortRef port = io_port_create_manual_trigger(1);
   ASSERT_NE(port, nullptr);
   EXPECT_TRUE(port->is_setup);
 }
 
 TEST_F(AManualTrigger, carries_the_event_of_its_channel) {
-  const IoPortRef port(io_port_create_manual_trigger(2));
+  const IoPortRef port = io_port_create_manual_trigger(2);
   ASSERT_EQ(port->events.size(), 1U);
   const auto& event = port->events.front();
   EXPECT_EQ(event->declaration, "com.norv.Event.Wxd.ManualTrigger");
@@ -62,7 +62,7 @@ TEST_F(AManualTrigger, carries_the_event_of_its_channel) {
 
 TEST_F(AManualTrigger, sends_its_event_when_it_is_triggered) {
   fake_events::add_property_type("com.norv.Event.Wxd.ManualTrigger", "state");
-  const IoPortRef port(io_port_create_manual_trigger(2));
+  const IoPortRef port = io_port_create_manual_trigger(2);
   io_port_set_enabled(port.get(), true);
   EXPECT_THAT(fake_events::take_log(),
               ElementsAre("declare com.norv.Event.Wxd.ManualTrigger",

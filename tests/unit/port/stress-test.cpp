@@ -171,7 +171,7 @@ struct Stress : PortTest {
 
   /// One request of one client.
   void request() {
-    const IoPortRef port(io_port_list_get_port(pick(count)));
+    const IoPortRef port = io_port_list_get_port(pick(count));
     if (port == nullptr) {
       io_port_list_setup_dynamic_ports();
       io_port_list_set_watch();
@@ -215,7 +215,7 @@ TEST_F(Stress, loses_no_sequence_and_leaks_nothing) {
   io_port_list_setup_dynamic_ports();
   EXPECT_EQ(fake_backend::live_records(), count);
   for (gint number = 0; number < count; number++) {
-    const IoPortRef port(io_port_list_get_port(number));
+    const IoPortRef port = io_port_list_get_port(number);
     ASSERT_NE(port, nullptr);
     EXPECT_EQ(port->refcount, 2U) << "somebody still holds port " << number;
     EXPECT_FALSE(io_port_lock_taken(port.get()));
@@ -230,7 +230,7 @@ TEST_F(Stress, may_destroy_the_ports_while_sequences_run) {
     take_dones();
     describe();
     for (int i = 0; i < 30; i++) {
-      start(IoPortRef(io_port_list_get_port(pick(count))).get());
+      start(io_port_list_get_port(pick(count)).get());
     }
     io_port_list_free();
     ASSERT_EQ(dones(), starts);

@@ -25,7 +25,7 @@ protected:
 
   /// A port of the kind, not set up.
   static IoPortRef make(const char* backend, PortType type) {
-    IoPortRef port(io_port_new());
+    IoPortRef port = io_port_new();
     port->number = 1;
     port->type = type;
     EXPECT_NE(io_port_set_backend(port.get(), backend_registry_find(backend)->kind), nullptr);

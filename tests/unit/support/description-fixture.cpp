@@ -51,7 +51,7 @@ IoPort* DescriptionTest::read_port(const std::string& content) {
 }
 
 IoPort* DescriptionTest::newest() {
-  return IoPortRef(io_port_list_nth_data(0)).get();
+  return io_port_list_nth_data(0).get();
 }
 
 PortTest::Texts DescriptionTest::names() {

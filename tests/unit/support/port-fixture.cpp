@@ -106,7 +106,7 @@ void PortTest::TearDown() {
 }
 
 IoPortRef PortTest::make(const PortDescription& description) {
-  IoPortRef port(io_port_new());
+  IoPortRef port = io_port_new();
   port->type = description.type;
   port->number = description.number;
   port->name = description.name;
