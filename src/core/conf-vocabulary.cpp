@@ -17,9 +17,9 @@ namespace {
 using Apply = void (*)(const ConfTarget& target, const char* key, const char* value);
 
 struct Row {
-  const char* element;
-  /// nullptr: any attribute.
-  const char* key;
+  std::string_view element;
+  /// Empty: any attribute.
+  std::string_view key;
   Apply apply;
 };
 
@@ -138,7 +138,7 @@ constexpr std::array rows{
         [](const ConfTarget& target, const char*, const char* value) {
           set_default_name(target.port->output_name, value);
         }},
-    Row{"properties", nullptr,
+    Row{"properties", "",
         [](const ConfTarget& target, const char* key, const char* value) {
           io_port_add_property(target.port, key, value);
         }},
@@ -166,10 +166,13 @@ constexpr std::array rows{
         }},
 };
 
-constexpr const Row* find_row(std::string_view element, std::string_view key) {
-  const auto found = std::ranges::find_if(rows, [&](const Row& row) {
-    return row.element == element && (row.key == nullptr || row.key == key);
-  });
+constexpr bool is_meant(const Row& row, std::string_view element, std::string_view key) {
+  return row.element == element && (row.key.empty() || row.key == key);
+}
+
+const Row* find_row(std::string_view element, std::string_view key) {
+  const auto found =
+      std::ranges::find_if(rows, [&](const Row& row) { return is_meant(row, element, key); });
   return found != rows.end() ? &*found : nullptr;
 }
 
@@ -178,26 +181,33 @@ constexpr bool is_filter(std::string_view key) {
   return key == "hwid";
 }
 
-constexpr bool rows_are_the_vocabulary() {
-  const bool all_known = std::ranges::all_of(rows, [](const Row& row) {
-    const auto* const element = find_element(common_elements, row.element);
-    return element != nullptr
-           && (row.key == nullptr || find_attribute(element->attributes, row.key) != nullptr);
-  });
-  return all_known && std::ranges::all_of(common_elements, [](const ElementWord& element) {
-           return std::ranges::all_of(element.attributes, [&](const AttributeWord& attribute) {
-             return is_filter(attribute.name) || find_row(element.name, attribute.name) != nullptr;
-           });
+constexpr bool is_handled(const ElementWord& element, const AttributeWord& attribute) {
+  return is_filter(attribute.name) || std::ranges::any_of(rows, [&](const Row& row) {
+           return is_meant(row, element.name, attribute.name);
          });
 }
-static_assert(rows_are_the_vocabulary());
+
+constexpr bool is_known(const Row& row) {
+  return std::ranges::any_of(common_elements, [&](const ElementWord& element) {
+    return row.element == element.name
+           && (row.key.empty() || has_attribute(element.attributes, row.key));
+  });
+}
+
+static_assert(std::ranges::all_of(rows, is_known));
+static_assert(std::ranges::all_of(common_elements, [](const ElementWord& element) {
+  return std::ranges::all_of(element.attributes, [&](const AttributeWord& attribute) {
+    return is_handled(element, attribute);
+  });
+}));
 
 constexpr bool is_port_text(const Row& row) {
-  const auto* const word =
-      row.key != nullptr
-          ? find_attribute(find_element(common_elements, row.element)->attributes, row.key)
-          : nullptr;
-  return word != nullptr && word->form == ValueForm::PortText;
+  return std::ranges::any_of(common_elements, [&](const ElementWord& element) {
+    return row.element == element.name
+           && std::ranges::any_of(element.attributes, [&](const AttributeWord& attribute) {
+                return row.key == attribute.name && attribute.form == ValueForm::PortText;
+              });
+  });
 }
 
 // Known when compiled, so that the daemon need not carry the vocabulary along.

@@ -127,13 +127,17 @@ template <typename Table>
          });
 }
 
+constexpr bool has_attribute(std::span<const AttributeWord> attributes, std::string_view name) {
+  return std::ranges::any_of(attributes,
+                             [name](const auto& attribute) { return name == attribute.name; });
+}
+
 /// Whether every row of a table of attributes, which have a `key`, is one of an element's.
 template <typename Table>
 [[nodiscard]] constexpr bool known_keys(std::span<const AttributeWord> attributes,
                                         const Table& table) {
-  return std::ranges::all_of(table, [attributes](const auto& row) {
-    return find_attribute(attributes, row.key) != nullptr;
-  });
+  return std::ranges::all_of(
+      table, [attributes](const auto& row) { return has_attribute(attributes, row.key); });
 }
 
 /// Whether a table of attributes, which have a `key`, has exactly those of an element.
