@@ -113,6 +113,8 @@ def test_a_proxy_that_cannot_be_made_leaves_the_daemon_without_that_peer(start, 
     device = start("proxy", name, ports=ports, peers=video_and_ptz)
     warning = r"^WARNING: Error creating proxy: broken on purpose$"
     device.expect(warning)
+    device.wait_for_log(warning)  # nobody waits for these peers, so the services come first
+    device.sync()
     assert device.log_count(warning) == 1
     assert device.state.GetNbrPorts() == (0, 1)
 

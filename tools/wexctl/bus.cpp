@@ -65,6 +65,18 @@ std::string absence(const GError* error) {
   return "it is not running";
 }
 
+// A bus that ends while proxies are made is an error of theirs, told once; the library's remarks on
+// each message that it could not send tell nothing more.
+void hush_the_library() {
+  const auto hush = [](const gchar* domain, GLogLevelFlags level, const gchar* message,
+                       gpointer data) {
+    if (!g_str_has_prefix(message, "Error while sending ")) {
+      g_log_default_handler(domain, level, message, data);
+    }
+  };
+  g_log_set_handler("GLib-GIO", G_LOG_LEVEL_CRITICAL, hush, nullptr);
+}
+
 bool is_number(const std::string& text) {
   return !text.empty() && std::ranges::all_of(text, [](char c) { return g_ascii_isdigit(c); });
 }
@@ -161,6 +173,7 @@ bool PortInfo::has(const std::string& property) const {
 
 Daemon::Daemon() {
   const KeptSigpipe kept;
+  hush_the_library();
   GError* error = nullptr;
   connection_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
   if (connection_ == nullptr) {

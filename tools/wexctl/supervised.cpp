@@ -110,14 +110,32 @@ std::vector<guint> supervisable_numbers(const Daemon& daemon) {
   return numbers;
 }
 
+namespace {
+
+// Only those of some kinds can be; a daemon that goes takes this service off the bus first.
+bool is_supervised(const Daemon& daemon, int number) {
+  gboolean on = FALSE;
+  GError* error = nullptr;
+  if (iosupervised_supervised_call_get_supervised_sync(
+          daemon.supervised(), static_cast<guint>(number), &on, nullptr, &error)
+      != FALSE) {
+    return on != FALSE;
+  }
+  try {
+    throw_bus_error(error);
+  } catch (const CommandError& refusal) {
+    if (refusal.status() == Status::Unreachable) {
+      throw;
+    }
+  }
+  return false;
+}
+
+} // namespace
+
 // One that cannot be read now is undefined, as it is where its level is in no range.
 SupervisedWord supervised_word(const Daemon& daemon, int number, bool input) {
-  gboolean on = FALSE;
-  if (!input
-      || iosupervised_supervised_call_get_supervised_sync(
-             daemon.supervised(), static_cast<guint>(number), &on, nullptr, nullptr)
-             == FALSE
-      || on == FALSE) {
+  if (!input || !is_supervised(daemon, number)) {
     return std::nullopt;
   }
   try {
