@@ -28,8 +28,17 @@ Owned<Proxy> service(Proxy* (*create)(GDBusConnection*, GDBusProxyFlags, const g
   return proxy;
 }
 
+// A daemon has its objects for a shorter time than its names.
+bool lacks_its_objects(const GError* error) {
+  return g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD)
+         || g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_OBJECT);
+}
+
 // Errors that say that nobody answers, rather than that somebody refused.
 bool nobody_answers(const GError* error) {
+  if (lacks_its_objects(error)) {
+    return true;
+  }
   static constexpr std::array codes{G_DBUS_ERROR_SERVICE_UNKNOWN, G_DBUS_ERROR_NAME_HAS_NO_OWNER,
                                     G_DBUS_ERROR_NO_REPLY, G_DBUS_ERROR_DISCONNECTED};
   return error->domain != G_DBUS_ERROR
@@ -62,7 +71,7 @@ std::string absence(const GError* error) {
       || g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_DISCONNECTED)) {
     return "the system bus has ended";
   }
-  return "it is not running";
+  return lacks_its_objects(error) ? "it is starting or ending" : "it is not running";
 }
 
 // A bus that ends while proxies are made is an error of theirs, told once; the library's remarks on
