@@ -66,7 +66,7 @@ def shell(binary, size):
             ("wexctl list", r"^21 +manualtrigger2"),
             ("wexctl supervised on window", r"on window\n"),
             ("echo 3850 > /sys/devices/inputs/window", r"inputs/window\n"),
-            ("wexctl supervised show window", r"^12 +on +cut"),
+            ("wexctl supervised show window", r"^12 +window +on +cut"),
             ("wexctl set door on", r"Not_output"),
         ):
             terminal.type(command)
