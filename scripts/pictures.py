@@ -57,7 +57,7 @@ def shell(binary, size):
     with Terminal(simulation(binary, "--shell"), *size) as terminal:
         terminal.wait_for("Tab completes", PROMPT)
         # A key that runs until the daemon has seen the line cut, and leaves no trace on the screen.
-        terminal.type("seen() { until wexctl supervised show window | grep -q cut; do :; done; }")
+        terminal.type("seen() { wexctl wait window cut; }")
         terminal.type(f"""bind -x '"\\C-g": seen'""")
         terminal.type("clear")
         terminal.wait_for(r"\Awexd device / . *$")
