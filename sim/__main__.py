@@ -86,6 +86,7 @@ def main():
             example.furnish(device)
             device.peers = Neighbourhood(device)
             device.start()
+            example.wait_complete(device)
             if options.kind == "live":
                 show_live(device)
             elif options.kind == "shell":

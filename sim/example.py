@@ -16,6 +16,8 @@ import termios
 import threading
 from xml.etree import ElementTree
 
+from sim.bus import wait_until
+
 DESCRIPTION = pathlib.Path(__file__).parent / "conf.xml"
 INPUTS = "/sys/devices/inputs"
 
@@ -85,6 +87,15 @@ def lines(device):
     loops = {port: Loop(device, port) for port in LOOPS}
     box = {port: BoxLine(device, number) for port, number in BOX_LINES.items()}
     return contacts | loops | box
+
+
+def wait_complete(device):
+    """Waits for what the daemon waits for no longer: the triggers of the two video channels."""
+    wait_until(lambda: "manualtrigger2" in names(device), "triggers")
+
+
+def names(device):
+    return {entry.name for entry in device.port_list()}
 
 
 def optional_ports():
