@@ -175,6 +175,7 @@ def test_a_line_reads_as_it_is_asked_for(daemon, watch):
     daemon.state.SetState(1, True)
     daemon.state.SetUsage(1, "Gate\x1b")
     daemon.state.StartActionSequence(1, False, [(True, 0)])
+    seen.wait_for("sequence-done")
     daemon.box.line(5, "short")
     seen.wait_for("short")
     assert seen.lines == [
