@@ -49,6 +49,7 @@ private:
                          const gchar* interface, const gchar* signal, GVariant* arguments,
                          gpointer self);
   static void on_appeared(GDBusConnection*, const gchar* name, const gchar* owner, gpointer self);
+  static void on_supervision_served(GObject* proxy, GParamSpec* property, gpointer self);
   static void on_vanished(GDBusConnection*, const gchar* name, gpointer self);
   static void on_bus_closed(GDBusConnection*, gboolean, GError*, gpointer self);
   static gboolean on_reader_left(gint, GIOCondition, gpointer self);
@@ -317,6 +318,11 @@ void Monitor::on_appeared(GDBusConnection* /*connection*/, const gchar* /*name*/
   }
 }
 
+// Comes before or after the daemon's other names.
+void Monitor::on_supervision_served(GObject* /*proxy*/, GParamSpec* /*property*/, gpointer self) {
+  static_cast<Monitor*>(self)->learn();
+}
+
 void Monitor::on_vanished(GDBusConnection* /*connection*/, const gchar* /*name*/, gpointer self) {
   auto* monitor = static_cast<Monitor*>(self);
   const bool left = monitor->present_;
@@ -377,6 +383,8 @@ void Monitor::run() {
   const SignalHandler changed(daemon_.state(), "port-changed", G_CALLBACK(on_port_changed), this);
   const SignalHandler done(daemon_.state(), "action-sequence-done", G_CALLBACK(on_sequence_done),
                            this);
+  const SignalHandler supervision(daemon_.supervised(), "notify::g-name-owner",
+                                  G_CALLBACK(on_supervision_served), this);
   const SignalHandler closed(daemon_.connection(), "closed", G_CALLBACK(on_bus_closed), this);
   const guint subscription = g_dbus_connection_signal_subscribe(
       daemon_.connection(), nullptr, "org.freedesktop.DBus.Properties", "PropertiesChanged",

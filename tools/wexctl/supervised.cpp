@@ -95,7 +95,21 @@ std::vector<PortInfo> supervisable_ports(const Daemon& daemon) {
 
 } // namespace
 
+namespace {
+
+// The daemon takes its names one after the other, and the library would lose what a call carries to
+// a name that nobody has.
+void need_the_service(const Daemon& daemon) {
+  g_autofree gchar* owner = g_dbus_proxy_get_name_owner(G_DBUS_PROXY(daemon.supervised()));
+  if (owner == nullptr) {
+    throw unreachable(daemon.present() ? "it is starting or ending" : "it is not running");
+  }
+}
+
+} // namespace
+
 std::vector<guint> supervisable_numbers(const Daemon& daemon) {
+  need_the_service(daemon);
   GVariant* ports = nullptr;
   GError* error = nullptr;
   check(iosupervised_supervised_call_get_supervised_port_numbers_sync(daemon.supervised(), &ports,
@@ -114,6 +128,7 @@ namespace {
 
 // Only those of some kinds can be; a daemon that goes takes this service off the bus first.
 bool is_supervised(const Daemon& daemon, int number) {
+  need_the_service(daemon);
   gboolean on = FALSE;
   GError* error = nullptr;
   if (iosupervised_supervised_call_get_supervised_sync(
