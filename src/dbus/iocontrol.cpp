@@ -418,9 +418,28 @@ private:
 
 using SharedFlush = std::shared_ptr<Flush>;
 
+/// Held while a flush goes from one thread to another; what the library does about that is out of
+/// the thread sanitizer's sight.
+std::mutex handover_mutex;
+
+gpointer hand_over(const SharedFlush& flush) {
+  const std::lock_guard guard(handover_mutex);
+  return new SharedFlush(flush);
+}
+
+SharedFlush handed_over(gpointer data) {
+  const std::lock_guard guard(handover_mutex);
+  return *static_cast<SharedFlush*>(data);
+}
+
+void drop_handed_over(gpointer data) {
+  const std::lock_guard guard(handover_mutex);
+  delete static_cast<SharedFlush*>(data);
+}
+
 void flush_in_thread(GTask* task, gpointer connection, gpointer data, GCancellable* /*unused*/) {
   g_dbus_connection_flush_sync(static_cast<GDBusConnection*>(connection), nullptr, nullptr);
-  (*static_cast<SharedFlush*>(data))->done();
+  handed_over(data)->done();
   g_task_return_boolean(task, TRUE);
 }
 
@@ -436,8 +455,7 @@ void wait_for_signals_to_leave() {
       return;
     }
     g_autoptr(GTask) task = g_task_new(connection, nullptr, nullptr, nullptr);
-    g_task_set_task_data(task, new SharedFlush(flush),
-                         [](gpointer data) { delete static_cast<SharedFlush*>(data); });
+    g_task_set_task_data(task, hand_over(flush), drop_handed_over);
     g_task_run_in_thread(task, flush_in_thread);
   });
   flush->wait();

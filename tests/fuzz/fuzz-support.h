@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 using FuzzInput = std::span<const guint8>;
 

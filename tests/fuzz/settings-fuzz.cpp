@@ -8,7 +8,7 @@ namespace {
 void write_all(GKeyFile* file) {
   const IoPortListLock lock;
   for (IoPort* port : io_port_list_get()) {
-    param_group_write(file, port);
+    std::ignore = param_group_write(file, port);
   }
 }
 
@@ -23,7 +23,7 @@ std::string settings_from(GKeyFile* file) {
   {
     const IoPortListLock lock;
     for (IoPort* port : io_port_list_get()) {
-      param_group_read(file, port);
+      std::ignore = param_group_read(file, port);
     }
   }
   fuzz_check_ports();
