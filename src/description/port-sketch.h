@@ -20,7 +20,7 @@ struct PortSketch {
   /// nullptr: none that is known.
   const BackendVocabulary* backend = nullptr;
   /// One of port_type_names.
-  std::string type = port_type_default;
+  std::string type = "input";
   std::optional<gint64> number;
   bool has_hwid = false;
   bool optional = false;
@@ -33,6 +33,4 @@ struct PortSketch {
   bool pinless = false;
   /// Poll interval, once told.
   std::optional<gint64> interval;
-
-  static constexpr const char* port_type_default = "input";
 };
