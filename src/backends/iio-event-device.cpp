@@ -29,7 +29,8 @@ struct IntDevice {
   IioEventHandler handler = nullptr;
   /// Events in a row that changed nothing.
   guint idle_events = 0;
-  gint64 last_event_us = 0;
+  /// Runs from the last of them.
+  SourceId calm_timer;
   /// Events may have been lost while the device was left alone.
   bool look_anyway = false;
   Trouble restless;
@@ -89,7 +90,7 @@ using Found = ReadableWatch::Found;
 
 constexpr guint idle_events_allowed = 32;
 /// A device that was silent for longer than any rest has calmed down by itself.
-constexpr gint64 calm_us = gint64{2} * G_USEC_PER_SEC;
+constexpr guint calm_ms = 2 * longest_rest_ms;
 
 // Reads one event; nothing when there is none to act on.
 std::optional<gint> read_event_channel(IntDevice& device) {
@@ -131,7 +132,14 @@ std::optional<PendingEvent> take_event(const std::string& path) {
                       .channel = look_anyway ? iio_every_channel : *channel};
 }
 
+// What nobody came to read is no silence: an event that waits goes before this.
+gboolean on_calm(gpointer user_data) {
+  static_cast<IntDevice*>(user_data)->calm_timer.forget();
+  return G_SOURCE_REMOVE;
+}
+
 void calm_down(IntDevice& device) {
+  device.idle_events = 0;
   if (device.restless.end()) {
     g_message("%s%s reports true changes again", log_prefix, device.path.c_str());
   }
@@ -144,15 +152,17 @@ Found judge(const std::string& path, bool news) {
   if (device == nullptr) {
     return Found::Nothing;
   }
-  const gint64 now = g_get_monotonic_time();
-  if (const gint64 before = std::exchange(device->last_event_us, now);
-      news || now - before > calm_us) {
+  const bool was_calm = !device->calm_timer;
+  if (news || was_calm) {
     calm_down(*device);
-    device->idle_events = news ? 0 : 1;
+  }
+  device->calm_timer.reset(
+      news ? 0 : g_timeout_add_full(G_PRIORITY_LOW, calm_ms, on_calm, device, nullptr));
+  if (news) {
     return Found::Sense;
   }
   if (++device->idle_events < idle_events_allowed) {
-    return Found::Nothing;
+    return was_calm ? Found::Sense : Found::Nothing;
   }
   device->idle_events = 0;
   device->look_anyway = true;

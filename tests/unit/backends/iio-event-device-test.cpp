@@ -1,6 +1,7 @@
 // The record of a device with events, on a pipe in the place of its event descriptor.
 #include "backends/iio-event-device.h"
 
+#include "backends/trouble.h"
 #include "port/ioport.h"
 #include "support/fake-ioctl.h"
 #include "support/log-capture.h"
@@ -201,6 +202,38 @@ TEST_F(AnEventDevice, is_left_alone_when_it_keeps_telling_of_nothing_new) {
   }
   EXPECT_TRUE(run_until([] { return served.size() == 32; }));
   EXPECT_TRUE(logged_part(G_LOG_LEVEL_WARNING, " keeps reporting changes that are none"));
+}
+
+TEST_F(AnEventDevice, is_not_calm_because_nobody_came_to_read_it) {
+  join(first);
+  watch(first);
+  news = false;
+  for (int i = 0; i < 33; i++) {
+    send(5);
+  }
+  run_pending();
+  EXPECT_TRUE(logged_part(G_LOG_LEVEL_WARNING, " keeps reporting changes that are none"));
+  g_usleep(2 * longest_rest_ms * 1000 + 100'000); // longer than calms it
+  EXPECT_TRUE(run_until([] { return served.size() == 33; }));
+  for (int i = 0; i < 32; i++) {
+    send(5);
+  }
+  EXPECT_TRUE(run_until([] { return served.size() == 65; }));
+}
+
+TEST_F(AnEventDevice, is_calm_when_it_was_silent_for_long) {
+  join(first);
+  watch(first);
+  news = false;
+  for (int i = 0; i < 32; i++) {
+    send(5);
+  }
+  run_pending();
+  EXPECT_TRUE(logged_part(G_LOG_LEVEL_WARNING, " keeps reporting changes that are none"));
+  EXPECT_TRUE(run_until(nothing_timed));
+  send(5);
+  EXPECT_TRUE(run_until([] { return served.size() == 33; }));
+  EXPECT_TRUE(logged(G_LOG_LEVEL_MESSAGE, path + " reports true changes again"));
 }
 
 TEST_F(AnEventDevice, is_left_while_it_rests) {
