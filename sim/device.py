@@ -80,9 +80,7 @@ class Device:
 
     def __enter__(self):
         try:
-            with undisturbed():
-                self._bus = bus.Bus(self.sandbox, self.scratch / "bus.log")
-                self._closers.callback(self._bus.close)
+            self.start_bus()
             self._client = self.client()
         except BaseException:  # an interrupt, too, and then nobody calls __exit__
             self._clear()
@@ -338,6 +336,12 @@ class Device:
         client = bus.Client(self._bus.address)
         self.on_exit(client.close)
         return client
+
+    def start_bus(self):
+        """A bus comes up; the clients of the one before do not get to it."""
+        with undisturbed():
+            self._bus = bus.Bus(self.sandbox, self.scratch / "bus.log")
+            self._closers.callback(self._bus.close)
 
     def end_bus(self):
         """The bus ends, with all connections to it, and does not come back."""

@@ -158,6 +158,24 @@ void stop_services() {
   actionengine_dbus_finalize();
 }
 
+// Ports whose services were lost with the bus of the start would stay away as long as the daemon
+// runs, so it serves nobody then.
+void serve() {
+  if (!bus_connection_share(on_bus_lost)) {
+    return;
+  }
+  bus_ports_change_connection();
+  start_services();
+  io_port_list_set_watch();
+  io_port_list_declare_events();
+  virtual_input_init();
+
+  g_main_loop_run(main_loop.get());
+
+  stop_services();
+  virtual_input_finalize();
+}
+
 } // namespace
 
 int main(int argc, char* argv[]) {
@@ -185,17 +203,7 @@ int main(int argc, char* argv[]) {
   }
   // Backends have opened their devices by now; everything later is done as an ordinary user.
   drop_privileges();
-  bus_connection_share(on_bus_lost);
-  bus_ports_change_connection();
-  start_services();
-  io_port_list_set_watch();
-  io_port_list_declare_events();
-  virtual_input_init();
-
-  g_main_loop_run(main_loop.get());
-
-  stop_services();
-  virtual_input_finalize();
+  serve();
   remove_signal_sources();
   param_save_unsaved(param_file);
   io_port_list_free();

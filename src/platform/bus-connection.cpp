@@ -87,10 +87,18 @@ GMainContext* bus_connection_context() {
   return sharing ? nullptr : start_context;
 }
 
-void bus_connection_share(void (*lost)()) {
+// Of a bus that ended meanwhile, the calls of the start have told no more than that they failed.
+bool bus_connection_share(void (*lost)()) {
   on_lost = lost;
   sharing = true;
-  bus_connection_shared(nullptr);
+  g_autoptr(GError) error = nullptr;
+  const bool connected = bus_connection_shared(&error) != nullptr;
+  if (start_connection == nullptr
+      || (connected && !g_dbus_connection_is_closed(start_connection))) {
+    return true;
+  }
+  on_closed(start_connection, TRUE, error, nullptr);
+  return false;
 }
 
 void bus_connection_serve_start() {

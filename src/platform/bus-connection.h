@@ -18,8 +18,9 @@ GMainContext* bus_connection_context();
 
 /// From here on the shared connection is the one. To be called by the user that is to own the
 /// daemon's names. `lost` is called from the main loop when the bus has closed the connection; the
-/// process goes on.
-void bus_connection_share(void (*lost)());
+/// process goes on. False when the bus of the start is lost already, after `lost` was called for
+/// that; a start that met no bus and needed none goes on without.
+[[nodiscard]] bool bus_connection_share(void (*lost)());
 
 /// The shared connection, whatever bus_connection() is at the moment.
 GDBusConnection* bus_connection_shared(GError** error);

@@ -9,6 +9,8 @@ from describe import element, port
 
 from sim.device import DROP_FOLDER, IMPORT_FILE, KEY_FILE, OLD_KEY_FILE, BusError
 from sim.bus import STATE_NAME, wait_until
+from sim.peers import IoBox, Witness
+from sim.sandbox import BUS_SOCKET
 
 
 def old_settings(**names):
@@ -257,6 +259,26 @@ def test_the_end_of_the_bus_ends_the_daemon_in_order_and_with_a_failure(device, 
     assert device.stderr == ""
     # The end of an orderly shutdown: the ports are freed and their events withdrawn.
     assert any("undeclare" in line for line in device.log[before:]), device.log[before:]
+
+
+@pytest.mark.parametrize("replaced", [False, True], ids=["gone", "replaced"])
+@pytest.mark.parametrize("argv", [(), ("--disable_legacy_interface",)], ids=["legacy", "plain"])
+def test_the_end_of_the_bus_amid_the_start_ends_the_daemon_in_order(device, argv, replaced):
+    """A box is asked meanwhile, whose ports would stay away from then on."""
+    box = Witness(device, IoBox, {"GetIOBoxConnected": ("", "b", lambda: None)})
+    device.describe(port("a", 0) + port("box", 1, "output", "iobox"))
+    device.start(*argv, ready=False)
+    wait_until(lambda: box.calls, "the question for the box")
+    pid = device.pid
+    os.kill(pid, signal.SIGSTOP)
+    device.end_bus()
+    if replaced:
+        device.path(BUS_SOCKET).unlink()
+        device.start_bus()
+    os.kill(pid, signal.SIGCONT)
+    device.wait_exit(status=1)
+    assert device.log_count(LOST) == 1
+    assert device.stderr == ""
 
 
 def test_sigterm_beside_the_end_of_the_bus_is_told_as_what_it_is(device):
