@@ -285,7 +285,7 @@ def test_crashes_in_a_row_are_survived(running):
     "path, owner, mode",
     [
         ("/etc/wexd", "wxd:wxd", "751"),
-        ("/etc/wexd.d", "wxd:wxd", "755"),
+        ("/etc/wexd.d", "root:wxd", "1775"),
         ("/etc/wexd/actions", "root:root", "755"),
         ("/etc/service_registry/services.d", "root:wxd", "1775"),
         ("/etc/legacyconfig/legacymappings.d", "root:wxd", "1775"),
@@ -310,11 +310,13 @@ def test_a_second_daemon_says_so_and_ends(running):
     running.run("wexctl", "list")
 
 
-SHARED = ("/etc/service_registry/services.d", "/etc/legacyconfig/legacymappings.d")
+SHARED = (
+    "/etc/service_registry/services.d", "/etc/legacyconfig/legacymappings.d", "/etc/wexd.d",
+)  # fmt: skip
 
 
 @pytest.mark.parametrize("folder", SHARED)
-def test_the_daemon_s_user_replaces_no_registration_of_others(running, folder):
+def test_the_daemon_s_user_replaces_no_file_of_others(running, folder):
     other = running.path(folder) / "other.conf"
     other.write_text("kept")
     running.run("sh", "-c", f"echo mine > {folder}/mine", user="wxd")

@@ -197,6 +197,7 @@ LEGACY_FILES = (
     "/etc/service_registry/services.d/wexd_service_registry.conf",
     "/etc/legacyconfig/legacymappings.d/wexd.xml",
 )
+LEGACY_TEMPORARY = "/etc/wexd.d/legacy.tmp"
 
 
 @as_root
@@ -207,8 +208,7 @@ def test_what_the_start_generates_can_be_replaced_in_a_folder_that_others_share(
 
     def hand_over():
         plain()
-        for file in LEGACY_FILES:
-            folder = device.path(file).parent
+        for folder in {device.path(file).parent for file in (*LEGACY_FILES, LEGACY_TEMPORARY)}:
             os.chown(folder, 0, WXD_GID)
             folder.chmod(0o1775)
 
