@@ -32,6 +32,8 @@ struct IioPortData {
   SupervisedPins pins;
   // Also looked at by action-sequence threads.
   std::atomic<guint32> cached_level{0};
+  /// No sample has come since the line was led to the converter.
+  std::atomic<bool> awaits_sample{false};
   guint extra_shift = 0;
   gint channel = 0;
   guint last_reported = SUPERVISED_OPEN;
@@ -238,9 +240,17 @@ gboolean iio_setup(IoPort* port, gboolean state) {
   return FALSE;
 }
 
+// A level of before tells nothing of the line as it is now.
 gboolean classify_cached(IoPort* port, guint* state, guint* level, GError** error) {
-  *level = backend_data_ensure<IioPortData>(port)->cached_level;
-  return supervised_lookup_state(port, *level, state, error);
+  const auto* data = backend_data_ensure<IioPortData>(port);
+  *level = data->cached_level;
+  if (!supervised_lookup_state(port, *level, state, error)) {
+    return FALSE;
+  }
+  if (data->awaits_sample) {
+    *state = SUPERVISED_UNDEFINED;
+  }
+  return TRUE;
 }
 
 enum class Sample { Taken, None, Failed };
@@ -259,6 +269,7 @@ Sample read_sample(IioPortData* data, const char** reason) {
   }
   const guint32 value = iio_decode_sample(data->iio_type, std::span(sample).first(bytes));
   data->cached_level = iio_shift_right(value, data->extra_shift);
+  data->awaits_sample = false;
   return Sample::Taken;
 }
 
@@ -303,11 +314,17 @@ ReadableWatch::Found on_sample(gpointer user_data) {
   return ReadableWatch::Found::Sense;
 }
 
+// Whatever the converter has measured so far was not this line, or not now.
+void forget_samples(IioPortData* data) {
+  drop_samples(data);
+  data->awaits_sample = true;
+}
+
 void start_sample_watch(IoPort* port, IioPortData* data) {
   if (data->sample_watch || !data->fd) {
     return;
   }
-  drop_samples(data);
+  forget_samples(data);
   data->last_reported = SUPERVISED_UNDEFINED;
   data->unreadable = Trouble();
   data->sample_watch.start(data->fd.get(), text_or_empty(data->device), on_sample, port);
@@ -336,15 +353,16 @@ gboolean iio_is_supervisable(IoPort* port) {
 }
 
 gboolean iio_set_supervised(IoPort* port, gboolean /*supervised*/) {
+  auto* data = backend_data_ensure<IioPortData>(port);
+  const bool sampled_before = static_cast<bool>(data->sample_watch);
   apply_watches(port);
   if (!io_port_input(port) && !io_port_set_direction(port, true)) {
     return FALSE;
   }
-  auto* data = backend_data<IioPortData>(port);
   std::ignore = supervised_set_control_pins(port, data->pins, pin_setup);
-  if (data->sample_watch) {
+  if (data->sample_watch && !sampled_before) {
     // Taken before the line was led to the converter.
-    drop_samples(data);
+    forget_samples(data);
   }
   return TRUE;
 }

@@ -33,6 +33,8 @@ struct IioIntPortData {
   bool pullup_when_supervised = false;
   // Also looked at by action-sequence threads.
   std::atomic<guint32> cached_level{0};
+  /// No reading has worked since the watch began.
+  std::atomic<bool> awaits_reading{false};
   guint last_reported = SUPERVISED_OPEN;
   SupervisedPins pins;
 
@@ -55,6 +57,7 @@ bool read_level(IioIntPortData* data, bool tell, GError** error) {
   const auto level = iio_threshold_read(data->channel, tell, error);
   if (level) {
     data->cached_level = *level;
+    data->awaits_reading = false;
   }
   return level.has_value();
 }
@@ -88,7 +91,11 @@ gboolean readout(IoPort* port, bool use_cache, guint* state, guint* level, GErro
     return FALSE;
   }
   *level = data->cached_level;
-  return classify(port, *level, state, error);
+  const bool known = classify(port, *level, state, error);
+  if (data->awaits_reading) {
+    *state = SUPERVISED_UNDEFINED;
+  }
+  return known;
 }
 
 gboolean iio_int_get_supervised_readout(IoPort* port, guint* state, guint* level, GError** error) {
@@ -262,6 +269,7 @@ gboolean iio_int_set_watch(IoPort* port) {
   }
   data->pins.logic_watch.stop();
   data->last_reported = SUPERVISED_UNDEFINED;
+  data->awaits_reading = true;
   iio_event_device_watch(port, data->channel.device_path, on_device_event);
   update_thresholds(port);
   return TRUE;

@@ -458,9 +458,13 @@ def test_a_reading_that_fails_amid_an_event_leaves_nothing_unarmed(device):
 def test_readings_that_fail_from_the_start_cost_nothing_and_are_told_once(device):
     IIO_INTERRUPT.show("closed")
     ADC_LE12.fail_readings(errno.EIO)
-    start(device, IIO_INTERRUPT.port())
+    supervision = start(device, IIO_INTERRUPT.port(cache_ad_value=None))
     device.wait_for_log("^WARNING: Couldn't read adc value for zone$")
     device.sync()
+    # Nothing has been measured yet, above all no level of 0, which would be a short.
+    assert supervision.GetSupervisedReadout(0) == ("undefined", 0)
+    device.wait_for_log("event send .*SupervisedPort .*state=undefined ")
+    assert device.log_count("event send .*SupervisedPort .*state=short ") == 0
     used, told = device.cpu_s, device.log_count("^WARNING")
     time.sleep(3)  # the time itself is what is looked at
     assert device.cpu_s - used < 1.5

@@ -185,14 +185,16 @@ class Samples:
         self._pipe = None
 
 
-def sampling(device, kind, optional=None, pins="", **changed):
+def sampling(device, kind, optional=None, pins="", events="", **changed):
     """A device whose port 0 is the converter alone, and the signals that it sends."""
     converter(device, kind=kind)
     samples = Samples(device)
     inside = element("device", **(SAMPLED | changed)) + "".join(
         element("range", state=state, lower=lower, upper=upper) for state, lower, upper in RANGES
     )
-    device.describe(port("s", 0, "input", "iio", backend_inside=inside + pins, optional=optional))
+    device.describe(
+        port("s", 0, "input", "iio", backend_inside=inside + pins, optional=optional, inside=events)
+    )
     device.start()
     return samples, device.signals()
 
@@ -269,14 +271,27 @@ def test_drops_and_refreshes_leave_one_reader_and_no_descriptors(device):
     assert descriptors(device) < before
 
 
-def test_supervision_on_and_off_reads_the_converter_or_the_pin(device):
-    supervised_pins = element("input", pin=17) + element("io_ctrl", pin=18)
-    supervised_pins += element("sio_ctrl", pin=19)
-    pin, *controls = (export(device, number) for number in (17, 18, 19))
-    samples, changes = sampling(device, "le:u8/8>>0", pins=supervised_pins, mode=None)
+SUPERVISED_PINS = "".join(
+    element(tag, pin=pin) for tag, pin in (("input", 17), ("io_ctrl", 18), ("sio_ctrl", 19))
+)
+
+
+def supervisable(device, **more):
+    """As sampling(), with pins; the supervision interface is there."""
+    sent = sampling(device, "le:u8/8>>0", pins=SUPERVISED_PINS, mode=None, **more)
+    wait_for_supervision(device)
+    return sent
+
+
+def wait_for_supervision(device):
     wait_until(
         lambda: device.first_client.owner(SUPERVISION) is not None, f"{SUPERVISION} on the bus"
     )
+
+
+def test_supervision_on_and_off_reads_the_converter_or_the_pin(device):
+    pin, *controls = (export(device, number) for number in (17, 18, 19))
+    samples, changes = supervisable(device)
 
     def supervise(on):
         device.supervision.SetSupervised(0, on)
@@ -295,6 +310,44 @@ def test_supervision_on_and_off_reads_the_converter_or_the_pin(device):
         device.write(f"{pin}/value", "1\n")
         assert device.state.GetState(0) is True
     assert descriptors(device) == before
+
+
+def states_told(device):
+    """What the events have told of the line."""
+    told = (re.search(r"event send .*SupervisedPort .*state=(\w+)", line) for line in device.log)
+    return [match[1] for match in told if match]
+
+
+def test_a_line_has_no_state_before_its_first_sample(device):
+    """Neither that of a level of 0 nor that of the line as it was before it was switched over."""
+    event = element(
+        "event", declaration="com.norv.Event.Wxd.SupervisedPort", supervised_input="true",
+        input="false", output="false",
+    )  # fmt: skip
+    for number in (17, 18, 19):
+        export(device, number)
+    samples, _ = supervisable(device, events=event)
+    for level, state in ((120, "closed"), (155, "cut")):
+        already = len(states_told(device))
+        device.supervision.SetSupervised(0, True)
+        assert device.supervision.GetSupervisedReadout(0)[0] == "undefined"
+        wait_until(lambda: len(states_told(device)) > already, "the first state")  # noqa: B023
+        samples.send(level)
+        device.wait_for_log(f"event send .*SupervisedPort .*state={state} ")
+        assert states_told(device)[already:] == ["undefined", state]
+        # Told once more, it does not forget the line's state.
+        device.supervision.SetSupervised(0, True)
+        assert device.supervision.GetSupervisedReadout(0) == (state, level)
+        device.sync()
+        if state == "closed":
+            device.supervision.SetSupervised(0, False)
+
+    device.restart()
+    wait_for_supervision(device)
+    assert device.supervision.GetSupervisedReadout(0) == ("undefined", 0)
+    samples.send(50)
+    device.wait_for_log("event send .*SupervisedPort .*state=open ")
+    assert states_told(device) == ["undefined", "open"]
 
 
 def test_a_converter_that_hangs_up_is_told_once_and_read_again_when_it_is_back(device):
