@@ -118,15 +118,22 @@ bool is_known_to_be_saved(const ParamGroup& group, const char* file) {
   return on_disk.text->starts_with(lines) || on_disk.text->find("\n" + lines) != std::string::npos;
 }
 
-// With the mutex held. A missing file is an empty one.
+// With the mutex held. A missing file is an empty one; one that only cannot be reached must not be
+// taken for that, or the next save would leave nothing of it.
 KeyFilePtr read_settings(const char* path, GError** error) {
   on_disk = {.path = path, .text = {}};
-  if (struct stat status{}; lstat(path, &status) != 0) {
+  g_autoptr(GError) open_error = nullptr;
+  const UniqueFd fd =
+      regular_file_open(AT_FDCWD, path, Links::Refused, &on_disk.status, &open_error);
+  if (g_error_matches(open_error, G_FILE_ERROR, G_FILE_ERROR_NOENT)) {
     return key_file_make();
   }
-  const UniqueFd fd = regular_file_open(AT_FDCWD, path, Links::Refused, &on_disk.status, error);
   std::string text;
-  if (!fd || !regular_file_read(fd.get(), path, &text, error)) {
+  if (!fd) {
+    g_propagate_error(error, g_steal_pointer(&open_error));
+    return nullptr;
+  }
+  if (!regular_file_read(fd.get(), path, &text, error)) {
     return nullptr;
   }
   on_disk.settled = regular_file_has_settled(on_disk.status);

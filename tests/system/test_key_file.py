@@ -314,6 +314,25 @@ def test_unreadable_settings_tell_why(device):
     assert len(device.stderr.splitlines()[0]) > len("Could not read key file: ")
 
 
+@pytest.mark.uninstrumented
+def test_settings_that_cannot_be_reached_are_not_taken_for_missing_ones(make_device):
+    """The disk fails for a moment; a start without them would save over all of them."""
+    device = make_device(
+        wrapper=("strace", "-f", "-qq", "-o", "/dev/null", "-P", KEY_FILE, "-e", "trace=newfstatat",
+                 "-e", "inject=newfstatat:error=EIO:when=1"),
+        patience=3,
+    )  # fmt: skip
+    settings = "[gone]\nusage=of a port that is not described\n"
+    device.describe(port("out", 0))
+    device.settings(settings)
+    device.start(ready=False)
+    device.wait_exit(1)
+    assert device.stderr == (
+        f"Could not read key file: Failed to open '{KEY_FILE}': Input/output error\n"
+    )
+    assert device.read(KEY_FILE) == settings
+
+
 @pytest.mark.parametrize("asked", ["SetUsage", "SetState"])
 def test_a_client_is_answered_even_if_nothing_can_be_saved(device, asked):
     device.expect(r"param_read_configuration ?\(file\)")
