@@ -17,40 +17,13 @@ namespace wexctl {
 
 namespace {
 
-bool colours_wanted() {
-  const char* const no_color = getenv("NO_COLOR");
-  return isatty(STDOUT_FILENO) != 0 && (no_color == nullptr || *no_color == '\0')
-         && g_strcmp0(getenv("TERM"), "dumb") != 0;
-}
+bool text_stays_plain = false;
 
 // Places on the screen, not bytes or characters.
 size_t width_of(gunichar c) {
   return g_unichar_iszerowidth(c) != FALSE ? 0 : g_unichar_iswide(c) != FALSE ? 2 : 1;
 }
 
-size_t width(const std::string& text) {
-  size_t places = 0;
-  for (const char* at = text.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
-    places += width_of(g_utf8_get_char(at));
-  }
-  return places;
-}
-
-// As much of the text as has room, with a mark where something is left out.
-std::string cut(const std::string& text, size_t room) {
-  if (width(text) <= room) {
-    return text;
-  }
-  size_t places = 0;
-  const char* at = text.c_str();
-  while (places + width_of(g_utf8_get_char(at)) < room) {
-    places += width_of(g_utf8_get_char(at));
-    at = g_utf8_next_char(at);
-  }
-  return std::string(text.c_str(), at) + (room > 0 ? "…" : "");
-}
-
-constexpr size_t gap = 2;
 constexpr size_t narrowest_column = 4;
 constexpr size_t usual_terminal = 80;
 
@@ -66,7 +39,7 @@ std::optional<size_t> line_room() {
 
 // Takes from the widest column until the line has room, or no column can be narrower.
 void fit(std::vector<size_t>& widths, size_t room) {
-  const size_t gaps = gap * (widths.size() - 1);
+  const size_t gaps = column_gap * (widths.size() - 1);
   auto total = std::accumulate(widths.begin(), widths.end(), gaps);
   for (; total > room; total--) {
     const auto widest = std::ranges::max_element(widths);
@@ -105,6 +78,45 @@ std::string escaped(std::string_view text, std::string_view mark, bool (*wanted)
 
 } // namespace
 
+size_t places(const std::string& text) {
+  size_t count = 0;
+  for (const char* at = text.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
+    count += width_of(g_utf8_get_char(at));
+  }
+  return count;
+}
+
+std::string cut(const std::string& text, size_t room) {
+  if (places(text) <= room) {
+    return text;
+  }
+  size_t taken = 0;
+  const char* at = text.c_str();
+  while (taken + width_of(g_utf8_get_char(at)) < room) {
+    taken += width_of(g_utf8_get_char(at));
+    at = g_utf8_next_char(at);
+  }
+  return std::string(text.c_str(), at) + (room > 0 ? "…" : "");
+}
+
+std::string padded(const std::string& text, size_t room) {
+  const auto shown = cut(text, room);
+  return shown + std::string(room - places(shown), ' ');
+}
+
+std::vector<size_t> column_widths(const Rows& rows, std::optional<size_t> room) {
+  std::vector<size_t> widths(rows.front().size());
+  for (const auto& row : rows) {
+    for (size_t i = 0; i < row.size(); i++) {
+      widths[i] = std::max(widths[i], places(row[i]));
+    }
+  }
+  if (room) {
+    fit(widths, *room);
+  }
+  return widths;
+}
+
 CommandError unwritable(int error) {
   return CommandError(Status::Unwritable,
                       fmt::format("cannot write standard output: {}", g_strerror(error)));
@@ -132,8 +144,18 @@ void flush_output() {
   }
 }
 
+bool colours_wanted() {
+  const char* const no_color = getenv("NO_COLOR");
+  return isatty(STDOUT_FILENO) != 0 && (no_color == nullptr || *no_color == '\0')
+         && g_strcmp0(getenv("TERM"), "dumb") != 0;
+}
+
+void keep_text_plain() {
+  text_stays_plain = true;
+}
+
 std::string coloured(Colour colour, const std::string& text) {
-  static const bool wanted = colours_wanted();
+  static const bool wanted = colours_wanted() && !text_stays_plain;
   static constexpr std::array codes{"0", "1", "32", "33", "31", "2"};
   if (!wanted || colour == Colour::Plain) {
     return text;
@@ -152,29 +174,14 @@ void Table::add(const std::vector<std::string>& row) {
   std::ranges::transform(row, std::back_inserter(cells), printable);
 }
 
-std::vector<size_t> Table::column_widths() const {
-  std::vector<size_t> widths(rows_.front().size());
-  for (const auto& row : rows_) {
-    for (size_t i = 0; i < row.size(); i++) {
-      widths[i] = std::max(widths[i], width(row[i]));
-    }
-  }
-  return widths;
-}
-
 void Table::print() const {
   const auto room = line_room();
-  auto widths = column_widths();
-  if (room) {
-    fit(widths, *room);
-  }
+  const auto widths = column_widths(rows_, room);
   bool heading = true;
   for (const auto& row : rows_) {
     std::string line;
     for (size_t i = 0; i < row.size(); i++) {
-      const auto cell = cut(row[i], widths[i]);
-      line += cell;
-      line.append(widths[i] - width(cell) + gap, ' ');
+      line += padded(row[i], widths[i]) + std::string(column_gap, ' ');
     }
     line.erase(line.find_last_not_of(' ') + 1);
     line = room ? cut(line, *room) : line;

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,10 +37,29 @@ enum class Colour { Plain, Bold, Green, Yellow, Red, Dim };
 /// `text` in a colour if standard output is a terminal that has some and NO_COLOR is unset, else as
 /// it is.
 std::string coloured(Colour colour, const std::string& text);
+/// Whether standard output is such a terminal.
+bool colours_wanted();
+/// From now on nothing is coloured by coloured(): for who draws by other means.
+void keep_text_plain();
 
 /// Text from elsewhere as it can be shown: control characters, and bytes that are no UTF-8, as
 /// \xNN. Nobody forges a line or commands the terminal; a backslash stays as it is.
 std::string printable(std::string_view text);
+
+/// Places that printable text takes on the screen.
+size_t places(const std::string& text);
+/// As much of printable text as has room, with a mark where something is left out.
+std::string cut(const std::string& text, size_t room);
+/// The text in exactly so many places.
+std::string padded(const std::string& text, size_t room);
+
+/// Printable cells, row by row, as many in each.
+using Rows = std::vector<std::vector<std::string>>;
+/// Places between two columns.
+inline constexpr size_t column_gap = 2;
+/// How wide the columns of the rows are: as the widest cell, or if there is less room, narrower,
+/// the widest first.
+std::vector<size_t> column_widths(const Rows& rows, std::optional<size_t> room);
 
 /// A table of left-aligned columns. On a terminal it is as wide as that at most: columns become
 /// narrower, the widest first, and what is left out of a cell is marked.
@@ -52,9 +72,7 @@ public:
   void print() const;
 
 private:
-  [[nodiscard]] std::vector<size_t> column_widths() const;
-
-  std::vector<std::vector<std::string>> rows_;
+  Rows rows_;
 };
 
 /// On one line unless there is an indent.

@@ -15,46 +15,10 @@ namespace wexctl {
 
 namespace {
 
-/// What a port's settings are beside what the list of ports tells.
-struct PortDetails {
-  std::string input_name;
-  std::string output_name;
-  std::string usage;
-  std::string active_input;
-  std::string active_output;
-  SupervisedWord supervised;
-};
-
 std::string take(gchar* text) {
   std::string copy = text != nullptr ? text : "";
   g_free(text);
   return copy;
-}
-
-// A port that is not published answers nothing beyond the list.
-PortDetails details(const Daemon& daemon, const PortInfo& port) {
-  PortDetails result;
-  if (!port.has("ioport") || port.number < 0) {
-    return result;
-  }
-  const auto number = static_cast<guint>(port.number);
-  gchar* first = nullptr;
-  gchar* second = nullptr;
-  if (iocontrol_state_call_get_names_sync(daemon.state(), number, &first, &second, nullptr,
-                                          nullptr)) {
-    result.input_name = take(first);
-    result.output_name = take(second);
-  }
-  if (iocontrol_state_call_get_usage_sync(daemon.state(), number, &first, nullptr, nullptr)) {
-    result.usage = take(first);
-  }
-  if (iocontrol_state_call_get_active_sync(daemon.state(), number, &first, &second, nullptr,
-                                           nullptr)) {
-    result.active_input = take(first);
-    result.active_output = take(second);
-  }
-  result.supervised = supervised_word(daemon, port.number, port.input);
-  return result;
 }
 
 std::string kind(const PortInfo& port) {
@@ -104,33 +68,27 @@ std::string state_word(const PortInfo& port, const PortDetails& more) {
   return more.supervised ? *more.supervised : on_or_off(port.state);
 }
 
-struct Column {
-  const char* name;
-  const char* heading;
-  std::string (*value)(const PortInfo& port, const PortDetails& more);
-};
-
 constexpr std::array columns{
-    Column{"no", "No", [](auto& port, auto&) { return std::to_string(port.number); }},
-    Column{"name", "Port", [](auto& port, auto&) { return port.name; }},
-    Column{"shown", "Shown as", shown_as},
-    Column{"kind", "Kind", [](auto& port, auto&) { return kind(port); }},
-    Column{"state", "State", state_word},
-    Column{"active", "Active",
-           [](auto& port, auto&) { return std::string(port.activelow ? "open" : "closed"); }},
-    Column{"usage", "Usage", [](auto&, auto& more) { return more.usage; }},
-    Column{"properties", "Properties", [](auto& port, auto&) { return property_list(port); }},
+    PortColumn{"no", "No", [](auto& port, auto&) { return std::to_string(port.number); }},
+    PortColumn{"name", "Port", [](auto& port, auto&) { return port.name; }},
+    PortColumn{"shown", "Shown as", shown_as},
+    PortColumn{"kind", "Kind", [](auto& port, auto&) { return kind(port); }},
+    PortColumn{"state", "State", state_word},
+    PortColumn{"active", "Active",
+               [](auto& port, auto&) { return std::string(port.activelow ? "open" : "closed"); }},
+    PortColumn{"usage", "Usage", [](auto&, auto& more) { return more.usage; }},
+    PortColumn{"properties", "Properties", [](auto& port, auto&) { return property_list(port); }},
 };
 
 // All of them unless some are wanted, in the order in which they are.
-std::vector<Column> chosen_columns(const std::vector<std::string>& wanted) {
+std::vector<PortColumn> chosen_columns(const std::vector<std::string>& wanted) {
   if (wanted.empty()) {
     return {columns.begin(), columns.end()};
   }
-  std::vector<Column> chosen;
+  std::vector<PortColumn> chosen;
   for (const auto& name : wanted) {
     std::ranges::copy_if(columns, std::back_inserter(chosen),
-                         [&](const Column& column) { return name == column.name; });
+                         [&](const PortColumn& column) { return name == column.name; });
   }
   return chosen;
 }
@@ -218,9 +176,39 @@ bool parse_state(const std::string& text) {
   throw CommandError(Status::Usage, fmt::format("'{}' is neither on nor off", text));
 }
 
+PortDetails port_details(const Daemon& daemon, const PortInfo& port) {
+  PortDetails result;
+  if (!port.has("ioport") || port.number < 0) {
+    return result;
+  }
+  const auto number = static_cast<guint>(port.number);
+  gchar* first = nullptr;
+  gchar* second = nullptr;
+  if (iocontrol_state_call_get_names_sync(daemon.state(), number, &first, &second, nullptr,
+                                          nullptr)) {
+    result.input_name = take(first);
+    result.output_name = take(second);
+  }
+  if (iocontrol_state_call_get_usage_sync(daemon.state(), number, &first, nullptr, nullptr)) {
+    result.usage = take(first);
+  }
+  if (iocontrol_state_call_get_active_sync(daemon.state(), number, &first, &second, nullptr,
+                                           nullptr)) {
+    result.active_input = take(first);
+    result.active_output = take(second);
+  }
+  result.supervised = supervised_word(daemon, port.number, port.input);
+  return result;
+}
+
+const PortColumn& port_column(std::string_view name) {
+  return *std::ranges::find_if(columns,
+                               [&](const PortColumn& column) { return name == column.name; });
+}
+
 std::vector<std::string> list_column_names() {
   std::vector<std::string> names;
-  std::ranges::transform(columns, std::back_inserter(names), &Column::name);
+  std::ranges::transform(columns, std::back_inserter(names), &PortColumn::name);
   return names;
 }
 
@@ -228,14 +216,14 @@ void list_ports(const Daemon& daemon, bool json, const std::vector<std::string>&
   const auto chosen = chosen_columns(wanted);
   Json array = Json::array();
   std::vector<std::string> headings;
-  std::ranges::transform(chosen, std::back_inserter(headings), &Column::heading);
+  std::ranges::transform(chosen, std::back_inserter(headings), &PortColumn::heading);
   Table table(headings);
   for (const auto& port : daemon.ports()) {
-    const auto more = details(daemon, port);
+    const auto more = port_details(daemon, port);
     array.push_back(port_json(port, more));
     std::vector<std::string> row;
     std::ranges::transform(chosen, std::back_inserter(row),
-                           [&](const Column& column) { return column.value(port, more); });
+                           [&](const PortColumn& column) { return column.value(port, more); });
     table.add(row);
   }
   if (json) {
@@ -248,7 +236,7 @@ void list_ports(const Daemon& daemon, bool json, const std::vector<std::string>&
 void get_port(const Daemon& daemon, const std::string& port, bool json) {
   const guint number = daemon.resolve(port);
   const auto info = daemon.port(number);
-  const auto more = details(daemon, info);
+  const auto more = port_details(daemon, info);
   if (json) {
     print_json(port_json(info, more));
     return;

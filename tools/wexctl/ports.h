@@ -2,9 +2,11 @@
 #pragma once
 
 #include "wexctl/bus.h"
+#include "wexctl/supervised.h"
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace wexctl {
@@ -17,6 +19,26 @@ Side parse_side(const std::string& text);
 /// "on"/"off", "1"/"0", "true"/"false".
 bool parse_state(const std::string& text);
 
+/// What a port's settings are beside what the list of ports tells.
+struct PortDetails {
+  std::string input_name;
+  std::string output_name;
+  std::string usage;
+  std::string active_input;
+  std::string active_output;
+  SupervisedWord supervised;
+};
+/// A port that is not published has none.
+PortDetails port_details(const Daemon& daemon, const PortInfo& port);
+
+/// A column of the list of ports.
+struct PortColumn {
+  const char* name;
+  const char* heading;
+  std::string (*value)(const PortInfo& port, const PortDetails& more);
+};
+/// The column of that name, which there must be.
+const PortColumn& port_column(std::string_view name);
 /// What the list of ports can show.
 std::vector<std::string> list_column_names();
 /// Only the columns that are wanted, if any are told.

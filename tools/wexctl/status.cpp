@@ -197,9 +197,13 @@ void print_status(const Json& status) {
 
 } // namespace
 
+Json daemon_status(const Daemon& daemon) {
+  return Inquiry(daemon).json();
+}
+
 void show_status(const Daemon& daemon, bool json) {
-  const Inquiry status(daemon);
-  json ? print_json(status.json()) : print_status(status.json());
+  const auto status = daemon_status(daemon);
+  json ? print_json(status) : print_status(status);
 }
 
 } // namespace wexctl

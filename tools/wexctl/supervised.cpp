@@ -62,27 +62,6 @@ std::string ranges_text(const Json& ranges) {
   return text;
 }
 
-// A port that cannot be read now is shown as such; the others are still worth seeing. One whose
-// supervision is off has no state that would mean anything.
-Json port_json(const Daemon& daemon, const PortInfo& port) {
-  const auto number = static_cast<guint>(port.number);
-  gboolean on = FALSE;
-  iosupervised_supervised_call_get_supervised_sync(daemon.supervised(), number, &on, nullptr,
-                                                   nullptr);
-  Json entry{{"number", port.number}, {"name", port.name}, {"supervised", on != FALSE}};
-  try {
-    if (on != FALSE) {
-      const auto readout = read_port(daemon, number);
-      entry["state"] = readout.state;
-      entry["level"] = readout.level;
-    }
-  } catch (const CommandError& error) {
-    entry["error"] = error.what();
-  }
-  entry["ranges"] = ranges_json(daemon, number);
-  return entry;
-}
-
 // In the order of their numbers, as everywhere.
 std::vector<PortInfo> supervisable_ports(const Daemon& daemon) {
   const auto numbers = supervisable_numbers(daemon);
@@ -163,13 +142,34 @@ SupervisedWord supervised_word(const Daemon& daemon, int number, bool input) {
   }
 }
 
+// A port that cannot be read now is shown as such; the others are still worth seeing. One whose
+// supervision is off has no state that would mean anything.
+Json supervised_json(const Daemon& daemon, const PortInfo& port) {
+  const auto number = static_cast<guint>(port.number);
+  gboolean on = FALSE;
+  iosupervised_supervised_call_get_supervised_sync(daemon.supervised(), number, &on, nullptr,
+                                                   nullptr);
+  Json entry{{"number", port.number}, {"name", port.name}, {"supervised", on != FALSE}};
+  try {
+    if (on != FALSE) {
+      const auto readout = read_port(daemon, number);
+      entry["state"] = readout.state;
+      entry["level"] = readout.level;
+    }
+  } catch (const CommandError& error) {
+    entry["error"] = error.what();
+  }
+  entry["ranges"] = ranges_json(daemon, number);
+  return entry;
+}
+
 void supervised_show(const Daemon& daemon, const std::optional<std::string>& port, bool json) {
   const auto ports =
       port ? std::vector<PortInfo>{daemon.port(daemon.resolve(*port))} : supervisable_ports(daemon);
   Json array = Json::array();
   Table table({"No", "Port", "Supervised", "State", "Level", "Ranges"});
   for (const auto& shown : ports) {
-    const auto entry = port_json(daemon, shown);
+    const auto entry = supervised_json(daemon, shown);
     array.push_back(entry);
     table.add({std::to_string(shown.number), shown.name, on_or_off(entry["supervised"] == true),
                entry.value("state", entry.value("error", "")),

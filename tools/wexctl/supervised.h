@@ -2,6 +2,7 @@
 #pragma once
 
 #include "wexctl/bus.h"
+#include "wexctl/output.h"
 
 #include <optional>
 #include <string>
@@ -15,6 +16,10 @@ using SupervisedWord = std::optional<std::string>;
 SupervisedWord supervised_word(const Daemon& daemon, int number, bool input);
 /// The ports that can be supervised.
 std::vector<guint> supervisable_numbers(const Daemon& daemon);
+
+/// A supervisable port as JSON has it: number, name, supervised, ranges, and if it is supervised
+/// its state and level, or the error that its reading is.
+Json supervised_json(const Daemon& daemon, const PortInfo& port);
 
 /// All supervisable ports, or one, with reading and ranges.
 void supervised_show(const Daemon& daemon, const std::optional<std::string>& port, bool json);
