@@ -30,6 +30,13 @@ def test_ports_are_whole_and_can_be_typed(daemon, wexctl):
     assert offered(wexctl, "get", "Front ") == ["Front door"]
 
 
+def test_several_settings_are_port_and_state_each(daemon, wexctl):
+    assert offered(wexctl, "set", "relay=") == ["relay=on", "relay=off"]
+    assert offered(wexctl, "set", "relay=on", "Fr") == ["Front door="]
+    assert offered(wexctl, "set", "relay=on", "Front door=of") == ["Front door=off"]
+    assert offered(wexctl, "set", "relay", "o") == ["on", "off"]
+
+
 def test_what_is_offered_has_its_meaning(daemon, wexctl):
     assert "list\tShow all ports\n" in done(wexctl("complete", "")).out
     assert "relay\toutput\n" in done(wexctl("complete", "get", "")).out
@@ -92,6 +99,14 @@ def bash(daemon, binary):
         ("wexctl get 'Fro", "wexctl get 'Front door'"),
         ("wexctl get Front\\\\ d", r"wexctl get Front\\ door"),
         ("wexctl set rel", "wexctl set relay"),
+        ("wexctl set relay=of", "wexctl set relay=off"),
+        ("wexctl set relay=", "wexctl set relay=o"),
+        ("wexctl set relay=on Fro", r"wexctl set relay=on Front\\ door="),
+        ("wexctl set 'Front door'=of", "wexctl set 'Front door'=off"),
+        ("wexctl set Front\\ door=of", r"wexctl set Front\\ door=off"),
+        ("wexctl set 'Front door=of", "wexctl set 'Front door=off'"),
+        ("wexctl run relay 1:2", "wexctl run relay 1:2s,0:0"),
+        ("wexctl pulse relay 2", "wexctl pulse relay 2s"),
         ("wexctl check /usr/share/do", "wexctl check /usr/share/doc"),
     ],
 )

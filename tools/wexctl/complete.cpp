@@ -50,6 +50,20 @@ Candidates words(std::string_view text) {
   return candidates;
 }
 
+// PORT=STATE: the port first, then what it can be.
+Candidates settings(const std::string& typed) {
+  const auto sign = typed.rfind('=');
+  if (sign != std::string::npos) {
+    const auto port = typed.substr(0, sign + 1);
+    return {{.word = port + "on", .meaning = ""}, {.word = port + "off", .meaning = ""}};
+  }
+  auto candidates = ports();
+  for (auto& candidate : candidates) {
+    candidate.word += '=';
+  }
+  return candidates;
+}
+
 struct Values {
   /// As the help calls it.
   const char* argument;
@@ -98,6 +112,14 @@ constexpr std::array values{
                           "Output.Active Output.Button Output.PulseTime Output.Mode "
                           "Output.DelayTime");
            }},
+    Values{"--keys", "",
+           [] {
+             return Candidates{{std::string(files), ""}};
+           }},
+    Values{"--notes", "",
+           [] {
+             return Candidates{{std::string(files), ""}};
+           }},
     Values{"FILE", "",
            [] {
              return Candidates{{std::string(files), ""}};
@@ -131,11 +153,14 @@ private:
   [[nodiscard]] Candidates verbs() const;
   [[nodiscard]] Candidates options() const;
   [[nodiscard]] const CLI::Option* argument() const;
+  [[nodiscard]] bool takes_settings(const std::string& typed) const;
 
   const CLI::App* verb_;
   /// Whose value comes next.
   const CLI::Option* option_ = nullptr;
   size_t arguments_ = 0;
+  /// Whether one of them was PORT=STATE.
+  bool settings_ = false;
 };
 
 // Options may stand anywhere, and do not count.
@@ -149,7 +174,13 @@ void Place::pass(const std::string& word) {
     verb_ = inner;
   } else {
     arguments_++;
+    settings_ = settings_ || word.find('=') != std::string::npos;
   }
+}
+
+// Where one argument has both, all have.
+bool Place::takes_settings(const std::string& typed) const {
+  return verb_->get_name() == "set" && (settings_ || typed.find('=') != std::string::npos);
 }
 
 Candidates Place::verbs() const {
@@ -192,6 +223,9 @@ Candidates Place::next(const std::string& typed) const {
   }
   if (typed.starts_with('-')) {
     return options();
+  }
+  if (takes_settings(typed)) {
+    return settings(typed);
   }
   if (auto inner = verbs(); !inner.empty()) {
     return arguments_ == 0 ? inner : Candidates();
