@@ -12,7 +12,7 @@ build_packages=(
   g++ cmake ninja-build pkg-config
   libglib2.0-dev libglib2.0-dev-bin
   libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev libfmt-dev nlohmann-json3-dev
+  libcli11-dev libfmt-dev nlohmann-json3-dev libncurses-dev
   scdoc help2man libxml2-utils
   dpkg-dev file
 )
@@ -40,7 +40,7 @@ cross_tools=(
   cmake ninja-build pkg-config libglib2.0-dev-bin scdoc help2man dpkg-dev python3
   libcli11-dev nlohmann-json3-dev
 )
-cross_libraries=(libglib2.0-dev libfmt-dev libgtest-dev libgmock-dev)
+cross_libraries=(libglib2.0-dev libfmt-dev libncurses-dev libgtest-dev libgmock-dev)
 packages=(
   "${build_packages[@]}" "${check_packages[@]}" "${sandbox_packages[@]}" "${test_packages[@]}"
   "${kernel_packages[@]}"

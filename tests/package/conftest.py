@@ -12,7 +12,7 @@ from sim.bus import wait_until
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 CACHE = pathlib.Path(os.environ.get("XDG_CACHE_HOME", pathlib.Path.home() / ".cache")) / "wexd"
-PACKAGES = "dbus,systemd,libfmt9,libglib2.0-0,python3-gi"
+PACKAGES = "dbus,systemd,libfmt9,libglib2.0-0,libncursesw6,python3-gi"
 
 
 def pytest_addoption(parser):

@@ -243,7 +243,7 @@ def test_help_names_every_verb_and_status(wexctl):
     out = done(wexctl("--help")).out
     for verb in ("list", "get", "set", "toggle", "direction", "active", "name", "usage", "virtual", "run",
                  "pulse", "stop", "wait", "drop", "refresh", "supervised", "status", "connectors", "monitor", "legacy",
-                 "check", "describe"):  # fmt: skip
+                 "live", "check", "describe"):  # fmt: skip
         assert re.search(rf"^  {verb} ", out, re.MULTILINE), verb
     assert "Exit status of every verb:" in out and "NO_COLOR" in out and " complete" not in out
 
@@ -255,7 +255,7 @@ def verbs(wexctl):
 
 def test_every_verb_tells_of_itself_and_completes(wexctl):
     names = verbs(wexctl)
-    assert len(names) == 20 + 5 + 2
+    assert len(names) == 21 + 5 + 2
     for name in names:
         out = done(wexctl(*name.split(), "--help")).out
         assert f"Usage: wexctl {name} " in out and "REQUIRED" not in out
@@ -275,6 +275,7 @@ def test_every_option_completes(daemon, wexctl, binary):
 def test_the_examples_of_the_help_work(wexctl, binary):
     text = done(wexctl("--help-all")).out
     examples = re.findall(r"^ *Example: (wexctl .*)$", text, re.MULTILINE)
+    examples.remove("wexctl live --control")  # which needs a terminal, and has one elsewhere
     assert len(examples) > 12
     commands = "".join(f"{example} || echo failed: {example}\n" for example in examples)
     shell = subprocess.run(
@@ -471,7 +472,8 @@ def test_a_missing_file_fails_the_check(wexctl, tmp_path):
 def complete(device, binary, *words):
     script = (
         f"source {TOP}/tools/wexctl/completion/wexctl.bash; COMP_WORDS=(\"$@\");"
-        " COMP_CWORD=$(($# - 1)); _wexctl; printf '%s\\n' \"${COMPREPLY[@]}\""
+        ' COMP_CWORD=$(($# - 1)); COMP_LINE="$*"; COMP_POINT=${#COMP_LINE};'
+        " _wexctl; printf '%s\\n' \"${COMPREPLY[@]}\""
     )
     run = subprocess.run(
         ["bash", "-c", script, "bash", "wexctl", *words],

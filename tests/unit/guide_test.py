@@ -75,7 +75,7 @@ class TheOperatingGuide(unittest.TestCase):
             (re.sub(r"\b(NAME|TEXT|N|REASON)\b", "{}", text), int(status)) for text, status in rows
         )
         said = set()
-        for source in (TOP / "tools/wexctl").glob("*.cpp"):
+        for source in (TOP / "tools/wexctl").rglob("*.cpp"):
             for status, literals in REFUSAL.findall(source.read_text()):
                 text = "".join(literal[1:-1] for literal in re.findall(STRING, literals))
                 if text:

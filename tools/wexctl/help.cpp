@@ -111,6 +111,19 @@ watching, daemon-absent, daemon-gone or daemon-back. The state is on or off, or 
 line: open, closed, short, cut or undefined. Times are as RFC 3339 has them.
 Example: wexctl monitor door relay --initial --count 2 --format '{time} {name} is {state}')"},
     Details{
+        "live",
+        R"(Shows ports, supervised lines, changes and the services around until q is pressed; ? shows the
+keys. It only looks unless there is --control. A daemon that goes is waited for.
+
+Lines of a file of --keys are KEY FOR HINT COMMAND: a character, space, enter or f1 to f12; always,
+port, input, output, switchable, supervisable or missing, which is the kind of port that the key is
+for; a word for the screen; and what /bin/sh runs, with the number of the chosen port in WEXCTL_PORT
+and its description name in WEXCTL_NAME. A key that drives the port comes before. What a command that
+fails says on standard error is shown. A line may be: o input open wexctl pulse lock 3s
+
+The notes may be those of the journal: --notes <(journalctl -fn0 -u wexd).
+Example: wexctl live --control)"},
+    Details{
         "legacy get",
         R"(Without PROPERTY shows all of the port. A property that only one interface has needs no prefix.
 Example: wexctl legacy get relay PulseTime)"},

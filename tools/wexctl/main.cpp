@@ -6,6 +6,8 @@
 #include "wexctl/descriptions.h"
 #include "wexctl/help.h"
 #include "wexctl/legacy.h"
+#include "wexctl/live/live.h"
+#include "wexctl/live/screen.h"
 #include "wexctl/monitor.h"
 #include "wexctl/output.h"
 #include "wexctl/ports.h"
@@ -65,6 +67,7 @@ struct Arguments {
   bool initial = false;
   bool here = false;
   bool quiet = false;
+  LiveOptions live;
 };
 
 /// Set by the verb that was chosen; runs it.
@@ -135,6 +138,7 @@ private:
   [[nodiscard]] std::vector<Setting> settings() const;
   void add_wait_verb();
   void add_monitor_verb();
+  void add_live_verb();
   [[nodiscard]] MonitorOptions monitor_options() const;
   void add_supervised_verbs();
   void add_other_verbs();
@@ -332,6 +336,15 @@ void CommandLine::add_monitor_verb() {
       ->excludes(json);
 }
 
+void CommandLine::add_live_verb() {
+  auto* screen = verb(app_, "live", "Show ports and changes on the whole terminal",
+                      [this](const Daemon& daemon) { live(daemon, args_.live); });
+  screen->add_flag("--control", args_.live.control, "Let keys drive outputs");
+  screen->add_option("--keys", args_.live.keys, "File with keys that run commands");
+  screen->add_option("--notes", args_.live.notes, "Pipe whose lines are shown among the changes");
+  screen->parse_complete_callback(require_terminal);
+}
+
 void CommandLine::add_supervised_verbs() {
   auto* supervised =
       app_.add_subcommand("supervised", "Supervised inputs: show, on, off, ranges, read");
@@ -428,6 +441,7 @@ CommandLine::CommandLine() {
   add_sequence_verbs();
   add_wait_verb();
   add_monitor_verb();
+  add_live_verb();
   add_supervised_verbs();
   add_other_verbs();
 }
