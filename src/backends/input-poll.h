@@ -1,7 +1,8 @@
 // The poll of an input whose hardware does not tell its changes.
 //
-// A record of such a backend has an `InputPoll poll` and a function `refresh`, which reads the
-// hardware anew and returns whether the value is another than before.
+// A record of such a backend has an `InputPoll poll`, a function `refresh`, which reads the
+// hardware anew and returns whether the value is another than before, and a function `look`, which
+// does the same and changes nothing about the hardware.
 #pragma once
 
 #include "backends/backend-data.h"
@@ -12,6 +13,8 @@
 struct InputPoll {
   /// 0 polls on every turn of the main loop.
   guint interval_ms = 0;
+  /// What was found at the start is not reported yet.
+  bool unreported = false;
   SourceId source;
 };
 
@@ -21,14 +24,19 @@ struct InputPoll {
 template <typename Data>
 gboolean input_poll_on_time(gpointer user_data) {
   auto* port = static_cast<IoPort*>(user_data);
-  return input_poll_report(port, backend_data<Data>(port)->refresh());
+  auto* data = backend_data<Data>(port);
+  const bool unreported = std::exchange(data->poll.unreported, false);
+  return input_poll_report(port, data->refresh() || unreported);
 }
 
-/// The slot that starts the poll; a running one stays as it is.
+/// The slot that starts the poll; a running one stays as it is. The port has its true state from
+/// then on, which is what its events are declared with; the first poll reports it.
 template <typename Data>
 [[nodiscard]] gboolean input_poll_set_watch(IoPort* port) {
-  InputPoll& poll = backend_data_ensure<Data>(port)->poll;
+  auto* data = backend_data_ensure<Data>(port);
+  InputPoll& poll = data->poll;
   if (!poll.source) {
+    poll.unreported = data->look();
     poll.source.reset(g_timeout_add(poll.interval_ms, input_poll_on_time<Data>, port));
   }
   return TRUE;

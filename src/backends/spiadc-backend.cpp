@@ -37,6 +37,7 @@ struct SpiadcPortData {
   SpiadcPortData& operator=(const SpiadcPortData&) = delete;
 
   bool refresh();
+  bool look() { return refresh(); }
   void close_device() {
     if (fd != 0) {
       close(fd);

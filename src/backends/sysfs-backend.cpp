@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -23,6 +24,7 @@ struct SysfsPortData {
   InputPoll poll;
 
   bool refresh();
+  bool look();
 };
 
 constexpr std::array device_keys{
@@ -65,7 +67,9 @@ gint parse_number(const SysfsPortData* data, const char* text) {
   return number;
 }
 
-gint read_value(const SysfsPortData* data) {
+enum class Flag { Clear, Leave };
+
+gint read_value(const SysfsPortData* data, Flag flag) {
   if (!data->fd) {
     return data->inverted ? 1 : 0;
   }
@@ -80,7 +84,7 @@ gint read_value(const SysfsPortData* data) {
 
   const gint number = parse_number(data, text.data());
   if (number == 1) {
-    if (data->clear_flag) {
+    if (data->clear_flag && flag == Flag::Clear) {
       clear_latched_flag(data);
     }
   } else if (number != 0) {
@@ -92,8 +96,12 @@ gint read_value(const SysfsPortData* data) {
 }
 
 bool SysfsPortData::refresh() {
-  const gint before = value;
-  value = read_value(this);
+  const gint before = std::exchange(value, read_value(this, Flag::Clear));
+  return value != before;
+}
+
+bool SysfsPortData::look() {
+  const gint before = std::exchange(value, read_value(this, Flag::Leave));
   return value != before;
 }
 

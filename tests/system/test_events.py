@@ -76,6 +76,30 @@ def test_an_active_input_is_never_told_idle_at_the_start(device, named):
     wait_for_states(device, "1")
 
 
+@pytest.mark.parametrize("clear_flag", [None, "true"], ids=["level", "latched"])
+@pytest.mark.parametrize("text, activelow", [("1\n", "false"), ("0\n", "true")])
+def test_a_polled_input_has_its_state_before_the_first_poll(device, text, activelow, clear_flag):
+    """Which is an hour away here. A latched flag is for that poll to clear."""
+    device.write("/sys/in", text).chmod(0o666)
+    device.settings(f"[door]\ninput_name=Door\ninput_activelow={activelow}\nusage=\n")
+    device.describe(
+        sysfs_input("door", 0, "/sys/in", timeout=3_600_000, clear_flag=clear_flag, inside=stateful())
+    )
+    device.start()
+    wait_for_states(device, "1")
+    assert device.state.GetState(0) is True
+    assert device.read("/sys/in") == text
+
+
+@pytest.mark.parametrize("text, activelow", [("0\n", "false"), ("1\n", "true")])
+def test_an_idle_polled_input_is_never_told_active_at_the_start(device, text, activelow):
+    device.write("/sys/in", text)
+    device.settings(f"[door]\ninput_name=Door\ninput_activelow={activelow}\nusage=\n")
+    device.describe(sysfs_input("door", 0, "/sys/in", timeout=3_600_000, inside=stateful()))
+    device.start()
+    wait_for_states(device, "0")
+
+
 def test_an_input_of_a_box_is_declared_with_the_state_of_the_box(device):
     IoBox(device, states={"0": "closed"})
     device.describe(port("door", 0, "input", "iobox", inside=stateful()))
