@@ -205,11 +205,15 @@ GVariant* call_bus(const char* method, GVariant* arguments, GError** error) {
                                      default_timeout, nullptr, error);
 }
 
-// Whoever holds the name already keeps it; we are queued and do not mind.
+// Whoever holds the name already keeps it; we are queued and do not mind. The end of the bus is
+// about to end the daemon, in order.
 void request_name() {
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariant) reply =
       call_bus("RequestName", g_variant_new("(su)", legacy_ioport_interface, 0U), &error);
+  if (reply == nullptr && g_dbus_connection_is_closed(legacy_ctrl->connection)) {
+    return;
+  }
   if (reply == nullptr) {
     g_error("Could not request name: %s", error->message);
   }

@@ -281,6 +281,29 @@ def test_the_end_of_the_bus_amid_the_start_ends_the_daemon_in_order(device, argv
     assert device.stderr == ""
 
 
+def test_the_end_of_the_bus_amid_a_refresh_ends_the_daemon_in_order(device):
+    """A box is asked meanwhile, and another port comes back, which makes the legacy objects anew."""
+    attached = [True]
+    box = Witness(device, IoBox, {
+        "GetIOBoxConnected": ("", "b", lambda: (attached.pop(),) if attached else None),
+        "GetIOBoxType": ("", "s", lambda: ("x5210",)),
+        "GetIOPortStatus": ("i", "s", lambda number: ("enabled",)),
+        "GetSupervised": ("i", "b", lambda number: (False,)),
+        "SetIOMode": ("iis", "", lambda *arguments: ()),
+    })  # fmt: skip
+    optional = {"optional": "true"}
+    device.describe(port("box", 1, "output", "iobox", **optional) + port("a", 0, **optional))
+    device.start()
+    assert sorted(device.state.DropIOPorts(["box", "a"])) == ["a", "box"]
+    asked = len(box.calls)
+    device.state.begin("RefreshIOPorts")
+    wait_until(lambda: len(box.calls) > asked, "the question for the box")
+    device.end_bus()
+    device.wait_exit(status=1)
+    assert device.log_count(LOST) == 1
+    assert device.stderr == ""
+
+
 def test_sigterm_beside_the_end_of_the_bus_is_told_as_what_it_is(device):
     device.describe(port("a", 0))
     device.start()
