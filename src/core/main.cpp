@@ -130,9 +130,10 @@ bool read_user_params() {
   return true;
 }
 
-// What the older parameter service left is taken once: it goes when the settings are safe.
+// What the older parameter service left is taken once: it goes when the settings are safe. Without
+// ports, because their description is missing, it has not been taken by any.
 void import_and_save_params() {
-  const bool taken = sedrin_take_file(import_file);
+  const bool taken = sedrin_take_file(import_file) && io_port_list_length() > 0;
   io_port_list_update_names();
   const bool saved = param_save_all(param_file);
   if (taken && saved) {

@@ -200,6 +200,18 @@ def test_a_file_that_does_not_parse_stays(device):
     assert device.read(IMPORT) == "no key file"
 
 
+def test_a_file_that_no_port_could_take_stays(device):
+    """The description is back at the next start."""
+    device.expect("Couldn't load XML")
+    device.write(IMPORT, GATE)
+    device.start()
+    assert device.read(IMPORT) == GATE
+    device.describe(PORTS)
+    device.restart()
+    assert device.saved["in"]["input_name"] == "Gate"
+    assert not device.exists(IMPORT)
+
+
 def test_the_file_stays_while_its_settings_are_not_safe(device):
     device.describe(PORTS)
     device.write(IMPORT, GATE)
