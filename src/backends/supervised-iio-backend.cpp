@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -34,6 +35,7 @@ struct IioPortData {
   std::atomic<guint32> cached_level{0};
   /// No sample has come since the line was led to the converter.
   std::atomic<bool> awaits_sample{false};
+  bool led_to_converter = false;
   guint extra_shift = 0;
   gint channel = 0;
   guint last_reported = SUPERVISED_OPEN;
@@ -324,7 +326,11 @@ void start_sample_watch(IoPort* port, IioPortData* data) {
   if (data->sample_watch || !data->fd) {
     return;
   }
-  forget_samples(data);
+  if (std::exchange(data->led_to_converter, true)) {
+    drop_samples(data);
+  } else {
+    forget_samples(data);
+  }
   data->last_reported = SUPERVISED_UNDEFINED;
   data->unreadable = Trouble();
   data->sample_watch.start(data->fd.get(), text_or_empty(data->device), on_sample, port);
@@ -338,6 +344,7 @@ void apply_watches(IoPort* port) {
     start_sample_watch(port, data);
   } else {
     data->sample_watch.stop();
+    data->led_to_converter = false;
     std::ignore = data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins));
   }
 }
@@ -384,6 +391,7 @@ guint iio_get_state(IoPort* port) {
 void iio_set_direction(IoPort* port, gboolean input) {
   auto* data = backend_data_ensure<IioPortData>(port);
   data->sample_watch.stop();
+  data->led_to_converter = data->led_to_converter && input;
   supervised_turn_pins(port, data->pins, input, pin_setup);
 }
 

@@ -185,7 +185,7 @@ class Samples:
         self._pipe = None
 
 
-def sampling(device, kind, optional=None, pins="", events="", **changed):
+def sampling(device, kind, optional=None, pins="", events="", type="input", **changed):
     """A device whose port 0 is the converter alone, and the signals that it sends."""
     converter(device, kind=kind)
     samples = Samples(device)
@@ -193,7 +193,7 @@ def sampling(device, kind, optional=None, pins="", events="", **changed):
         element("range", state=state, lower=lower, upper=upper) for state, lower, upper in RANGES
     )
     device.describe(
-        port("s", 0, "input", "iio", backend_inside=inside + pins, optional=optional, inside=events)
+        port("s", 0, type, "iio", backend_inside=inside + pins, optional=optional, inside=events)
     )
     device.start()
     return samples, device.signals()
@@ -348,6 +348,29 @@ def test_a_line_has_no_state_before_its_first_sample(device):
     samples.send(50)
     device.wait_for_log("event send .*SupervisedPort .*state=open ")
     assert states_told(device) == ["undefined", "open"]
+
+
+def test_a_line_that_is_turned_to_where_it_is_keeps_its_state(device):
+    """Only one that comes back to the converter has to be measured first."""
+    for number in (17, 18, 19, 20):
+        export(device, number)
+    output = element("output", pin=20)
+    converter_port = {"pins": SUPERVISED_PINS + output, "mode": None, "type": "io_ctrl"}
+    samples, changes = sampling(device, "le:u8/8>>0", **converter_port)
+    wait_for_supervision(device)
+    device.state.SetDirection(0, "input")
+    device.supervision.SetSupervised(0, True)
+    samples.send(120)
+    wait_until(
+        lambda: device.supervision.GetSupervisedReadout(0) == ("closed", 120), "the first sample"
+    )
+    changes.take()
+    device.state.SetDirection(0, "input")
+    assert device.supervision.GetSupervisedReadout(0) == ("closed", 120)
+    changes.wait_for(PortChanged, port=0, state=True)
+    device.state.SetDirection(0, "output")
+    device.state.SetDirection(0, "input")
+    assert device.supervision.GetSupervisedReadout(0)[0] == "undefined"
 
 
 def test_a_converter_that_hangs_up_is_told_once_and_read_again_when_it_is_back(device):
