@@ -26,6 +26,8 @@ struct Entry {
   UniqueFd fd;
   /// Why it is not read.
   const char* skipped = nullptr;
+  /// It went after the folder was listed.
+  bool gone = false;
 };
 
 // No descriptions: the folder itself and its parent, and what a crash amid the writing of the
@@ -76,6 +78,9 @@ void open_entry(int folder, const char* name, Entry& entry, GError** error) {
     entry.skipped = reason_to_skip(status);
   } else if (g_error_matches(open_error, G_FILE_ERROR, G_FILE_ERROR_INVAL)) {
     entry.skipped = "it is not a regular file";
+  } else if (links == Links::Refused
+             && g_error_matches(open_error, G_FILE_ERROR, G_FILE_ERROR_NOENT)) {
+    entry.gone = true;
   } else {
     g_propagate_error(error, g_steal_pointer(&open_error));
   }
@@ -86,6 +91,10 @@ bool read_entry(int folder, const char* name, Entry& entry, DropInReader read) {
   open_entry(folder, name, entry, &error);
   if (entry.skipped != nullptr) {
     g_warning("%sSkipping %s: %s", log_prefix, entry.path.c_str(), entry.skipped);
+    return true;
+  }
+  // Others may come and go while the folder is read, and must not keep it from being read on.
+  if (entry.gone) {
     return true;
   }
   std::string text;

@@ -11,5 +11,5 @@ using DropInReader = bool (*)(const char* path, const std::string& text);
 ///
 /// A description is a regular file of the user that the process runs as, not writable by anyone
 /// else, or a link of that user to such a file. Anything else is skipped with a warning; the
-/// temporary of the legacy files is skipped without.
+/// temporary of the legacy files is skipped without, and so is what goes meanwhile.
 [[nodiscard]] bool drop_folder_read(const char* directory, DropInReader read);

@@ -1,8 +1,12 @@
 #include "support/description-fixture.h"
 
+#include "core/drop-folder.h"
+
 #include <sys/stat.h>
 
 #include <dirent.h>
+
+#include <filesystem>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -258,6 +262,23 @@ TEST_F(TheDescription, ends_at_the_first_bad_file_of_a_folder) {
   EXPECT_EQ(io_port_list_length(), 1) << "only one file was read";
   EXPECT_TRUE(logged_part(G_LOG_LEVEL_CRITICAL, "Couldn't parse markup file ("));
   EXPECT_TRUE(logged_part(G_LOG_LEVEL_WARNING, folder.path()));
+}
+
+TEST_F(TheDescription, does_not_mind_what_goes_while_a_folder_is_read) {
+  const ScratchFolder folder;
+  for (const char* name : {"a", "b", "c"}) {
+    folder.write(name, "");
+  }
+  static int read = 0;
+  read = 0;
+  EXPECT_TRUE(drop_folder_read(folder.path().c_str(), [](const char* path, const std::string&) {
+    const auto parent = std::filesystem::path(path).parent_path();
+    for (const auto& entry : std::filesystem::directory_iterator(parent)) {
+      std::filesystem::remove(entry);
+    }
+    return ++read > 0;
+  }));
+  EXPECT_EQ(read, 1);
 }
 
 TEST_F(TheDescription, needs_no_folder) {
