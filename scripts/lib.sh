@@ -19,7 +19,7 @@ build_packages=(
 check_packages=(git clang-format clang-tidy shellcheck clang libclang-rt-14-dev)
 sandbox_packages=(
   bubblewrap util-linux dbus-daemon
-  python3 python3-gi gir1.2-glib-2.0 python3-dbusmock python3-prompt-toolkit
+  python3 python3-gi gir1.2-glib-2.0 python3-dbusmock
 )
 test_packages=(
   python3-pytest python3-pytest-xdist python3-pytest-timeout

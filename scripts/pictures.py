@@ -37,7 +37,7 @@ FONTS = "'DejaVu Sans Mono', Menlo, Consolas, monospace"
 def live_view(binary, size):
     """Doors, wires and neighbours, some keys after the start."""
     with Terminal(simulation(binary), *size) as terminal:
-        terminal.wait_for("16 ports in service", "Front door contact", "window +closed", "fence +closed")
+        terminal.wait_for("14 of 14 ports in service", "Front door contact", "window +closed", "fence +closed")
 
         def press(*keys, until):
             terminal.keys(*keys)
@@ -45,10 +45,10 @@ def live_view(binary, size):
 
         press("Space", until=[FIRST_KEY])
         press("End", "Up", "Up", "c", until=["port=13 state=cut", "port 13 fence", "fence +cut"])
-        press("2", until=["Z-Wave is gone", "2 Z-Wave +○ stopped"])
+        press("2", until=["Z-Wave is stopped", "○ ZWave.IO not there"])
         press("Up", "Up", "Up", "s", until=["port=10 state=short", "loop +short +told"])
-        press(*["Up"] * 3, "d", until=["extension is out of service", "15 ports"])
-        press(*["Down"] * 5, until=["▶ 12  window .*● on", "13  fence .*○ off", "10  loop .*○ off"])
+        press(*["Up"] * 3, "d", until=["extension is out of service", "13 of 14 ports", "extension +missing"])
+        press(*["Down"] * 5, until=["▶ 12 +window .*● closed", "13 +fence .*○ cut", "10 +loop .*○ short"])
         return terminal.screen("-e")
 
 

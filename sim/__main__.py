@@ -8,7 +8,7 @@ import signal
 import sys
 import time
 
-from sim import example, sandbox, scenario, shell, show
+from sim import example, live, sandbox, scenario, shell, show
 from sim.device import Device
 from sim.endings import ENDINGS
 from sim.peers import Neighbourhood
@@ -65,11 +65,11 @@ def tell_the_story(device, started):
 
 
 def show_live(device):
-    from sim.live import app  # here, because only this wants the terminal library
-
     for number in device.supervision.GetSupervisedPortNumbers():
         device.supervision.SetSupervised(number, True)
-    app.run(device)
+    status = live.run(device)
+    if status != 0:
+        raise RuntimeError(f"the screen ended with status {status}")
 
 
 def main():

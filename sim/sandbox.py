@@ -147,11 +147,15 @@ class Sandbox:
 
 def child_of(pid):
     """The process id of the only child of a process; None while there is none (or no parent)."""
+    children = children_of(pid)
+    return children[0] if children else None
+
+
+def children_of(pid):
     try:
-        children = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
+        return [*map(int, pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split())]
     except OSError:
-        return None
-    return int(children[0]) if children else None
+        return []
 
 
 def usable():

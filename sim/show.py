@@ -79,10 +79,3 @@ def describe(signal, names):
         return f"port {signal.port} {name}: sequence done"
     state = green("on") if signal.state else "off"
     return f"port {signal.port} {name}: {state} {dim('(' + ', '.join(remarks(signal)) + ')')}"
-
-
-def changed_setting(side, name, value):
-    """One line of text for a setting; texts come as bytes with a zero at their end."""
-    if isinstance(value, list):
-        value = bytes(value).rstrip(b"\0").decode(errors="replace")
-    return f"{side}.{name} is now '{value}'"

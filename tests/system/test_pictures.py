@@ -10,7 +10,6 @@ import pytest
 from conftest import TOP
 
 from sim import example
-from sim.live.model import PEERS
 
 sys.path.insert(0, str(TOP / "scripts"))
 import pictures  # noqa: E402
@@ -45,8 +44,8 @@ def test_every_port_of_the_description_is_in_the_picture(name):
 
 def test_the_live_views_picture_shows_all_its_parts():
     shown = "\n".join(pictures.svg_lines((KEPT / "live-view.svg").read_text()))
-    for part in ("Supervised lines", "Changes and events", "Peers", *PEERS.values(), "◆", "● on",
-                 "gone", "○ stopped", "13  fence +cut +3850"):  # fmt: skip
+    for part in ("Supervised lines", "Changes", "Services", "Streamer", "◆", "● on",
+                 "missing", "not there", "13  fence +cut +3850"):  # fmt: skip
         assert re.search(part, shown), part
 
 

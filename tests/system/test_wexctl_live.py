@@ -8,6 +8,7 @@ import signal
 import pytest
 from describe import failing, port
 
+from sim import sandbox
 from sim.bus import wait_until
 from sim.peers import IoBox
 from sim.terminal import DEADLINE, Terminal
@@ -273,15 +274,10 @@ def test_every_end_leaves_the_terminal_as_it_was(daemon, make_screen, binary, nu
         elif number == "INT":
             terminal.keys("C-c")
         else:
-            process = wait_until(lambda: child(terminal.process), "the screen")
+            process = wait_until(lambda: sandbox.child_of(terminal.process), "the screen")
             os.kill(process, getattr(signal, f"SIG{number}"))
         terminal.wait_for(r"\Aonce", "^same 0", "ended with status 0")
         assert terminal._tmux("display-message", "-p", "#{cursor_flag}#{alternate_on}").strip() == "10"
-
-
-def child(process):
-    children = pathlib.Path(f"/proc/{process}/task/{process}/children").read_text().split()
-    return int(children[0]) if children else None
 
 
 def test_a_terminal_that_goes_away_ends_it(screen):

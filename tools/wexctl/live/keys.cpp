@@ -93,8 +93,9 @@ constexpr std::array kinds{
     Kind{"missing", [](const SeenPort* port) { return port != nullptr && port->missing; }},
 };
 
-constexpr std::array<std::string_view, 12> taken{
-    "up", "down", "home", "end", "pageup", "pagedown", "control-d", "k", "j", "h", "?", "q"};
+constexpr std::array<std::string_view, 13> taken{
+    "up",        "down", "home", "end", "pageup", "pagedown", "control-c",
+    "control-d", "k",    "j",    "h",   "?",      "q"};
 
 constexpr std::array moves{
     std::pair{"↑ ↓", "choose a port (also k and j, home, end and the page keys)"},

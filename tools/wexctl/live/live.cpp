@@ -270,7 +270,7 @@ bool Live::move(const std::string& key) {
 }
 
 void Live::press(const std::string& key) {
-  if (key == "q" || key == "control-d") {
+  if (key == "q" || key == "control-c" || key == "control-d") {
     end();
   } else if (key == "?" || key == "h") {
     helped_ = !helped_;

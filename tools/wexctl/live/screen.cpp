@@ -44,7 +44,7 @@ constexpr std::array names{
     Named{"f7", KEY_F0 + 7, true},    Named{"f8", KEY_F0 + 8, true},
     Named{"f9", KEY_F0 + 9, true},    Named{"f10", KEY_F0 + 10, true},
     Named{"f11", KEY_F0 + 11, true},  Named{"f12", KEY_F0 + 12, true},
-    Named{"control-d", 4, false},
+    Named{"control-c", 3, false},     Named{"control-d", 4, false},
 };
 
 // The sixteen colours of the terminal's own choice suit its background.
@@ -112,7 +112,11 @@ void require_terminal() {
   }
   int found = 0;
   const bool known = setupterm(nullptr, STDOUT_FILENO, &found) == OK;
-  if (!known || tigetstr("cup") == nullptr) {
+  const bool able = known && tigetstr("cup") != nullptr;
+  if (known) {
+    del_curterm(cur_term);
+  }
+  if (!able) {
     const char* const term = getenv("TERM");
     throw CommandError(Status::Usage,
                        fmt::format("live needs a terminal whose cursor it can move; TERM is '{}'",
@@ -127,8 +131,12 @@ bool is_key(std::string_view name) {
 
 Screen::Screen() {
   speak_utf8();
-  initscr();
-  cbreak();
+  screen_ = newterm(nullptr, stdout, stdin);
+  if (screen_ == nullptr) {
+    throw CommandError(Status::Usage, "live needs a terminal");
+  }
+  // An interrupt is a key like any other, so that it ends nothing else that was started here.
+  raw();
   noecho();
   nonl();
   keypad(stdscr, TRUE);
@@ -142,6 +150,7 @@ Screen::Screen() {
 
 Screen::~Screen() {
   endwin();
+  delscreen(screen_);
 }
 
 Size Screen::size() const {

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+struct screen;
+
 namespace wexctl {
 
 /// Throws unless input and output are a terminal whose cursor can be moved.
@@ -30,6 +32,10 @@ public:
   void show(const std::vector<Line>& lines);
   /// The next key that was pressed, if there is one; one without a name is empty.
   std::optional<std::string> key();
+
+private:
+  /// The library's.
+  screen* screen_;
 };
 
 } // namespace wexctl

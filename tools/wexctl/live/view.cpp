@@ -112,6 +112,9 @@ std::string cell(std::string_view name, const SeenPort& port) {
   if (name == "sequence") {
     return port.runs ? "runs" : "";
   }
+  if (name == "kind" && !port.missing) {
+    return std::string(port.info.input ? "input" : "output") + (port.info.configurable ? " ⇄" : "");
+  }
   const auto value = port_column(name).value(port.info, port.more);
   if (port.missing) {
     return name == "state"                                     ? "missing"
@@ -124,7 +127,7 @@ std::string cell(std::string_view name, const SeenPort& port) {
 Rows cells(const std::vector<SeenPort>& ports, const std::vector<std::string_view>& names) {
   Rows rows(1);
   for (const auto& name : names) {
-    rows[0].emplace_back(name == "sequence" ? "Sequence" : port_column(name).heading);
+    rows[0].emplace_back(name == "sequence" ? "Runs" : port_column(name).heading);
   }
   for (const auto& port : ports) {
     auto& row = rows.emplace_back();
@@ -331,7 +334,7 @@ Line service_line(const Json& service, size_t columns) {
 
 // Changes on the left, the latest at the foot; services on the right if there is room for both.
 std::vector<Line> changes_and_services(const Scene& scene, Size size) {
-  const size_t right = size.columns >= 72 ? std::min<size_t>(size.columns * 2 / 5, 42) : 0;
+  const size_t right = size.columns >= 72 ? std::min<size_t>(size.columns / 3, 42) : 0;
   const size_t left = size.columns - right;
   const auto services = scene.look.status.value("services", Json::array());
   const size_t shown = std::min(scene.happenings.size(), size.rows - 1);
@@ -392,8 +395,8 @@ std::vector<Line> draw(Scene& scene, Size size) {
     append(lines, help_lines(scene, {size.columns, size.rows - 1}));
     return lines;
   }
-  // Title, headings, the rule of the changes with two of them, and the hints.
-  constexpr size_t others = 6;
+  // Title, headings, the rule of the changes with some of them, and the hints.
+  const size_t others = 4 + std::max<size_t>(size.rows / 4, 2);
   const auto supervised = supervised_lines(scene, size);
   const size_t room = size.rows - others - supervised.size();
   append(lines, port_lines(scene, size.columns, std::min(room, scene.look.ports.size())));

@@ -56,6 +56,9 @@ void Watch::run() {
   } catch (const CommandError&) {
     g_main_loop_run(loop_);
   }
+  // What the proxies have left to be freed is freed in this context.
+  while (g_main_context_iteration(context_, FALSE) != FALSE) {
+  }
   g_main_context_pop_thread_default(context_);
 }
 
