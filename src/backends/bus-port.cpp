@@ -23,7 +23,7 @@ void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* sign
     return;
   }
   g_autoptr(GVariant) told = g_variant_get_child_value(arguments, 1);
-  const guint state = bus->followed->state_of(told);
+  const SupervisedState state = bus->followed->state_of(told);
   if (state != bus->state) {
     bus->state = state;
     bus_port_report(*bus);
@@ -138,13 +138,13 @@ bool bus_port_follow(BusPort& bus, const BusPortSignal& signal) {
 }
 
 bool bus_port_show_output(BusPort& bus) {
-  const bool active = bus.output_value > 0;
+  const bool active = bus.output_level == Level::High;
   bus.state = active ? SUPERVISED_CLOSED : SUPERVISED_OPEN;
   return active;
 }
 
 void bus_port_report(const BusPort& bus) {
   if (bus.watching) {
-    io_port_trigger(bus.port, io_port_get_state(bus.port) ? 1 : 0);
+    io_port_trigger(bus.port, ReportedState(io_port_get_state(bus.port)));
   }
 }

@@ -14,7 +14,7 @@ struct BusPortSignal {
   const char* name;
   /// "(i" and the type of the state.
   const char* type;
-  guint (*state_of)(GVariant* state);
+  SupervisedState (*state_of)(GVariant* state);
 };
 
 struct BusPort;
@@ -38,8 +38,8 @@ struct BusPort {
   bool watching = false;
   // These three are used by action-sequence threads as well.
   std::atomic<bool> connected{false};
-  std::atomic<gint> output_value{0};
-  std::atomic<guint> state{SUPERVISED_OPEN};
+  std::atomic<Level> output_level{Level::Low};
+  std::atomic<SupervisedState> state{SUPERVISED_OPEN};
   const BusPortSignal* followed = nullptr;
 
   BusPort() = default;
@@ -66,7 +66,7 @@ void bus_ports_change_connection();
 /// Follows the service's signal; a second time changes nothing. False when it cannot.
 [[nodiscard]] bool bus_port_follow(BusPort& bus, const BusPortSignal& signal);
 
-/// Stores the state that the output value shows; whether that is the active one.
+/// Stores the state that the output level shows; whether that is the active one.
 [[nodiscard]] bool bus_port_show_output(BusPort& bus);
 
 /// Reports the port's state, if it is watched.

@@ -8,10 +8,10 @@ namespace {
 
 struct CheckPortData {
   // Set by action-sequence threads, read by the main thread.
-  std::atomic<gint> state{0};
+  std::atomic<Level> level{Level::Low};
   bool setup_result = false;
   bool watching = false;
-  bool direction = false;
+  Direction direction = Direction::Output;
   /// Latest first.
   std::list<IoPort::BackendAttribute> attributes;
 };
@@ -20,28 +20,28 @@ bool asks_for_failure(const IoPort::BackendAttribute& attribute) {
   return attribute.key == "setup" && attribute.value == "fail";
 }
 
-gboolean check_setup(IoPort* port, gboolean /*activelow_output*/) {
+bool check_setup(IoPort* port, Level /*start*/) {
   auto* data = backend_data_ensure<CheckPortData>(port);
   data->setup_result = std::ranges::none_of(data->attributes, asks_for_failure);
   return data->setup_result;
 }
 
-guint check_get_state(IoPort* port) {
+Level check_get_state(IoPort* port) {
   const auto* data = backend_data<CheckPortData>(port);
-  return data != nullptr ? static_cast<guint>(data->state.load()) : 0;
+  return data != nullptr ? data->level.load() : Level::Low;
 }
 
-void check_set_state(IoPort* port, gint state) {
-  backend_data_ensure<CheckPortData>(port)->state = state;
+void check_set_state(IoPort* port, Level level) {
+  backend_data_ensure<CheckPortData>(port)->level = level;
 }
 
-gboolean check_set_watch(IoPort* port) {
+bool check_set_watch(IoPort* port) {
   backend_data_ensure<CheckPortData>(port)->watching = true;
-  return TRUE;
+  return true;
 }
 
-void check_set_direction(IoPort* port, gboolean input) {
-  backend_data_ensure<CheckPortData>(port)->direction = input;
+void check_set_direction(IoPort* port, Direction direction) {
+  backend_data_ensure<CheckPortData>(port)->direction = direction;
 }
 
 void check_parse_data(IoPort* port, const char* element, const char* key, const char* value) {

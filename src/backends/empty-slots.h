@@ -5,13 +5,13 @@
 
 #include "port/ioport.h"
 
-static inline void ignore_state(IoPort* /*port*/, gint /*state*/) {}
+static inline void ignore_state(IoPort* /*port*/, Level /*level*/) {}
 
-static inline gboolean ignore_watch(IoPort* /*port*/) {
-  return TRUE;
+static inline bool ignore_watch(IoPort* /*port*/) {
+  return true;
 }
 
-static inline void ignore_direction(IoPort* /*port*/, gboolean /*input*/) {}
+static inline void ignore_direction(IoPort* /*port*/, Direction /*direction*/) {}
 
 static inline void ignore_description(IoPort* /*port*/, const char* /*element*/,
                                       const char* /*key*/, const char* /*value*/) {}

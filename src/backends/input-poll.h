@@ -32,14 +32,14 @@ gboolean input_poll_on_time(gpointer user_data) {
 /// The slot that starts the poll; a running one stays as it is. The port has its true state from
 /// then on, which is what its events are declared with; the first poll reports it.
 template <typename Data>
-[[nodiscard]] gboolean input_poll_set_watch(IoPort* port) {
+[[nodiscard]] bool input_poll_set_watch(IoPort* port) {
   auto* data = backend_data_ensure<Data>(port);
   InputPoll& poll = data->poll;
   if (!poll.source) {
     poll.unreported = data->look();
     poll.source.reset(g_timeout_add(poll.interval_ms, input_poll_on_time<Data>, port));
   }
-  return TRUE;
+  return true;
 }
 
 /// A row's function for the attribute that tells the interval; decimal, 0x-hexadecimal or octal.

@@ -71,18 +71,20 @@ const char* mode_of(IoPort* port) {
 }
 
 void send_mode(IoPort* port, IoboxPortData* data) {
-  [[maybe_unused]] g_autoptr(GVariant) reply = iobox_dbus_call(
-      data, "SetIOMode",
-      g_variant_new("(iis)", port->number, data->bus.output_value.load(), mode_of(port)), nullptr);
+  [[maybe_unused]] g_autoptr(GVariant) reply =
+      iobox_dbus_call(data, "SetIOMode",
+                      g_variant_new("(iis)", port->number,
+                                    data->bus.output_level == Level::High ? 1 : 0, mode_of(port)),
+                      nullptr);
 }
 
-void set_output(IoboxPortData* data, gint value) {
-  data->bus.output_value = value;
+void set_output(IoboxPortData* data, Level level) {
+  data->bus.output_level = level;
   std::ignore = bus_port_show_output(data->bus);
 }
 
 // The stored state as a plain contact: a cut line is an open one, a short a closed one.
-guint plain_state(guint state) {
+SupervisedState plain_state(SupervisedState state) {
   switch (state) {
   case SUPERVISED_CUT:
     return SUPERVISED_OPEN;
@@ -93,16 +95,16 @@ guint plain_state(guint state) {
   }
 }
 
-guint visible_state(IoPort* port, const IoboxPortData* data) {
+SupervisedState visible_state(IoPort* port, const IoboxPortData* data) {
   if (!data->bus.connected) {
-    return 0;
+    return SUPERVISED_OPEN;
   }
-  const guint state = data->bus.state;
+  const SupervisedState state = data->bus.state;
   return io_port_supervised_input(port) ? state : plain_state(state);
 }
 
 constexpr BusPortSignal state_changed{
-    .name = "IOStateChanged", .type = "(is)", .state_of = [](GVariant* text) -> guint {
+    .name = "IOStateChanged", .type = "(is)", .state_of = [](GVariant* text) {
       return iobox_state_to_wexd_state(g_variant_get_string(text, nullptr));
     }};
 
@@ -187,11 +189,11 @@ bool ask_input_state(const IoPort* port, IoboxPortData* data) {
   return state.has_value();
 }
 
-bool start_state(IoPort* port, IoboxPortData* data, gboolean value) {
+bool start_state(IoPort* port, IoboxPortData* data, Level start) {
   if (io_port_input(port)) {
     return ask_input_state(port, data);
   }
-  set_output(data, value);
+  set_output(data, start);
   send_mode(port, data);
   return true;
 }
@@ -203,68 +205,65 @@ void follow_box(IoboxPortData* data) {
   }
 }
 
-gboolean iobox_port_setup(IoPort* port, gboolean value) {
+bool iobox_port_setup(IoPort* port, Level start) {
   auto* data = backend_data_ensure<IoboxPortData>(port);
   io_port_set_enabled(port, false);
   data->bus.connected = false;
   if (!reach_monitor(port, data)) {
-    return FALSE;
+    return false;
   }
   data->bus.connected = true;
   data->bus.state = SUPERVISED_UNDEFINED;
   if (!box_attached(data) || !box_fits(data) || !port_usable(port, data)) {
-    return FALSE;
+    return false;
   }
   io_port_set_enabled(port, true);
-  if (!ask_supervisable(port, data) || !start_state(port, data, value)) {
-    return FALSE;
+  if (!ask_supervisable(port, data) || !start_state(port, data, start)) {
+    return false;
   }
   follow_box(data);
-  return TRUE;
+  return true;
 }
 
-gboolean iobox_is_supervisable(IoPort* port) {
+bool iobox_is_supervisable(IoPort* port) {
   const auto* data = backend_data<IoboxPortData>(port);
   return data == nullptr || data->supervisable;
 }
 
-gboolean iobox_set_supervised(IoPort* port, gboolean supervised) {
+bool iobox_set_supervised(IoPort* port) {
   auto* data = backend_data_ensure<IoboxPortData>(port);
-  if (supervised && !data->supervisable) {
-    return FALSE;
+  if (port->supervised && !data->supervisable) {
+    return false;
   }
   send_mode(port, data);
-  return TRUE;
+  return true;
 }
 
-gboolean iobox_set_supervised_ranges(IoPort* port, GList* ranges, GError** /*error*/) {
-  io_port_replace_ranges(port, ranges);
-  return TRUE;
+bool iobox_set_supervised_ranges(IoPort* port, SupervisedRanges ranges, GError** /*error*/) {
+  port->ranges = std::move(ranges);
+  return true;
 }
 
-gboolean iobox_get_supervised_readout(IoPort* port, guint* state, guint* level,
-                                      GError** /*error*/) {
-  *state = visible_state(port, backend_data_ensure<IoboxPortData>(port));
-  *level = 0;
-  return TRUE;
+std::optional<SupervisedReadout> iobox_get_supervised_readout(IoPort* port, GError** /*error*/) {
+  return SupervisedReadout{.state = visible_state(port, backend_data_ensure<IoboxPortData>(port))};
 }
 
-guint iobox_get_state(IoPort* port) {
-  return visible_state(port, backend_data_ensure<IoboxPortData>(port));
+Level iobox_get_state(IoPort* port) {
+  return supervised_level_of(visible_state(port, backend_data_ensure<IoboxPortData>(port)));
 }
 
-void iobox_set_state(IoPort* port, gint value) {
+void iobox_set_state(IoPort* port, Level level) {
   auto* data = backend_data_ensure<IoboxPortData>(port);
-  set_output(data, value);
+  set_output(data, level);
   send_mode(port, data);
 }
 
-gboolean iobox_set_watch(IoPort* port) {
+bool iobox_set_watch(IoPort* port) {
   backend_data_ensure<IoboxPortData>(port)->bus.watching = true;
-  return TRUE;
+  return true;
 }
 
-void iobox_set_direction(IoPort* port, gboolean /*input*/) {
+void iobox_set_direction(IoPort* port, Direction /*direction*/) {
   send_mode(port, backend_data_ensure<IoboxPortData>(port));
 }
 

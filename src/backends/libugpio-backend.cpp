@@ -34,25 +34,26 @@ GpioPin* current_pin(IoPort* port) {
   return io_port_input(port) ? data->input.get() : data->output.get();
 }
 
-bool init_pin(IoPort* port, GpioPin* pin, const char* element, bool input, bool value) {
+bool init_pin(IoPort* port, GpioPin* pin, const char* element, PinUse use) {
   if (pin == nullptr) {
     g_warning("%sPort %d has no '%s' pin", log_prefix, port->number, element);
     return false;
   }
-  return libugpio_port_init_gpio_pin(pin, input, value);
+  return libugpio_port_init_gpio_pin(pin, use);
 }
 
-bool init_pins(IoPort* port, LibugpioPortData* data, bool state) {
-  const bool input = port->direction;
+bool init_pins(IoPort* port, LibugpioPortData* data, Level start) {
+  const bool output = port->direction == Direction::Output;
   switch (port->type) {
   case PORT_INPUT:
-    return init_pin(port, data->input.get(), "input", true, false);
+    return init_pin(port, data->input.get(), "input", PinUse::Input);
   case PORT_OUTPUT:
-    return init_pin(port, data->output.get(), "output", false, state);
+    return init_pin(port, data->output.get(), "output", output_at(start));
   case PORT_IO_CTRL:
-    return init_pin(port, data->input.get(), "input", true, false)
-           && init_pin(port, data->output.get(), "output", false, !input && state)
-           && init_pin(port, data->io_ctrl.get(), "io_ctrl", false, !input);
+    return init_pin(port, data->input.get(), "input", PinUse::Input)
+           && init_pin(port, data->output.get(), "output",
+                       output ? output_at(start) : PinUse::LowOutput)
+           && init_pin(port, data->io_ctrl.get(), "io_ctrl", output_at(level_of(output)));
   default:
     return false;
   }
@@ -65,51 +66,51 @@ void release_pins(LibugpioPortData* data) {
   }
 }
 
-gboolean libugpio_port_setup(IoPort* port, gboolean state) {
+bool libugpio_port_setup(IoPort* port, Level start) {
   auto* data = backend_data<LibugpioPortData>(port);
   g_assert(data != NULL);
-  if (init_pins(port, data, state)) {
-    return TRUE;
+  if (init_pins(port, data, start)) {
+    return true;
   }
   release_pins(data);
-  WEXD_RETURN_VAL_IF_FAIL(port->optional, FALSE);
-  return FALSE;
+  WEXD_RETURN_VAL_IF_FAIL(port->optional, false);
+  return false;
 }
 
-guint libugpio_port_get_state(IoPort* port) {
+Level libugpio_port_get_state(IoPort* port) {
   const GpioPin* const pin = current_pin(port);
-  return pin != nullptr && ugpio_get_value(pin->handle) != 0 ? 1 : 0;
+  return level_of(pin != nullptr && libugpio_get_gpio_pin(pin) != Level::Low);
 }
 
-void libugpio_port_set_state(IoPort* port, gint value) {
+void libugpio_port_set_state(IoPort* port, Level level) {
   const GpioPin* const pin = backend_data<LibugpioPortData>(port)->output.get();
   g_assert(pin != NULL);
-  if (ugpio_set_value(pin->handle, value) == -1) {
+  if (ugpio_set_value(pin->handle, level == Level::High) == -1) {
     g_warning("%sFailed to set state on port!\n", log_prefix);
   }
 }
 
-gboolean libugpio_port_set_watch(IoPort* port) {
+bool libugpio_port_set_watch(IoPort* port) {
   auto* data = backend_data<LibugpioPortData>(port);
   return data != nullptr && data->watch.start(port, current_pin(port));
 }
 
-void switch_line_driver(IoPort* port, bool output) {
+void switch_line_driver(IoPort* port, Direction direction) {
   const GpioPin* const pin = backend_data<LibugpioPortData>(port)->io_ctrl.get();
-  if (pin == nullptr || ugpio_set_value(pin->handle, output) == -1) {
+  if (pin == nullptr || ugpio_set_value(pin->handle, direction == Direction::Output) == -1) {
     g_warning("%sCouldn't change direction on port!\n", log_prefix);
   }
 }
 
 // The output pin is quiet whenever the line driver points the other way.
-void libugpio_port_set_direction(IoPort* port, gboolean input) {
+void libugpio_port_set_direction(IoPort* port, Direction direction) {
   backend_data<LibugpioPortData>(port)->watch.stop();
-  if (input) {
-    libugpio_port_set_state(port, 0);
-    switch_line_driver(port, false);
+  if (direction == Direction::Input) {
+    libugpio_port_set_state(port, Level::Low);
+    switch_line_driver(port, direction);
   } else {
-    switch_line_driver(port, true);
-    libugpio_port_set_state(port, port->activelow_output ? 1 : 0);
+    switch_line_driver(port, direction);
+    libugpio_port_set_state(port, level_of(port->activelow_output));
   }
 }
 

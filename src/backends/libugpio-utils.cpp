@@ -23,11 +23,11 @@ const char* name_of(const GpioPin* pin) {
 }
 
 // The line starts at the level that reads as `value` once the active-low setting is made.
-guint request_flags(const GpioPin* pin, bool input, bool value) {
-  if (input) {
+guint request_flags(const GpioPin* pin, PinUse use) {
+  if (use == PinUse::Input) {
     return input_flags;
   }
-  const bool high = value != (pin->activelow == PinActiveLow::Low);
+  const bool high = (use == PinUse::HighOutput) != (pin->activelow == PinActiveLow::Low);
   return high ? output_high_flags : output_low_flags;
 }
 
@@ -54,7 +54,7 @@ bool report_state(IoPort* port) {
   g_usleep(settle_time_us);
   auto state = read_state(port);
   while (state) {
-    io_port_trigger(port, *state ? 1 : 0);
+    io_port_trigger(port, ReportedState(*state));
     const auto now = read_state(port);
     if (now == state) {
       return true;
@@ -99,9 +99,9 @@ bool libugpio_apply_activelow(GpioPin* pin) {
   return true;
 }
 
-bool libugpio_open_gpio_pin(GpioPin* pin, bool input, bool value) {
+bool libugpio_open_gpio_pin(GpioPin* pin, PinUse use) {
   libugpio_close_gpio_pin(pin);
-  pin->handle = request(pin, request_flags(pin, input, value));
+  pin->handle = request(pin, request_flags(pin, use));
   if (pin->handle == nullptr) {
     g_warning("%sFailed to allocate pin %d/%s", log_prefix, pin->number, name_of(pin));
     return false;
@@ -113,24 +113,35 @@ bool libugpio_open_gpio_pin(GpioPin* pin, bool input, bool value) {
   return libugpio_apply_activelow(pin);
 }
 
-bool libugpio_port_init_gpio_pin(GpioPin* pin, bool input, bool value) {
-  if (!libugpio_open_gpio_pin(pin, input, value)) {
+bool libugpio_port_init_gpio_pin(GpioPin* pin, PinUse use) {
+  if (!libugpio_open_gpio_pin(pin, use)) {
     return false;
   }
-  if (!input && ugpio_set_value(pin->handle, value) == -1) {
+  if (use != PinUse::Input && ugpio_set_value(pin->handle, use == PinUse::HighOutput) == -1) {
     g_warning("%sFailed to set state on port!\n", log_prefix);
   }
   return true;
 }
 
-bool libugpio_set_gpio_pin(GpioPin* pin, bool value) {
+bool libugpio_set_gpio_pin(GpioPin* pin, Level level) {
   g_assert(pin);
   errno = 0;
-  if (ugpio_set_value(pin->handle, value) == -1) {
+  if (ugpio_set_value(pin->handle, level == Level::High) == -1) {
     g_warning("%sFailed to set gpio pin %s: %s", log_prefix, name_of(pin), g_strerror(errno));
     return false;
   }
   return true;
+}
+
+Level libugpio_get_gpio_pin(const GpioPin* pin) {
+  switch (ugpio_get_value(pin->handle)) {
+  case 0:
+    return Level::Low;
+  case 1:
+    return Level::High;
+  default:
+    return Level::Unknown;
+  }
 }
 
 void libugpio_close_gpio_pin(GpioPin* pin) {

@@ -60,18 +60,28 @@ template <typename Record, gsize Count>
   return false;
 }
 
-/// Requests and opens the pin as an input (with both edges) or as an output that starts at `value`
-/// without a glitch. A pin in use is given back first. False, with a warning, on failure.
-[[nodiscard]] bool libugpio_open_gpio_pin(GpioPin* pin, bool input, bool value);
+/// What a pin is opened as: an input with both edges, or an output and the level it starts at.
+enum class PinUse { Input, LowOutput, HighOutput };
+
+constexpr PinUse output_at(Level start) {
+  return start == Level::High ? PinUse::HighOutput : PinUse::LowOutput;
+}
+
+/// Requests and opens the pin; an output starts at its level without a glitch. A pin in use is
+/// given back first. False, with a warning, on failure.
+[[nodiscard]] bool libugpio_open_gpio_pin(GpioPin* pin, PinUse use);
 
 /// As above, and writes an output's level once more; failing to is told, but no failure.
-[[nodiscard]] bool libugpio_port_init_gpio_pin(GpioPin* pin, bool input, bool value);
+[[nodiscard]] bool libugpio_port_init_gpio_pin(GpioPin* pin, PinUse use);
 
 /// Applies a described active-low setting to an open pin; false, with a warning, on failure.
 [[nodiscard]] bool libugpio_apply_activelow(GpioPin* pin);
 
 /// Sets an output's level; false, with a warning, on failure.
-[[nodiscard]] bool libugpio_set_gpio_pin(GpioPin* pin, bool value);
+[[nodiscard]] bool libugpio_set_gpio_pin(GpioPin* pin, Level level);
+
+/// The pin's level; unknown when it cannot be read.
+[[nodiscard]] Level libugpio_get_gpio_pin(const GpioPin* pin);
 
 /// Releases the pin, keeping its description. NULL is allowed.
 void libugpio_close_gpio_pin(GpioPin* pin);

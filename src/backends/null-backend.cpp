@@ -4,21 +4,21 @@
 
 namespace {
 
-gboolean null_port_setup(IoPort* /*port*/, gboolean /*activelow_output*/) {
-  return TRUE;
+bool null_port_setup(IoPort* /*port*/, Level /*start*/) {
+  return true;
 }
 
-guint null_port_get_state(IoPort* /*port*/) {
-  return 0;
+Level null_port_get_state(IoPort* /*port*/) {
+  return Level::Low;
 }
 
-void null_port_set_state(IoPort* /*port*/, gint /*state*/) {}
+void null_port_set_state(IoPort* /*port*/, Level /*level*/) {}
 
-gboolean null_port_set_watch(IoPort* /*port*/) {
-  return TRUE;
+bool null_port_set_watch(IoPort* /*port*/) {
+  return true;
 }
 
-void null_port_set_direction(IoPort* /*port*/, gboolean /*input*/) {}
+void null_port_set_direction(IoPort* /*port*/, Direction /*direction*/) {}
 
 void null_port_parse_data(IoPort* /*port*/, const char* /*element*/, const char* /*key*/,
                           const char* /*value*/) {}

@@ -74,7 +74,7 @@ bool SpiadcPortData::refresh() {
   return active != before;
 }
 
-gboolean spiadc_port_setup(IoPort* port, gboolean /*activelow_output*/) {
+bool spiadc_port_setup(IoPort* port, Level /*start*/) {
   auto* data = backend_data<SpiadcPortData>(port);
   g_assert(data != NULL);
   g_assert(port->type == PORT_INPUT);
@@ -84,15 +84,15 @@ gboolean spiadc_port_setup(IoPort* port, gboolean /*activelow_output*/) {
   const int fd = open(device, O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     g_warning("%sFailed to open %s: %s", log_prefix, device, g_strerror(errno));
-    return FALSE;
+    return false;
   }
   data->fd = fd;
-  return TRUE;
+  return true;
 }
 
-guint spiadc_port_get_state(IoPort* port) {
+Level spiadc_port_get_state(IoPort* port) {
   const auto* data = backend_data<SpiadcPortData>(port);
-  return data != nullptr && data->active ? 1 : 0;
+  return level_of(data != nullptr && data->active);
 }
 
 // Numbers are decimal, 0x-hexadecimal or octal.

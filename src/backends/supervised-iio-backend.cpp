@@ -38,7 +38,7 @@ struct IioPortData {
   bool led_to_converter = false;
   guint extra_shift = 0;
   gint channel = 0;
-  guint last_reported = SUPERVISED_OPEN;
+  SupervisedState last_reported = SUPERVISED_OPEN;
   /// Samples cannot be read.
   Trouble unreadable;
   // Last, so that it goes before the descriptor that it polls.
@@ -230,29 +230,26 @@ bool setup_converter(IioPortData* data) {
   return false;
 }
 
-gboolean iio_setup(IoPort* port, gboolean state) {
+bool iio_setup(IoPort* port, Level start) {
   auto* data = backend_data_ensure<IioPortData>(port);
   const bool pins_ready =
-      data->mode == Mode::Adc || supervised_setup_pins(port, data->pins, state, pin_setup);
+      data->mode == Mode::Adc || supervised_setup_pins(port, data->pins, start, pin_setup);
   if (pins_ready && (port->type == PORT_OUTPUT || setup_converter(data))) {
-    return TRUE;
+    return true;
   }
   data->fd.reset();
   supervised_close_pins(data->pins);
-  return FALSE;
+  return false;
 }
 
 // A level of before tells nothing of the line as it is now.
-gboolean classify_cached(IoPort* port, guint* state, guint* level, GError** error) {
+std::optional<SupervisedReadout> classify_cached(IoPort* port, GError** error) {
   const auto* data = backend_data_ensure<IioPortData>(port);
-  *level = data->cached_level;
-  if (!supervised_lookup_state(port, *level, state, error)) {
-    return FALSE;
+  auto readout = supervised_readout_of(port, data->cached_level, error);
+  if (readout && data->awaits_sample) {
+    readout->state = SUPERVISED_UNDEFINED;
   }
-  if (data->awaits_sample) {
-    *state = SUPERVISED_UNDEFINED;
-  }
-  return TRUE;
+  return readout;
 }
 
 enum class Sample { Taken, None, Failed };
@@ -275,9 +272,9 @@ Sample read_sample(IioPortData* data, const char** reason) {
   return Sample::Taken;
 }
 
-void report_if_changed(IoPort* port, IioPortData* data, guint state) {
+void report_if_changed(IoPort* port, IioPortData* data, SupervisedState state) {
   if (state != data->last_reported) {
-    io_port_trigger(port, state);
+    io_port_trigger(port, ReportedState(state));
     data->last_reported = state;
   }
 }
@@ -306,13 +303,12 @@ ReadableWatch::Found on_sample(gpointer user_data) {
   if (data->unreadable.end()) {
     g_message("%sConverter of port %d can be read again", log_prefix, port->number);
   }
-  guint state = SUPERVISED_UNDEFINED;
-  guint level = 0;
   g_autoptr(GError) error = nullptr;
-  if (!classify_cached(port, &state, &level, &error)) {
+  const auto readout = classify_cached(port, &error);
+  if (!readout) {
     g_warning("%sReadout failed: %s", log_prefix, error->message);
   }
-  report_if_changed(port, data, state);
+  report_if_changed(port, data, readout ? readout->state : SUPERVISED_UNDEFINED);
   return ReadableWatch::Found::Sense;
 }
 
@@ -349,50 +345,50 @@ void apply_watches(IoPort* port) {
   }
 }
 
-gboolean iio_set_watch(IoPort* port) {
+bool iio_set_watch(IoPort* port) {
   apply_watches(port);
-  return TRUE;
+  return true;
 }
 
-gboolean iio_is_supervisable(IoPort* port) {
+bool iio_is_supervisable(IoPort* port) {
   const auto* data = backend_data<IioPortData>(port);
   return data != nullptr && data->mode != Mode::Adc && supervised_is_supervisable(port);
 }
 
-gboolean iio_set_supervised(IoPort* port, gboolean /*supervised*/) {
+bool iio_set_supervised(IoPort* port) {
   auto* data = backend_data_ensure<IioPortData>(port);
-  const bool sampled_before = static_cast<bool>(data->sample_watch);
+  const bool sampled_before{data->sample_watch};
   apply_watches(port);
-  if (!io_port_input(port) && !io_port_set_direction(port, true)) {
-    return FALSE;
+  if (!io_port_input(port) && !io_port_set_direction(port, Direction::Input)) {
+    return false;
   }
   std::ignore = supervised_set_control_pins(port, data->pins, pin_setup);
   if (data->sample_watch && !sampled_before) {
     // Taken before the line was led to the converter.
     forget_samples(data);
   }
-  return TRUE;
+  return true;
 }
 
-guint iio_get_state(IoPort* port) {
+Level iio_get_state(IoPort* port) {
   const auto* data = backend_data_ensure<IioPortData>(port);
   if (data->mode == Mode::GpioSupervised && !io_port_supervised_input(port)) {
     return supervised_pin_level(port, data->pins);
   }
-  guint state = SUPERVISED_UNDEFINED;
-  guint level = 0;
   g_autoptr(GError) error = nullptr;
-  if (!classify_cached(port, &state, &level, &error)) {
+  const auto readout = classify_cached(port, &error);
+  if (!readout) {
     g_warning("%sGet state failed: %s", log_prefix, error->message);
+    return Level::Unknown;
   }
-  return state;
+  return supervised_level_of(readout->state);
 }
 
-void iio_set_direction(IoPort* port, gboolean input) {
+void iio_set_direction(IoPort* port, Direction direction) {
   auto* data = backend_data_ensure<IioPortData>(port);
   data->sample_watch.stop();
-  data->led_to_converter = data->led_to_converter && input;
-  supervised_turn_pins(port, data->pins, input, pin_setup);
+  data->led_to_converter = data->led_to_converter && direction == Direction::Input;
+  supervised_turn_pins(port, data->pins, direction, pin_setup);
 }
 
 constexpr std::array device_keys{

@@ -35,7 +35,7 @@ struct IioIntPortData {
   std::atomic<guint32> cached_level{0};
   /// No reading has worked since the watch began.
   std::atomic<bool> awaits_reading{false};
-  guint last_reported = SUPERVISED_OPEN;
+  SupervisedState last_reported = SUPERVISED_OPEN;
   SupervisedPins pins;
 
   void take(const char* element, const char* key, const char* value);
@@ -62,45 +62,30 @@ bool read_level(IioIntPortData* data, bool tell, GError** error) {
   return level.has_value();
 }
 
-// The last range that holds the level, or nullptr.
-const SupervisedRange* range_of_level(const GList* ranges, guint32 level) {
-  const SupervisedRange* found = nullptr;
-  for (const GList* item = ranges; item != nullptr; item = item->next) {
-    const auto* range = static_cast<const SupervisedRange*>(item->data);
-    if (range->lower <= level && level <= range->upper) {
-      found = range;
-    }
-  }
-  return found;
-}
-
-bool classify(IoPort* port, guint level, guint* state, GError** error) {
-  *state = SUPERVISED_UNDEFINED;
-  if (port->ranges == nullptr) {
+std::optional<SupervisedReadout> classify(IoPort* port, guint level, GError** error) {
+  if (port->ranges.empty()) {
     g_set_error(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_NOT_SUPERVISED,
                 "Failed to get ranges from port %s", c_str_or_null(port->name));
-    return false;
+    return std::nullopt;
   }
-  return supervised_lookup_state(port, level, state, error);
+  return supervised_readout_of(port, level, error);
 }
 
-gboolean readout(IoPort* port, bool use_cache, guint* state, guint* level, GError** error) {
+std::optional<SupervisedReadout> measure(IoPort* port, GError** error) {
   auto* data = backend_data_ensure<IioIntPortData>(port);
-  *state = SUPERVISED_UNDEFINED;
-  if (!use_cache && !read_level(data, true, error)) {
-    return FALSE;
-  }
-  *level = data->cached_level;
-  const bool known = classify(port, *level, state, error);
-  if (data->awaits_reading) {
-    *state = SUPERVISED_UNDEFINED;
-  }
-  return known;
+  return read_level(data, true, error) ? classify(port, data->cached_level, error) : std::nullopt;
 }
 
-gboolean iio_int_get_supervised_readout(IoPort* port, guint* state, guint* level, GError** error) {
+std::optional<SupervisedReadout> iio_int_get_supervised_readout(IoPort* port, GError** error) {
   const auto* data = backend_data_ensure<IioIntPortData>(port);
-  return readout(port, data->use_cached_level, state, level, error);
+  if (!data->use_cached_level) {
+    return measure(port, error);
+  }
+  auto readout = classify(port, data->cached_level, error);
+  if (readout && data->awaits_reading) {
+    readout->state = SUPERVISED_UNDEFINED;
+  }
+  return readout;
 }
 
 // Watching
@@ -154,17 +139,17 @@ std::optional<guint> watched_level(IoPort* port, Occasion occasion) {
 // Whether the state was a new one.
 bool report_level(IoPort* port, guint level) {
   auto* data = backend_data<IioIntPortData>(port);
-  guint state = SUPERVISED_UNDEFINED;
   g_autoptr(GError) error = nullptr;
-  if (!classify(port, level, &state, &error)) {
+  const auto readout = classify(port, level, &error);
+  if (!readout) {
     g_warning("%sReadout failed: %s", log_prefix, error->message);
     return false;
   }
-  if (state == data->last_reported) {
+  if (readout->state == data->last_reported) {
     return false;
   }
-  io_port_trigger(port, state);
-  data->last_reported = state;
+  io_port_trigger(port, ReportedState(readout->state));
+  data->last_reported = readout->state;
   return true;
 }
 
@@ -194,7 +179,7 @@ bool arm(IoPort* port, const SupervisedRange& range) {
 // share.
 void look_behind(IoPort* port, const SupervisedRange* range) {
   if (const auto level = watched_level(port, Occasion::Arming);
-      level && range_of_level(port->ranges, *level) != range) {
+      level && supervised_range_of(port->ranges, *level) != range) {
     look_again(port, 0);
   }
 }
@@ -205,10 +190,10 @@ void look_behind(IoPort* port, const SupervisedRange* range) {
 void await_change(IoPort* port, guint level) {
   auto* data = backend_data<IioIntPortData>(port);
   data->look_timer.reset();
-  if (port->ranges == nullptr) {
+  if (port->ranges.empty()) {
     return;
   }
-  const SupervisedRange* const range = range_of_level(port->ranges, level);
+  const SupervisedRange* const range = supervised_range_of(port->ranges, level);
   if (range == nullptr || beyond_limits(data, level) || !arm(port, *range)) {
     look_again(port, data->limit_timeout_ms);
     return;
@@ -217,7 +202,7 @@ void await_change(IoPort* port, guint level) {
 }
 
 void update_thresholds(IoPort* port) {
-  if (port->ranges == nullptr) {
+  if (port->ranges.empty()) {
     return;
   }
   if (const auto level = watched_level(port, Occasion::Arming)) {
@@ -259,20 +244,20 @@ void stop_interrupts(IoPort* port, IioIntPortData* data) {
   std::ignore = iio_event_device_unwatch(port, data->channel.device_path);
 }
 
-gboolean iio_int_set_watch(IoPort* port) {
+bool iio_int_set_watch(IoPort* port) {
   auto* data = backend_data_ensure<IioIntPortData>(port);
   if (!measured(port, data)) {
     std::ignore =
         data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins), G_IO_PRI);
     stop_interrupts(port, data);
-    return TRUE;
+    return true;
   }
   data->pins.logic_watch.stop();
   data->last_reported = SUPERVISED_UNDEFINED;
   data->awaits_reading = true;
   iio_event_device_watch(port, data->channel.device_path, on_device_event);
   update_thresholds(port);
-  return TRUE;
+  return true;
 }
 
 // Setting up
@@ -298,47 +283,45 @@ void iio_int_close(IoPort* port) {
   iio_threshold_close(data->channel);
 }
 
-gboolean iio_int_setup(IoPort* port, gboolean state) {
+bool iio_int_setup(IoPort* port, Level start) {
   auto* data = backend_data_ensure<IioIntPortData>(port);
   const bool pins_ready =
-      data->adc_only || supervised_setup_pins(port, data->pins, state, pin_setup(data));
+      data->adc_only || supervised_setup_pins(port, data->pins, start, pin_setup(data));
   if (pins_ready && (port->type == PORT_OUTPUT || setup_converter(port, data->channel))) {
-    return TRUE;
+    return true;
   }
   iio_int_close(port);
-  return FALSE;
+  return false;
 }
 
-gboolean iio_int_is_supervisable(IoPort* port) {
+bool iio_int_is_supervisable(IoPort* port) {
   const auto* data = backend_data<IioIntPortData>(port);
   return data != nullptr && !data->adc_only && supervised_is_supervisable(port);
 }
 
-gboolean iio_int_set_supervised(IoPort* port, gboolean /*supervised*/) {
+bool iio_int_set_supervised(IoPort* port) {
   iio_int_set_watch(port);
-  if (!io_port_input(port) && !io_port_set_direction(port, true)) {
-    return FALSE;
+  if (!io_port_input(port) && !io_port_set_direction(port, Direction::Input)) {
+    return false;
   }
   const auto* data = backend_data<IioIntPortData>(port);
   std::ignore = supervised_set_control_pins(port, data->pins, pin_setup(data));
-  return TRUE;
+  return true;
 }
 
-guint iio_int_get_state(IoPort* port) {
+Level iio_int_get_state(IoPort* port) {
   const auto* data = backend_data_ensure<IioIntPortData>(port);
   if (!measured(port, data)) {
     return supervised_pin_level(port, data->pins);
   }
-  guint state = SUPERVISED_UNDEFINED;
-  guint level = 0;
-  readout(port, false, &state, &level, nullptr);
-  return state;
+  const auto readout = measure(port, nullptr);
+  return readout ? supervised_level_of(readout->state) : Level::Unknown;
 }
 
-void iio_int_set_direction(IoPort* port, gboolean input) {
+void iio_int_set_direction(IoPort* port, Direction direction) {
   auto* data = backend_data_ensure<IioIntPortData>(port);
   stop_interrupts(port, data);
-  supervised_turn_pins(port, data->pins, input, pin_setup(data));
+  supervised_turn_pins(port, data->pins, direction, pin_setup(data));
 }
 
 // Vocabulary

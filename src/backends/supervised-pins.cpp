@@ -41,13 +41,13 @@ bool step_failed(const PinSetup& how, const char* call) {
   return false;
 }
 
-bool open_pin(IoPort* port, GpioPin* pin, const char* element, bool input, bool value,
-              const PinSetup& how, const char* call) {
+bool open_pin(IoPort* port, GpioPin* pin, const char* element, PinUse use, const PinSetup& how,
+              const char* call) {
   if (pin == nullptr) {
     g_warning("%sPort %d has no '%s' pin", log_prefix, port->number, element);
     return step_failed(how, call);
   }
-  return how.open_pin(pin, input, value) || !how.open_failure_counts || step_failed(how, call);
+  return how.open_pin(pin, use) || !how.open_failure_counts || step_failed(how, call);
 }
 
 ugpio_t* request_as_it_stands(const GpioPin* pin) {
@@ -89,21 +89,22 @@ bool setup_sioctrl(SupervisedPins& pins, const PinSetup& how) {
   return true;
 }
 
-bool setup_level_pins(IoPort* port, SupervisedPins& pins, bool state, const PinSetup& how) {
+bool setup_level_pins(IoPort* port, SupervisedPins& pins, Level start, const PinSetup& how) {
   if (io_port_has_input_side(port)
-      && !open_pin(port, pins.input.get(), "input", true, false, how,
+      && !open_pin(port, pins.input.get(), "input", PinUse::Input, how,
                    "libugpio_port_init_gpio_pin(data->input, TRUE, FALSE)")) {
     return false;
   }
   return !io_port_has_output_side(port)
-         || open_pin(port, pins.output.get(), "output", false,
-                     !io_port_direction_input(port) && state, how,
+         || open_pin(port, pins.output.get(), "output",
+                     io_port_direction_input(port) ? PinUse::LowOutput : output_at(start), how,
                      "libugpio_port_init_gpio_pin( data->output, FALSE, "
                      "io_port_direction_input(port) ? FALSE : state)");
 }
 
 bool setup_control_pins(IoPort* port, SupervisedPins& pins, const PinSetup& how) {
-  if (!open_pin(port, pins.ioctrl.get(), "io_ctrl", false, io_port_direction_input(port), how,
+  if (!open_pin(port, pins.ioctrl.get(), "io_ctrl",
+                output_at(level_of(io_port_direction_input(port))), how,
                 "libugpio_port_init_gpio_pin( data->ioctrl, FALSE, "
                 "io_port_direction_input(port) ? 1 : 0)")) {
     return false;
@@ -116,18 +117,18 @@ bool setup_control_pins(IoPort* port, SupervisedPins& pins, const PinSetup& how)
 }
 
 struct ControlLevels {
-  bool ioctrl;
-  bool sioctrl;
+  Level ioctrl;
+  Level sioctrl;
 };
 
 ControlLevels control_levels(IoPort* port, const PinSetup& how) {
   if (port->type != PORT_IO_CTRL) {
     g_assert(port->type == PORT_INPUT);
-  } else if (!port->direction) {
-    return {.ioctrl = false, .sioctrl = false};
+  } else if (port->direction == Direction::Output) {
+    return {.ioctrl = Level::Low, .sioctrl = Level::Low};
   }
   const bool supervised = io_port_supervised_input(port);
-  return {.ioctrl = how.ioctrl_always_on || !supervised, .sioctrl = supervised};
+  return {.ioctrl = level_of(how.ioctrl_always_on || !supervised), .sioctrl = level_of(supervised)};
 }
 
 void parse_range(PendingRange& pending, IoPort* port, const char* key, const char* value) {
@@ -158,8 +159,8 @@ bool supervised_parse_line(IoPort* port, SupervisedPins& pins, PendingRange& pen
   return libugpio_parse_pin_element(pin_elements, pins, element, key, value);
 }
 
-bool supervised_setup_pins(IoPort* port, SupervisedPins& pins, bool state, const PinSetup& how) {
-  return pins_complete(port, pins) && setup_level_pins(port, pins, state, how)
+bool supervised_setup_pins(IoPort* port, SupervisedPins& pins, Level start, const PinSetup& how) {
+  return pins_complete(port, pins) && setup_level_pins(port, pins, start, how)
          && (!io_port_has_input_side(port) || setup_control_pins(port, pins, how));
 }
 
@@ -177,16 +178,17 @@ bool supervised_set_control_pins(IoPort* port, const SupervisedPins& pins, const
 }
 
 // The output pin is quiet whenever the line is routed to be read.
-void supervised_turn_pins(IoPort* port, SupervisedPins& pins, bool input, const PinSetup& how) {
+void supervised_turn_pins(IoPort* port, SupervisedPins& pins, Direction direction,
+                          const PinSetup& how) {
   pins.logic_watch.stop();
-  if (input) {
-    supervised_drive_output(port, pins, false);
+  if (direction == Direction::Input) {
+    supervised_drive_output(port, pins, Level::Low);
   }
   if (pins.ioctrl != nullptr) {
     std::ignore = supervised_set_control_pins(port, pins, how);
   }
-  if (!input) {
-    supervised_drive_output(port, pins, port->activelow_output);
+  if (direction == Direction::Output) {
+    supervised_drive_output(port, pins, level_of(port->activelow_output));
   }
 }
 
@@ -194,14 +196,14 @@ GpioPin* supervised_level_pin(IoPort* port, const SupervisedPins& pins) {
   return io_port_input(port) ? pins.input.get() : pins.output.get();
 }
 
-guint supervised_pin_level(IoPort* port, const SupervisedPins& pins) {
+Level supervised_pin_level(IoPort* port, const SupervisedPins& pins) {
   const GpioPin* const pin = supervised_level_pin(port, pins);
-  return static_cast<guint>(pin != nullptr ? ugpio_get_value(pin->handle) : -1);
+  return pin != nullptr ? libugpio_get_gpio_pin(pin) : Level::Unknown;
 }
 
-void supervised_drive_output(IoPort* port, const SupervisedPins& pins, bool value) {
+void supervised_drive_output(IoPort* port, const SupervisedPins& pins, Level level) {
   if (io_port_has_output_side(port) && pins.output != nullptr) {
-    std::ignore = libugpio_set_gpio_pin(pins.output.get(), value);
+    std::ignore = libugpio_set_gpio_pin(pins.output.get(), level);
   }
 }
 

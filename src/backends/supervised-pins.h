@@ -27,7 +27,7 @@ struct PinSetup {
   /// Name of the backend's step in messages about broken preconditions.
   const char* function = nullptr;
   /// Opens a pin; see libugpio-utils.h.
-  bool (*open_pin)(GpioPin* pin, bool input, bool value) = libugpio_port_init_gpio_pin;
+  bool (*open_pin)(GpioPin* pin, PinUse use) = libugpio_port_init_gpio_pin;
   /// Whether a pin that cannot be opened fails the set-up.
   bool open_failure_counts = true;
   /// Whether control pins that cannot be written fail the set-up.
@@ -47,8 +47,8 @@ struct PinSetup {
                                          const char* element, const char* key, const char* value);
 
 /// Requests the port's pins for its type and direction and sets the control pins. An output starts
-/// at `state`. False, with a warning, on failure.
-[[nodiscard]] bool supervised_setup_pins(IoPort* port, SupervisedPins& pins, bool state,
+/// at `start`. False, with a warning, on failure.
+[[nodiscard]] bool supervised_setup_pins(IoPort* port, SupervisedPins& pins, Level start,
                                          const PinSetup& how);
 
 /// Routes the line: to the logic input, to the measuring circuit, or (output) to neither.
@@ -56,16 +56,17 @@ struct PinSetup {
                                                const PinSetup& how);
 
 /// Turns the pins round; the port already has its new direction. The watch is stopped.
-void supervised_turn_pins(IoPort* port, SupervisedPins& pins, bool input, const PinSetup& how);
+void supervised_turn_pins(IoPort* port, SupervisedPins& pins, Direction direction,
+                          const PinSetup& how);
 
 /// The pin that shows the port's logic level: the input pin of an input, else the output pin.
 GpioPin* supervised_level_pin(IoPort* port, const SupervisedPins& pins);
 
-/// The raw level of that pin as libugpio gives it; unknown when there is none.
-guint supervised_pin_level(IoPort* port, const SupervisedPins& pins);
+/// The level of that pin; unknown when there is none.
+[[nodiscard]] Level supervised_pin_level(IoPort* port, const SupervisedPins& pins);
 
 /// Drives the output pin of an output or configurable port.
-void supervised_drive_output(IoPort* port, const SupervisedPins& pins, bool value);
+void supervised_drive_output(IoPort* port, const SupervisedPins& pins, Level level);
 
 // For backends whose records hold their pins as `pins` and have a function
 // `take(element, key, value)` for the rest of their description.
@@ -88,8 +89,8 @@ constexpr PortFunctions supervised_table(PortFunctions slots) {
   }
   slots.get_supervised_ranges = supervised_get_supervised_ranges;
   slots.set_supervised_ranges = supervised_set_supervised_ranges;
-  slots.set_state = [](IoPort* port, gint state) {
-    supervised_drive_output(port, backend_data_ensure<Data>(port)->pins, state != 0);
+  slots.set_state = [](IoPort* port, Level level) {
+    supervised_drive_output(port, backend_data_ensure<Data>(port)->pins, level);
   };
   slots.parse_data = [](IoPort* port, const char* element, const char* key, const char* value) {
     supervised_parse_data<Data>(port, element, key, value);

@@ -32,12 +32,12 @@ constexpr guint poll_interval_ms = 250;
 constexpr guint8 bits_per_word = 16;
 
 // Shared by all ports of this kind, by port number.
-std::array<guint, 6> last_reported;
+std::array<SupervisedState, 6> last_reported;
 
 // The pin starts by its flags alone and is not written again.
-bool spi_init_pin(GpioPin* pin, bool input, bool value) {
+bool spi_init_pin(GpioPin* pin, PinUse use) {
   g_info("%sInit pin: %s", log_prefix, c_str_or_null(pin->name));
-  return libugpio_open_gpio_pin(pin, input, value);
+  return libugpio_open_gpio_pin(pin, use);
 }
 
 constexpr PinSetup pin_setup{
@@ -88,19 +88,18 @@ void release(SpiPortData* data) {
   supervised_close_pins(data->pins);
 }
 
-gboolean spi_setup(IoPort* port, gboolean state) {
+bool spi_setup(IoPort* port, Level start) {
   auto* data = backend_data_ensure<SpiPortData>(port);
-  if (number_in_range(port) && supervised_setup_pins(port, data->pins, state, pin_setup)
+  if (number_in_range(port) && supervised_setup_pins(port, data->pins, start, pin_setup)
       && (port->type == PORT_OUTPUT || open_device(data))) {
-    return TRUE;
+    return true;
   }
   release(data);
-  return FALSE;
+  return false;
 }
 
-gboolean spi_readout(IoPort* port, guint* state, guint* level, GError** error) {
+std::optional<SupervisedReadout> spi_readout(IoPort* port, GError** error) {
   auto* data = backend_data_ensure<SpiPortData>(port);
-  *state = SUPERVISED_UNDEFINED;
   SpiWord word{};
   if (!spi_exchange(data->fd.get(), static_cast<guint8>(data->address), &word)) {
     const char* const reason = g_strerror(errno);
@@ -108,60 +107,58 @@ gboolean spi_readout(IoPort* port, guint* state, guint* level, GError** error) {
     // Not reopened: a converter that failed once is not trusted again before the next set-up.
     data->fd.reset();
     g_set_error_literal(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_GENERIC, reason);
-    return FALSE;
+    return std::nullopt;
   }
-  *level = spi_level(word);
-  return supervised_lookup_state(port, *level, state, error);
+  return supervised_readout_of(port, spi_level(word), error);
 }
 
 gboolean spi_poll(gpointer user_data) {
   auto* port = static_cast<IoPort*>(user_data);
-  guint& last = last_reported[static_cast<gsize>(port->number)];
-  guint state = SUPERVISED_UNDEFINED;
-  guint level = 0;
+  SupervisedState& last = last_reported[static_cast<gsize>(port->number)];
   g_autoptr(GError) error = nullptr;
-  if (!io_port_get_supervised_readout(port, &state, &level, &error)) {
+  const auto readout = io_port_get_supervised_readout(port, &error);
+  if (!readout) {
     g_warning("%sReadout failed: %s", log_prefix, error->message);
-  } else if (state != last) {
-    io_port_trigger(port, state);
-    last = state;
+  } else if (readout->state != last) {
+    io_port_trigger(port, ReportedState(readout->state));
+    last = readout->state;
   }
   return G_SOURCE_CONTINUE;
 }
 
-gboolean spi_set_watch(IoPort* port) {
+bool spi_set_watch(IoPort* port) {
   auto* data = backend_data_ensure<SpiPortData>(port);
   if (!io_port_supervised_input(port)) {
     std::ignore = data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins));
     data->poll_timer.reset();
-    return TRUE;
+    return true;
   }
   data->pins.logic_watch.stop();
   if (!data->poll_timer) {
     last_reported[static_cast<gsize>(port->number)] = SUPERVISED_UNDEFINED;
     data->poll_timer.reset(g_timeout_add(poll_interval_ms, spi_poll, port));
   }
-  return TRUE;
+  return true;
 }
 
-gboolean spi_set_supervised(IoPort* port, gboolean /*supervised*/) {
-  if (!io_port_input(port) && !io_port_set_direction(port, true)) {
-    return FALSE;
+bool spi_set_supervised(IoPort* port) {
+  if (!io_port_input(port) && !io_port_set_direction(port, Direction::Input)) {
+    return false;
   }
   spi_set_watch(port);
   std::ignore = supervised_set_control_pins(port, backend_data<SpiPortData>(port)->pins, pin_setup);
-  return TRUE;
+  return true;
 }
 
-guint spi_get_state(IoPort* port) {
+Level spi_get_state(IoPort* port) {
   const auto* data = backend_data<SpiPortData>(port);
-  return data != nullptr ? supervised_pin_level(port, data->pins) : 0;
+  return data != nullptr ? supervised_pin_level(port, data->pins) : Level::Low;
 }
 
-void spi_set_direction(IoPort* port, gboolean input) {
+void spi_set_direction(IoPort* port, Direction direction) {
   auto* data = backend_data_ensure<SpiPortData>(port);
   data->poll_timer.reset();
-  supervised_turn_pins(port, data->pins, input, pin_setup);
+  supervised_turn_pins(port, data->pins, direction, pin_setup);
 }
 
 void SpiPortData::take(const char* element, const char* key, const char* value) {

@@ -18,7 +18,7 @@ namespace {
 struct SysfsPortData {
   OptionalText path;
   UniqueFd fd;
-  gint value = 0;
+  bool value = false;
   bool clear_flag = false;
   bool inverted = false;
   InputPoll poll;
@@ -69,16 +69,16 @@ gint parse_number(const SysfsPortData* data, const char* text) {
 
 enum class Flag { Clear, Leave };
 
-gint read_value(const SysfsPortData* data, Flag flag) {
+bool read_value(const SysfsPortData* data, Flag flag) {
   if (!data->fd) {
-    return data->inverted ? 1 : 0;
+    return data->inverted;
   }
   std::array<char, max_text + 1> text{};
   if (read(data->fd.get(), text.data(), max_text) < 0) {
     // What could not be read is inactive, whatever the inversion.
     g_warning("%sError failed to read %s! : %s", log_prefix, c_str_or_null(data->path),
               g_strerror(errno));
-    return 0;
+    return false;
   }
   rewind_file(data);
 
@@ -91,21 +91,20 @@ gint read_value(const SysfsPortData* data, Flag flag) {
     g_warning("%sUnexpected value: %d when reading: %s", log_prefix, number,
               c_str_or_null(data->path));
   }
-  const bool set = number == 1;
-  return set != data->inverted ? 1 : 0;
+  return (number == 1) != data->inverted;
 }
 
 bool SysfsPortData::refresh() {
-  const gint before = std::exchange(value, read_value(this, Flag::Clear));
+  const bool before = std::exchange(value, read_value(this, Flag::Clear));
   return value != before;
 }
 
 bool SysfsPortData::look() {
-  const gint before = std::exchange(value, read_value(this, Flag::Leave));
+  const bool before = std::exchange(value, read_value(this, Flag::Leave));
   return value != before;
 }
 
-gboolean sysfs_port_setup(IoPort* port, gboolean /*activelow_output*/) {
+bool sysfs_port_setup(IoPort* port, Level /*start*/) {
   auto* data = backend_data<SysfsPortData>(port);
   g_assert(data != NULL);
   g_assert(port->type == PORT_INPUT);
@@ -113,17 +112,17 @@ gboolean sysfs_port_setup(IoPort* port, gboolean /*activelow_output*/) {
   const char* const path = data->path ? data->path->c_str() : "";
   data->fd.reset(open(path, (data->clear_flag ? O_RDWR : O_RDONLY) | O_CLOEXEC));
   if (data->fd) {
-    return TRUE;
+    return true;
   }
   if (!port->optional) {
     g_warning("%sFailed to open %s: %s", log_prefix, path, g_strerror(errno));
   }
-  return FALSE;
+  return false;
 }
 
-guint sysfs_port_get_state(IoPort* port) {
+Level sysfs_port_get_state(IoPort* port) {
   const auto* data = backend_data<SysfsPortData>(port);
-  return data != nullptr && data->value > 0 ? 1 : 0;
+  return level_of(data != nullptr && data->value);
 }
 
 constexpr PortFunctions functions = input_poll_table<SysfsPortData>({

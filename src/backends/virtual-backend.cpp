@@ -7,20 +7,20 @@ namespace {
 
 struct VirtualPortData {
   // Set by action-sequence threads, read by the main thread.
-  std::atomic<gint> state{0};
+  std::atomic<Level> level{Level::Low};
 };
 
-gboolean virtual_setup(IoPort* /*port*/, gboolean /*activelow_output*/) {
-  return TRUE;
+bool virtual_setup(IoPort* /*port*/, Level /*start*/) {
+  return true;
 }
 
-guint virtual_get_state(IoPort* port) {
+Level virtual_get_state(IoPort* port) {
   const auto* data = backend_data<VirtualPortData>(port);
-  return data != nullptr && data->state > 0 ? 1 : 0;
+  return data != nullptr ? data->level.load() : Level::Low;
 }
 
-void virtual_set_state(IoPort* port, gint state) {
-  backend_data_ensure<VirtualPortData>(port)->state = state;
+void virtual_set_state(IoPort* port, Level level) {
+  backend_data_ensure<VirtualPortData>(port)->level = level;
 }
 
 constexpr PortFunctions functions = backend_table<VirtualPortData>({

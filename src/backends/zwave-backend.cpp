@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr guint state_unknown = 4;
-
 struct ZwavePortData {
   BusPort bus;
   /// Held from reading the output value until the service has it: the service ends up with the
@@ -22,8 +20,8 @@ struct ZwavePortData {
 };
 
 constexpr BusPortSignal state_changed{
-    .name = "StateChangedByPort", .type = "(ib)", .state_of = [](GVariant* active) -> guint {
-      return g_variant_get_boolean(active) ? 1 : 0;
+    .name = "StateChangedByPort", .type = "(ib)", .state_of = [](GVariant* active) {
+      return g_variant_get_boolean(active) ? SUPERVISED_CLOSED : SUPERVISED_OPEN;
     }};
 
 GVariant* call(ZwavePortData* data, const char* method, GVariant* arguments,
@@ -49,7 +47,7 @@ void ask_state(IoPort* port, ZwavePortData* data) {
   }
   gboolean active = FALSE;
   g_variant_get(reply, "(b)", &active);
-  data->bus.state = active ? 1 : 0;
+  data->bus.state = active ? SUPERVISED_CLOSED : SUPERVISED_OPEN;
   bus_port_report(data->bus);
 }
 
@@ -57,7 +55,7 @@ void ask_state(IoPort* port, ZwavePortData* data) {
 void synchronise(IoPort* port, ZwavePortData* data) {
   data->bus.connected = true;
   if (io_port_input(port)) {
-    data->bus.state = state_unknown;
+    data->bus.state = SUPERVISED_UNDEFINED;
     ask_state(port, data);
   } else {
     send_state(port, data);
@@ -88,29 +86,29 @@ void reach_service(IoPort* port, BusPort& bus) {
   }
 }
 
-gboolean zwave_setup(IoPort* port, gboolean value) {
+bool zwave_setup(IoPort* port, Level start) {
   auto* data = backend_data_ensure<ZwavePortData>(port);
   io_port_set_enabled(port, true);
   reach_service(port, data->bus);
-  data->bus.output_value = value;
+  data->bus.output_level = start;
   synchronise(port, data);
-  return TRUE;
+  return true;
 }
 
-guint zwave_get_state(IoPort* port) {
+Level zwave_get_state(IoPort* port) {
   const auto* data = backend_data<ZwavePortData>(port);
-  return data != nullptr && data->bus.connected ? data->bus.state.load() : 0;
+  return data != nullptr && data->bus.connected ? supervised_level_of(data->bus.state) : Level::Low;
 }
 
-void zwave_set_state(IoPort* port, gint value) {
+void zwave_set_state(IoPort* port, Level level) {
   auto* data = backend_data_ensure<ZwavePortData>(port);
-  data->bus.output_value = value;
+  data->bus.output_level = level;
   send_state(port, data);
 }
 
-gboolean zwave_set_watch(IoPort* port) {
+bool zwave_set_watch(IoPort* port) {
   backend_data_ensure<ZwavePortData>(port)->bus.watching = true;
-  return TRUE;
+  return true;
 }
 
 constexpr PortFunctions functions = backend_table<ZwavePortData>({

@@ -31,7 +31,6 @@ void set_by_word(const Table& words, const char* text, Target& target) {
   }
 }
 
-constexpr std::array direction_words{Word{"input", true}, Word{"output", false}};
 static_assert(same_words(direction_words, direction_names));
 constexpr std::array mode_words{Word{"bistable", PORT_MODE_BISTABLE},
                                 Word{"monostable", PORT_MODE_MONOSTABLE}};
@@ -67,7 +66,7 @@ void set_type(const ConfTarget& target, const char* /*key*/, const char* value) 
     g_critical("%sUnsupported port type %s\n", log_prefix, value);
   }
   if (port->type != PORT_IO_CTRL) {
-    port->direction = port->type == PORT_INPUT;
+    port->direction = port->type == PORT_INPUT ? Direction::Input : Direction::Output;
   }
 }
 

@@ -118,8 +118,9 @@ gboolean on_handle_is_configurable(IOControlState* object, GDBusMethodInvocation
 gboolean on_handle_get_direction(IOControlState* object, GDBusMethodInvocation* invocation,
                                  guint number, gpointer /*user_data*/) {
   if (const auto port = published_port(invocation, number)) {
-    iocontrol_state_complete_get_direction(object, invocation,
-                                           io_port_input(port.get()) ? "input" : "output");
+    iocontrol_state_complete_get_direction(
+        object, invocation,
+        direction_word(io_port_input(port.get()) ? Direction::Input : Direction::Output));
   }
   return TRUE;
 }
@@ -130,11 +131,11 @@ gboolean on_handle_set_direction(IOControlState* object, GDBusMethodInvocation* 
   if (port == nullptr) {
     return TRUE;
   }
-  const bool input = g_str_equal(direction, "input");
-  if (!input && !g_str_equal(direction, "output")) {
+  const auto wanted = find_word(direction_words, direction);
+  if (!wanted) {
     answer_error(invocation, IO_CONTROL_ERROR_GENERIC,
                  "Incorrect input to set_direction eiter use 'input' or 'output'");
-  } else if (!io_port_set_direction(port.get(), input)) {
+  } else if (!io_port_set_direction(port.get(), *wanted)) {
     answer_error(invocation, IO_CONTROL_ERROR_NOT_CONFIGURABLE, "Port not configurable.");
   } else {
     iocontrol_state_complete_set_direction(object, invocation);

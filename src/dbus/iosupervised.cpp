@@ -161,13 +161,13 @@ gboolean on_handle_get_supervised_ranges(IOSupervisedSupervised* object,
   if (port == nullptr) {
     return TRUE;
   }
-  GList* ranges = nullptr;
-  if (!io_port_get_supervised_ranges(port.get(), &ranges)) {
+  const SupervisedRanges* const ranges = io_port_get_supervised_ranges(port.get());
+  if (ranges == nullptr) {
     answer_error(invocation, IO_SUPERVISED_ERROR_GENERIC, "Could not get ranges.");
     return TRUE;
   }
   iosupervised_supervised_complete_get_supervised_ranges(object, invocation,
-                                                         supervised_ranges2gvariant(ranges));
+                                                         supervised_ranges2gvariant(*ranges));
   return TRUE;
 }
 
@@ -178,16 +178,14 @@ gboolean on_handle_get_supervised_readout(IOSupervisedSupervised* object,
   if (port == nullptr) {
     return TRUE;
   }
-  guint state = SUPERVISED_UNDEFINED;
-  guint level = 0;
   g_autoptr(GError) error = nullptr;
-  if (!io_port_get_supervised_readout(port.get(), &state, &level, &error)) {
+  const auto readout = io_port_get_supervised_readout(port.get(), &error);
+  if (!readout) {
     answer_model_error(invocation, error, "Could not get supervised readout.");
     return TRUE;
   }
   iosupervised_supervised_complete_get_supervised_readout(
-      object, invocation, supervised_range_state2string(static_cast<SupervisedState>(state)),
-      level);
+      object, invocation, supervised_range_state2string(readout->state), readout->level);
   return TRUE;
 }
 
@@ -199,18 +197,14 @@ gboolean on_handle_get_supervised_states(IOSupervisedSupervised* object,
   if (port == nullptr) {
     return TRUE;
   }
-  g_autoptr(GList) names = nullptr;
-  if (!io_port_get_supported_states(port.get(), &names)) {
-    answer_error(invocation, IO_SUPERVISED_ERROR_GENERIC, "Could not get supported states.");
-    return TRUE;
-  }
+  const auto names = io_port_get_supported_states(port.get());
   GVariantBuilder builder;
   g_variant_builder_init(&builder, G_VARIANT_TYPE("a(s)"));
-  for (const GList* name = names; name != nullptr; name = name->next) {
-    g_variant_builder_add(&builder, "(s)", static_cast<const char*>(name->data));
+  for (const char* name : names) {
+    g_variant_builder_add(&builder, "(s)", name);
   }
-  iosupervised_supervised_complete_get_supervised_states(object, invocation, g_list_length(names),
-                                                         g_variant_builder_end(&builder));
+  iosupervised_supervised_complete_get_supervised_states(
+      object, invocation, static_cast<guint>(names.size()), g_variant_builder_end(&builder));
   return TRUE;
 }
 

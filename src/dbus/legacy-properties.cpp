@@ -174,8 +174,8 @@ bool write_active(IoPort* port, const LegacyProperty& property, GVariant* value,
              : refuse(error, "Setting Active failed");
 }
 
-bool turn_port(IoPort* port, bool input, GError** error) {
-  if (!io_port_set_direction(port, input)) {
+bool turn_port(IoPort* port, Direction direction, GError** error) {
+  if (!io_port_set_direction(port, direction)) {
     return refuse(error, "Setting Direction failed");
   }
   if (send_port_counts != nullptr) {
@@ -187,19 +187,19 @@ bool turn_port(IoPort* port, bool input, GError** error) {
 bool write_direction(IoPort* port, const LegacyProperty& property, GVariant* value,
                      GError** error) {
   const auto text = text_of(value).value_or("");
-  const bool input = text == "input";
-  if (!input && text != "output") {
+  const auto direction = find_word(direction_words, text);
+  if (!direction) {
     g_warning("Undefined input: %s, for property: %s", text.c_str(), property.name);
     g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "Bad Direction '%s'", text.c_str());
     return false;
   }
   switch (port->type) {
   case PORT_INPUT:
-    return input || refuse(error, "Port Direction is not settable");
+    return direction == Direction::Input || refuse(error, "Port Direction is not settable");
   case PORT_OUTPUT:
-    return !input || refuse(error, "Port Direction is not settable");
+    return direction == Direction::Output || refuse(error, "Port Direction is not settable");
   case PORT_IO_CTRL:
-    return port->direction == input || turn_port(port, input, error);
+    return port->direction == direction || turn_port(port, *direction, error);
   }
   return true;
 }
@@ -301,7 +301,7 @@ LegacySetting legacy_setting(const IoPort& port, Setting setting) {
   case Setting::OutputSense:
     return {output, "Active", open_or_closed(port.activelow_output)};
   case Setting::Direction:
-    return {ioport, "Direction", port.direction ? "input" : "output"};
+    return {ioport, "Direction", direction_word(port.direction)};
   case Setting::Usage:
     return {ioport, "Usage", port.usage.c_str()};
   }

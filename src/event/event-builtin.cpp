@@ -89,7 +89,7 @@ void fill_io_port(NvEvent* event, gpointer user_data) {
 }
 
 void fill_port_any(NvEvent* event, gpointer /*user_data*/) {
-  nv_event_set_bool(event, "state", io_port_list_get_port_any_value() != 0);
+  nv_event_set_bool(event, "state", io_port_list_get_port_any_value());
 }
 
 void fill_supervised_port(NvEvent* event, gpointer user_data) {

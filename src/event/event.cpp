@@ -195,18 +195,18 @@ void undeclare(IoEvent* event) {
   event->stale = false;
 }
 
-bool send_state(guint id, gint value, GError** error) {
+bool send_state(guint id, bool state, GError** error) {
   const EventHandle handle(nv_event_producer_prepare(producer.get(), id, error));
-  return handle != nullptr && nv_event_set_bool(handle.get(), "state", value != 0)
+  return handle != nullptr && nv_event_set_bool(handle.get(), "state", state)
          && nv_event_producer_send(producer.get(), handle.get(), error);
 }
 
-bool send_port_any(gint value, GError** error) {
+bool send_port_any(bool state, GError** error) {
   if (port_any_id == 0) {
     g_warning("%sPortAny event not declared", log_prefix);
     return false;
   }
-  return send_state(port_any_id, value, error);
+  return send_state(port_any_id, state, error);
 }
 
 bool send_supervised_port(const IoEvent* event, SupervisedState state, GError** error) {
@@ -216,31 +216,31 @@ bool send_supervised_port(const IoEvent* event, SupervisedState state, GError** 
          && nv_event_producer_send(producer.get(), handle.get(), error);
 }
 
-bool dispatch(IoPort* port, const IoEvent* event, gint value, GError** error) {
+bool dispatch(IoPort* port, const IoEvent* event, ReportedState value, GError** error) {
   if (is_type(event, event_io_port)) {
-    return send_state(event->id, value, error);
+    return send_state(event->id, value.active(), error);
   }
   if (is_type(event, event_port_any)) {
-    return send_port_any(value, error);
+    return send_port_any(value.active(), error);
   }
   if (is_type(event, event_supervised_port)) {
-    return send_supervised_port(event, static_cast<SupervisedState>(value), error);
+    return send_supervised_port(event, value.supervised(), error);
   }
   return send_generic(port, event, error);
 }
 
 // What the filter compares and a supervised port's event tells.
-gint compared_value(IoPort* port, const IoEvent* event, gint value) {
+ReportedState compared_value(IoPort* port, const IoEvent* event, ReportedState value) {
   // An IO box reports all of its changes as plain levels, which tell no cut line from an open one.
   const bool plain_levels = port->backend == BACKEND_IOBOX && event->supervised_input
                             && !event_builtin_known(c_str_or_null(event->declaration))
                             && io_port_supervised_input(port);
   return is_type(event, event_supervised_port) || plain_levels
-             ? static_cast<gint>(io_port_get_supervised_state(port))
+             ? ReportedState(io_port_get_supervised_state(port))
              : value;
 }
 
-bool send(IoPort* port, IoEvent* event, gint value) {
+bool send(IoPort* port, IoEvent* event, ReportedState value) {
   event->last_value = value;
   event->filter_reset = false;
   g_autoptr(GError) error = nullptr;
@@ -254,15 +254,15 @@ bool send(IoPort* port, IoEvent* event, gint value) {
 // The any-port event is nobody's in particular and is not renewed for one port's return.
 void refresh_state(IoPort* port, IoEvent* event) {
   if (event->is_property && !event->declare_only) {
-    send(port, event, compared_value(port, event, io_port_get_state(port) ? 1 : 0));
+    send(port, event, compared_value(port, event, ReportedState(io_port_get_state(port))));
     event->filter_reset = true;
   }
 }
 
 void send_present_port_any(gpointer /*unused*/) {
-  const gint value = io_port_list_get_port_any_value();
+  const bool state = io_port_list_get_port_any_value();
   const std::lock_guard guard(event_mutex);
-  send_port_any(value, nullptr);
+  send_port_any(state, nullptr);
 }
 
 // The declaration is shared: it tells its state from the start as soon as one of its events is
@@ -321,7 +321,7 @@ bool io_event_declare_event(IoPort* port, IoEvent* event) {
   return true;
 }
 
-bool io_event_send_event(IoPort* port, IoEvent* event, gint value) {
+bool io_event_send_event(IoPort* port, IoEvent* event, ReportedState value) {
   const std::lock_guard guard(event_mutex);
   if (event->id == 0 || producer == nullptr || event->declare_only) {
     return false;

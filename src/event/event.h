@@ -3,6 +3,8 @@
 
 #include <glib.h>
 
+#include "port/states.h"
+
 #include <list>
 #include <mutex>
 #include <optional>
@@ -40,8 +42,8 @@ struct IoEvent {
   bool declare_only = false;
   /// The next send goes out even if the value is unchanged.
   bool filter_reset = false;
-  /// Value of the last send.
-  gint last_value = 0;
+  /// What was sent last.
+  ReportedState last_value{false};
   /// Newest first.
   std::list<EventKeyValue> key_values;
 };
@@ -57,7 +59,7 @@ inline constexpr const char* event_supervised_port = "com.norv.Event.Wxd.Supervi
 /// the state that its port has now. Always true, failures are logged.
 [[nodiscard]] bool io_event_declare_event(IoPort* port, IoEvent* event);
 /// Sends the event with `value`; true when the event system took it.
-[[nodiscard]] bool io_event_send_event(IoPort* port, IoEvent* event, gint value);
+[[nodiscard]] bool io_event_send_event(IoPort* port, IoEvent* event, ReportedState value);
 /// Withdraws and declares again, so that new names reach the declaration.
 void io_event_redeclare_port(IoPort* port, IoEvent* event);
 /// Withdraws the declaration; the shared any-port declaration stays.

@@ -96,6 +96,15 @@ bool read_name(GroupReader& reader, const IoPort* port, const char* key, const c
   return true;
 }
 
+Outcome read_direction(GroupReader& reader, IoPort* port) {
+  bool input = true;
+  if (!reader.boolean("input", input)) {
+    return Outcome::Failed;
+  }
+  port->direction = input ? Direction::Input : Direction::Output;
+  return Outcome::Ok;
+}
+
 Outcome read_input_side(GroupReader& reader, IoPort* port) {
   return outcome(read_name(reader, port, "input_name", "input", port->input_name)
                  && reader.boolean("input_activelow", port->activelow_input));
@@ -163,12 +172,7 @@ bool read_ranges(GroupReader& reader, IoPort* port) {
   if (value == nullptr) {
     return false;
   }
-  GList* const ranges = supervised_gvariant2ranges(value);
-  if (!io_port_set_supervised_ranges(port, ranges, &reader.error)) {
-    supervised_ranges_free(ranges);
-    return false;
-  }
-  return true;
+  return io_port_set_supervised_ranges(port, supervised_gvariant2ranges(value), &reader.error);
 }
 
 Outcome read_supervision(GroupReader& reader, IoPort* port) {
@@ -195,8 +199,7 @@ bool always(IoPort* /*port*/) {
 
 constexpr std::array sections{
     Section{.applies = [](IoPort* port) { return port->type == PORT_IO_CTRL; },
-            .read = [](GroupReader& reader,
-                       IoPort* port) { return outcome(reader.boolean("input", port->direction)); }},
+            .read = read_direction},
     Section{.applies = [](IoPort* port) { return io_port_has_input_side(port); },
             .read = read_input_side},
     Section{.applies = [](IoPort* port) { return io_port_has_output_side(port); },
@@ -253,9 +256,9 @@ void write_output_side(GroupWriter& writer, const IoPort* port) {
 }
 
 void write_supervision(GroupWriter& writer, IoPort* port) {
-  GList* ranges = nullptr;
-  std::ignore = io_port_get_supervised_ranges(port, &ranges);
-  g_autoptr(GVariant) value = g_variant_ref_sink(supervised_ranges2gvariant(ranges));
+  const SupervisedRanges* const ranges = io_port_get_supervised_ranges(port);
+  g_autoptr(GVariant) value = g_variant_ref_sink(
+      supervised_ranges2gvariant(ranges != nullptr ? *ranges : SupervisedRanges()));
   g_autofree gchar* text = g_variant_print(value, TRUE);
   writer.text("supervised_input_ranges", text);
   writer.flag("supervised_input", port->supervised);
@@ -303,7 +306,7 @@ std::optional<ParamGroup> param_group_of(IoPort* port) {
   }
   GroupWriter writer(*port->name);
   if (port->type == PORT_IO_CTRL) {
-    writer.flag("input", port->direction);
+    writer.flag("input", port->direction == Direction::Input);
   }
   if (io_port_has_input_side(port)) {
     write_input_side(writer, port);

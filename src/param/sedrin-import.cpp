@@ -206,12 +206,12 @@ Step take_port_key(Import& import, const char* group, const char* key, const cha
   if (port == nullptr || port->type != PORT_IO_CTRL || !g_str_equal(key, "Direction")) {
     return Step::NextKey;
   }
-  const bool input = g_str_equal(value, "input");
-  if (!input && !g_str_equal(value, "output")) {
+  const auto direction = find_word(direction_words, value);
+  if (!direction) {
     import.fail("Failed to read Direction parameter");
     return Step::NextGroup;
   }
-  port->direction = input;
+  port->direction = *direction;
   return Step::NextKey;
 }
 

@@ -18,12 +18,12 @@ constexpr auto cancel_retry = 1ms;
 // Tells a fresh backend record what the hardware description said. Ranges are user settings by
 // now and must not be added once more.
 void describe_to_backend(IoPort* ioport) {
-  GList* const ranges = std::exchange(ioport->ranges, nullptr);
+  auto ranges = std::exchange(ioport->ranges, {});
   for (const auto& attribute : ioport->backend_description) {
     ioport->functions->parse_data(ioport, attribute.element.c_str(), attribute.key.c_str(),
                                   attribute.value.c_str());
   }
-  supervised_ranges_free(std::exchange(ioport->ranges, ranges));
+  ioport->ranges = std::move(ranges);
 }
 
 void ensure_backend_record(IoPort* ioport) {
@@ -91,7 +91,6 @@ void io_port_free(IoPort* ioport) {
   {
     const PortConfigLock config_lock(ioport);
     ioport->events.clear();
-    supervised_ranges_free(std::exchange(ioport->ranges, nullptr));
   }
   g_clear_pointer(&ioport->properties, g_hash_table_unref);
   if (ioport->functions != nullptr) {
@@ -119,7 +118,7 @@ bool io_port_setup(IoPort* ioport) {
   WEXD_ASSERT_NONNULL(ioport);
   WEXD_ASSERT_NONNULL(ioport->functions);
   ensure_backend_record(ioport);
-  if (!ioport->functions->setup(ioport, ioport->activelow_output)) {
+  if (!ioport->functions->setup(ioport, level_of(ioport->activelow_output))) {
     return false;
   }
   ioport->is_setup = true;

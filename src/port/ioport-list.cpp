@@ -60,13 +60,15 @@ auto find_by_name(const char* name) {
 }
 
 // Counts ports that are of the fixed type, or configurable and currently that way round.
-gint count_ports(PortType type, PortSide direction) {
+gint count_ports(PortType type, Direction direction) {
   const std::lock_guard guard(mutex);
-  const bool input = direction == PortSide::Input;
-  return static_cast<gint>(std::ranges::count_if(io_port_list, [=](IoPort* port) {
-    return (port->type == type || (port->type == PORT_IO_CTRL && port->direction == input))
-           && io_port_get_property(port, "ioport");
-  }));
+  gint count = 0;
+  for (const IoPort* port : io_port_list) {
+    const bool counts =
+        port->type == type || (port->type == PORT_IO_CTRL && port->direction == direction);
+    count += counts && io_port_get_property(port, "ioport") ? 1 : 0;
+  }
+  return count;
 }
 
 } // namespace
@@ -119,11 +121,11 @@ std::vector<IoPortRef> io_port_list_get_port_list(gint number) {
 }
 
 gint io_port_list_nbr_inputs() {
-  return count_ports(PORT_INPUT, PortSide::Input);
+  return count_ports(PORT_INPUT, Direction::Input);
 }
 
 gint io_port_list_nbr_outputs() {
-  return count_ports(PORT_OUTPUT, PortSide::Output);
+  return count_ports(PORT_OUTPUT, Direction::Output);
 }
 
 std::vector<gint> io_port_list_get_supervised_port_numbers() {
@@ -137,7 +139,7 @@ std::vector<gint> io_port_list_get_supervised_port_numbers() {
   return numbers;
 }
 
-gint io_port_list_get_port_any_value() {
+bool io_port_list_get_port_any_value() {
   const std::lock_guard guard(mutex);
   return std::ranges::any_of(io_port_list, [](IoPort* port) {
     return io_port_got_port_any(port) && io_port_get_state(port);

@@ -28,8 +28,8 @@ gint io_port_list_nbr_inputs();
 gint io_port_list_nbr_outputs();
 /// Numbers of the supervisable ports, in list order.
 [[nodiscard]] std::vector<gint> io_port_list_get_supervised_port_numbers();
-/// 1 if some port that takes part in the any-port event is active, else 0.
-gint io_port_list_get_port_any_value();
+/// Whether some port that takes part in the any-port event is active.
+[[nodiscard]] bool io_port_list_get_port_any_value();
 /// Sets every port up, once, at start. Optional ports that fail wait in the dynamic list; other
 /// failures and duplicates are destroyed.
 void io_port_list_setup();

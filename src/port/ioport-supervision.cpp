@@ -31,10 +31,10 @@ bool io_port_set_supervised(IoPort* port, bool supervised) {
   const PortConfigLock config_lock(port);
   port->supervised = supervised;
   if (port->functions->set_supervised != nullptr) {
-    port->functions->set_supervised(port, supervised);
+    port->functions->set_supervised(port);
   }
   if (port->type == PORT_IO_CTRL && io_port_input(port)) {
-    std::ignore = io_port_set_direction(port, true);
+    std::ignore = io_port_set_direction(port, Direction::Input);
   }
   return true;
 }
@@ -42,25 +42,23 @@ bool io_port_set_supervised(IoPort* port, bool supervised) {
 bool io_port_supervised_input(IoPort* port) {
   WEXD_ASSERT_NONNULL(port);
   return port->supervised
-         && (port->type == PORT_INPUT || (port->type == PORT_IO_CTRL && port->direction));
+         && (port->type == PORT_INPUT
+             || (port->type == PORT_IO_CTRL && port->direction == Direction::Input));
 }
 
-bool io_port_get_supervised_ranges(IoPort* port, GList** ranges) {
+const SupervisedRanges* io_port_get_supervised_ranges(IoPort* port) {
   WEXD_ASSERT_NONNULL(port);
   WEXD_ASSERT_NONNULL(port->functions);
-  WEXD_ASSERT_NONNULL(ranges);
-  if (port->functions->get_supervised_ranges == nullptr) {
-    return false;
-  }
-  *ranges = port->functions->get_supervised_ranges(port);
-  return true;
+  return port->functions->get_supervised_ranges != nullptr
+             ? &port->functions->get_supervised_ranges(port)
+             : nullptr;
 }
 
-bool io_port_set_supervised_ranges(IoPort* port, GList* ranges, GError** error) {
+bool io_port_set_supervised_ranges(IoPort* port, SupervisedRanges ranges, GError** error) {
   WEXD_ASSERT_NONNULL(port);
   WEXD_ASSERT_NONNULL(port->functions);
   return port->functions->set_supervised_ranges != nullptr
-         && port->functions->set_supervised_ranges(port, ranges, error);
+         && port->functions->set_supervised_ranges(port, std::move(ranges), error);
 }
 
 bool io_port_add_supervised_range(IoPort* port, const char* state, gint lower, gint upper,
@@ -76,41 +74,32 @@ bool io_port_add_supervised_range(IoPort* port, const char* state, gint lower, g
   WEXD_ASSERT_NONNULL(port);
   // A sequence that announces supervised states reads the list in its own thread.
   const PortConfigLock config_lock(port);
-  GList* ranges = nullptr;
-  if (!io_port_get_supervised_ranges(port, &ranges)) {
+  const SupervisedRanges* const ranges = io_port_get_supervised_ranges(port);
+  if (ranges == nullptr) {
     return range_error(error, IO_SUPERVISED_ERROR_GENERIC, "Failed to get ranges from port.");
   }
-
-  auto* range = g_new0(SupervisedRange, 1);
-  range->state = range_state;
-  range->lower = static_cast<guint32>(lower);
-  range->upper = static_cast<guint32>(upper);
   // Always at the end: a later range of the same state or level wins in the lookup.
-  GList* const extended = g_list_append(ranges, range);
-  if (!io_port_set_supervised_ranges(port, extended, error)) {
-    GList* const shortened = g_list_remove(extended, range);
-    g_assert(shortened == ranges);
-    g_free(range);
-    return false;
-  }
-  return true;
+  auto extended = *ranges;
+  extended.push_back({.state = range_state,
+                      .upper = static_cast<guint32>(upper),
+                      .lower = static_cast<guint32>(lower)});
+  return io_port_set_supervised_ranges(port, std::move(extended), error);
 }
 
-bool io_port_get_supervised_readout(IoPort* port, guint* state, guint* level, GError** error) {
+std::optional<SupervisedReadout> io_port_get_supervised_readout(IoPort* port, GError** error) {
   WEXD_ASSERT_NONNULL(port);
   WEXD_ASSERT_NONNULL(port->functions);
-  WEXD_ASSERT_NONNULL(state);
-  WEXD_ASSERT_NONNULL(level);
   if (port->functions->get_supervised_readout == nullptr) {
     g_set_error_literal(error, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC,
                         "Not applicable for port.");
-    return false;
+    return std::nullopt;
   }
   if (!io_port_is_supervisable(port)) {
-    return range_error(error, IO_SUPERVISED_ERROR_NOT_SUPERVISED, "Port is non-supervised");
+    std::ignore = range_error(error, IO_SUPERVISED_ERROR_NOT_SUPERVISED, "Port is non-supervised");
+    return std::nullopt;
   }
   const std::lock_guard guard(port->readout_lock);
-  return port->functions->get_supervised_readout(port, state, level, error);
+  return port->functions->get_supervised_readout(port, error);
 }
 
 SupervisedState io_port_get_supervised_state(IoPort* ioport) {
@@ -118,26 +107,22 @@ SupervisedState io_port_get_supervised_state(IoPort* ioport) {
   if (!ioport->is_setup || !io_port_is_supervisable(ioport)) {
     return SUPERVISED_OPEN;
   }
-  guint state = SUPERVISED_UNDEFINED;
-  guint level = 0;
   g_autoptr(GError) error = nullptr;
-  if (!io_port_get_supervised_readout(ioport, &state, &level, &error)) {
+  const auto readout = io_port_get_supervised_readout(ioport, &error);
+  if (!readout) {
     g_warning("%sFailed to read supervised state: %s.", log_prefix,
               error != nullptr ? error->message : "no reason given");
     return SUPERVISED_UNDEFINED;
   }
-  return static_cast<SupervisedState>(state);
+  return readout->state;
 }
 
-bool io_port_get_supported_states(IoPort* /*port*/, GList** states) {
-  for (const auto state : {SUPERVISED_CLOSED, SUPERVISED_OPEN, SUPERVISED_SHORT, SUPERVISED_CUT}) {
-    *states = g_list_append(*states, const_cast<char*>(supervised_range_state2string(state)));
-  }
-  return true;
-}
-
-void io_port_replace_ranges(IoPort* port, GList* ranges) {
-  if (port->ranges != ranges) {
-    supervised_ranges_free(std::exchange(port->ranges, ranges));
-  }
+std::span<const char* const> io_port_get_supported_states(IoPort* /*port*/) {
+  static const std::array names{
+      supervised_range_state2string(SUPERVISED_CLOSED),
+      supervised_range_state2string(SUPERVISED_OPEN),
+      supervised_range_state2string(SUPERVISED_SHORT),
+      supervised_range_state2string(SUPERVISED_CUT),
+  };
+  return names;
 }

@@ -43,22 +43,16 @@ bool activelow_of_current_side(IoPort* port) {
   return io_port_get_activelow(port, current_side(port));
 }
 
-// The raw level as the backend gives it, with "unknown" still in it.
-guint raw_level(IoPort* ioport) {
-  return ioport->functions->get_state(ioport);
-}
-
-// A state reaches the event system first, then whoever listens to signals. `value` is what events
-// carry; a signal knows only 0 and all else.
-void announce_state(IoPort* ioport, guint value, Trigger trigger) {
+// A state reaches the event system first, then whoever listens to signals.
+void announce_state(IoPort* ioport, ReportedState state, Trigger trigger) {
   if (ioport->enabled) {
-    io_port_send_events(ioport, value);
-    io_port_send_signal(ioport, trigger, value != 0);
+    io_port_send_events(ioport, state);
+    io_port_send_signal(ioport, trigger, state.active());
   }
 }
 
 void announce_present_state(IoPort* ioport) {
-  announce_state(ioport, io_port_get_state(ioport) ? 1 : 0, Trigger::Hardware);
+  announce_state(ioport, ReportedState(io_port_get_state(ioport)), Trigger::Hardware);
 }
 
 void apply_input_activelow(IoPort* ioport) {
@@ -69,8 +63,8 @@ void apply_input_activelow(IoPort* ioport) {
 void apply_output_activelow(IoPort* ioport, bool value) {
   // With the new sense stored, the unflipped line reads as the opposite logical state; flipping it
   // restores the old one, which the state setter announces once.
-  const bool level = raw_level(ioport) > 0;
-  io_port_set_state_internal(ioport, value ? level : !level);
+  const bool high = ioport->functions->get_state(ioport) != Level::Low;
+  io_port_set_state_internal(ioport, value ? high : !high);
   announce(port_observer.setting_changed, *ioport, Setting::OutputSense);
 }
 
@@ -88,7 +82,8 @@ void copy_text(const OptionalText& text, gchar** copy) {
 
 bool io_port_input(IoPort* port) {
   g_assert(port->functions != NULL);
-  return port->type == PORT_INPUT || (port->type == PORT_IO_CTRL && port->direction);
+  return port->type == PORT_INPUT
+         || (port->type == PORT_IO_CTRL && port->direction == Direction::Input);
 }
 
 bool io_port_direction_input(const IoPort* ioport) {
@@ -99,22 +94,22 @@ bool io_port_direction_input(const IoPort* ioport) {
   case PORT_OUTPUT:
     return false;
   case PORT_IO_CTRL:
-    return ioport->direction;
+    return ioport->direction == Direction::Input;
   }
   g_assert_not_reached();
 }
 
-bool io_port_set_direction(IoPort* ioport, bool input) {
+bool io_port_set_direction(IoPort* ioport, Direction direction) {
   WEXD_ASSERT_NONNULL(ioport);
   if (ioport->type != PORT_IO_CTRL) {
     return false;
   }
 
   const PortConfigLock config_lock(ioport);
-  ioport->direction = input;
+  ioport->direction = direction;
   if (ioport->is_setup) {
-    ioport->functions->set_direction(ioport, input);
-    if (input) {
+    ioport->functions->set_direction(ioport, direction);
+    if (direction == Direction::Input) {
       std::ignore = io_port_set_watch(ioport);
     }
     for (const auto& event : ioport->events) {
@@ -136,19 +131,16 @@ bool io_port_get_state(IoPort* ioport) {
     return false;
   }
   g_assert(ioport->functions != NULL);
-  const guint level = raw_level(ioport);
-  if (level >= 2) {
-    return false;
-  }
-  return (level == 1) != activelow_of_current_side(ioport);
+  const Level level = ioport->functions->get_state(ioport);
+  return level != Level::Unknown && (level == Level::High) != activelow_of_current_side(ioport);
 }
 
 void io_port_set_state_internal(IoPort* ioport, bool state) {
   const bool before = io_port_get_state(ioport);
-  ioport->functions->set_state(ioport, state != ioport->activelow_output ? 1 : 0);
+  ioport->functions->set_state(ioport, level_of(state != ioport->activelow_output));
   const bool after = io_port_get_state(ioport);
   if (after != before) {
-    announce_state(ioport, after ? 1 : 0, Trigger::Hardware);
+    announce_state(ioport, ReportedState(after), Trigger::Hardware);
   }
 }
 
@@ -170,26 +162,26 @@ bool io_port_set_virtual(IoPort* ioport, bool state) {
   }
   WEXD_ASSERT_NONNULL(ioport->functions);
   if (ioport->backend == BACKEND_VIRTUAL && ioport->type == PORT_OUTPUT) {
-    ioport->functions->set_state(ioport, state ? 1 : 0);
+    ioport->functions->set_state(ioport, level_of(state));
   }
-  announce_state(ioport, state ? 1 : 0, Trigger::Virtual);
+  announce_state(ioport, ReportedState(state), Trigger::Virtual);
   return true;
 }
 
-void io_port_trigger(IoPort* ioport, guint state) {
+void io_port_trigger(IoPort* ioport, ReportedState state) {
   WEXD_ASSERT_NONNULL(ioport);
   announce_state(ioport, state, Trigger::Hardware);
 }
 
-void io_port_send_events(IoPort* ioport, guint state) {
+void io_port_send_events(IoPort* ioport, ReportedState state) {
   for (const auto& event : ioport->events) {
     if (io_event_currently_applicable(ioport, event.get())) {
-      std::ignore = io_event_send_event(ioport, event.get(), static_cast<gint>(state));
+      std::ignore = io_event_send_event(ioport, event.get(), state);
     }
   }
 }
 
-void io_port_send_events_if_enabled(IoPort* ioport, guint state) {
+void io_port_send_events_if_enabled(IoPort* ioport, ReportedState state) {
   if (ioport->enabled) {
     io_port_send_events(ioport, state);
   }
@@ -253,7 +245,8 @@ gchar* io_port_get_name(IoPort* ioport) {
   case PORT_OUTPUT:
     return g_strdup(c_str_or_null(ioport->output_name));
   case PORT_IO_CTRL:
-    return g_strdup(c_str_or_null(ioport->direction ? ioport->input_name : ioport->output_name));
+    return g_strdup(c_str_or_null(ioport->direction == Direction::Input ? ioport->input_name
+                                                                        : ioport->output_name));
   }
   return nullptr;
 }
@@ -287,7 +280,7 @@ bool set_name(IoPort* ioport, const char* name, PortSide side) {
            input_side ? Setting::InputName : Setting::OutputName);
 
   // Declarations carry the name of the side in use only.
-  if (ioport->type != PORT_IO_CTRL || ioport->direction == input_side) {
+  if (ioport->type != PORT_IO_CTRL || (ioport->direction == Direction::Input) == input_side) {
     redeclare_events(ioport);
   }
   return true;

@@ -10,6 +10,7 @@
 #include <glib.h>
 
 #include "description/limits.h"
+#include "port/states.h"
 #include "port/supervised-utils.h"
 
 #include <array>
@@ -63,24 +64,23 @@ constexpr const char* open_or_closed(bool activelow) {
 
 /// A backend's operations. Each backend keeps one static table; empty slots hold nullptr.
 struct PortFunctions {
-  /// Takes the hardware into use; an output starts at the level that `activelow_output` asks for.
-  gboolean (*setup)(IoPort* port, gboolean activelow_output) = nullptr;
+  /// Takes the hardware into use; an output starts at the level `start`.
+  bool (*setup)(IoPort* port, Level start) = nullptr;
   /// Empty: not supervisable.
-  gboolean (*is_supervisable)(IoPort* port) = nullptr;
-  gboolean (*set_supervised)(IoPort* port, gboolean supervised) = nullptr;
-  /// Lends the range list. Empty: the port has no ranges.
-  GList* (*get_supervised_ranges)(IoPort* port) = nullptr;
-  /// Takes over the list on success.
-  gboolean (*set_supervised_ranges)(IoPort* port, GList* ranges, GError** error) = nullptr;
-  gboolean (*get_supervised_readout)(IoPort* port, guint* state, guint* level,
-                                     GError** error) = nullptr;
-  /// Raw physical level: 0 or 1; 2 or more is unknown.
-  guint (*get_state)(IoPort* port) = nullptr;
-  /// Sets the raw physical level.
-  void (*set_state)(IoPort* port, gint state) = nullptr;
+  bool (*is_supervisable)(IoPort* port) = nullptr;
+  /// The port holds the new setting already.
+  bool (*set_supervised)(IoPort* port) = nullptr;
+  /// Empty: the port has no ranges.
+  const SupervisedRanges& (*get_supervised_ranges)(IoPort* port) = nullptr;
+  /// A refusal leaves the ranges as they were.
+  bool (*set_supervised_ranges)(IoPort* port, SupervisedRanges ranges, GError** error) = nullptr;
+  std::optional<SupervisedReadout> (*get_supervised_readout)(IoPort* port,
+                                                             GError** error) = nullptr;
+  Level (*get_state)(IoPort* port) = nullptr;
+  void (*set_state)(IoPort* port, Level level) = nullptr;
   /// Starts reporting changes of an input; a watched port keeps the watch it has.
-  gboolean (*set_watch)(IoPort* port) = nullptr;
-  void (*set_direction)(IoPort* port, gboolean input) = nullptr;
+  bool (*set_watch)(IoPort* port) = nullptr;
+  void (*set_direction)(IoPort* port, Direction direction) = nullptr;
   /// One attribute of the hardware description.
   void (*parse_data)(IoPort* port, const char* element, const char* key,
                      const char* value) = nullptr;
@@ -125,16 +125,15 @@ struct IoPort {
   gint32 number = -1;
   bool activelow_output = false;
   bool activelow_input = false;
-  /// Only for a configurable port: true is input.
-  bool direction = true;
+  /// Only for a configurable port.
+  Direction direction = Direction::Input;
   bool supervised = false;
   ButtonType button_type = BUTTON_NONE;
   /// Milliseconds.
   guint32 pulse_time = 0;
   /// Newest first.
   std::list<std::unique_ptr<IoEvent, IoEventDeleter>> events;
-  /// List of SupervisedRange; see supervised-utils.h for who owns it.
-  GList* ranges = nullptr;
+  SupervisedRanges ranges;
   std::atomic<bool> enabled{true};
   std::atomic<bool> is_setup{false};
   /// What it was watched by is gone; a refresh sets it up anew.
@@ -237,7 +236,7 @@ void io_port_parse_backend_data(IoPort* ioport, const char* element, const char*
 /// As io_port_input, but an unknown type is a programming error.
 [[nodiscard]] bool io_port_direction_input(const IoPort* ioport);
 /// Switches a configurable port; false for any other port. Cancels a running sequence.
-[[nodiscard]] bool io_port_set_direction(IoPort* ioport, bool input);
+[[nodiscard]] bool io_port_set_direction(IoPort* ioport, Direction direction);
 
 // State
 
@@ -250,13 +249,12 @@ void io_port_parse_backend_data(IoPort* ioport, const char* element, const char*
 void io_port_set_state_internal(IoPort* ioport, bool state);
 /// Announces a virtual state (and stores it in a virtual output); always true.
 [[nodiscard]] bool io_port_set_virtual(IoPort* ioport, bool state);
-/// Announces a state that a backend or peer saw: the port's events, then PortChanged. Supervised
-/// states come as their number; where only a boolean fits, all but 0 are true.
-void io_port_trigger(IoPort* ioport, guint state);
+/// Announces a state that a backend or peer saw: the port's events, then PortChanged.
+void io_port_trigger(IoPort* ioport, ReportedState state);
 /// Sends the port's applicable events, whether or not the port is enabled.
-void io_port_send_events(IoPort* ioport, guint state);
+void io_port_send_events(IoPort* ioport, ReportedState state);
 /// Sends the port's applicable events if the port is enabled.
-void io_port_send_events_if_enabled(IoPort* ioport, guint state);
+void io_port_send_events_if_enabled(IoPort* ioport, ReportedState state);
 /// Announces PortChanged for an enabled port.
 void io_port_send_signal(IoPort* port, Trigger trigger, bool state);
 /// The inversion of one side; `side` is Input or Output.
@@ -300,22 +298,21 @@ void io_port_add_property(IoPort* ioport, const char* key, const char* value);
 [[nodiscard]] bool io_port_set_supervised(IoPort* port, bool supervised);
 /// True when the port currently acts as a supervised input.
 [[nodiscard]] bool io_port_supervised_input(IoPort* port);
-/// Lends the port's own list.
-[[nodiscard]] bool io_port_get_supervised_ranges(IoPort* port, GList** ranges);
-/// Hands `ranges` to the port on success; on failure the caller keeps it.
-[[nodiscard]] bool io_port_set_supervised_ranges(IoPort* port, GList* ranges, GError** error);
+/// The port's own; nullptr when its backend has none.
+[[nodiscard]] const SupervisedRanges* io_port_get_supervised_ranges(IoPort* port);
+/// Replaces the port's ranges; false, with those as they were, when the backend refuses.
+[[nodiscard]] bool io_port_set_supervised_ranges(IoPort* port, SupervisedRanges ranges,
+                                                 GError** error);
 /// Appends a range. Limits below 65536, lower strictly below upper. Cancels a running sequence once
 /// the range is found valid.
 [[nodiscard]] bool io_port_add_supervised_range(IoPort* port, const char* state, gint lower,
                                                 gint upper, GError** error);
-[[nodiscard]] bool io_port_get_supervised_readout(IoPort* port, guint* state, guint* level,
-                                                  GError** error);
+[[nodiscard]] std::optional<SupervisedReadout> io_port_get_supervised_readout(IoPort* port,
+                                                                              GError** error);
 /// Never fails: a failed readout is logged and reads SUPERVISED_UNDEFINED.
 SupervisedState io_port_get_supervised_state(IoPort* ioport);
-/// Appends the state names that a supervised port can report (static texts) to `*states`.
-[[nodiscard]] bool io_port_get_supported_states(IoPort* port, GList** states);
-/// Makes `ranges` the port's list and frees the former one, unless it is the same list.
-void io_port_replace_ranges(IoPort* port, GList* ranges);
+/// The states that a supervised port can report, by name.
+[[nodiscard]] std::span<const char* const> io_port_get_supported_states(IoPort* port);
 
 // Other
 

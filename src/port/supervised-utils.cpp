@@ -2,18 +2,18 @@
 
 #include "port/ioport.h"
 
+#include <algorithm>
 #include <array>
+#include <utility>
 
 namespace {
 
 constexpr std::array<const char*, SUPERVISED_UNDEFINED + 1> state_names{"open", "closed", "short",
                                                                         "cut", "undefined"};
 
-gint compare_lower(gconstpointer a, gconstpointer b) {
-  const auto lower_a = static_cast<const SupervisedRange*>(a)->lower;
-  const auto lower_b = static_cast<const SupervisedRange*>(b)->lower;
-  // A signed 32-bit difference: the order that stored lists have always had.
-  return static_cast<gint>(lower_a - lower_b);
+// By a signed 32-bit difference: the order that stored lists have always had.
+bool stands_before(const SupervisedRange& one, const SupervisedRange& other) {
+  return static_cast<gint>(one.lower - other.lower) <= 0;
 }
 
 } // namespace
@@ -38,30 +38,29 @@ const char* supervised_range_state2string(SupervisedState state) {
   return state_names[state];
 }
 
-GVariant* supervised_ranges2gvariant(GList* ranges) {
+GVariant* supervised_ranges2gvariant(std::span<const SupervisedRange> ranges) {
   GVariantBuilder builder;
   g_variant_builder_init(&builder, G_VARIANT_TYPE("a(suu)"));
-  for (const GList* item = ranges; item != nullptr; item = item->next) {
-    const auto* range = static_cast<const SupervisedRange*>(item->data);
-    g_variant_builder_add(&builder, "(suu)", supervised_range_state2string(range->state),
-                          range->lower, range->upper);
+  for (const auto& range : ranges) {
+    g_variant_builder_add(&builder, "(suu)", supervised_range_state2string(range.state),
+                          range.lower, range.upper);
   }
   return g_variant_builder_end(&builder);
 }
 
-GList* supervised_gvariant2ranges(GVariant* value) {
-  GList* ranges = nullptr;
+SupervisedRanges supervised_gvariant2ranges(GVariant* value) {
+  SupervisedRanges ranges;
   GVariantIter iter;
   g_variant_iter_init(&iter, value);
   const char* name = nullptr;
   guint32 lower = 0;
   guint32 upper = 0;
   while (g_variant_iter_next(&iter, "(&suu)", &name, &lower, &upper)) {
-    auto* range = g_new0(SupervisedRange, 1);
-    range->state = supervised_range_string2state(name);
-    range->lower = lower;
-    range->upper = upper;
-    ranges = g_list_insert_sorted(ranges, range, compare_lower);
+    const SupervisedRange range{
+        .state = supervised_range_string2state(name), .upper = upper, .lower = lower};
+    ranges.insert(std::ranges::find_if(
+                      ranges, [&](const auto& other) { return stands_before(range, other); }),
+                  range);
   }
   return ranges;
 }
@@ -70,43 +69,48 @@ gint range_equal(const SupervisedRange* a, const SupervisedRange* b) {
   return static_cast<gint>(a->state) - static_cast<gint>(b->state);
 }
 
-void supervised_ranges_free(GList* ranges) {
-  g_list_free_full(ranges, g_free);
+const SupervisedRange* supervised_range_of(std::span<const SupervisedRange> ranges, guint32 level) {
+  const SupervisedRange* found = nullptr;
+  for (const auto& range : ranges) {
+    if (range.lower <= level && level <= range.upper) {
+      found = &range;
+    }
+  }
+  return found;
 }
 
-GList* supervised_get_supervised_ranges(IoPort* port) {
+const SupervisedRanges& supervised_get_supervised_ranges(IoPort* port) {
   return port->ranges;
 }
 
-gboolean supervised_set_supervised_ranges(IoPort* port, GList* ranges, GError** error) {
-  if (ranges == nullptr) {
+bool supervised_set_supervised_ranges(IoPort* port, SupervisedRanges ranges, GError** error) {
+  if (ranges.empty()) {
     g_set_error_literal(error, io_supervised_error_quark(),
                         IO_SUPERVISED_ERROR_BAD_SUPERVISED_RANGE, "Ranges is null.");
-    return FALSE;
+    return false;
   }
-  io_port_replace_ranges(port, ranges);
-  return TRUE;
+  port->ranges = std::move(ranges);
+  return true;
 }
 
-gboolean supervised_is_supervisable(IoPort* port) {
+bool supervised_is_supervisable(IoPort* port) {
   return io_port_has_input_side(port);
 }
 
-gboolean supervised_lookup_state(IoPort* port, guint32 level, guint* state, GError** error) {
-  *state = SUPERVISED_UNDEFINED;
-
-  GList* ranges = nullptr;
-  if (!io_port_get_supervised_ranges(port, &ranges)) {
+std::optional<SupervisedState> supervised_lookup_state(IoPort* port, guint32 level,
+                                                       GError** error) {
+  const SupervisedRanges* const ranges = io_port_get_supervised_ranges(port);
+  if (ranges == nullptr) {
     g_set_error(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_NOT_SUPERVISED,
                 "Failed to get ranges from port %s", c_str_or_null(port->name));
-    return FALSE;
+    return std::nullopt;
   }
+  const SupervisedRange* const range = supervised_range_of(*ranges, level);
+  return range != nullptr ? range->state : SUPERVISED_UNDEFINED;
+}
 
-  for (const GList* item = ranges; item != nullptr; item = item->next) {
-    const auto* range = static_cast<const SupervisedRange*>(item->data);
-    if (range->lower <= level && level <= range->upper) {
-      *state = range->state;
-    }
-  }
-  return TRUE;
+std::optional<SupervisedReadout> supervised_readout_of(IoPort* port, guint32 level,
+                                                       GError** error) {
+  const auto state = supervised_lookup_state(port, level, error);
+  return state ? std::optional(SupervisedReadout{.state = *state, .level = level}) : std::nullopt;
 }

@@ -1,14 +1,11 @@
 // Supervised states and ranges: which band of converter levels means which state of the line.
-//
-// Ownership of range lists: a port owns its list (`IoPort::ranges`) and is the only one who frees
-// it. Getters lend the list; a successful set hands the new list over to the port, which frees the
-// one it replaces; a refused set leaves the new list with the caller. Handing a port the list that
-// it already owns (after appending to it) is allowed.
 #pragma once
 
 #include <glib.h>
 
-#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
 
 struct IoPort;
 
@@ -29,6 +26,14 @@ struct SupervisedRange {
   guint32 lower;
 };
 
+using SupervisedRanges = std::vector<SupervisedRange>;
+
+/// What a line was measured at.
+struct SupervisedReadout {
+  SupervisedState state = SUPERVISED_UNDEFINED;
+  guint32 level = 0;
+};
+
 /// Codes of `io_supervised_error_quark`.
 enum IoSupervisedError {
   IO_SUPERVISED_ERROR_GENERIC = 0,
@@ -47,31 +52,34 @@ SupervisedState supervised_range_string2state(const char* name);
 /// Static text of a state; a value outside the enumeration is a programming error.
 const char* supervised_range_state2string(SupervisedState state);
 
-/// New floating `a(suu)` variant of (state, lower, upper), in list order; NULL gives an empty
-/// array.
-[[nodiscard]] GVariant* supervised_ranges2gvariant(GList* ranges);
+/// New floating `a(suu)` variant of (state, lower, upper), in the order of the ranges.
+[[nodiscard]] GVariant* supervised_ranges2gvariant(std::span<const SupervisedRange> ranges);
 
-/// New list from an `a(suu)` variant, sorted by lower limit; limits and states are not validated.
-[[nodiscard]] GList* supervised_gvariant2ranges(GVariant* value);
+/// The ranges of an `a(suu)` variant, sorted by lower limit; limits and states are not validated.
+[[nodiscard]] SupervisedRanges supervised_gvariant2ranges(GVariant* value);
 
 /// GCompareFunc-like: zero when both ranges describe the same state.
 gint range_equal(const SupervisedRange* a, const SupervisedRange* b);
 
-/// Frees a range list and its records; NULL is the empty list.
-void supervised_ranges_free(GList* ranges);
+/// The last of the ranges that holds the level, or nullptr.
+[[nodiscard]] const SupervisedRange* supervised_range_of(std::span<const SupervisedRange> ranges,
+                                                         guint32 level);
 
-/// Slot of the supervised backends: lends the port's list.
-[[nodiscard]] GList* supervised_get_supervised_ranges(IoPort* port);
+/// Slot of the supervised backends: the port's ranges.
+[[nodiscard]] const SupervisedRanges& supervised_get_supervised_ranges(IoPort* port);
 
-/// Slot of the supervised backends: takes over `ranges` and frees the list it replaces. NULL is
-/// refused with IO_SUPERVISED_ERROR_BAD_SUPERVISED_RANGE.
-[[nodiscard]] gboolean supervised_set_supervised_ranges(IoPort* port, GList* ranges,
-                                                        GError** error);
+/// Slot of the supervised backends: replaces the port's ranges. To have none is refused with
+/// IO_SUPERVISED_ERROR_BAD_SUPERVISED_RANGE.
+[[nodiscard]] bool supervised_set_supervised_ranges(IoPort* port, SupervisedRanges ranges,
+                                                    GError** error);
 
 /// True for inputs and configurable ports.
-[[nodiscard]] gboolean supervised_is_supervisable(IoPort* port);
+[[nodiscard]] bool supervised_is_supervisable(IoPort* port);
 
 /// The state of `level` by the port's ranges: the last range in list order that holds it, else
-/// SUPERVISED_UNDEFINED. Returns false with an error when the backend lends no list.
-[[nodiscard]] gboolean supervised_lookup_state(IoPort* port, guint32 level, guint* state,
-                                               GError** error);
+/// SUPERVISED_UNDEFINED. Nothing, with an error, when the port's backend has no ranges.
+[[nodiscard]] std::optional<SupervisedState> supervised_lookup_state(IoPort* port, guint32 level,
+                                                                     GError** error);
+/// That state together with the level; nothing, with an error, likewise.
+[[nodiscard]] std::optional<SupervisedReadout> supervised_readout_of(IoPort* port, guint32 level,
+                                                                     GError** error);

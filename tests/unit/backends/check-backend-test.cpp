@@ -6,11 +6,11 @@ using ACheckPort = BackendTest;
 
 TEST_F(ACheckPort, reads_what_was_stored) {
   const auto port = make("check", PORT_OUTPUT);
-  EXPECT_EQ(port->functions->get_state(port.get()), 0U);
-  port->functions->set_state(port.get(), 5);
-  EXPECT_EQ(port->functions->get_state(port.get()), 5U);
+  EXPECT_EQ(port->functions->get_state(port.get()), Level::Low);
+  port->functions->set_state(port.get(), Level::Unknown);
+  EXPECT_EQ(port->functions->get_state(port.get()), Level::Unknown);
   ASSERT_TRUE(io_port_setup(port.get()));
-  EXPECT_FALSE(io_port_get_state(port.get())) << "5 is no level of a line";
+  EXPECT_FALSE(io_port_get_state(port.get()));
   EXPECT_TRUE(io_port_set_state(port.get(), true));
   EXPECT_TRUE(io_port_get_state(port.get()));
 }
@@ -44,16 +44,16 @@ TEST_F(ACheckPort, fails_its_set_up_when_told_to) {
 
 TEST_F(ACheckPort, keeps_its_state_over_a_second_attachment) {
   const auto port = make("check", PORT_OUTPUT);
-  port->functions->set_state(port.get(), 3);
+  port->functions->set_state(port.get(), Level::High);
   io_port_set_backend(port.get(), BACKEND_CHECK);
-  EXPECT_EQ(port->functions->get_state(port.get()), 3U);
+  EXPECT_EQ(port->functions->get_state(port.get()), Level::High);
 }
 
 TEST_F(ACheckPort, can_be_watched_and_turned) {
   const auto port = make("check", PORT_IO_CTRL);
   ASSERT_TRUE(io_port_setup(port.get()));
   EXPECT_TRUE(io_port_set_watch(port.get()));
-  EXPECT_TRUE(io_port_set_direction(port.get(), false));
+  EXPECT_TRUE(io_port_set_direction(port.get(), Direction::Output));
   EXPECT_TRUE(io_port_set_state(port.get(), true));
   EXPECT_FALSE(io_port_is_supervisable(port.get()));
 }

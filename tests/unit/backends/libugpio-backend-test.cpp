@@ -105,7 +105,7 @@ TEST_F(AGpioPort, sets_a_configurable_input_up_quiet) {
 
 TEST_F(AGpioPort, sets_a_configurable_output_up_driving) {
   auto port = describe(PORT_IO_CTRL, three_pins);
-  port->direction = false;
+  port->direction = Direction::Output;
   port->activelow_output = true;
   EXPECT_TRUE(io_port_setup(port.get()));
   EXPECT_THAT(take_calls(),
@@ -116,16 +116,16 @@ TEST_F(AGpioPort, sets_a_configurable_output_up_driving) {
 TEST_F(AGpioPort, turns_the_line_driver_round_in_order) {
   const auto port = set_up(PORT_IO_CTRL, three_pins);
   take_calls();
-  io_port_set_direction(port.get(), false);
+  io_port_set_direction(port.get(), Direction::Output);
   EXPECT_THAT(take_calls(), ElementsAre("set_value 3 1", "set_value 2 0"));
-  io_port_set_direction(port.get(), true);
+  io_port_set_direction(port.get(), Direction::Input);
   EXPECT_THAT(take_calls(), ElementsAre("set_value 2 0", "set_value 3 0"));
 }
 
 TEST_F(AGpioPort, goes_on_when_the_line_driver_does_not_turn) {
   const auto port = set_up(PORT_IO_CTRL, three_pins);
   fake_pins.faults = {"set_value"};
-  EXPECT_TRUE(io_port_set_direction(port.get(), false));
+  EXPECT_TRUE(io_port_set_direction(port.get(), Direction::Output));
   EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "Couldn't change direction on port!\n"));
   EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "Failed to set state on port!\n"));
   EXPECT_FALSE(io_port_input(port.get()));

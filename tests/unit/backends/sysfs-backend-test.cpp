@@ -261,9 +261,9 @@ TEST_F(ASysfsPort, ignores_what_is_none_of_its_business) {
   io_port_parse_backend_data(port.get(), "pin", "path", "/x");
   EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "Could not parse backend data!\n"));
   io_port_parse_backend_data(port.get(), "device", "colour", "red");
-  port->functions->set_state(port.get(), 1);
-  port->functions->set_direction(port.get(), TRUE);
-  EXPECT_EQ(port->functions->get_state(port.get()), 0U);
+  port->functions->set_state(port.get(), Level::High);
+  port->functions->set_direction(port.get(), Direction::Input);
+  EXPECT_EQ(port->functions->get_state(port.get()), Level::Low);
   EXPECT_FALSE(io_port_is_supervisable(port.get()));
 }
 
@@ -285,5 +285,5 @@ TEST_F(ASysfsPortDeathTest, ends_the_process_as_anything_but_an_input) {
 TEST_F(ASysfsPortDeathTest, ends_the_process_without_its_record) {
   const auto port = make("sysfs", PORT_INPUT);
   port->functions->free(port.get());
-  EXPECT_DEATH(port->functions->setup(port.get(), FALSE), "data != NULL");
+  EXPECT_DEATH(port->functions->setup(port.get(), Level::Low), "data != NULL");
 }

@@ -196,7 +196,7 @@ TEST_F(TheDescription, leaves_out_names_and_usages_that_are_too_long) {
   EXPECT_FALSE(newest()->name);
   EXPECT_TRUE(newest()->optional);
   EXPECT_EQ(newest()->usage, "");
-  EXPECT_TRUE(newest()->direction);
+  EXPECT_EQ(newest()->direction, Direction::Input);
   EXPECT_FALSE(newest()->input_name);
   EXPECT_EQ(newest()->output_name, "later");
 }

@@ -99,7 +99,7 @@ TEST_F(TheVocabulary, types_a_port_and_points_it) {
     SCOPED_TRACE(row.label);
     const IoPort* const port = read_port(row.content);
     EXPECT_EQ(port->type, row.type);
-    EXPECT_EQ(port->direction, row.direction_input);
+    EXPECT_EQ(port->direction == Direction::Input, row.direction_input);
     if (row.complaint != nullptr) {
       EXPECT_TRUE(logged(G_LOG_LEVEL_CRITICAL, row.complaint));
     }
@@ -114,7 +114,7 @@ TEST_F(TheVocabulary, sets_words_in_any_case_and_ignores_others) {
   };
   const std::vector<Row> rows{
       {"dir",
-       [](const IoPort* port) { return port->direction ? 1U : 0U; },
+       [](const IoPort* port) { return port->direction == Direction::Input ? 1U : 0U; },
        {{"output", 0}, {"sideways", 0}, {"INPUT", 1}, {"", 1}, {"Output", 0}}},
       {"port_mode",
        [](const IoPort* port) -> guint { return port->mode; },
@@ -328,7 +328,7 @@ TEST_F(TheVocabulary, reads_a_whole_port) {
   EXPECT_EQ(port->name, "relay1");
   EXPECT_EQ(port->number, 1);
   EXPECT_EQ(port->type, PORT_IO_CTRL);
-  EXPECT_FALSE(port->direction);
+  EXPECT_EQ(port->direction, Direction::Output);
   EXPECT_EQ(port->mode, PORT_MODE_MONOSTABLE);
   EXPECT_EQ(port->pulse_time, 500U);
   EXPECT_EQ(port->usage, "door lock");

@@ -151,7 +151,7 @@ TEST_F(ABuiltInDeclaration, tells_the_present_state_of_a_supervised_port) {
                           Row{SUPERVISED_SHORT, "1", "short"}, Row{SUPERVISED_CUT, "1", "cut"},
                           Row{SUPERVISED_UNDEFINED, "0", "undefined"}}) {
     SCOPED_TRACE(row.name);
-    fake_backend::record(port)->readout_state = row.state;
+    fake_backend::record(port)->readout.state = row.state;
     auto values = fake_events::ask(id);
     EXPECT_EQ(values["tampered"], row.tampered);
     EXPECT_EQ(values["state"], row.name);

@@ -46,7 +46,7 @@ TEST_F(AnEvent, starts_undeclared_for_inputs_and_outputs) {
   EXPECT_FALSE(event.supervised_input);
   EXPECT_FALSE(event.declare_only);
   EXPECT_FALSE(event.filter_reset);
-  EXPECT_EQ(event.last_value, 0);
+  EXPECT_FALSE(event.last_value.active());
   EXPECT_TRUE(event.key_values.empty());
 }
 
@@ -109,16 +109,16 @@ TEST_F(AnEvent, is_declared_once_with_its_filter_reset) {
 TEST_F(AnEvent, is_silent_while_it_is_not_declared) {
   const auto port = make({});
   IoEvent* const event = give_event(port.get(), "IOPort", false);
-  EXPECT_FALSE(io_event_send_event(port.get(), event, 1));
+  EXPECT_FALSE(io_event_send_event(port.get(), event, ReportedState(true)));
   EXPECT_THAT(fake_events::take_log(), IsEmpty());
 }
 
 TEST_F(AnEvent, sends_the_plain_value_of_a_port) {
   const auto port = make({.number = 3});
   IoEvent* const event = give_event(port.get(), "IOPort");
-  EXPECT_TRUE(io_event_send_event(port.get(), event, 1));
-  EXPECT_TRUE(io_event_send_event(port.get(), event, 0));
-  EXPECT_TRUE(io_event_send_event(port.get(), event, 0));
+  EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(true)));
+  EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(false)));
+  EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(false)));
   EXPECT_THAT(fake_events::take_log(),
               ElementsAre("send IOPort port=3 state=1", "send IOPort port=3 state=0",
                           "send IOPort port=3 state=0"));
@@ -138,9 +138,9 @@ TEST_F(AnEvent, sends_the_measured_state_of_a_supervised_port) {
                           Row{SUPERVISED_CUT, "tampered=1 state=cut"},
                           Row{SUPERVISED_UNDEFINED, "tampered=0 state=undefined"}}) {
     SCOPED_TRACE(row.sent);
-    fake_backend::record(port.get())->readout_state = row.state;
-    EXPECT_TRUE(io_event_send_event(port.get(), event, 42));
-    EXPECT_EQ(event->last_value, static_cast<gint>(row.state));
+    fake_backend::record(port.get())->readout.state = row.state;
+    EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(true)));
+    EXPECT_EQ(event->last_value.supervised(), row.state);
     EXPECT_THAT(
         fake_events::take_log(),
         ElementsAre(std::string("send com.norv.Event.Wxd.SupervisedPort port=3 ") + row.sent));
@@ -151,27 +151,29 @@ TEST_F(AnEvent, is_not_sent_twice_for_a_supervised_input_that_did_not_change) {
   const auto port = make({.type = PORT_INPUT, .backend = BACKEND_IIO, .supervised = true});
   IoEvent* const event = give_event(port.get(), "com.norv.Event.Wxd.SupervisedPort");
   event->supervised_input = true;
-  auto& measured = fake_backend::record(port.get())->readout_state;
-  EXPECT_TRUE(io_event_send_event(port.get(), event, 0)) << "the first after the declaration";
-  EXPECT_FALSE(io_event_send_event(port.get(), event, 0));
-  EXPECT_FALSE(io_event_send_event(port.get(), event, 1)) << "the given value does not count";
+  auto& measured = fake_backend::record(port.get())->readout.state;
+  EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(false)))
+      << "the first after the declaration";
+  EXPECT_FALSE(io_event_send_event(port.get(), event, ReportedState(false)));
+  EXPECT_FALSE(io_event_send_event(port.get(), event, ReportedState(true)))
+      << "the given value does not count";
   measured = SUPERVISED_SHORT;
-  EXPECT_TRUE(io_event_send_event(port.get(), event, 0));
-  EXPECT_FALSE(io_event_send_event(port.get(), event, 0));
+  EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(false)));
+  EXPECT_FALSE(io_event_send_event(port.get(), event, ReportedState(false)));
   io_event_reset_filter(event);
-  EXPECT_TRUE(io_event_send_event(port.get(), event, 0));
-  EXPECT_FALSE(io_event_send_event(port.get(), event, 0));
+  EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(false)));
+  EXPECT_FALSE(io_event_send_event(port.get(), event, ReportedState(false)));
   declare(port.get(), event);
-  EXPECT_TRUE(io_event_send_event(port.get(), event, 0));
+  EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(false)));
 }
 
 TEST_F(AnEvent, filters_by_the_given_value_when_it_is_no_supervised_port_event) {
   const auto port = make({.type = PORT_INPUT});
   IoEvent* const event = give_event(port.get(), "IOPort");
   event->supervised_input = true;
-  EXPECT_TRUE(io_event_send_event(port.get(), event, 1));
-  EXPECT_FALSE(io_event_send_event(port.get(), event, 1));
-  EXPECT_TRUE(io_event_send_event(port.get(), event, 0));
+  EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(true)));
+  EXPECT_FALSE(io_event_send_event(port.get(), event, ReportedState(true)));
+  EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(false)));
 }
 
 TEST_F(AnEvent, is_never_sent_when_it_is_only_to_be_declared) {
@@ -183,7 +185,7 @@ TEST_F(AnEvent, is_never_sent_when_it_is_only_to_be_declared) {
     event->declare_only = true;
     declare(port.get(), event);
     EXPECT_NE(event->id, 0U);
-    EXPECT_FALSE(io_event_send_event(port.get(), event, 1));
+    EXPECT_FALSE(io_event_send_event(port.get(), event, ReportedState(true)));
     EXPECT_THAT(fake_events::take_log(), ElementsAre(std::string("declare ") + type));
   }
 }
@@ -242,7 +244,7 @@ TEST_F(AnEvent, shares_the_any_port_declaration_which_stays) {
   EXPECT_TRUE(fake_events::is_declared(of_first->id));
   EXPECT_THAT(fake_events::take_log(), IsEmpty());
 
-  EXPECT_TRUE(io_event_send_event(first.get(), of_first, 1));
+  EXPECT_TRUE(io_event_send_event(first.get(), of_first, ReportedState(true)));
   EXPECT_THAT(fake_events::take_log(), ElementsAre("send PortAny port=-1 state=1"));
 }
 
@@ -254,7 +256,7 @@ TEST_F(AnEventDeathTest, complains_about_an_any_port_event_that_nobody_declared)
         give_event(port.get(), "IOPort");
         IoEvent* const event = give_event(port.get(), "PortAny", false);
         event->id = 77;
-        const bool sent = io_event_send_event(port.get(), event, 1);
+        const bool sent = io_event_send_event(port.get(), event, ReportedState(true));
         for (const auto& message : claim_log()) {
           fprintf(stderr, "%s\n", message.text.c_str());
         }
@@ -278,13 +280,13 @@ TEST_F(AnEvent, tells_why_the_library_did_not_take_it) {
     SCOPED_TRACE(type);
     IoEvent* const event = give_event(port.get(), type);
     fake_events::refuse(Refuse::SendWithError);
-    EXPECT_FALSE(io_event_send_event(port.get(), event, 1));
+    EXPECT_FALSE(io_event_send_event(port.get(), event, ReportedState(true)));
     EXPECT_TRUE(warned("Error sending event: the fake refuses"));
     fake_events::refuse(Refuse::SendWithError, false);
     fake_events::refuse(Refuse::Send);
-    EXPECT_FALSE(io_event_send_event(port.get(), event, 1));
+    EXPECT_FALSE(io_event_send_event(port.get(), event, ReportedState(true)));
     fake_events::refuse(Refuse::Send, false);
-    EXPECT_TRUE(io_event_send_event(port.get(), event, 1));
+    EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(true)));
   }
 }
 
@@ -359,8 +361,8 @@ TEST_F(AnEvent, of_a_known_type_sends_its_property_keys_with_the_present_state) 
   give_entry(event, {.key = "state", .value = "PORT_STATUS", .type = "bool", .property = true});
   declare(port.get(), event);
   fake_events::take_log();
-  fake_backend::record(port.get())->level = 1;
-  EXPECT_TRUE(io_event_send_event(port.get(), event, 0));
+  fake_backend::record(port.get())->level = Level::High;
+  EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(false)));
   EXPECT_THAT(fake_events::take_log(), ElementsAre("send Known port=3 state=1"));
 }
 
@@ -433,12 +435,12 @@ TEST_F(AnEvent, of_a_known_type_tells_what_could_not_be_sent) {
   declare(port.get(), event);
 
   fake_events::refuse(Refuse::Prepare);
-  EXPECT_FALSE(io_event_send_event(port.get(), event, 1));
+  EXPECT_FALSE(io_event_send_event(port.get(), event, ReportedState(true)));
   EXPECT_TRUE(warned("Failed to prepare event: Known id: " + std::to_string(event->id)));
   fake_events::refuse(Refuse::Prepare, false);
 
   fake_events::refuse(Refuse::Value);
-  EXPECT_FALSE(io_event_send_event(port.get(), event, 1));
+  EXPECT_FALSE(io_event_send_event(port.get(), event, ReportedState(true)));
   EXPECT_TRUE(warned("populating event key value failed - Key: state Val: PORT_STATUS Type: bool"));
   EXPECT_TRUE(warned("Failed to populate event values"));
 }

@@ -44,9 +44,9 @@ TEST_F(APlaceholder, stands_for_the_state_of_the_port) {
   const auto port = make({});
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << row.value << " as " << row.type);
-    fake_backend::record(port.get())->level = 0;
+    fake_backend::record(port.get())->level = Level::Low;
     EXPECT_EQ(event_value_text(port.get(), entry(row.value, row.type)), row.inactive);
-    fake_backend::record(port.get())->level = 1;
+    fake_backend::record(port.get())->level = Level::High;
     EXPECT_EQ(event_value_text(port.get(), entry(row.value, row.type)), row.active);
   }
 }
@@ -64,7 +64,7 @@ TEST_F(APlaceholder, stands_for_the_supervised_state_of_the_port) {
         Row{SUPERVISED_SHORT, "2", "0", "short"}, Row{SUPERVISED_CUT, "3", "0", "cut"},
         Row{SUPERVISED_UNDEFINED, "4", "0", "undefined"}}) {
     SCOPED_TRACE(row.as_string);
-    fake_backend::record(port.get())->readout_state = row.state;
+    fake_backend::record(port.get())->readout.state = row.state;
     const auto text = [&](const char* type) {
       return event_value_text(port.get(), entry("PORT_SUPERVISED_STATUS", type));
     };

@@ -113,7 +113,7 @@ TEST_F(APortsGroup, holds_the_keys_of_an_output) {
 
 TEST_F(APortsGroup, holds_every_key_of_a_configurable_supervisable_port_in_order) {
   const auto port = make_port(PORT_IO_CTRL, BACKEND_IIO);
-  port->direction = false;
+  port->direction = Direction::Output;
   port->input_name = "door";
   port->output_name = "lamp";
   port->activelow_output = true;
@@ -199,7 +199,7 @@ TEST_F(APortsGroup, sets_everything_that_the_port_has) {
   load(all_keys);
   const auto port = make_port(PORT_IO_CTRL, BACKEND_IIO);
   EXPECT_TRUE(read(port.get())) << err;
-  EXPECT_FALSE(port->direction);
+  EXPECT_EQ(port->direction, Direction::Output);
   EXPECT_EQ(port->input_name, "door");
   EXPECT_TRUE(port->activelow_input);
   EXPECT_EQ(port->output_name, "lamp");
@@ -209,8 +209,8 @@ TEST_F(APortsGroup, sets_everything_that_the_port_has) {
   EXPECT_EQ(port->mode, PORT_MODE_MONOSTABLE);
   EXPECT_EQ(port->delay_time, 250);
   EXPECT_TRUE(port->supervised);
-  ASSERT_EQ(g_list_length(port->ranges), 1U);
-  EXPECT_EQ(static_cast<SupervisedRange*>(port->ranges->data)->upper, 99U);
+  ASSERT_EQ(port->ranges.size(), 1U);
+  EXPECT_EQ(port->ranges.front().upper, 99U);
   EXPECT_EQ(port->usage, "hall");
   EXPECT_EQ(out + err, "");
 }
@@ -219,7 +219,7 @@ TEST_F(APortsGroup, leaves_the_sides_alone_that_the_port_does_not_have) {
   load(all_keys);
   const auto input = make_port(PORT_INPUT);
   EXPECT_TRUE(read(input.get()));
-  EXPECT_TRUE(input->direction);
+  EXPECT_EQ(input->direction, Direction::Input);
   EXPECT_EQ(input->input_name, "door");
   EXPECT_FALSE(input->output_name);
   EXPECT_FALSE(input->activelow_output);
@@ -238,7 +238,7 @@ TEST_F(APortsGroup, leaves_the_sides_alone_that_the_port_does_not_have) {
 
 TEST_F(APortsGroup, comes_back_as_it_was_written) {
   const auto saved = make_port(PORT_IO_CTRL, BACKEND_IIO);
-  saved->direction = false;
+  saved->direction = Direction::Output;
   saved->input_name = "line\nbreak; \\ \t and \xc3\xa5";
   saved->output_name = " leading and trailing ";
   saved->delay_time = -1;
@@ -255,7 +255,7 @@ TEST_F(APortsGroup, comes_back_as_it_was_written) {
   EXPECT_EQ(loaded->delay_time, -1);
   EXPECT_EQ(loaded->pulse_time, G_MAXUINT32);
   EXPECT_EQ(loaded->mode, PORT_MODE_MONOSTABLE);
-  EXPECT_EQ(g_list_length(loaded->ranges), 1U);
+  EXPECT_EQ(loaded->ranges.size(), 1U);
 }
 
 TEST_F(APortsGroup, comes_back_for_a_port_without_names) {
@@ -296,7 +296,7 @@ TEST_F(APortsGroup, stops_at_any_other_missing_key_keeping_what_it_read) {
     EXPECT_EQ(out, "");
     EXPECT_THAT(err, testing::StartsWith("Error parsing param file: "));
     EXPECT_THAT(err, HasSubstr(key));
-    EXPECT_FALSE(port->direction) << "read before the broken key";
+    EXPECT_EQ(port->direction, Direction::Output) << "read before the broken key";
     EXPECT_EQ(port->usage, "") << "stands after the broken key";
   }
 }
@@ -465,8 +465,8 @@ TEST_F(APortsGroup, sorts_the_ranges_that_it_reads_and_replaces_the_old_ones) {
   ASSERT_TRUE(io_port_add_supervised_range(port.get(), "short", 1, 2, nullptr));
   EXPECT_TRUE(read(port.get())) << err;
   std::vector<guint32> lower;
-  for (const GList* item = port->ranges; item != nullptr; item = item->next) {
-    lower.push_back(static_cast<SupervisedRange*>(item->data)->lower);
+  for (const auto& range : port->ranges) {
+    lower.push_back(range.lower);
   }
   EXPECT_THAT(lower, ElementsAre(0U, 100U, 300U));
 }
@@ -482,7 +482,7 @@ TEST_F(APortsGroup, stops_when_the_port_refuses_the_ranges) {
   fake_backend::refuse_ranges = true;
   EXPECT_FALSE(read(port.get()));
   EXPECT_THAT(err, testing::StartsWith("Error parsing param file: "));
-  EXPECT_EQ(g_list_length(port->ranges), 1U);
+  EXPECT_EQ(port->ranges.size(), 1U);
   EXPECT_FALSE(port->supervised);
 }
 

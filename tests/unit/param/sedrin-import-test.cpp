@@ -98,7 +98,7 @@ TEST_F(TheImport, takes_both_sides_of_a_port) {
   EXPECT_EQ(both->pulse_time, 500U);
   EXPECT_EQ(both->delay_time, 20);
   EXPECT_EQ(both->mode, PORT_MODE_MONOSTABLE);
-  EXPECT_FALSE(both->direction);
+  EXPECT_EQ(both->direction, Direction::Output);
 }
 
 TEST_F(TheImport, unquotes_names_that_start_with_a_quote) {
@@ -205,8 +205,8 @@ TEST_F(TheImport, ignores_what_is_not_its_business) {
                    "[IOPort.I2]\nDirection=sideways\n[IOPort.I1]\nDirection=output\n"
                    "[IOPort.I9]\nDirection=output\n"),
             "ok");
-  EXPECT_TRUE(both->direction);
-  EXPECT_TRUE(input->direction);
+  EXPECT_EQ(both->direction, Direction::Input);
+  EXPECT_EQ(input->direction, Direction::Input);
 }
 
 TEST_F(TheImport, respects_ports_that_may_not_be_changed) {

@@ -178,7 +178,8 @@ TEST_F(AnActionSequence, is_cancelled_by_every_configuration_change) {
   const std::vector<Row> rows{
       {"output inversion", PORT_OUTPUT,
        [](IoPort* port) { io_port_set_activelow(port, true, PortSide::Output); }},
-      {"direction", PORT_IO_CTRL, [](IoPort* port) { io_port_set_direction(port, true); }},
+      {"direction", PORT_IO_CTRL,
+       [](IoPort* port) { io_port_set_direction(port, Direction::Input); }},
       {"close", PORT_OUTPUT, io_port_close},
       {"configuration lock", PORT_OUTPUT, [](IoPort* port) { const PortConfigLock lock(port); }},
   };

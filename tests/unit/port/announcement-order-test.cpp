@@ -26,7 +26,7 @@ TEST_F(AChange, of_an_outputs_state_is_an_event_before_it_is_a_signal) {
 
 TEST_F(AChange, that_hardware_reports_is_an_event_before_it_is_a_signal) {
   const auto port = make_heard({.type = PORT_INPUT, .number = 5});
-  io_port_trigger(port.get(), 1);
+  io_port_trigger(port.get(), ReportedState(true));
   EXPECT_THAT(take_history(), ElementsAre("send IOPort port=5 state=1", "5: state=1 input"));
 }
 
@@ -52,7 +52,7 @@ TEST_F(AChange, of_an_outputs_sense_ends_with_the_setting) {
 
 TEST_F(AChange, of_the_direction_ends_with_the_setting) {
   const auto port = make_heard({.type = PORT_IO_CTRL, .number = 5});
-  io_port_set_direction(port.get(), false);
+  io_port_set_direction(port.get(), Direction::Output);
   EXPECT_THAT(take_history(),
               ElementsAre("send IOPort port=5 state=0", "5: state=0", "5: direction=output"));
 }
@@ -67,10 +67,10 @@ TEST_F(AChange, of_a_name_is_announced_before_the_events_carry_it) {
 // The level goes into the setter as it is, whatever above 0 it may be.
 TEST_F(AChange, of_an_outputs_sense_takes_an_unknown_level_for_a_high_one) {
   const auto port = make({.number = 5});
-  fake_backend::record(port.get())->level = 2;
+  fake_backend::record(port.get())->level = Level::Unknown;
   io_port_set_activelow(port.get(), true, PortSide::Output);
   EXPECT_THAT(fake_backend::take_calls(), ElementsAre("5: set_state 0"));
-  fake_backend::record(port.get())->level = 2;
+  fake_backend::record(port.get())->level = Level::Unknown;
   io_port_set_activelow(port.get(), false, PortSide::Output);
   EXPECT_THAT(fake_backend::take_calls(), ElementsAre("5: set_state 0"));
 }

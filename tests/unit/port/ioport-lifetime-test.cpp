@@ -125,15 +125,14 @@ TEST_F(APortsLife, comes_back_after_a_close_as_it_was_described) {
 TEST_F(APortsLife, keeps_the_ranges_of_the_user_when_it_comes_back) {
   const auto port = make({.type = PORT_INPUT, .backend = BACKEND_IIO, .set_up = false});
   io_port_parse_backend_data(port.get(), "range", "range", "closed 0 100");
-  ASSERT_EQ(g_list_length(port->ranges), 1U);
+  ASSERT_EQ(port->ranges.size(), 1U);
   ASSERT_TRUE(io_port_setup(port.get()));
   ASSERT_TRUE(io_port_add_supervised_range(port.get(), "short", 101, 200, nullptr));
-  GList* const ranges = port->ranges;
 
   io_port_close(port.get());
   ASSERT_TRUE(io_port_setup(port.get()));
-  EXPECT_EQ(port->ranges, ranges);
-  EXPECT_EQ(g_list_length(port->ranges), 2U);
+  ASSERT_EQ(port->ranges.size(), 2U);
+  EXPECT_EQ(port->ranges.back().state, SUPERVISED_SHORT);
 }
 
 TEST_F(APortsLife, is_watched_only_as_an_enabled_input) {
@@ -177,7 +176,7 @@ TEST_F(APortsLife, knows_whether_somebody_holds_its_locks) {
 TEST_F(APortsLife, lets_a_configuration_change_nest) {
   const auto port = make({.type = PORT_IO_CTRL, .direction_input = false});
   const PortConfigLock outer(port.get());
-  EXPECT_TRUE(io_port_set_direction(port.get(), true));
+  EXPECT_TRUE(io_port_set_direction(port.get(), Direction::Input));
   EXPECT_TRUE(io_port_set_activelow(port.get(), true, PortSide::Input));
   const PortConfigLock inner(port.get());
 }

@@ -86,7 +86,7 @@ TEST_F(ThePortList, counts_io_ports_by_what_they_currently_are) {
   IoPort* const switched = add({.type = PORT_IO_CTRL, .direction_input = true});
   EXPECT_EQ(io_port_list_nbr_inputs(), 2);
   EXPECT_EQ(io_port_list_nbr_outputs(), 1);
-  io_port_set_direction(switched, false);
+  io_port_set_direction(switched, Direction::Output);
   EXPECT_EQ(io_port_list_nbr_inputs(), 1);
   EXPECT_EQ(io_port_list_nbr_outputs(), 2);
 }
@@ -104,20 +104,20 @@ TEST_F(ThePortList, is_active_for_the_any_port_event_when_a_taking_part_port_is)
   IoPort* const member = add({.number = 2});
   give_event(member, "PortAny");
   io_port_set_state(outsider, true);
-  EXPECT_EQ(io_port_list_get_port_any_value(), 0);
+  EXPECT_FALSE(io_port_list_get_port_any_value());
   io_port_set_state(member, true);
-  EXPECT_EQ(io_port_list_get_port_any_value(), 1);
+  EXPECT_TRUE(io_port_list_get_port_any_value());
   io_port_set_enabled(member, false);
-  EXPECT_EQ(io_port_list_get_port_any_value(), 0);
+  EXPECT_FALSE(io_port_list_get_port_any_value());
 }
 
 TEST_F(ThePortList, takes_the_logical_state_for_the_any_port_event) {
   IoPort* const inverted = add({.type = PORT_INPUT, .number = 1});
   give_event(inverted, "PortAny");
   io_port_set_activelow(inverted, true, PortSide::Input);
-  EXPECT_EQ(io_port_list_get_port_any_value(), 1);
-  fake_backend::record(inverted)->level = 1;
-  EXPECT_EQ(io_port_list_get_port_any_value(), 0);
+  EXPECT_TRUE(io_port_list_get_port_any_value());
+  fake_backend::record(inverted)->level = Level::High;
+  EXPECT_FALSE(io_port_list_get_port_any_value());
 }
 
 TEST_F(ThePortList, counts_hidden_ports) {

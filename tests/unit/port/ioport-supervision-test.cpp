@@ -59,7 +59,7 @@ TEST_F(ASupervisedPort, applies_its_direction_again_when_it_is_a_configurable_in
 TEST_F(ASupervisedPort, keeps_its_direction_when_it_is_a_configurable_output) {
   const auto port = make_port(PORT_IO_CTRL, false);
   EXPECT_TRUE(io_port_set_supervised(port.get(), true));
-  EXPECT_FALSE(port->direction);
+  EXPECT_EQ(port->direction, Direction::Output);
   EXPECT_THAT(fake_backend::take_calls(), ElementsAre("0: set_supervised 1"));
 }
 
@@ -99,7 +99,7 @@ TEST_F(ASupervisedPort, judges_new_ranges) {
     g_autoptr(GError) error = nullptr;
     EXPECT_EQ(io_port_add_supervised_range(port.get(), row.state, row.lower, row.upper, &error),
               row.problem == nullptr);
-    EXPECT_EQ(g_list_length(port->ranges), row.problem == nullptr ? 1U : 0U);
+    EXPECT_EQ(port->ranges.size(), row.problem == nullptr ? 1U : 0U);
     if (row.problem != nullptr) {
       ASSERT_TRUE(g_error_matches(error, io_supervised_error_quark(),
                                   IO_SUPERVISED_ERROR_BAD_SUPERVISED_RANGE));
@@ -112,24 +112,22 @@ TEST_F(ASupervisedPort, appends_a_new_range_even_for_a_state_that_has_one) {
   const auto port = make_port();
   ASSERT_TRUE(io_port_add_supervised_range(port.get(), "open", 50, 60, nullptr));
   ASSERT_TRUE(io_port_add_supervised_range(port.get(), "open", 10, 20, nullptr));
-  ASSERT_EQ(g_list_length(port->ranges), 2U);
-  const auto* last = static_cast<const SupervisedRange*>(g_list_last(port->ranges)->data);
-  EXPECT_EQ(last->lower, 10U);
-  EXPECT_EQ(last->upper, 20U);
+  ASSERT_EQ(port->ranges.size(), 2U);
+  EXPECT_EQ(port->ranges.back().lower, 10U);
+  EXPECT_EQ(port->ranges.back().upper, 20U);
 }
 
 TEST_F(ASupervisedPort, keeps_its_ranges_when_the_backend_refuses_a_new_one) {
   const auto port = make_port();
   ASSERT_TRUE(io_port_add_supervised_range(port.get(), "open", 50, 60, nullptr));
-  GList* const before = port->ranges;
   fake_backend::refuse_ranges = true;
   EXPECT_FALSE(io_port_add_supervised_range(port.get(), "open", 10, 20, nullptr));
-  EXPECT_EQ(port->ranges, before);
-  EXPECT_EQ(g_list_length(port->ranges), 1U);
+  ASSERT_EQ(port->ranges.size(), 1U);
+  EXPECT_EQ(port->ranges.front().lower, 50U);
 
   const auto empty = make_port();
   EXPECT_FALSE(io_port_add_supervised_range(empty.get(), "open", 10, 20, nullptr));
-  EXPECT_EQ(empty->ranges, nullptr);
+  EXPECT_TRUE(empty->ranges.empty());
 }
 
 TEST_F(ASupervisedPort, has_no_ranges_without_a_backend_that_keeps_them) {
@@ -142,32 +140,26 @@ TEST_F(ASupervisedPort, has_no_ranges_without_a_backend_that_keeps_them) {
 
 TEST_F(ASupervisedPort, hands_on_the_readout_of_its_backend) {
   const auto port = make_port();
-  fake_backend::record(port.get())->readout_state = SUPERVISED_CUT;
-  fake_backend::record(port.get())->readout_level = 77;
-  guint state = 0;
-  guint level = 0;
-  EXPECT_TRUE(io_port_get_supervised_readout(port.get(), &state, &level, nullptr));
-  EXPECT_EQ(state, SUPERVISED_CUT);
-  EXPECT_EQ(level, 77U);
+  fake_backend::record(port.get())->readout = {.state = SUPERVISED_CUT, .level = 77};
+  const auto readout = io_port_get_supervised_readout(port.get(), nullptr);
+  ASSERT_TRUE(readout);
+  EXPECT_EQ(readout->state, SUPERVISED_CUT);
+  EXPECT_EQ(readout->level, 77U);
   EXPECT_EQ(io_port_get_supervised_state(port.get()), SUPERVISED_CUT);
 }
 
 TEST_F(ASupervisedPort, has_no_readout_without_a_backend_that_measures) {
   const auto port = make({.type = PORT_INPUT});
-  guint state = 0;
-  guint level = 0;
   g_autoptr(GError) error = nullptr;
-  EXPECT_FALSE(io_port_get_supervised_readout(port.get(), &state, &level, &error));
+  EXPECT_FALSE(io_port_get_supervised_readout(port.get(), &error));
   ASSERT_TRUE(g_error_matches(error, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC));
   EXPECT_STREQ(error->message, "Not applicable for port.");
 }
 
 TEST_F(ASupervisedPort, has_no_readout_when_it_is_not_supervisable) {
   const auto port = make_port(PORT_OUTPUT);
-  guint state = 0;
-  guint level = 0;
   g_autoptr(GError) error = nullptr;
-  EXPECT_FALSE(io_port_get_supervised_readout(port.get(), &state, &level, &error));
+  EXPECT_FALSE(io_port_get_supervised_readout(port.get(), &error));
   ASSERT_TRUE(
       g_error_matches(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_NOT_SUPERVISED));
   EXPECT_STREQ(error->message, "Port is non-supervised");
@@ -175,11 +167,11 @@ TEST_F(ASupervisedPort, has_no_readout_when_it_is_not_supervisable) {
 
 TEST_F(ASupervisedPort, is_open_without_supervision) {
   const auto not_set_up = make({.type = PORT_INPUT, .backend = BACKEND_IIO, .set_up = false});
-  fake_backend::record(not_set_up.get())->readout_state = SUPERVISED_CUT;
+  fake_backend::record(not_set_up.get())->readout.state = SUPERVISED_CUT;
   EXPECT_EQ(io_port_get_supervised_state(not_set_up.get()), SUPERVISED_OPEN);
 
   const auto output = make_port(PORT_OUTPUT);
-  fake_backend::record(output.get())->readout_state = SUPERVISED_CUT;
+  fake_backend::record(output.get())->readout.state = SUPERVISED_CUT;
   EXPECT_EQ(io_port_get_supervised_state(output.get()), SUPERVISED_OPEN);
 
   EXPECT_EQ(io_port_get_supervised_state(make({.type = PORT_INPUT}).get()), SUPERVISED_OPEN);
@@ -194,14 +186,9 @@ TEST_F(ASupervisedPort, is_undefined_when_it_cannot_be_read) {
 }
 
 TEST_F(ASupervisedPort, lists_the_states_that_it_can_report) {
-  GList* states = g_list_append(nullptr, const_cast<char*>("kept"));
-  EXPECT_TRUE(io_port_get_supported_states(nullptr, &states));
-  Texts texts;
-  for (const GList* item = states; item != nullptr; item = item->next) {
-    texts.emplace_back(static_cast<const char*>(item->data));
-  }
-  g_list_free(states);
-  EXPECT_THAT(texts, ElementsAre("kept", "closed", "open", "short", "cut"));
+  EXPECT_THAT(io_port_get_supported_states(nullptr),
+              ElementsAre(testing::StrEq("closed"), testing::StrEq("open"), testing::StrEq("short"),
+                          testing::StrEq("cut")));
 }
 
 TEST_F(ASupervisedPort, has_an_error_domain_of_its_own) {
@@ -212,14 +199,9 @@ TEST_F(ASupervisedPort, has_an_error_domain_of_its_own) {
 }
 
 TEST_F(ASupervisedPortDeathTest, ends_the_process_when_misused) {
-  const auto port = make_port();
-  guint value = 0;
   EXPECT_DEATH(io_port_is_supervisable(nullptr), "'port' should not be NULL");
   EXPECT_DEATH(io_port_supervised_input(nullptr), "'port' should not be NULL");
-  EXPECT_DEATH(io_port_get_supervised_ranges(port.get(), nullptr), "'ranges' should not be NULL");
-  EXPECT_DEATH(io_port_get_supervised_readout(port.get(), nullptr, &value, nullptr),
-               "'state' should not be NULL");
-  EXPECT_DEATH(io_port_get_supervised_readout(port.get(), &value, nullptr, nullptr),
-               "'level' should not be NULL");
+  EXPECT_DEATH(io_port_get_supervised_ranges(nullptr), "'port' should not be NULL");
+  EXPECT_DEATH(io_port_get_supervised_readout(nullptr, nullptr), "'port' should not be NULL");
   EXPECT_DEATH(io_port_get_supervised_state(nullptr), "'ioport' should not be NULL");
 }

@@ -25,12 +25,12 @@ TEST_F(AnIoPort, starts_with_the_documented_defaults) {
   EXPECT_EQ(port->number, -1);
   EXPECT_FALSE(port->activelow_output);
   EXPECT_FALSE(port->activelow_input);
-  EXPECT_TRUE(port->direction);
+  EXPECT_EQ(port->direction, Direction::Input);
   EXPECT_FALSE(port->supervised);
   EXPECT_EQ(port->button_type, BUTTON_NONE);
   EXPECT_EQ(port->pulse_time, 0U);
   EXPECT_TRUE(port->events.empty());
-  EXPECT_EQ(port->ranges, nullptr);
+  EXPECT_TRUE(port->ranges.empty());
   EXPECT_TRUE(port->enabled);
   EXPECT_FALSE(port->is_setup);
   EXPECT_FALSE(port->cancel_sequence);
@@ -52,31 +52,58 @@ TEST_F(AnIoPort, has_texts_for_its_button_types_and_modes) {
 TEST_F(AnIoPort, inverts_its_level_by_the_side_in_use) {
   struct Row {
     const char* label;
-    PortType type;
-    bool direction_input;
-    bool activelow_input;
-    bool activelow_output;
-    guint level;
-    bool state;
+    PortType type = PORT_INPUT;
+    bool direction_input = true;
+    bool activelow_input = false;
+    bool activelow_output = false;
+    Level level = Level::Low;
+    bool state = false;
   };
   constexpr std::array rows{
-      Row{"input low", PORT_INPUT, true, false, false, 0, false},
-      Row{"input high", PORT_INPUT, true, false, false, 1, true},
-      Row{"inverted input low", PORT_INPUT, true, true, false, 0, true},
-      Row{"inverted input high", PORT_INPUT, true, true, false, 1, false},
-      Row{"input ignores the output side", PORT_INPUT, true, false, true, 1, true},
-      Row{"output low", PORT_OUTPUT, true, false, false, 0, false},
-      Row{"output high", PORT_OUTPUT, true, false, false, 1, true},
-      Row{"inverted output low", PORT_OUTPUT, true, false, true, 0, true},
-      Row{"inverted output high", PORT_OUTPUT, true, false, true, 1, false},
-      Row{"output ignores the input side", PORT_OUTPUT, true, true, false, 1, true},
-      Row{"configurable as input", PORT_IO_CTRL, true, true, false, 0, true},
-      Row{"configurable as output", PORT_IO_CTRL, false, true, false, 0, false},
-      Row{"configurable as inverted output", PORT_IO_CTRL, false, false, true, 0, true},
-      Row{"unknown level", PORT_INPUT, true, false, false, 2, false},
-      Row{"unknown level of an inverted input", PORT_INPUT, true, true, false, 2, false},
-      Row{"unknown level of an inverted output", PORT_OUTPUT, true, false, true, 3, false},
-      Row{"the largest level", PORT_OUTPUT, true, false, true, G_MAXUINT, false},
+      Row{.label = "input low"},
+      Row{.label = "input high", .level = Level::High, .state = true},
+      Row{.label = "inverted input low", .activelow_input = true, .state = true},
+      Row{.label = "inverted input high", .activelow_input = true, .level = Level::High},
+      Row{.label = "input ignores the output side",
+          .activelow_output = true,
+          .level = Level::High,
+          .state = true},
+      Row{.label = "output low", .type = PORT_OUTPUT},
+      Row{.label = "output high", .type = PORT_OUTPUT, .level = Level::High, .state = true},
+      Row{.label = "inverted output low",
+          .type = PORT_OUTPUT,
+          .activelow_output = true,
+          .state = true},
+      Row{.label = "inverted output high",
+          .type = PORT_OUTPUT,
+          .activelow_output = true,
+          .level = Level::High},
+      Row{.label = "output ignores the input side",
+          .type = PORT_OUTPUT,
+          .activelow_input = true,
+          .level = Level::High,
+          .state = true},
+      Row{.label = "configurable as input",
+          .type = PORT_IO_CTRL,
+          .activelow_input = true,
+          .state = true},
+      Row{.label = "configurable as output",
+          .type = PORT_IO_CTRL,
+          .direction_input = false,
+          .activelow_input = true},
+      Row{.label = "configurable as inverted output",
+          .type = PORT_IO_CTRL,
+          .direction_input = false,
+          .activelow_output = true,
+          .state = true},
+      Row{.label = "unknown level", .level = Level::Unknown},
+      Row{.label = "unknown level of an inverted input",
+          .activelow_input = true,
+          .level = Level::Unknown},
+      Row{.label = "unknown level of an inverted output",
+          .type = PORT_OUTPUT,
+          .activelow_output = true,
+          .level = Level::Unknown},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);
@@ -90,7 +117,7 @@ TEST_F(AnIoPort, inverts_its_level_by_the_side_in_use) {
 
 TEST_F(AnIoPort, reads_low_until_it_is_set_up) {
   const auto port = make({.type = PORT_INPUT, .set_up = false});
-  fake_backend::record(port.get())->level = 1;
+  fake_backend::record(port.get())->level = Level::High;
   EXPECT_FALSE(io_port_get_state(port.get()));
   EXPECT_TRUE(io_port_setup(port.get()));
   EXPECT_TRUE(io_port_get_state(port.get()));
@@ -197,9 +224,9 @@ TEST_F(AnIoPort, ignores_virtual_states_and_triggers_while_disabled) {
   const auto port = make({.backend = BACKEND_VIRTUAL});
   port->enabled = false;
   EXPECT_TRUE(io_port_set_virtual(port.get(), true));
-  io_port_trigger(port.get(), 1);
+  io_port_trigger(port.get(), ReportedState(true));
   io_port_send_signal(port.get(), Trigger::Hardware, true);
-  io_port_send_events_if_enabled(port.get(), 1);
+  io_port_send_events_if_enabled(port.get(), ReportedState(true));
   EXPECT_THAT(fake_backend::take_calls(), IsEmpty());
   EXPECT_THAT(take_changes(), IsEmpty());
 }
@@ -207,11 +234,11 @@ TEST_F(AnIoPort, ignores_virtual_states_and_triggers_while_disabled) {
 TEST_F(AnIoPort, passes_a_trigger_on) {
   const auto port = make({.type = PORT_INPUT, .number = 2});
   give_event(port.get(), "IOPort");
-  io_port_trigger(port.get(), 1);
+  io_port_trigger(port.get(), ReportedState(true));
   EXPECT_THAT(take_changes(), ElementsAre("2: state=1 input"));
   EXPECT_THAT(fake_events::take_log(), ElementsAre("send IOPort port=2 state=1"));
 
-  io_port_trigger(port.get(), 3);
+  io_port_trigger(port.get(), ReportedState(SUPERVISED_CUT));
   EXPECT_THAT(take_changes(), ElementsAre("2: state=1 input"));
 }
 
@@ -269,9 +296,9 @@ TEST_F(AnIoPort, sends_only_the_events_that_fit_what_it_is) {
     event->input = row.input_flag;
     event->output = row.output_flag;
     event->supervised_input = row.supervised_flag;
-    io_port_send_events(port.get(), 1);
+    io_port_send_events(port.get(), ReportedState(true));
     EXPECT_EQ(fake_events::take_log().size(), row.sent ? 1U : 0U);
-    io_port_send_events_if_enabled(port.get(), 0);
+    io_port_send_events_if_enabled(port.get(), ReportedState(false));
     EXPECT_EQ(fake_events::take_log().size(), row.sent ? 1U : 0U);
   }
 }
@@ -388,9 +415,9 @@ TEST_F(AnIoPort, resets_the_event_filters_when_it_is_inverted) {
   const auto port = make({.type = PORT_INPUT, .backend = BACKEND_IIO, .supervised = true});
   IoEvent* const event = give_event(port.get(), "com.norv.Event.Wxd.SupervisedPort");
   event->supervised_input = true;
-  io_port_trigger(port.get(), 0);
+  io_port_trigger(port.get(), ReportedState(false));
   fake_events::take_log();
-  io_port_trigger(port.get(), 0);
+  io_port_trigger(port.get(), ReportedState(false));
   EXPECT_THAT(fake_events::take_log(), IsEmpty());
 
   EXPECT_TRUE(io_port_set_activelow(port.get(), true, PortSide::Input));
@@ -402,8 +429,8 @@ TEST_F(AnIoPort, changes_direction_only_when_configurable) {
   for (const PortType type : {PORT_INPUT, PORT_OUTPUT}) {
     SCOPED_TRACE(type);
     const auto port = make({.type = type});
-    EXPECT_FALSE(io_port_set_direction(port.get(), true));
-    EXPECT_FALSE(io_port_set_direction(port.get(), false));
+    EXPECT_FALSE(io_port_set_direction(port.get(), Direction::Input));
+    EXPECT_FALSE(io_port_set_direction(port.get(), Direction::Output));
     EXPECT_THAT(fake_backend::take_calls(), IsEmpty());
   }
   EXPECT_THAT(take_changes(), IsEmpty());
@@ -411,7 +438,7 @@ TEST_F(AnIoPort, changes_direction_only_when_configurable) {
 
 TEST_F(AnIoPort, becomes_an_input_with_a_watch) {
   const auto port = make({.type = PORT_IO_CTRL, .number = 3, .direction_input = false});
-  EXPECT_TRUE(io_port_set_direction(port.get(), true));
+  EXPECT_TRUE(io_port_set_direction(port.get(), Direction::Input));
   EXPECT_TRUE(io_port_input(port.get()));
   EXPECT_THAT(fake_backend::take_calls(), ElementsAre("3: set_direction 1", "3: set_watch"));
   EXPECT_THAT(take_changes(), ElementsAre("3: state=0 input"));
@@ -420,7 +447,7 @@ TEST_F(AnIoPort, becomes_an_input_with_a_watch) {
 
 TEST_F(AnIoPort, becomes_an_output_without_a_watch) {
   const auto port = make({.type = PORT_IO_CTRL, .number = 3});
-  EXPECT_TRUE(io_port_set_direction(port.get(), false));
+  EXPECT_TRUE(io_port_set_direction(port.get(), Direction::Output));
   EXPECT_FALSE(io_port_input(port.get()));
   EXPECT_THAT(fake_backend::take_calls(), ElementsAre("3: set_direction 0"));
   EXPECT_THAT(take_changes(), ElementsAre("3: state=0"));
@@ -429,15 +456,15 @@ TEST_F(AnIoPort, becomes_an_output_without_a_watch) {
 
 TEST_F(AnIoPort, reports_again_when_given_the_direction_that_it_has) {
   const auto port = make({.type = PORT_IO_CTRL, .number = 3});
-  EXPECT_TRUE(io_port_set_direction(port.get(), true));
-  EXPECT_TRUE(io_port_set_direction(port.get(), true));
+  EXPECT_TRUE(io_port_set_direction(port.get(), Direction::Input));
+  EXPECT_TRUE(io_port_set_direction(port.get(), Direction::Input));
   EXPECT_THAT(take_changes(), ElementsAre("3: state=0 input", "3: state=0 input"));
 }
 
 TEST_F(AnIoPort, only_stores_its_direction_before_it_is_set_up) {
   const auto port = make({.type = PORT_IO_CTRL, .set_up = false});
-  EXPECT_TRUE(io_port_set_direction(port.get(), false));
-  EXPECT_FALSE(port->direction);
+  EXPECT_TRUE(io_port_set_direction(port.get(), Direction::Output));
+  EXPECT_EQ(port->direction, Direction::Output);
   EXPECT_THAT(fake_backend::take_calls(), IsEmpty());
   EXPECT_THAT(take_changes(), IsEmpty());
   EXPECT_THAT(take_settings(), IsEmpty());
@@ -451,7 +478,7 @@ TEST_F(AnIoPort, declares_the_events_that_apply_and_withdraws_the_others_with_it
   for_input->output = false;
   ASSERT_NE(for_output->id, 0U);
 
-  EXPECT_TRUE(io_port_set_direction(port.get(), true));
+  EXPECT_TRUE(io_port_set_direction(port.get(), Direction::Input));
   EXPECT_EQ(for_output->id, 0U);
   EXPECT_NE(for_input->id, 0U);
   EXPECT_THAT(fake_events::take_log(),
@@ -461,7 +488,7 @@ TEST_F(AnIoPort, declares_the_events_that_apply_and_withdraws_the_others_with_it
 TEST_F(AnIoPort, does_not_report_its_direction_while_disabled) {
   const auto port = make({.type = PORT_IO_CTRL});
   port->enabled = false;
-  EXPECT_TRUE(io_port_set_direction(port.get(), false));
+  EXPECT_TRUE(io_port_set_direction(port.get(), Direction::Output));
   EXPECT_THAT(take_changes(), IsEmpty());
   EXPECT_THAT(take_settings(), ElementsAre("0: direction=output"));
 }
@@ -732,7 +759,7 @@ TEST_F(AnIoPort, keeps_a_delay_and_a_spare_count) {
 
 TEST_F(AnIoPortDeathTest, ends_the_process_when_misused) {
   EXPECT_DEATH(io_port_direction_input(nullptr), "'ioport' should not be NULL");
-  EXPECT_DEATH(io_port_set_direction(nullptr, true), "'ioport' should not be NULL");
+  EXPECT_DEATH(io_port_set_direction(nullptr, Direction::Input), "'ioport' should not be NULL");
   EXPECT_DEATH(io_port_get_state(nullptr), "'ioport' should not be NULL");
   EXPECT_DEATH(io_port_set_state(nullptr, true), "'ioport' should not be NULL");
   EXPECT_DEATH(io_port_set_virtual(nullptr, true), "'ioport' should not be NULL");

@@ -134,7 +134,7 @@ struct Stress : PortTest {
       io_port_set_activelow(port, toss(), toss() ? PortSide::Input : PortSide::Output);
       break;
     case 1:
-      io_port_set_direction(port, toss());
+      io_port_set_direction(port, toss() ? Direction::Input : Direction::Output);
       break;
     case 2:
       if (!io_port_input(port) && port->backend != BACKEND_VIRTUAL) {
@@ -145,7 +145,7 @@ struct Stress : PortTest {
       io_port_set_virtual(port, toss());
       break;
     case 4:
-      io_port_trigger(port, static_cast<guint>(pick(4)));
+      io_port_trigger(port, ReportedState(static_cast<SupervisedState>(pick(4))));
       break;
     case 5:
       rename(port);

@@ -7,12 +7,11 @@ namespace {
 
 struct Supervision : PortTest {
   /// "closed 0-100" for each range of a list.
-  static Texts describe(const GList* ranges) {
+  static Texts describe(const SupervisedRanges& ranges) {
     Texts texts;
-    for (; ranges != nullptr; ranges = ranges->next) {
-      const auto* range = static_cast<const SupervisedRange*>(ranges->data);
-      texts.push_back(std::string(supervised_range_state2string(range->state)) + ' '
-                      + std::to_string(range->lower) + '-' + std::to_string(range->upper));
+    for (const auto& range : ranges) {
+      texts.push_back(std::string(supervised_range_state2string(range.state)) + ' '
+                      + std::to_string(range.lower) + '-' + std::to_string(range.upper));
     }
     return texts;
   }
@@ -21,10 +20,7 @@ struct Supervision : PortTest {
     g_autoptr(GVariant) value =
         g_variant_parse(G_VARIANT_TYPE("a(suu)"), variant, nullptr, nullptr, nullptr);
     EXPECT_NE(value, nullptr);
-    GList* const ranges = supervised_gvariant2ranges(value);
-    auto texts = describe(ranges);
-    supervised_ranges_free(ranges);
-    return texts;
+    return describe(supervised_gvariant2ranges(value));
   }
 
   IoPortRef make_input(BackendKind backend = BACKEND_IIO) {
@@ -68,13 +64,8 @@ TEST_F(Supervision, takes_every_other_word_as_undefined) {
 TEST_F(SupervisionDeathTest, ends_the_process_for_a_state_outside_the_enumeration) {
   EXPECT_DEATH(supervised_range_state2string(static_cast<SupervisedState>(5)),
                "supervised_range_state2string.*should not be reached");
-  SupervisedRange wrong{.state = static_cast<SupervisedState>(5), .upper = 1, .lower = 0};
-  EXPECT_DEATH(
-      {
-        GList* const ranges = g_list_append(nullptr, &wrong);
-        supervised_ranges2gvariant(ranges);
-      },
-      "should not be reached");
+  const SupervisedRanges wrong{{.state = static_cast<SupervisedState>(5), .upper = 1, .lower = 0}};
+  EXPECT_DEATH(supervised_ranges2gvariant(wrong), "should not be reached");
 }
 
 TEST_F(Supervision, prints_ranges_in_list_order_with_the_lower_limit_first) {
@@ -87,7 +78,7 @@ TEST_F(Supervision, prints_ranges_in_list_order_with_the_lower_limit_first) {
 }
 
 TEST_F(Supervision, prints_no_ranges_as_an_empty_array) {
-  g_autoptr(GVariant) value = g_variant_ref_sink(supervised_ranges2gvariant(nullptr));
+  g_autoptr(GVariant) value = g_variant_ref_sink(supervised_ranges2gvariant({}));
   EXPECT_STREQ(g_variant_get_type_string(value), "a(suu)");
   EXPECT_EQ(g_variant_n_children(value), 0U);
 }
@@ -136,52 +127,42 @@ TEST_F(Supervision, finds_the_last_range_that_holds_a_level) {
         Row{189, SUPERVISED_SHORT}, Row{190, SUPERVISED_OPEN}, Row{65535, SUPERVISED_OPEN},
         Row{65536, SUPERVISED_UNDEFINED}, Row{G_MAXUINT32, SUPERVISED_UNDEFINED}}) {
     SCOPED_TRACE(row.level);
-    guint state = 99;
-    EXPECT_TRUE(supervised_lookup_state(port.get(), row.level, &state, nullptr));
-    EXPECT_EQ(state, row.state);
+    EXPECT_EQ(supervised_lookup_state(port.get(), row.level, nullptr), row.state);
   }
 }
 
 TEST_F(Supervision, cannot_look_a_level_up_without_ranges_to_lend) {
   const auto port = make_input(BACKEND_GPIO);
-  guint state = 0;
   g_autoptr(GError) error = nullptr;
-  EXPECT_FALSE(supervised_lookup_state(port.get(), 1, &state, &error));
-  EXPECT_EQ(state, SUPERVISED_UNDEFINED);
+  EXPECT_EQ(supervised_lookup_state(port.get(), 1, &error), std::nullopt);
   ASSERT_TRUE(
       g_error_matches(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_NOT_SUPERVISED));
   EXPECT_STREQ(error->message, "Failed to get ranges from port loop");
 
   port->name = std::nullopt;
   g_clear_error(&error);
-  EXPECT_FALSE(supervised_lookup_state(port.get(), 1, &state, &error));
+  EXPECT_EQ(supervised_lookup_state(port.get(), 1, &error), std::nullopt);
   EXPECT_STREQ(error->message, "Failed to get ranges from port (null)");
 }
 
-TEST_F(Supervision, lends_takes_and_replaces_the_list_of_a_port) {
+TEST_F(Supervision, shows_and_replaces_the_ranges_of_a_port) {
   const auto port = make_input();
-  GList* lent = nullptr;
-  EXPECT_TRUE(io_port_get_supervised_ranges(port.get(), &lent));
-  EXPECT_EQ(lent, nullptr);
-
-  GList* const first = g_list_append(nullptr, g_new0(SupervisedRange, 1));
-  EXPECT_TRUE(io_port_set_supervised_ranges(port.get(), first, nullptr));
-  EXPECT_TRUE(io_port_get_supervised_ranges(port.get(), &lent));
-  EXPECT_EQ(lent, first);
-  // Handing over the list that the port already owns must not free it.
-  EXPECT_TRUE(io_port_set_supervised_ranges(port.get(), first, nullptr));
-  EXPECT_EQ(port->ranges, first);
-
-  GList* const second = g_list_append(nullptr, g_new0(SupervisedRange, 1));
-  EXPECT_TRUE(io_port_set_supervised_ranges(port.get(), second, nullptr));
-  EXPECT_EQ(port->ranges, second);
+  const SupervisedRanges* const shown = io_port_get_supervised_ranges(port.get());
+  ASSERT_NE(shown, nullptr);
+  EXPECT_THAT(*shown, IsEmpty());
+  for (const guint32 upper : {1U, 2U}) {
+    EXPECT_TRUE(io_port_set_supervised_ranges(
+        port.get(), {{.state = SUPERVISED_OPEN, .upper = upper, .lower = 0}}, nullptr));
+    EXPECT_THAT(describe(*io_port_get_supervised_ranges(port.get())),
+                ElementsAre("open 0-" + std::to_string(upper)));
+  }
 }
 
 TEST_F(Supervision, refuses_an_empty_list) {
   const auto port = make_input();
   ASSERT_TRUE(io_port_add_supervised_range(port.get(), "open", 0, 1, nullptr));
   g_autoptr(GError) error = nullptr;
-  EXPECT_FALSE(io_port_set_supervised_ranges(port.get(), nullptr, &error));
+  EXPECT_FALSE(io_port_set_supervised_ranges(port.get(), {}, &error));
   ASSERT_TRUE(g_error_matches(error, io_supervised_error_quark(),
                               IO_SUPERVISED_ERROR_BAD_SUPERVISED_RANGE));
   EXPECT_STREQ(error->message, "Ranges is null.");
@@ -190,13 +171,10 @@ TEST_F(Supervision, refuses_an_empty_list) {
 
 TEST_F(Supervision, needs_a_backend_that_can) {
   const auto port = make_input(BACKEND_GPIO);
-  GList* untouched = nullptr;
-  EXPECT_FALSE(io_port_get_supervised_ranges(port.get(), &untouched));
-  GList* const ranges = g_list_append(nullptr, g_new0(SupervisedRange, 1));
+  EXPECT_EQ(io_port_get_supervised_ranges(port.get()), nullptr);
   g_autoptr(GError) error = nullptr;
-  EXPECT_FALSE(io_port_set_supervised_ranges(port.get(), ranges, &error));
+  EXPECT_FALSE(io_port_set_supervised_ranges(port.get(), SupervisedRanges(1), &error));
   EXPECT_EQ(error, nullptr);
-  supervised_ranges_free(ranges);
 }
 
 TEST_F(Supervision, is_for_inputs_and_configurable_ports) {

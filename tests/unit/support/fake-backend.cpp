@@ -25,38 +25,38 @@ void note(const IoPort* port, const std::string& call) {
   }
 }
 
-std::string word(gboolean value) {
+std::string digit(bool value) {
   return value ? "1" : "0";
 }
 
-gboolean setup(IoPort* port, gboolean activelow_output) {
-  note(port, "setup " + word(activelow_output));
+bool setup(IoPort* port, Level start) {
+  note(port, "setup " + digit(start == Level::High));
   if (const auto left = failing_after.find(port->number);
       left != failing_after.end() && left->second-- <= 0) {
-    return FALSE;
+    return false;
   }
   return !failing.contains(port->number);
 }
 
-guint get_state(IoPort* port) {
+Level get_state(IoPort* port) {
   const auto* kept = record(port);
-  return kept != nullptr ? kept->level.load() : 0;
+  return kept != nullptr ? kept->level.load() : Level::Low;
 }
 
-void set_state(IoPort* port, gint state) {
-  note(port, "set_state " + std::to_string(state));
+void set_state(IoPort* port, Level level) {
+  note(port, "set_state " + digit(level == Level::High));
   if (auto* kept = record(port)) {
-    kept->level = static_cast<guint>(state);
+    kept->level = level;
   }
 }
 
-gboolean set_watch(IoPort* port) {
+bool set_watch(IoPort* port) {
   note(port, "set_watch");
-  return TRUE;
+  return true;
 }
 
-void set_direction(IoPort* port, gboolean input) {
-  note(port, "set_direction " + word(input));
+void set_direction(IoPort* port, Direction direction) {
+  note(port, "set_direction " + digit(direction == Direction::Input));
 }
 
 // An attribute range="closed 0 100" adds a range, as the supervised backends' range elements do.
@@ -81,25 +81,23 @@ void close(IoPort* port) {
   note(port, "close");
 }
 
-gboolean set_supervised(IoPort* port, gboolean supervised) {
-  note(port, "set_supervised " + word(supervised));
-  return TRUE;
+bool set_supervised(IoPort* port) {
+  note(port, "set_supervised " + digit(port->supervised));
+  return true;
 }
 
-gboolean set_ranges(IoPort* port, GList* ranges, GError** error) {
-  return !refuse_ranges && supervised_set_supervised_ranges(port, ranges, error);
+bool set_ranges(IoPort* port, SupervisedRanges ranges, GError** error) {
+  return !refuse_ranges && supervised_set_supervised_ranges(port, std::move(ranges), error);
 }
 
-gboolean get_readout(IoPort* port, guint* state, guint* level, GError** error) {
+std::optional<SupervisedReadout> get_readout(IoPort* port, GError** error) {
   const auto* kept = record(port);
   if (kept->readout_error) {
     g_set_error_literal(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_GENERIC,
                         kept->readout_error->c_str());
-    return FALSE;
+    return std::nullopt;
   }
-  *state = kept->readout_state;
-  *level = kept->readout_level;
-  return TRUE;
+  return kept->readout;
 }
 
 constexpr PortFunctions plain{

@@ -17,11 +17,10 @@ namespace fake_backend {
 
 /// What the fake keeps for one port, from set-up functions to free.
 struct Record {
-  std::atomic<guint> level{0};
+  std::atomic<Level> level{Level::Low};
   std::vector<std::string> attributes;
   /// What a supervised readout answers; a message makes it fail.
-  guint readout_state = SUPERVISED_OPEN;
-  guint readout_level = 0;
+  SupervisedReadout readout{.state = SUPERVISED_OPEN};
   std::optional<std::string> readout_error;
 };
 

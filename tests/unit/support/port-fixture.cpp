@@ -50,7 +50,7 @@ std::string setting_text(const IoPort& port, Setting setting) {
   case Setting::OutputSense:
     return std::string("output sense=") + open_or_closed(port.activelow_output);
   case Setting::Direction:
-    return std::string("direction=") + (port.direction ? "input" : "output");
+    return std::string("direction=") + direction_word(port.direction);
   case Setting::Usage:
     return "usage=" + port.usage;
   }
@@ -111,7 +111,7 @@ IoPortRef PortTest::make(const PortDescription& description) {
   port->number = description.number;
   port->name = description.name;
   port->optional = description.optional;
-  port->direction = description.direction_input;
+  port->direction = description.direction_input ? Direction::Input : Direction::Output;
   port->supervised = description.supervised;
   for (const char* property : description.properties) {
     io_port_add_property(port.get(), property, "true");

@@ -8,7 +8,7 @@ namespace {
 
 struct LampPortData {
   OptionalText colour;
-  guint state = 0;
+  Level level = Level::Low;
 };
 
 constexpr std::array bulb_keys{
@@ -23,16 +23,15 @@ void lamp_parse_data(IoPort* port, const char* element, const char* key, const c
 }
 
 constexpr PortFunctions functions = backend_table<LampPortData>({
-    .setup = [](IoPort* port, gboolean /*state*/) -> gboolean {
-      return backend_data_ensure<LampPortData>(port)->colour.has_value();
-    },
-    .get_state = [](IoPort* port) { return backend_data_ensure<LampPortData>(port)->state; },
-    .set_state =
-        [](IoPort* port, gint state) {
-          backend_data_ensure<LampPortData>(port)->state = state != 0 ? 1 : 0;
+    .setup =
+        [](IoPort* port, Level /*start*/) {
+          return backend_data_ensure<LampPortData>(port)->colour.has_value();
         },
-    .set_watch = [](IoPort*) -> gboolean { return TRUE; },
-    .set_direction = [](IoPort*, gboolean) {},
+    .get_state = [](IoPort* port) { return backend_data_ensure<LampPortData>(port)->level; },
+    .set_state = [](IoPort* port,
+                    Level level) { backend_data_ensure<LampPortData>(port)->level = level; },
+    .set_watch = [](IoPort*) { return true; },
+    .set_direction = [](IoPort*, Direction) {},
     .parse_data = lamp_parse_data,
 });
 static_assert(port_functions_valid(functions));
