@@ -15,6 +15,7 @@
 #include "platform/file-sync.h"
 #include "platform/handles.h"
 #include "platform/log.h"
+#include "platform/memory.h"
 #include "port/ioport-list.h"
 
 #include <glib-unix.h>
@@ -180,6 +181,7 @@ void serve() {
 } // namespace
 
 int main(int argc, char* argv[]) {
+  memory_share_one_arena();
   set_use_legacy_interface(g_strcmp0(argc > 1 ? argv[1] : nullptr, "--disable_legacy_interface")
                            != 0);
   nv_log_stdout();

@@ -12,6 +12,10 @@ std::atomic<bool> pending{false};
 
 } // namespace
 
+void memory_share_one_arena() {
+  mallopt(M_ARENA_MAX, 1);
+}
+
 void memory_give_back_soon() {
   if (pending.exchange(true)) {
     return;

@@ -7,6 +7,7 @@
 
 #include "platform/checks.h"
 #include "platform/log.h"
+#include "platform/memory.h"
 #include "port/port-observer.h"
 
 #include <algorithm>
@@ -14,18 +15,21 @@
 #include <iterator>
 #include <set>
 #include <tuple>
+#include <utility>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
 // Ports on which a sequence runs (each kept alive by the sequence's reference while it is listed),
-// and the number of threads that have not yet let go of everything. Both under the mutex, which is
+// and the number of threads that have not yet let go of everything. All under the mutex, which is
 // taken last and held briefly.
 std::mutex running_mutex;
 std::condition_variable thread_ended;
 std::set<IoPort*> running_ports;
 guint live_threads = 0;
+/// The most of them at once since there was none.
+guint most_threads = 0;
 
 constexpr guint32 us_per_ms = 1000;
 
@@ -141,12 +145,21 @@ void io_port_run_sequence_internal(ActionSequence steps) {
   finish(port, guard);
 }
 
+// With the mutex held. A few sequences, again and again, had better keep their memory.
+void give_back_after_many() {
+  constexpr guint many = 16;
+  if (live_threads == 0 && std::exchange(most_threads, 0) >= many) {
+    memory_give_back_soon();
+  }
+}
+
 gpointer action_thread(gpointer data) {
   const std::unique_ptr<ActionSequence> steps(static_cast<ActionSequence*>(data));
   io_port_run_sequence_internal(std::move(*steps));
 
   const std::lock_guard guard(running_mutex);
   live_threads--;
+  give_back_after_many();
   thread_ended.notify_all();
   return nullptr;
 }
@@ -160,6 +173,7 @@ void mark_running(IoPort* ioport) {
   const std::lock_guard guard(running_mutex);
   running_ports.insert(ioport);
   live_threads++;
+  most_threads = std::max(most_threads, live_threads);
 }
 
 void unmark_running(IoPort* ioport) {
