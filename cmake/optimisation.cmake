@@ -11,6 +11,13 @@ set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 add_compile_options(-ffunction-sections -fdata-sections)
 add_link_options(-Wl,--gc-sections -Wl,--as-needed)
 
+# The dynamic linker of the C library that knows the packed form says so to those who link with it.
+include(CheckLinkerFlag)
+check_linker_flag(CXX -Wl,-z,pack-relative-relocs WEXD_HAS_PACKED_RELOCATIONS)
+if(WEXD_HAS_PACKED_RELOCATIONS)
+  add_link_options(-Wl,-z,pack-relative-relocs)
+endif()
+
 option(WEXD_STATIC_LIBSTDCXX
   "Link the C++ library into the programs, for devices without another one in C++" OFF)
 if(WEXD_STATIC_LIBSTDCXX)
