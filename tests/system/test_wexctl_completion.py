@@ -68,6 +68,8 @@ def environment(daemon, binary):
         ("wexctl get Fro", ["Front door\tinput"]),
         ("wexctl get 'Fro", ["Front door\tinput"]),
         ("wexctl stop relay ", ["on", "off"]),
+        ("wexctl set relay=o", ["relay=on", "relay=off"]),
+        ("wexctl set relay=on Fro", ["Front door=\tinput"]),
         ("wexctl pulse --wait re", ["relay\toutput"]),
         ("wexctl wait relay --timeout 5", ["500ms", "5s"]),
     ],

@@ -46,6 +46,8 @@ def zsh(device, binary):
         ("wexctl pulse --wait la", "wexctl pulse --wait lamp"),
         ("wexctl name relay --side ou", "wexctl name relay --side output"),
         ("wexctl active --side input both cl", "wexctl active --side input both closed"),
+        ("wexctl set lamp=of", "wexctl set lamp=off"),
+        ("wexctl set lamp=on rel", "wexctl set lamp=on relay="),
         ("wexctl connectors vi", "wexctl connectors video"),
         ("wexctl check /usr/share/do", "wexctl check /usr/share/doc"),
     ],
@@ -54,6 +56,15 @@ def test_a_word_is_completed(zsh, typed, completed):
     zsh.keys("-l", typed)
     zsh.keys("Tab")
     zsh.wait_for(rf"^% {completed}[ /]*$")
+
+
+def test_a_port_that_waits_for_its_state_has_it_typed_at_once(zsh):
+    zsh.keys("-l", "wexctl set lamp=on rel")
+    zsh.keys("Tab")
+    zsh.wait_for("relay=")
+    zsh.keys("-l", "of")
+    zsh.keys("Tab")
+    zsh.wait_for(r"^% wexctl set lamp=on relay=off *$")
 
 
 def test_every_port_of_the_running_daemon_is_offered(zsh):
