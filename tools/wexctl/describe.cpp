@@ -10,6 +10,7 @@
 #include <linux/gpio.h>
 #include <sys/ioctl.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace wexctl {
@@ -40,6 +41,25 @@ void print_port(int number, const std::string& name, const std::string& type,
         name, number, type, backend);
 }
 
+// What the chip says of the line of that offset. Kernels have the one interface or the other, or
+// both.
+bool get_line(int chip, gpio_v2_line_info& line) {
+  if (ioctl(chip, GPIO_V2_GET_LINEINFO_IOCTL, &line) == 0) {
+    return true;
+  }
+  gpioline_info older{};
+  older.line_offset = line.offset;
+  if (ioctl(chip, GPIO_GET_LINEINFO_IOCTL, &older) != 0) {
+    return false;
+  }
+  static_assert(sizeof line.name == sizeof older.name);
+  static_assert(sizeof line.consumer == sizeof older.consumer);
+  std::ranges::copy(older.name, line.name);
+  std::ranges::copy(older.consumer, line.consumer);
+  line.flags = (older.flags & GPIOLINE_FLAG_KERNEL) != 0 ? GPIO_V2_LINE_FLAG_USED : 0;
+  return true;
+}
+
 class Description {
 public:
   void add_gpio_chips();
@@ -48,20 +68,19 @@ public:
   [[nodiscard]] bool is_empty() const { return next_number_ == 0; }
 
 private:
-  void add_line(const gpioline_info& line);
+  void add_line(const gpio_v2_line_info& line);
 
   int next_number_ = 0;
 };
 
 // Only a line with a name can be told by it, and one in use belongs to somebody.
-void Description::add_line(const gpioline_info& line) {
+void Description::add_line(const gpio_v2_line_info& line) {
   const auto name = quoted(line.name);
-  if ((line.flags & GPIOLINE_FLAG_KERNEL) != 0) {
-    print("  <!-- line {}: {}, in use by {} -->\n", line.line_offset,
+  if ((line.flags & GPIO_V2_LINE_FLAG_USED) != 0) {
+    print("  <!-- line {}: {}, in use by {} -->\n", line.offset,
           name.empty() ? "without a name" : name, quoted(line.consumer));
   } else if (!name.empty()) {
-    print("  <!-- line {}; output instead of input for a line that is driven -->\n",
-          line.line_offset);
+    print("  <!-- line {}; output instead of input for a line that is driven -->\n", line.offset);
     print_port(next_number_++, name, "input",
                fmt::format("<backend name=\"gpio\"><input alias=\"{}\"/></backend>", name));
   }
@@ -78,9 +97,9 @@ void Description::add_gpio_chips() {
     print("\n  <!-- GPIO chip {} ({}) with {} lines -->\n", quoted(chip), quoted(info.label),
           info.lines);
     for (guint32 offset = 0; offset < info.lines; offset++) {
-      gpioline_info line{};
-      line.line_offset = offset;
-      if (ioctl(fd.get(), GPIO_GET_LINEINFO_IOCTL, &line) == 0) {
+      gpio_v2_line_info line{};
+      line.offset = offset;
+      if (get_line(fd.get(), line)) {
         add_line(line);
       }
     }
@@ -105,7 +124,10 @@ void Description::add_converters() {
       }
       print("  <!-- {} reads {}; without pins it is measured all the time -->\n", channel,
             quoted(first_line(folder + "/" + file)));
-      const auto number = channel.substr(strlen("in_voltage"));
+      // The only channel of a converter need not have a number, and any may have a name after it.
+      const auto told = channel.substr(strlen("in_voltage"));
+      const auto digits = told.substr(0, told.find_first_not_of("0123456789"));
+      const auto number = digits.empty() ? "0" : digits;
       print_port(next_number_++, name + "-" + number, "input",
                  fmt::format("<backend name=\"iio-interrupt\">"
                              "<device driver=\"{}\" mode=\"adc\" channel=\"{}\"/>"
