@@ -7,6 +7,8 @@
 
 #include <glib.h>
 
+#include "platform/numbers.h"
+
 #include <array>
 #include <type_traits>
 
@@ -35,15 +37,13 @@ void take_text(Record& record, const char* value) {
 /// Base 0 takes decimal, 0x-hexadecimal and octal numbers. What is beyond the field wraps.
 template <auto Field, guint Base = 10, typename Record>
 void take_number(Record& record, const char* value) {
-  record.*Field = static_cast<std::remove_reference_t<decltype(record.*Field)>>(
-      g_ascii_strtoll(value, nullptr, Base));
+  record.*Field = number_of<std::remove_reference_t<decltype(record.*Field)>>(value, Base);
 }
 
 /// As take_number, for numbers that are never negative and may need 64 bits.
 template <auto Field, typename Record>
 void take_unsigned(Record& record, const char* value) {
-  record.*Field = static_cast<std::remove_reference_t<decltype(record.*Field)>>(
-      g_ascii_strtoull(value, nullptr, 10));
+  record.*Field = unsigned_of<std::remove_reference_t<decltype(record.*Field)>>(value);
 }
 
 /// On for exactly "true", else off.

@@ -1,6 +1,7 @@
 #include "backends/iio-event-device.h"
 
 #include "backends/readable-watch.h"
+#include "platform/callbacks.h"
 #include "platform/handles.h"
 #include "platform/log.h"
 
@@ -96,7 +97,7 @@ constexpr guint calm_ms = 2 * longest_rest_ms;
 std::optional<gint> read_event_channel(IntDevice& device) {
   iio_event_data event{};
   const ssize_t got = read(device.event_fd.get(), &event, sizeof event);
-  if (got == static_cast<ssize_t>(sizeof event)) {
+  if (std::cmp_equal(got, sizeof event)) {
     if (device.unreadable.end()) {
       g_message("%s%s can be read again", log_prefix, device.path.c_str());
     }
@@ -133,8 +134,8 @@ std::optional<PendingEvent> take_event(const std::string& path) {
 }
 
 // What nobody came to read is no silence: an event that waits goes before this.
-gboolean on_calm(gpointer user_data) {
-  static_cast<IntDevice*>(user_data)->calm_timer.forget();
+gboolean on_calm(IntDevice* device) {
+  device->calm_timer.forget();
   return G_SOURCE_REMOVE;
 }
 
@@ -156,8 +157,9 @@ Found judge(const std::string& path, bool news) {
   if (news || was_calm) {
     calm_down(*device);
   }
-  device->calm_timer.reset(
-      news ? 0 : g_timeout_add_full(G_PRIORITY_LOW, calm_ms, on_calm, device, nullptr));
+  device->calm_timer.reset(news ? 0
+                                : g_timeout_add_full(G_PRIORITY_LOW, calm_ms,
+                                                     source_callback<on_calm>, device, nullptr));
   if (news) {
     return Found::Sense;
   }

@@ -4,6 +4,7 @@
 #include "backends/iio-utils.h"
 #include "backends/supervised-iio-interrupt-backend.h"
 #include "platform/log.h"
+#include "platform/numbers.h"
 
 #include <fcntl.h>
 
@@ -289,7 +290,7 @@ std::optional<guint32> iio_threshold_read(IioThresholdChannel& channel, bool tel
                 "Failed to read '%s'", path.c_str());
     return std::nullopt;
   }
-  channel.last_raw = static_cast<guint32>(strtol(text, nullptr, 0));
+  channel.last_raw = number_of<guint32>(text, 0);
   return iio_shift_right(channel.last_raw, bitshift(channel));
 }
 

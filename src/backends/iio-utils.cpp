@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -57,7 +58,7 @@ void iio_write_sysfs(const std::string& path, const char* text) {
     return;
   }
   errno = 0;
-  if (write(fd, text, strlen(text)) != static_cast<ssize_t>(strlen(text))) {
+  if (std::cmp_not_equal(write(fd, text, strlen(text)), strlen(text))) {
     g_warning("%sFailed to write sysfs path '%s': %s", log_prefix, path.c_str(), g_strerror(errno));
   }
   if (close(fd) != 0) {

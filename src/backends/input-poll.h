@@ -7,6 +7,7 @@
 
 #include "backends/backend-data.h"
 #include "backends/description-keys.h"
+#include "platform/callbacks.h"
 #include "platform/handles.h"
 #include "port/ioport.h"
 
@@ -22,8 +23,7 @@ struct InputPoll {
 [[nodiscard]] gboolean input_poll_report(IoPort* port, bool changed);
 
 template <typename Data>
-gboolean input_poll_on_time(gpointer user_data) {
-  auto* port = static_cast<IoPort*>(user_data);
+gboolean input_poll_on_time(IoPort* port) {
   auto* data = backend_data<Data>(port);
   const bool unreported = std::exchange(data->poll.unreported, false);
   return input_poll_report(port, data->refresh() || unreported);
@@ -37,7 +37,8 @@ template <typename Data>
   InputPoll& poll = data->poll;
   if (!poll.source) {
     poll.unreported = data->look();
-    poll.source.reset(g_timeout_add(poll.interval_ms, input_poll_on_time<Data>, port));
+    poll.source.reset(
+        g_timeout_add(poll.interval_ms, source_callback<input_poll_on_time<Data>>, port));
   }
   return true;
 }

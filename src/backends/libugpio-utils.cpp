@@ -1,6 +1,8 @@
 #include "backends/libugpio-utils.h"
 
+#include "platform/callbacks.h"
 #include "platform/log.h"
+#include "platform/numbers.h"
 #include "platform/ugpio-named.h"
 #include "port/port-observer.h"
 
@@ -72,7 +74,7 @@ GpioPin::~GpioPin() {
 
 void libugpio_parse_data_pin(GpioPin* pin, const char* key, const char* value) {
   if (g_str_equal(key, "pin")) {
-    pin->number = static_cast<gint32>(g_ascii_strtoll(value, nullptr, 10));
+    pin->number = number_of<gint32>(value);
   } else if (g_str_equal(key, "alias")) {
     pin->name = value;
   } else if (g_str_equal(key, "inverted")) {
@@ -203,7 +205,7 @@ void LogicWatch::rest(int reason) {
     g_warning("%sPin of port %d cannot be read, trying again every %u ms: %s", log_prefix,
               port_->number, shortest_rest_ms, g_strerror(reason));
   }
-  rest_.reset(g_timeout_add(shortest_rest_ms, on_rested, this));
+  rest_.reset(g_timeout_add(shortest_rest_ms, source_callback<on_rested>, this));
 }
 
 // Whether to go on looking for edges: not while the pin rests, nor when it is gone.
@@ -235,8 +237,7 @@ gboolean LogicWatch::on_edge(GIOChannel* /*channel*/, GIOCondition /*condition*/
 }
 
 // An edge since the reading still shows, so none is missed.
-gboolean LogicWatch::on_rested(gpointer user_data) {
-  auto* watch = static_cast<LogicWatch*>(user_data);
+gboolean LogicWatch::on_rested(LogicWatch* watch) {
   watch->rest_.forget();
   if (watch->serve()) {
     watch->look();

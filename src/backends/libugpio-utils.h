@@ -113,7 +113,7 @@ public:
 
 private:
   static gboolean on_edge(GIOChannel* channel, GIOCondition condition, gpointer user_data);
-  static gboolean on_rested(gpointer user_data);
+  static gboolean on_rested(LogicWatch* watch);
   void look();
   [[nodiscard]] bool serve();
   void give_up(int reason);

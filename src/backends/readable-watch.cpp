@@ -1,5 +1,6 @@
 #include "backends/readable-watch.h"
 
+#include "platform/callbacks.h"
 #include "platform/log.h"
 
 #include <glib-unix.h>
@@ -38,7 +39,7 @@ void ReadableWatch::hang_up() {
 
 void ReadableWatch::rest(guint duration_ms) {
   source_.reset();
-  rest_timer_.reset(g_timeout_add(duration_ms, on_rested, this));
+  rest_timer_.reset(g_timeout_add(duration_ms, source_callback<on_rested>, this));
 }
 
 gboolean ReadableWatch::on_condition(gint /*fd*/, GIOCondition condition, gpointer user_data) {
@@ -60,8 +61,7 @@ gboolean ReadableWatch::on_condition(gint /*fd*/, GIOCondition condition, gpoint
   return G_SOURCE_CONTINUE;
 }
 
-gboolean ReadableWatch::on_rested(gpointer user_data) {
-  auto* watch = static_cast<ReadableWatch*>(user_data);
+gboolean ReadableWatch::on_rested(ReadableWatch* watch) {
   watch->rest_timer_.forget();
   watch->look();
   return G_SOURCE_REMOVE;

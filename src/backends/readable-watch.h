@@ -37,7 +37,7 @@ public:
 
 private:
   static gboolean on_condition(gint fd, GIOCondition condition, gpointer user_data);
-  static gboolean on_rested(gpointer user_data);
+  static gboolean on_rested(ReadableWatch* watch);
   void look();
   void hang_up();
   void rest(guint duration_ms);

@@ -22,7 +22,8 @@ struct Band {
 
 struct SpiadcPortData {
   OptionalText device;
-  gint address = 0;
+  /// Of what is described, the low byte.
+  guint8 address = 0;
   /// 0 while not open; a descriptor of that number is left to whoever else may mean it.
   int fd = 0;
   /// Newest first.
@@ -62,7 +63,7 @@ bool level_active(const SpiadcPortData* data, gint level) {
 
 gint read_level(const SpiadcPortData* data) {
   SpiWord word{};
-  if (!spi_exchange(data->fd, static_cast<guint8>(data->address), &word)) {
+  if (!spi_exchange(data->fd, data->address, &word)) {
     g_warning("%sSPI_IOC_MESSAGE failed! : %s", log_prefix, g_strerror(errno));
   }
   return spi_level(word);

@@ -262,7 +262,7 @@ Sample read_sample(IioPortData* data, const char** reason) {
   if (got < 0 && errno == EAGAIN) {
     return Sample::None;
   }
-  if (got < 0 || static_cast<gsize>(got) != bytes) {
+  if (got < 0 || std::cmp_not_equal(got, bytes)) {
     *reason = got < 0 ? g_strerror(errno) : "sample cut short";
     return Sample::Failed;
   }

@@ -5,11 +5,13 @@
 #include "backends/iio-event-device.h"
 #include "backends/iio-threshold-channel.h"
 #include "backends/supervised-pins.h"
+#include "platform/callbacks.h"
 #include "platform/handles.h"
 #include "platform/log.h"
 
 #include <cerrno>
 #include <tuple>
+#include <utility>
 
 namespace {
 
@@ -95,11 +97,11 @@ bool beyond_limits(const IioIntPortData* data, guint32 level) {
          || (data->upper_limit != limit_unset && level >= data->upper_limit);
 }
 
-gboolean on_look_timer(gpointer user_data);
+gboolean on_look_timer(IoPort* port);
 
 void look_again(IoPort* port, guint delay_ms) {
   backend_data<IioIntPortData>(port)->look_timer.reset(
-      g_timeout_add(delay_ms, on_look_timer, port));
+      g_timeout_add(delay_ms, source_callback<on_look_timer>, port));
 }
 
 /// What a level is read for.
@@ -210,8 +212,7 @@ void update_thresholds(IoPort* port) {
   }
 }
 
-gboolean on_look_timer(gpointer user_data) {
-  auto* port = static_cast<IoPort*>(user_data);
+gboolean on_look_timer(IoPort* port) {
   // This source ends by itself; what follows may start another.
   backend_data<IioIntPortData>(port)->look_timer.forget();
   if (const auto level = watched_level(port, Occasion::Look)) {
@@ -223,7 +224,7 @@ gboolean on_look_timer(gpointer user_data) {
 
 bool on_device_event(IoPort* port, gint channel) {
   auto* data = backend_data<IioIntPortData>(port);
-  if (channel != iio_every_channel && static_cast<guint64>(channel) != data->channel.channel) {
+  if (channel != iio_every_channel && std::cmp_not_equal(channel, data->channel.channel)) {
     return false;
   }
   iio_threshold_hold(data->channel);

@@ -1,6 +1,7 @@
 #include "backends/supervised-pins.h"
 
 #include "platform/log.h"
+#include "platform/numbers.h"
 #include "platform/ugpio-named.h"
 
 #include <array>
@@ -135,9 +136,9 @@ void parse_range(PendingRange& pending, IoPort* port, const char* key, const cha
   if (g_str_equal(key, "state")) {
     pending.state = value;
   } else if (g_str_equal(key, "lower")) {
-    pending.lower = static_cast<gint>(strtol(value, nullptr, 10));
+    pending.lower = number_of<gint>(value);
   } else if (g_str_equal(key, "upper")) {
-    const auto upper = static_cast<gint>(strtol(value, nullptr, 10));
+    const auto upper = number_of<gint>(value);
     g_autoptr(GError) error = nullptr;
     if (!io_port_add_supervised_range(port, c_str_or_null(pending.state), pending.lower, upper,
                                       &error)) {

@@ -3,8 +3,10 @@
 #include "backends/backend-data.h"
 #include "backends/spi-utils.h"
 #include "backends/supervised-pins.h"
+#include "platform/callbacks.h"
 #include "platform/handles.h"
 #include "platform/log.h"
+#include "platform/numbers.h"
 
 #include <fcntl.h>
 #include <linux/spi/spidev.h>
@@ -14,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <tuple>
+#include <utility>
 
 namespace {
 
@@ -33,6 +36,10 @@ constexpr guint8 bits_per_word = 16;
 
 // Shared by all ports of this kind, by port number.
 std::array<SupervisedState, 6> last_reported;
+
+SupervisedState& last_reported_of(const IoPort* port) {
+  return last_reported[static_cast<gsize>(port->number)];
+}
 
 // The pin starts by its flags alone and is not written again.
 bool spi_init_pin(GpioPin* pin, PinUse use) {
@@ -74,7 +81,7 @@ bool open_device(SpiPortData* data) {
 }
 
 bool number_in_range(const IoPort* port) {
-  if (port->number >= 0 && static_cast<gsize>(port->number) < last_reported.size()) {
+  if (port->number >= 0 && std::cmp_less(port->number, last_reported.size())) {
     return true;
   }
   g_warning("%sPort %d cannot be an spi port: only numbers 0 to %zu can be supervised by it",
@@ -112,9 +119,8 @@ std::optional<SupervisedReadout> spi_readout(IoPort* port, GError** error) {
   return supervised_readout_of(port, spi_level(word), error);
 }
 
-gboolean spi_poll(gpointer user_data) {
-  auto* port = static_cast<IoPort*>(user_data);
-  SupervisedState& last = last_reported[static_cast<gsize>(port->number)];
+gboolean spi_poll(IoPort* port) {
+  SupervisedState& last = last_reported_of(port);
   g_autoptr(GError) error = nullptr;
   const auto readout = io_port_get_supervised_readout(port, &error);
   if (!readout) {
@@ -135,8 +141,8 @@ bool spi_set_watch(IoPort* port) {
   }
   data->pins.logic_watch.stop();
   if (!data->poll_timer) {
-    last_reported[static_cast<gsize>(port->number)] = SUPERVISED_UNDEFINED;
-    data->poll_timer.reset(g_timeout_add(poll_interval_ms, spi_poll, port));
+    last_reported_of(port) = SUPERVISED_UNDEFINED;
+    data->poll_timer.reset(g_timeout_add(poll_interval_ms, source_callback<spi_poll>, port));
   }
   return true;
 }
@@ -167,7 +173,7 @@ void SpiPortData::take(const char* element, const char* key, const char* value) 
   } else if (g_str_equal(element, "device") && g_str_equal(key, "path")) {
     device = value;
   } else if (g_str_equal(element, "speed") && g_str_equal(key, "value")) {
-    speed_hz = static_cast<guint32>(strtol(value, nullptr, 0));
+    speed_hz = number_of<guint32>(value, 0);
   }
 }
 

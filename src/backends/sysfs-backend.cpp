@@ -6,6 +6,7 @@
 #include "backends/input-poll.h"
 #include "platform/handles.h"
 #include "platform/log.h"
+#include "platform/numbers.h"
 
 #include <fcntl.h>
 
@@ -59,7 +60,7 @@ void clear_latched_flag(const SysfsPortData* data) {
 
 gint parse_number(const SysfsPortData* data, const char* text) {
   errno = 0;
-  const auto number = static_cast<gint>(strtol(text, nullptr, 10));
+  const auto number = number_of<gint>(text);
   if (errno != 0) {
     g_warning("%sUnexpected format when parsing input when reading: %s! : %s", log_prefix,
               c_str_or_null(data->path), g_strerror(errno));

@@ -3,6 +3,7 @@
 #include "description/common-vocabulary.h"
 #include "event/event.h"
 #include "platform/log.h"
+#include "platform/numbers.h"
 #include "platform/words.h"
 #include "port/action-sequence.h"
 #include "port/backend-registry.h"
@@ -55,7 +56,7 @@ void set_number(const ConfTarget& target, const char* /*key*/, const char* value
               "unexpected behaviour",
               log_prefix);
   }
-  target.port->number = static_cast<gint32>(g_ascii_strtoll(value, nullptr, 10));
+  target.port->number = number_of<gint32>(value);
 }
 
 void set_type(const ConfTarget& target, const char* /*key*/, const char* value) {
@@ -161,7 +162,7 @@ constexpr std::array rows{
         }},
     Row{"first_virtual_input", "nbr",
         [](const ConfTarget&, const char*, const char* value) {
-          virtual_input_set_first_port_no(static_cast<gint>(g_ascii_strtoll(value, nullptr, 10)));
+          virtual_input_set_first_port_no(number_of<gint>(value));
         }},
 };
 

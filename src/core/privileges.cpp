@@ -40,15 +40,15 @@ void drop_privileges() {
   }
   const gid_t gid = group->gr_gid;
   if (setgid(gid) != 0) {
-    fprintf(stderr, "Failed setting gid to %d: %s\n", static_cast<int>(gid), strerror(errno));
+    fprintf(stderr, "Failed setting gid to %d: %s\n", gid, strerror(errno));
     return;
   }
   if (initgroups(own_user_name, gid) != 0) {
     fprintf(stderr, "Unable to run initgroups() with username: %s, gid: %d: %s\n", own_user_name,
-            static_cast<int>(gid), strerror(errno));
+            gid, strerror(errno));
     return;
   }
   if (setuid(uid) != 0) {
-    fprintf(stderr, "Failed setting uid to %d: %s\n", static_cast<int>(uid), strerror(errno));
+    fprintf(stderr, "Failed setting uid to %d: %s\n", uid, strerror(errno));
   }
 }

@@ -194,8 +194,8 @@ void send_configuration_change(const char* property, GVariant* floating_value) {
 }
 
 void send_port_counts_change() {
-  send_configuration_change("NbrOfInputs", g_variant_new_int32(io_port_list_nbr_inputs()));
-  send_configuration_change("NbrOfOutputs", g_variant_new_int32(io_port_list_nbr_outputs()));
+  send_configuration_change("NbrOfInputs", g_variant_new("i", io_port_list_nbr_inputs()));
+  send_configuration_change("NbrOfOutputs", g_variant_new("i", io_port_list_nbr_outputs()));
 }
 
 GVariant* call_bus(const char* method, GVariant* arguments, GError** error) {
@@ -241,7 +241,8 @@ void connect_to_bus() {
     g_error("Failed to connect to system bus: %s", error->message);
   }
   const std::lock_guard guard(legacy_mutex);
-  legacy_ctrl->connection = static_cast<GDBusConnection*>(g_object_ref(connection));
+  g_object_ref(connection);
+  legacy_ctrl->connection = connection;
 }
 
 void disconnect_from_bus() {
@@ -279,7 +280,8 @@ GDBusConnection* connection_in_use() {
   if (legacy_ctrl == nullptr || legacy_ctrl->connection == nullptr) {
     return nullptr;
   }
-  return static_cast<GDBusConnection*>(g_object_ref(legacy_ctrl->connection));
+  g_object_ref(legacy_ctrl->connection);
+  return legacy_ctrl->connection;
 }
 
 // A negative number makes no object path, and GLib has no error to give for that.

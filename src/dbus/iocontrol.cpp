@@ -4,6 +4,7 @@
 
 #include "dbus/connector.h"
 #include "dbus/dbus-handles.h"
+#include "dbus/dbus-ports.h"
 #include "dbus/iocontrol-conf-legacy-dbus.h"
 #include "dbus/iocontrol-state-gen.h"
 #include "dbus/manager.h"
@@ -57,14 +58,10 @@ void save(IoPort* port) {
   param_save_for_port(port, param_file);
 }
 
-IoPortRef find_port(guint number) {
-  return io_port_list_get_port(static_cast<gint>(number));
-}
-
 // The port of that number if it is published here; otherwise the call is answered and the result
 // is empty.
 IoPortRef published_port(GDBusMethodInvocation* invocation, guint number) {
-  auto port = find_port(number);
+  auto port = dbus_port_of_number(number);
   if (port == nullptr || !io_port_get_property(port.get(), "ioport")) {
     answer_error(invocation, IO_CONTROL_ERROR_NO_PORT, "No such port.");
     return nullptr;
@@ -101,9 +98,8 @@ gboolean on_handle_set_state(IOControlState* object, GDBusMethodInvocation* invo
 
 gboolean on_handle_get_nbr_ports(IOControlState* object, GDBusMethodInvocation* invocation,
                                  gpointer /*user_data*/) {
-  iocontrol_state_complete_get_nbr_ports(object, invocation,
-                                         static_cast<guint>(io_port_list_nbr_inputs()),
-                                         static_cast<guint>(io_port_list_nbr_outputs()));
+  iocontrol_state_complete_get_nbr_ports(object, invocation, io_port_list_nbr_inputs(),
+                                         io_port_list_nbr_outputs());
   return TRUE;
 }
 
@@ -234,7 +230,7 @@ gboolean on_handle_set_usage(IOControlState* object, GDBusMethodInvocation* invo
 gboolean on_handle_set_virtual(IOControlState* object, GDBusMethodInvocation* invocation,
                                guint number, gboolean state, gpointer /*user_data*/) {
   // Whatever the look-up by number finds is an I/O port or a virtual port.
-  const auto port = find_port(number);
+  const auto port = dbus_port_of_number(number);
   if (port == nullptr) {
     answer_error(invocation, IO_CONTROL_ERROR_NO_PORT, "No such port.");
     return TRUE;
@@ -262,13 +258,11 @@ GVariant* port_properties(IoPort* port) {
 }
 
 GVariant* port_props(IoPort* port) {
-  return g_variant_new("(sibbbb@a(sb))", port->name ? port->name->c_str() : "", port->number,
-                       static_cast<gboolean>(io_port_get_state(port)),
-                       static_cast<gboolean>(io_port_direction_input(port)),
-                       static_cast<gboolean>(configurable(port)),
-                       static_cast<gboolean>(io_port_get_activelow(
-                           port, io_port_input(port) ? PortSide::Input : PortSide::Output)),
-                       port_properties(port));
+  return g_variant_new(
+      "(sibbbb@a(sb))", port->name ? port->name->c_str() : "", port->number,
+      io_port_get_state(port), io_port_direction_input(port), configurable(port),
+      io_port_get_activelow(port, io_port_input(port) ? PortSide::Input : PortSide::Output),
+      port_properties(port));
 }
 
 gboolean on_handle_get_port_props(IOControlState* object, GDBusMethodInvocation* invocation,
@@ -325,7 +319,7 @@ void answer_sequence_start(IOControlState* object, GDBusMethodInvocation* invoca
 gboolean on_handle_start_action_sequence(IOControlState* object, GDBusMethodInvocation* invocation,
                                          guint number, gboolean is_virtual, GVariant* seq,
                                          gpointer /*user_data*/) {
-  const auto port = find_port(number);
+  const auto port = dbus_port_of_number(number);
   if (port == nullptr) {
     answer_error(invocation, IO_CONTROL_ERROR_NO_PORT, "No such port.");
     return TRUE;

@@ -1,6 +1,7 @@
 #include "dbus/iosupervised.h"
 
 #include "dbus/dbus-handles.h"
+#include "dbus/dbus-ports.h"
 #include "dbus/iosupervised-supervised-gen.h"
 #include "event/event.h"
 #include "param/param.h"
@@ -52,7 +53,7 @@ void answer_model_error(GDBusMethodInvocation* invocation, const GError* error,
 }
 
 IoPortRef any_port(GDBusMethodInvocation* invocation, guint number) {
-  IoPortRef port = io_port_list_get_port(static_cast<gint>(number));
+  IoPortRef port = dbus_port_of_number(number);
   if (port == nullptr) {
     answer_error(invocation, IO_SUPERVISED_ERROR_NO_PORT, "No such port.");
   }
@@ -61,7 +62,7 @@ IoPortRef any_port(GDBusMethodInvocation* invocation, guint number) {
 
 // The port of that number if it is published; otherwise the call is answered.
 IoPortRef published_port(GDBusMethodInvocation* invocation, guint number) {
-  IoPortRef port = io_port_list_get_port(static_cast<gint>(number));
+  IoPortRef port = dbus_port_of_number(number);
   if (port == nullptr || !io_port_get_property(port.get(), "ioport")) {
     answer_error(invocation, IO_SUPERVISED_ERROR_NO_PORT, "No such port.");
     return nullptr;
@@ -83,8 +84,7 @@ IoPortRef supervisable_port(GDBusMethodInvocation* invocation, guint number,
 gboolean on_handle_get_number_of_ports(IOSupervisedSupervised* object,
                                        GDBusMethodInvocation* invocation, gpointer /*user_data*/) {
   iosupervised_supervised_complete_get_number_of_ports(
-      object, invocation, static_cast<guint>(io_port_list_nbr_inputs()),
-      static_cast<guint>(io_port_list_nbr_outputs()));
+      object, invocation, io_port_list_nbr_inputs(), io_port_list_nbr_outputs());
   return TRUE;
 }
 
@@ -214,7 +214,7 @@ gboolean on_handle_get_supervised_port_numbers(IOSupervisedSupervised* object,
   GVariantBuilder builder;
   g_variant_builder_init(&builder, G_VARIANT_TYPE("au"));
   for (const gint number : io_port_list_get_supervised_port_numbers()) {
-    g_variant_builder_add(&builder, "u", static_cast<guint>(number));
+    g_variant_builder_add(&builder, "u", number);
   }
   iosupervised_supervised_complete_get_supervised_port_numbers(object, invocation,
                                                                g_variant_builder_end(&builder));

@@ -162,8 +162,8 @@ std::string object_path(const IoPort* port) {
 
 template <typename Use>
 void for_each_ioport(Use use) {
-  for (gint i = 0; i < io_port_list_length(); i++) {
-    const IoPortRef port = io_port_list_nth_data(static_cast<guint>(i));
+  for (guint i = 0; i < io_port_list_length(); i++) {
+    const IoPortRef port = io_port_list_nth_data(i);
     if (port != nullptr && io_port_get_property(port.get(), "ioport")) {
       use(port.get());
     }

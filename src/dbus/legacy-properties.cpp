@@ -65,11 +65,11 @@ GVariant* text_or_absent(const OptionalText& text) {
 }
 
 GVariant* read_nbr_inputs() {
-  return g_variant_new_int32(io_port_list_nbr_inputs());
+  return g_variant_new("i", io_port_list_nbr_inputs());
 }
 
 GVariant* read_nbr_outputs() {
-  return g_variant_new_int32(io_port_list_nbr_outputs());
+  return g_variant_new("i", io_port_list_nbr_outputs());
 }
 
 GVariant* read_manual_trigger_nbr() {
@@ -79,7 +79,7 @@ GVariant* read_manual_trigger_nbr() {
 }
 
 GVariant* read_nbr_ports(const IoPort* /*port*/) {
-  return g_variant_new_int32(io_port_list_nbr_inputs() + io_port_list_nbr_outputs());
+  return g_variant_new("i", io_port_list_nbr_inputs() + io_port_list_nbr_outputs());
 }
 
 GVariant* read_configurable(const IoPort* port) {

@@ -3,6 +3,7 @@
 
 #include "dbus/connector.h"
 #include "dbus/dbus-handles.h"
+#include "dbus/dbus-ports.h"
 #include "dbus/iocontrol-manager-gen.h"
 #include "dbus/iocontrol.h"
 #include "dbus/legacy-names.h"
@@ -41,7 +42,7 @@ constexpr std::array called_services{"com.norv.IOBoxMonitor",
 
 gboolean on_handle_stop_sequence(IOControlManager1* object, GDBusMethodInvocation* invocation,
                                  guint number, gpointer /*user_data*/) {
-  const IoPortRef port = io_port_list_get_port(static_cast<gint>(number));
+  const IoPortRef port = dbus_port_of_number(number);
   if (port == nullptr) {
     g_dbus_method_invocation_return_error_literal(invocation, io_control_error_quark(),
                                                   IO_CONTROL_ERROR_NO_PORT, "No such port.");
@@ -58,7 +59,7 @@ gboolean on_handle_get_running_sequences(IOControlManager1* object,
   GVariantBuilder builder;
   g_variant_builder_init(&builder, G_VARIANT_TYPE("au"));
   for (const gint number : action_sequences_running()) {
-    g_variant_builder_add(&builder, "u", static_cast<guint>(number));
+    g_variant_builder_add(&builder, "u", number);
   }
   iocontrol_manager1_complete_get_running_sequences(object, invocation,
                                                     g_variant_builder_end(&builder));
@@ -80,9 +81,8 @@ void on_names_listed(GObject* connection, GAsyncResult* result, gpointer invocat
   GVariantBuilder builder;
   g_variant_builder_init(&builder, G_VARIANT_TYPE("a(sbb)"));
   for (const char* service : called_services) {
-    g_variant_builder_add(&builder, "(sbb)", service,
-                          static_cast<gboolean>(g_strv_contains(names, service)),
-                          static_cast<gboolean>(hung_service_is_left_alone(service)));
+    g_variant_builder_add(&builder, "(sbb)", service, g_strv_contains(names, service),
+                          hung_service_is_left_alone(service));
   }
   g_dbus_method_invocation_return_value(invocation, g_variant_new("(a(sbb))", &builder));
 }
@@ -111,8 +111,8 @@ GVariant* missing_ports(const PortCensus& census) {
   g_variant_builder_init(&builder, G_VARIANT_TYPE("a(sibs)"));
   for (const auto& port : census.missing) {
     g_autofree gchar* reason = g_utf8_make_valid(port.reason.c_str(), -1);
-    g_variant_builder_add(&builder, "(sibs)", port.name.c_str(), port.number,
-                          static_cast<gboolean>(port.optional), reason);
+    g_variant_builder_add(&builder, "(sibs)", port.name.c_str(), port.number, port.optional,
+                          reason);
   }
   return g_variant_builder_end(&builder);
 }

@@ -5,6 +5,7 @@
 #include "param/key-file.h"
 #include "platform/file-sync.h"
 #include "platform/log.h"
+#include "platform/numbers.h"
 #include "platform/regular-file.h"
 #include "platform/words.h"
 #include "port/errors.h"
@@ -82,7 +83,7 @@ Taken take_name(IoPort* port, const char* value, bool (*set_name)(IoPort*, const
 template <typename Number>
 Taken take_number(const char* value, Number& number) {
   if (g_ascii_isdigit(*value)) {
-    number = static_cast<Number>(g_ascii_strtoull(value, nullptr, 10));
+    number = unsigned_of<Number>(value);
   }
   return Taken::Yes;
 }

@@ -172,7 +172,8 @@ void bus_proxy_ask(GDBusProxy* proxy, GCancellable* cancellable, BusProxyAnswere
 
 void BusOwnerWatch::start(GDBusProxy* proxy, Changed changed, gpointer user_data) {
   stop();
-  proxy_ = static_cast<GDBusProxy*>(g_object_ref(proxy));
+  g_object_ref(proxy);
+  proxy_ = proxy;
   changed_ = changed;
   user_data_ = user_data;
   handler_ = g_signal_connect_swapped(

@@ -2,6 +2,7 @@
 
 #include "platform/handles.h"
 #include "platform/log.h"
+#include "platform/numbers.h"
 
 #include <fcntl.h>
 #include <linux/gpio.h>
@@ -62,7 +63,7 @@ std::string read_line(const std::string& path) {
 }
 
 guint read_number(const std::string& path) {
-  return static_cast<guint>(g_ascii_strtoull(read_line(path).c_str(), nullptr, 10));
+  return unsigned_of<guint>(read_line(path).c_str());
 }
 
 std::string real_path(const std::string& path) {

@@ -175,7 +175,7 @@ void io_port_list_declare_events() {
 
 // Walks by number below the count of ports, so a port numbered at or above it keeps no name.
 void io_port_list_update_names() {
-  for (gint number = 0; number < io_port_list_length(); number++) {
+  for (gint number = 0; std::cmp_less(number, io_port_list_length()); number++) {
     for (const auto& port : io_port_list_get_port_list(number)) {
       if (io_port_has_input_side(port.get())) {
         set_default_input_name(port.get());

@@ -60,13 +60,13 @@ auto find_by_name(const char* name) {
 }
 
 // Counts ports that are of the fixed type, or configurable and currently that way round.
-gint count_ports(PortType type, Direction direction) {
+guint count_ports(PortType type, Direction direction) {
   const std::lock_guard guard(mutex);
-  gint count = 0;
+  guint count = 0;
   for (const IoPort* port : io_port_list) {
     const bool counts =
         port->type == type || (port->type == PORT_IO_CTRL && port->direction == direction);
-    count += counts && io_port_get_property(port, "ioport") ? 1 : 0;
+    count += counts && io_port_get_property(port, "ioport") ? 1U : 0U;
   }
   return count;
 }
@@ -88,9 +88,9 @@ const std::deque<IoPort*>& io_port_list_get() {
   return io_port_list;
 }
 
-gint io_port_list_length() {
+guint io_port_list_length() {
   const std::lock_guard guard(mutex);
-  return static_cast<gint>(io_port_list.size());
+  return static_cast<guint>(io_port_list.size());
 }
 
 IoPortRef io_port_list_get_by_name(const char* name) {
@@ -120,11 +120,11 @@ std::vector<IoPortRef> io_port_list_get_port_list(gint number) {
   return ports;
 }
 
-gint io_port_list_nbr_inputs() {
+guint io_port_list_nbr_inputs() {
   return count_ports(PORT_INPUT, Direction::Input);
 }
 
-gint io_port_list_nbr_outputs() {
+guint io_port_list_nbr_outputs() {
   return count_ports(PORT_OUTPUT, Direction::Output);
 }
 

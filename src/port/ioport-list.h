@@ -15,7 +15,7 @@ void io_port_list_add(IoPort* port);
 [[nodiscard]] IoPortRef io_port_list_nth_data(guint n);
 /// The raw list: no lock, no references. Only between io_port_list_lock and io_port_list_unlock.
 const std::deque<IoPort*>& io_port_list_get();
-gint io_port_list_length();
+guint io_port_list_length();
 /// The first port of that name (NULL finds an unnamed port), if there is one.
 [[nodiscard]] IoPortRef io_port_list_get_by_name(const char* name);
 /// The oldest addressable ("ioport" or "virtual") port of that number, if there is one.
@@ -24,8 +24,8 @@ gint io_port_list_length();
 [[nodiscard]] IoPortRef io_port_list_get_dynamic_port(gint number);
 /// Every addressable port of that number, in list order.
 [[nodiscard]] std::vector<IoPortRef> io_port_list_get_port_list(gint number);
-gint io_port_list_nbr_inputs();
-gint io_port_list_nbr_outputs();
+guint io_port_list_nbr_inputs();
+guint io_port_list_nbr_outputs();
 /// Numbers of the supervisable ports, in list order.
 [[nodiscard]] std::vector<gint> io_port_list_get_supervised_port_numbers();
 /// Whether some port that takes part in the any-port event is active.

@@ -19,6 +19,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 struct ugpio {
@@ -38,8 +39,7 @@ bool write_text(const std::string& path, std::string_view text) {
   if (!fd) {
     return false;
   }
-  const ssize_t written = write(fd.get(), text.data(), text.size());
-  return written == static_cast<ssize_t>(text.size());
+  return std::cmp_equal(write(fd.get(), text.data(), text.size()), text.size());
 }
 
 bool exists(const std::string& folder) {
