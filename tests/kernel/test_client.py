@@ -54,6 +54,16 @@ def test_a_line_in_use_is_described_as_such():
     assert f'<input alias="{NAMED[3].alias}"/>' in described()
 
 
+def test_every_port_of_the_description_is_one_that_is_here(tmp_path):
+    ports = re.findall(r"<!--\s*(<port .*?</port>)\s*-->", described(), re.DOTALL)
+    assert len(ports) > len(NAMED.lines) + len(chips.ADCS) + len(chips.SPI_CONVERTERS)
+    # Chips of one parent and one label cannot be told apart by it, and so their lines by their names.
+    alike = [one for one in ports if 'alias="bench-bank-' in one]
+    assert findings(tmp_path, "\n".join(one for one in ports if one not in alike)) == (0, "")
+    status, told = findings(tmp_path, "\n".join(alike))
+    assert status == 1 and told.count("several GPIO lines may be called") == len(alike) > 0
+
+
 def spiadc(name, number, path):
     inside = element("device", device=path, timeout=5) + element("range", nbr=0)
     inside += element("input", active_min=100, active_max=150)
