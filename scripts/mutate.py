@@ -4,6 +4,7 @@ import argparse
 import collections
 import dataclasses
 import fnmatch
+import functools
 import os
 import pathlib
 import random
@@ -157,9 +158,10 @@ def unit_tests():
     )  # fmt: skip
 
 
-def system_tests():
+def system_tests(names):
+    where = [f"tests/system/test_{name}.py" for name in names] or ["tests/system"]
     return run(
-        [sys.executable, "-m", "pytest", "tests/system", "-q", "-x", "-n", str(os.cpu_count()),
+        [sys.executable, "-m", "pytest", *where, "-q", "-x", "-n", str(os.cpu_count()),
          "-m", "not hang and not terminal", "--binary", "build/release/wexd",
          "-p", "no:cacheprovider"]
     )  # fmt: skip
@@ -189,6 +191,8 @@ def parse_arguments():
     parser.add_argument("--seed", type=int, default=1, help="which ones (1)")
     parser.add_argument("--only", action="append", metavar="GLOB", help="files to draw from")
     parser.add_argument("--unit", action="store_true", help="run the unit tests only")
+    parser.add_argument("--tests", action="append", default=[], metavar="NAME",
+                        help="system tests to run (gpio_files, ...); all, unless named")  # fmt: skip
     parser.add_argument("--list", action="store_true", help="show what would be tried")
     parser.add_argument("--edit", nargs=3, metavar=("FILE[:LINE]", "OLD", "NEW"))
     parser.add_argument("--edits", metavar="FILE", help="changes of one's own, one per line")
@@ -210,7 +214,9 @@ def main():
     if arguments.list:
         print("\n".join(map(str, mutants)))
         return 0
-    suites = [("unit", unit_tests)] + ([] if arguments.unit else [("system", system_tests)])
+    suites = [("unit", unit_tests)]
+    if not arguments.unit:
+        suites.append(("system", functools.partial(system_tests, arguments.tests)))
     prepare_copy()
     if not build() or not all(suite() for _, suite in suites):
         sys.exit("mutate: the tree does not build or pass as it is")
