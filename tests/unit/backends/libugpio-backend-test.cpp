@@ -97,7 +97,9 @@ const std::vector<AGpioPort::Attribute> three_pins{
     {"input", "pin", "1"}, {"output", "pin", "2"}, {"io_ctrl", "pin", "3"}};
 
 TEST_F(AGpioPort, sets_a_configurable_input_up_quiet) {
-  const auto port = set_up(PORT_IO_CTRL, three_pins);
+  auto port = describe(PORT_IO_CTRL, three_pins);
+  port->activelow_output = true;
+  EXPECT_TRUE(io_port_setup(port.get()));
   EXPECT_THAT(take_calls(),
               ElementsAre("request_one 1 333", "full_open 1", "request_one 2 64", "full_open 2",
                           "set_value 2 0", "request_one 3 64", "full_open 3", "set_value 3 0"));
@@ -129,6 +131,12 @@ TEST_F(AGpioPort, goes_on_when_the_line_driver_does_not_turn) {
   EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "Couldn't change direction on port!\n"));
   EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "Failed to set state on port!\n"));
   EXPECT_FALSE(io_port_input(port.get()));
+}
+
+TEST_F(AGpioPort, takes_a_pin_that_cannot_be_read_for_high) {
+  const auto port = set_up(PORT_INPUT, {{"input", "pin", "17"}});
+  fake_pins.levels["17"] = -EIO;
+  EXPECT_TRUE(io_port_get_state(port.get()));
 }
 
 TEST_F(AGpioPort, reports_every_edge_until_the_level_holds_still) {

@@ -1,10 +1,16 @@
 #include "support/backend-fixture.h"
 #include "support/fake-ioctl.h"
 
+#include "platform/handles.h"
+
+#include <fcntl.h>
 #include <linux/spi/spidev.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <optional>
 
 namespace {
@@ -98,6 +104,33 @@ TEST_F(ASpiAdcPort, widens_the_outside_when_it_is_inverted) {
   EXPECT_FALSE(measure(port.get(), 105));
   EXPECT_FALSE(measure(port.get(), 96));
   EXPECT_TRUE(measure(port.get(), 94));
+}
+
+TEST_F(ASpiAdcPort, starts_inside_a_wide_band_when_it_is_inverted) {
+  converter_level = 98;
+  const auto port = watch("true");
+  EXPECT_FALSE(measure(port.get(), 98));
+}
+
+TEST_F(ASpiAdcPort, closes_its_device_and_no_other) {
+  const auto descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  const int input = dup(STDIN_FILENO); // none in some test runs, so one of its own
+  const UniqueFd null(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  ASSERT_NE(dup2(null.get(), STDIN_FILENO), -1);
+  watch().reset(); // the main loop has a descriptor from its first source on
+  const auto before = descriptors();
+  describe().reset();
+  EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1) << "never opened, and yet closed";
+  for (int i = 0; i < 2; i++) {
+    const auto port = watch();
+    EXPECT_TRUE(io_port_setup(port.get())) << "set up anew, by one descriptor";
+    EXPECT_EQ(descriptors(), before + 1);
+  }
+  EXPECT_EQ(descriptors(), before);
+  dup2(input, STDIN_FILENO);
+  close(input);
 }
 
 TEST_F(ASpiAdcPort, sends_the_low_byte_of_its_address) {

@@ -96,6 +96,17 @@ TEST_F(ASysfsPort, reports_a_first_reading_of_1_as_a_change) {
   EXPECT_THAT(take_states(), ElementsAre(true));
 }
 
+TEST_F(ASysfsPort, polls_on_every_turn_without_a_timeout) {
+  const auto port = watch("0", {.timeout = nullptr});
+  EXPECT_EQ(next_timer_ms(), 0);
+}
+
+TEST_F(ASysfsPort, reads_63_bytes_at_most) {
+  const auto port = watch(std::string(63, '0') + '1');
+  poll(port.get());
+  EXPECT_FALSE(io_port_get_state(port.get()));
+}
+
 TEST_F(ASysfsPort, reads_texts_as_bits) {
   struct Row {
     const char* label;

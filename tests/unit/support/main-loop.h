@@ -27,8 +27,8 @@ inline void run_pending() {
   }
 }
 
-/// Whether no timer of the default main context runs.
-inline bool nothing_timed() {
+/// Milliseconds until the next timer of the default main context; -1 when none runs.
+inline gint next_timer_ms() {
   gint priority = 0;
   gint timeout_ms = 0;
   GMainContext* const context = g_main_context_default();
@@ -36,5 +36,10 @@ inline bool nothing_timed() {
   g_main_context_prepare(context, &priority);
   g_main_context_query(context, priority, &timeout_ms, nullptr, 0);
   g_main_context_release(context);
-  return timeout_ms < 0;
+  return timeout_ms;
+}
+
+/// Whether no timer of the default main context runs.
+inline bool nothing_timed() {
+  return next_timer_ms() < 0;
 }
