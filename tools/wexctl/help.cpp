@@ -61,7 +61,8 @@ number is milliseconds. xTIMES repeats all of them. The daemon runs the steps, a
 the state of the last. A port that runs a sequence is busy and refuses another; `wexctl stop` ends
 it. A step of more than 35 minutes is told to the daemon as several of the same state.
 Example: wexctl run lamp 1:500ms,0:200msx5 --wait)"},
-    Details{"pulse", R"(The same as running the sequence 1:TIME,0:0.
+    Details{"pulse",
+            R"(The same as running the sequence 1:TIME,0:0. Returns at once, unless there is --wait.
 Example: wexctl pulse lamp 500ms)"},
     Details{
         "stop",
@@ -76,11 +77,17 @@ Example: wexctl stop lamp off)"},
         "wait",
         R"(Returns when the port is in the STATE, at once if it is in it already; a state that came and went
 while it was waited for counts, too. Without STATE it returns with the next change that is told of
-the port, virtual states included. Open and closed are the line of a supervised port and the circuit
-of any other; short and cut are for supervised ports. A port that leaves service meanwhile is waited
-for. Ends with status 3 when wexd goes.
-Example: wexctl wait door off --timeout 10s)"},
-    Details{"supervised show", R"(Levels and limits are counts of the port's converter.)"},
+the port, virtual states included. A port that leaves service meanwhile is waited for. Ends with
+status 3 when wexd goes.
+
+Open and closed are said of circuits, not of doors: of the line of a supervised port, and of the
+contact of any other. To wait for a door, wait for on or off, whichever `wexctl list` shows while it
+stands open. Short and cut, a line that is shorted or broken, are for supervised ports.
+Example: wexctl wait door on --timeout 10s)"},
+    Details{
+        "supervised show",
+        R"(A line that is short is shorted, and one that is cut is broken; `wexctl list` shows that too. Levels
+and limits are counts of the port's converter; a line that another service measures has neither.)"},
     Details{"supervised on", R"(A switchable port that is an output becomes an input.
 Example: wexctl supervised on window)"},
     Details{"supervised off", R"(The line is read as a plain input again.)"},
