@@ -92,7 +92,8 @@ class GuestDevice(device.Device):
 
     @property
     def descriptors(self):
-        """What the daemon's open descriptors lead to."""
+        """What the daemon's open descriptors lead to when it is done with what it was asked."""
+        self.sync()  # a call is answered before its settings are saved
         folder = pathlib.Path(f"/proc/{self.pid}/fd")
         return sorted(os.readlink(entry) for entry in folder.iterdir())
 
