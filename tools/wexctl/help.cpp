@@ -83,7 +83,7 @@ status 3 when wexd goes.
 Open and closed are said of circuits, not of doors: of the line of a supervised port, and of the
 contact of any other. To wait for a door, wait for on or off, whichever `wexctl list` shows while it
 stands open. Short and cut, a line that is shorted or broken, are for supervised ports.
-Example: wexctl wait door on --timeout 10s)"},
+Example: wexctl wait door off --timeout 10s)"},
     Details{
         "supervised show",
         R"(A line that is short is shorted, and one that is cut is broken; `wexctl list` shows that too. Levels
