@@ -9,6 +9,7 @@ import signal
 import time
 
 import pytest
+from live_screen import choose, says
 
 from sim import sandbox
 from sim.bus import wait_until
@@ -41,25 +42,6 @@ def live(make_terminal, binary):
 def row(lines, name):
     """The row of a port in the list."""
     return next(line for line in lines if re.match(rf"..\d+ +{name} ", line))
-
-
-def choose(terminal, name):
-    """Moves down the list until a port is chosen."""
-    terminal.keys("Home")
-    terminal.wait_for(r"^▶ 0 +door")
-    for _ in range(20):
-        lines = terminal.screen()
-        chosen = next(line for line in lines if line.startswith("▶"))
-        if re.match(rf"▶ \d+ +{name} ", chosen):
-            return
-        terminal.keys("Down")
-        terminal.wait_for(rf"^▶(?!{re.escape(chosen[1:])})")
-    raise AssertionError(f"no {name} to choose")
-
-
-def says(question, answer):
-    """Waits until the daemon answers a question that way."""
-    wait_until(lambda: question() == answer, lambda: f"{answer}, not {question()}", DEADLINE)
 
 
 def test_every_port_is_shown_as_the_daemon_has_it(live):

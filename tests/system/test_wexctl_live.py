@@ -7,6 +7,7 @@ import signal
 
 import pytest
 from describe import failing, port
+from live_screen import choose, says
 
 from sim import sandbox
 from sim.bus import wait_until
@@ -55,23 +56,6 @@ def screen(daemon, make_screen):
         return terminal
 
     return start
-
-
-def choose(terminal, name):
-    """Moves down the list until the port is chosen."""
-    terminal.keys("Home")
-    terminal.wait_for(r"^▶ 0 ")
-    for _ in range(20):
-        chosen = next(line for line in terminal.screen() if line.startswith("▶"))
-        if chosen.split()[2] == name:
-            return
-        terminal.keys("Down")
-        terminal.wait_for(rf"^▶(?! {chosen.split()[1]} )")
-    raise AssertionError(f"no {name} to choose")
-
-
-def says(question, answer):
-    wait_until(lambda: question() == answer, lambda: f"{answer}, not {question()}", DEADLINE)
 
 
 def test_ports_lines_services_and_what_is_missing_are_shown(screen):
