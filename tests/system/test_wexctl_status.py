@@ -96,8 +96,10 @@ def test_sequences_that_run_are_told(daemon, wexctl):
     daemon.state.StartActionSequence(0, True, [(True, LONG)])
     signals.wait_for(PortChanged, port=0)
     assert status(wexctl)["sequences"] == [0, 1]
+    assert "  running       sequences on ports 0, 1\n" in done(wexctl("status")).out
     daemon.manager.StopSequence(1)
     assert status(wexctl)["sequences"] == [0]
+    assert "  running       a sequence on port 0\n" in done(wexctl("status")).out
 
 
 def test_services_are_told_that_are_there(daemon, wexctl):
@@ -148,7 +150,7 @@ def test_people_are_told_the_same(daemon, wexctl):
     assert re.match(r"wexd \d\S*, since \d{4}-\d\d-\d\dT", out)
     assert "  ports         2 of 5 in service\n" in out
     assert "  missing       port 1 relay (optional): another port has its number\n" in out
-    assert "  sequences on  none\n" in out
+    assert "  running       no sequence\n" in out
     assert "  service       com.norv.Streamer there\n" in out
     assert "  failed save   none\n" in out
 

@@ -11,7 +11,10 @@ from describe import element, port
 from sim.bus import wait_until
 from sim.peers import IoBox
 
-TIMED_OUT = (4, "", "wexctl: the time ran out\n")
+
+
+def timed_out(awaited):
+    return 4, "", f"wexctl: the time ran out before {awaited}\n"
 
 
 @pytest.fixture
@@ -68,15 +71,21 @@ def test_what_is_so_already_is_not_waited_for(daemon, wexctl, arguments, timeout
 
 
 @pytest.mark.parametrize(
-    "arguments",
-    [("relay", "on"), ("relay", "closed"), ("line", "cut"), ("line", "open"), ("plain", "closed"),
-     ("relay",), ("line",)],
-    ids=" ".join,
-)  # fmt: skip
+    "arguments, awaited",
+    [
+        (("relay", "on"), "port 1 was on"),
+        (("relay", "closed"), "port 1 was closed"),
+        (("line", "cut"), "port 5 was cut"),
+        (("line", "open"), "port 5 was open"),
+        (("plain", "closed"), "port 6 was closed"),
+        (("relay",), "port 1 changed"),
+        (("line",), "port 5 changed"),
+    ],
+)
 @pytest.mark.parametrize("timeout", ["0", "50ms", "50", "0.05s"])
-def test_the_time_runs_out(daemon, wexctl, arguments, timeout):
+def test_the_time_runs_out(daemon, wexctl, arguments, awaited, timeout):
     begun = time.monotonic()
-    assert outcome(wexctl("wait", *arguments, "--timeout", timeout)) == TIMED_OUT
+    assert outcome(wexctl("wait", *arguments, "--timeout", timeout)) == timed_out(awaited)
     assert timeout == "0" or time.monotonic() - begun >= 0.05
 
 
@@ -151,7 +160,7 @@ def test_the_changes_of_other_ports_end_nothing(daemon, wexctl):
     def turn():
         daemon.state.SetState(2, not daemon.state.GetState(2))
 
-    assert ended_by(process, turn) == TIMED_OUT
+    assert ended_by(process, turn) == timed_out("port 1 changed")
 
 
 @pytest.mark.parametrize("arguments", [("relay", "on"), ("relay",), ("line", "cut")], ids=" ".join)
@@ -205,8 +214,8 @@ def test_what_makes_no_sense_is_not_waited_for(daemon, wexctl, arguments, status
 
 def test_the_daemon_is_waited_for(daemon, wexctl):
     daemon.stop()
-    assert outcome(wexctl("wait", "--daemon", "--timeout", "50ms")) == TIMED_OUT
-    assert outcome(wexctl("wait", "--daemon", "--timeout", "0")) == TIMED_OUT
+    assert outcome(wexctl("wait", "--daemon", "--timeout", "50ms")) == timed_out("wexd answered")
+    assert outcome(wexctl("wait", "--daemon", "--timeout", "0")) == timed_out("wexd answered")
     process = begin(wexctl, "--daemon", "--timeout", "20s")
     daemon.start()
     assert ended_by(process, lambda: None) == (0, "", "")
@@ -216,7 +225,7 @@ def test_the_daemon_is_waited_for(daemon, wexctl):
 def test_a_daemon_that_does_not_answer_is_waited_for(daemon, wexctl):
     daemon.signal(signal.SIGSTOP)
     try:
-        assert outcome(wexctl("wait", "--daemon", "--timeout", "50ms")) == TIMED_OUT
+        assert outcome(wexctl("wait", "--daemon", "--timeout", "50ms")) == timed_out("wexd answered")
         process = begin(wexctl, "--daemon")
     finally:
         daemon.signal(signal.SIGCONT)

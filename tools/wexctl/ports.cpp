@@ -369,7 +369,7 @@ void run_sequence(const Daemon& daemon, const std::string& port, const std::stri
             daemon.state(), number, is_virtual, g_variant_builder_end(&builder), nullptr, &error),
         error);
   if (wait) {
-    end.vigil.wait(std::nullopt, "it went before the sequence ended");
+    end.vigil.wait("it went before the sequence ended");
   }
 }
 

@@ -175,6 +175,14 @@ void print_services(const Json& services) {
   }
 }
 
+std::string running_text(const Json& sequences) {
+  if (sequences.empty()) {
+    return "no sequence";
+  }
+  return fmt::format("{} {}", sequences.size() == 1 ? "a sequence on port" : "sequences on ports",
+                     joined(sequences));
+}
+
 void print_status(const Json& status) {
   print("wexd {}, since {}\n", text_of(status, "version"), text_of(status, "started"));
   print("  bus names     {}\n", joined(status["bus_names"]));
@@ -184,7 +192,7 @@ void print_status(const Json& status) {
                  fmt::format("{} of {} in service", status["ports_in_service"].dump(),
                              status["ports"].dump())));
   print_missing(status["missing"]);
-  print("  sequences on  {}\n", joined(status["sequences"]));
+  print("  running       {}\n", running_text(status["sequences"]));
   print_services(status["services"]);
   const auto& failed = status["last_failed_save"];
   if (failed.is_null()) {

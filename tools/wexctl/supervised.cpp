@@ -171,9 +171,11 @@ void supervised_show(const Daemon& daemon, const std::optional<std::string>& por
   for (const auto& shown : ports) {
     const auto entry = supervised_json(daemon, shown);
     array.push_back(entry);
+    // One that another service measures has no ranges, and a level that means nothing.
+    const bool measured = entry.contains("level") && !entry["ranges"].empty();
     table.add({std::to_string(shown.number), shown.name, on_or_off(entry["supervised"] == true),
                entry.value("state", entry.value("error", "")),
-               entry.contains("level") ? entry["level"].dump() : "", ranges_text(entry["ranges"])});
+               measured ? entry["level"].dump() : "", ranges_text(entry["ranges"])});
   }
   if (json) {
     print_json(array);

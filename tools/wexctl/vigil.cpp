@@ -62,7 +62,7 @@ Vigil::End Vigil::run(Timeout timeout) {
   return end_.value_or(End::Gone);
 }
 
-void Vigil::wait(Timeout timeout, const char* gone) {
+void Vigil::wait(Timeout timeout, const CommandError& late, const char* gone) {
   const End end = end_ ? *end_ : run(timeout);
   if (failure_) {
     throw CommandError(*failure_);
@@ -71,7 +71,7 @@ void Vigil::wait(Timeout timeout, const char* gone) {
   case End::Done:
     break;
   case End::TimedOut:
-    throw timed_out();
+    throw CommandError(late);
   case End::Gone:
     throw unreachable(gone);
   }

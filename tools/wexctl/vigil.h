@@ -47,6 +47,9 @@ private:
   guint id_;
 };
 
+/// That the time ran out.
+CommandError timed_out();
+
 /// A run of the main loop for whoever waits. Signals of the daemon that came since its proxies were
 /// made are told in the run, so that nothing is missed between a look and the wait.
 class Vigil {
@@ -59,8 +62,11 @@ public:
   Vigil& operator=(const Vigil&) = delete;
 
   /// Returns once finish() has been called. Throws the failure that it was given; that the time ran
-  /// out, which a time of 0 does at once; or that nobody answers any more, because of `gone`.
-  void wait(Timeout timeout, const char* gone);
+  /// out, in the words of `late`, which a time of 0 does at once; or that nobody answers any more,
+  /// because of `gone`.
+  void wait(Timeout timeout, const CommandError& late, const char* gone);
+  /// Without an end of time.
+  void wait(const char* gone) { wait(std::nullopt, timed_out(), gone); }
   void finish() { stop(End::Done); }
   /// For callbacks of the loop, which must not throw.
   void fail(const CommandError& failure);
@@ -81,8 +87,5 @@ private:
   std::optional<End> end_;
   std::optional<CommandError> failure_;
 };
-
-/// That the time ran out.
-CommandError timed_out();
 
 } // namespace wexctl

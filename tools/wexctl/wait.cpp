@@ -34,6 +34,7 @@ private:
   [[nodiscard]] bool look() const;
   [[nodiscard]] bool is_wanted(const PortInfo& port, const SupervisedWord& word) const;
   void judge(PortInfo told);
+  [[nodiscard]] CommandError late() const;
 
   const Daemon& daemon_;
   guint number_;
@@ -106,11 +107,20 @@ void PortWait::on_ports_changed(GDBusConnection* /*connection*/, const gchar* /*
   }
 }
 
+CommandError PortWait::late() const {
+  if (!wanted_) {
+    return CommandError(Status::TimedOut,
+                        fmt::format("the time ran out before port {} changed", number_));
+  }
+  return CommandError(Status::TimedOut,
+                      fmt::format("the time ran out before port {} was {}", number_, *wanted_));
+}
+
 void PortWait::run(Timeout timeout) {
   const Subscription ports(daemon_, on_ports_changed, this);
   const SignalHandler changed(daemon_.state(), "port-changed", G_CALLBACK(on_port_changed), this);
   if (!look()) {
-    vigil_.wait(timeout, "it went while it was waited for");
+    vigil_.wait(timeout, late(), "it went while it was waited for");
   }
 }
 
@@ -155,7 +165,8 @@ void DaemonWait::run(Timeout timeout) {
   }
   const SignalHandler owner(daemon_.state(), "notify::g-name-owner", G_CALLBACK(on_owner), this);
   ask();
-  vigil_.wait(timeout, "the system bus has ended");
+  vigil_.wait(timeout, CommandError(Status::TimedOut, "the time ran out before wexd answered"),
+              "the system bus has ended");
 }
 
 } // namespace
