@@ -6,27 +6,26 @@ set -euo pipefail
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$top"
 
-# Debian 12 packages, in the order of their use. The system's own interpreter is asked for by its
-# full path everywhere, because only that one finds Debian's python3-* modules.
-build_packages=(
+# Debian 12 packages, in lists of which each script names those that it needs. The system's own
+# interpreter is asked for by its full path everywhere, because only that one finds Debian's python3-*
+# modules.
+program_packages=(
   g++ cmake ninja-build pkg-config
-  libglib2.0-dev libglib2.0-dev-bin
-  libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev libfmt-dev nlohmann-json3-dev libncurses-dev
-  scdoc help2man libxml2-utils
-  dpkg-dev file
+  libglib2.0-dev libglib2.0-dev-bin libcli11-dev libfmt-dev nlohmann-json3-dev libncurses-dev
 )
-check_packages=(git clang-format clang-tidy shellcheck clang libclang-rt-14-dev)
+page_packages=(scdoc help2man python3)
+# What all of a preset is made of: programs, man pages and unit tests.
+build_packages=("${program_packages[@]}" "${page_packages[@]}" libgtest-dev libgmock-dev)
 sandbox_packages=(
-  bubblewrap util-linux dbus-daemon
+  bubblewrap util-linux dbus-daemon libglib2.0-bin systemd
   python3 python3-gi gir1.2-glib-2.0 python3-dbusmock
 )
-test_packages=(
-  python3-pytest python3-pytest-xdist python3-pytest-timeout
-  umockdev valgrind strace libc6-dbg
-  libglib2.0-bin systemd debootstrap binutils
-  tmux zsh fish python3-rich python3-jsonschema man-db
+fuzz_packages=("${program_packages[@]}" clang libclang-rt-14-dev)
+bench_packages=(
+  "${program_packages[@]}" "${sandbox_packages[@]}" libbenchmark-dev valgrind libc6-dbg python3-pytest
 )
+picture_packages=("${program_packages[@]}" "${sandbox_packages[@]}" tmux python3-rich)
+pack_packages=(debhelper dpkg-dev file)
 # The bench kernel and what it is built with, the machine, and what its guest runs from /usr.
 kernel_packages=(
   linux-source-6.1 xz-utils make gcc flex bison bc libelf-dev libssl-dev
@@ -37,13 +36,16 @@ kernel_packages=(
 # and libraries of the target's architecture.
 cross_packages=(mmdebstrap bubblewrap qemu-user-static)
 cross_tools=(
-  cmake ninja-build pkg-config libglib2.0-dev-bin scdoc help2man dpkg-dev python3
+  cmake ninja-build pkg-config libglib2.0-dev-bin scdoc help2man dpkg-dev debhelper python3
   libcli11-dev nlohmann-json3-dev
 )
 cross_libraries=(libglib2.0-dev libfmt-dev libncurses-dev libgtest-dev libgmock-dev)
-packages=(
-  "${build_packages[@]}" "${check_packages[@]}" "${sandbox_packages[@]}" "${test_packages[@]}"
-  "${kernel_packages[@]}"
+test_packages=(
+  "${build_packages[@]}" "${bench_packages[@]}" "${fuzz_packages[@]}" "${picture_packages[@]}"
+  "${kernel_packages[@]}" "${pack_packages[@]}"
+  git clang-format clang-tidy shellcheck libxml2-utils
+  python3-pytest-xdist python3-pytest-timeout python3-jsonschema
+  umockdev strace debootstrap binutils zsh fish man-db lintian
 )
 
 python=/usr/bin/python3
@@ -63,6 +65,37 @@ die() {
   exit 1
 }
 
+# Prints what the head of the running script says of it.
+usage() {
+  sed -n '2,/^[^#]/{ /^#/!d; s/^# \{0,1\}//p; }' "$0"
+}
+
+# Ends the script for a wrong argument, before anything was done.
+misused() {
+  printf '%s%s%s\n' "$red" "$*" "$plain" >&2
+  usage | sed -n '/^Usage:/,/^[^ U]/{ /^[U ]/p; }' >&2
+  exit 2
+}
+
+# Answers --help wherever it stands among a script's arguments.
+answer_help() {
+  local argument
+  for argument in "$@"; do
+    case $argument in
+      --help | -h)
+        usage
+        exit 0
+        ;;
+    esac
+  done
+}
+
+# For scripts that take no argument.
+take_no_arguments() {
+  answer_help "$@"
+  [ $# -eq 0 ] || misused "unknown argument: $1"
+}
+
 # Runs a command as root: directly, or through sudo for an ordinary user.
 as_root() {
   if [ "$(id -u)" -eq 0 ]; then
@@ -74,20 +107,21 @@ as_root() {
   fi
 }
 
-# Prints the packages of the list above that are not installed, one per line.
+# Prints those of the packages that are not installed, one per line.
 missing_packages() {
   local package
-  for package in "${packages[@]}"; do
+  for package in "$@"; do
     case $(dpkg-query --show --showformat '${db:Status-Status}' "$package" 2>/dev/null) in
       installed) ;;
       *) printf '%s\n' "$package" ;;
     esac
-  done
+  done | sort -u
 }
 
+# Installs those of the packages that are missing.
 bootstrap() {
   local absent
-  mapfile -t absent < <(missing_packages)
+  mapfile -t absent < <(missing_packages "$@")
   [ "${#absent[@]}" -gt 0 ] || return 0
   say "installing ${absent[*]}"
   as_root apt-get update -q
@@ -95,20 +129,52 @@ bootstrap() {
     apt-get install -q -y --no-install-recommends "${absent[@]}"
 }
 
-# Configures (once) and builds one CMake preset into build/<preset>/.
+# Configures and builds one CMake preset into build/<preset>/. Configured each time: what the preset
+# says may have changed since, or have been left out (see build_only).
 build_preset() {
   local preset=$1
-  if [ ! -f "build/$preset/build.ninja" ]; then
-    cmake --preset "$preset" || return
-  fi
+  cmake --preset "$preset" || return
   cmake --build --preset "$preset"
 }
 
-# The same, silent unless it fails.
-build_quietly() {
+# Builds these targets of what ships into build/release/; where that is the first build, without the
+# tests, so that nothing has to be there that only those need.
+build_only() {
+  if [ ! -f build/release/build.ninja ]; then
+    cmake --preset release -DWEXD_TESTS=OFF || return
+  fi
+  cmake --build --preset release --target "$@"
+}
+
+# Runs a build, silent unless it fails.
+quietly() {
   local output
-  output=$(build_preset "$1" 2>&1) || {
+  output=$("$@" 2>&1) || {
     printf '%s\n' "$output" >&2
-    die "the build of $1 failed"
+    die "the build failed: $*"
   }
+}
+
+# One of the steps of a script: step_of NUMBER COUNT WHAT COMMAND ... On a terminal it says what is
+# done, lets it show how it goes on, and says how long it took; elsewhere it is silent unless it fails.
+step_of() {
+  local number=$1 count=$2 what=$3 started=$SECONDS
+  shift 3
+  if [ ! -t 2 ]; then
+    quietly "$@"
+    return
+  fi
+  say "[$number/$count] $what" >&2
+  NINJA_STATUS='      %f of %t, %e s  ' "$@" >&2 || die "$what: failed"
+  say "      done in $((SECONDS - started)) s" >&2
+}
+
+# Makes Debian packages of a folder in which all was built: pack BUILT INTO [option of dpkg-buildpackage].
+pack() {
+  local built=$1 into=$2
+  shift 2
+  rm -rf "$into"
+  mkdir -p "$into/wexd"
+  cp -r debian "$into/wexd"
+  (cd "$into/wexd" && WEXD_BUILT=$built dpkg-buildpackage -d -b -uc "$@")
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Prints wexd-hardware(5) as scdoc source, made from the schema of the hardware description.
 
-usage: wexd-hardware.5.py SCHEMA
+usage: wexd-hardware.5.py SCHEMA VERSION
 """
 
 import re
@@ -11,7 +11,7 @@ import xml.etree.ElementTree as ElementTree
 RNG = "{http://relaxng.org/ns/structure/1.0}"
 NOTE = "{http://relaxng.org/ns/compatibility/annotations/1.0}documentation"
 
-HEAD = """wexd-hardware(5)
+HEAD = """wexd-hardware(5) "wexd {version}"
 
 # NAME
 
@@ -95,7 +95,7 @@ def main():
     event = defines["event"].find(RNG + "element")
     start = grammar.find(RNG + "start")
 
-    print(HEAD)
+    print(HEAD.format(version=sys.argv[2]))
     print("# ELEMENTS OF A PORT\n")
     print_element(port)
     for element in children(port, "element"):

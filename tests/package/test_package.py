@@ -1,5 +1,6 @@
 """The package on a clean Debian system: what it installs, who owns it, who may do what."""
 
+import gzip
 import json
 import pathlib
 import platform
@@ -360,8 +361,10 @@ def test_the_package_brings_what_it_promises(running):
         "/usr/share/doc/wexd/examples/conf.xml", "/usr/share/doc/wexd/examples/any-machine.xml",
         "/etc/wexd/actions/com.norv.action.fixed.io.toggle.xml",
         "/etc/wexd/actions/com.norv.action.unlimited.io.toggle.xml",
-        "/usr/share/man/man8/wexd.8", "/usr/share/man/man5/wexd.conf.5",
-        "/usr/share/man/man5/wexd-hardware.5", "/usr/share/man/man1/wexctl.1",
+        "/usr/share/man/man8/wexd.8.gz", "/usr/share/man/man5/wexd.conf.5.gz",
+        "/usr/share/man/man5/wexd-hardware.5.gz", "/usr/share/man/man1/wexctl.1.gz",
+        "/usr/share/doc/wexd/operating.md.gz", "/usr/share/doc/wexd/copyright",
+        "/usr/share/doc/wexd/NEWS.gz", "/usr/share/doc/wexd/changelog.gz",
     ):  # fmt: skip
         assert name in files, name
 
@@ -408,8 +411,29 @@ def test_a_binary_keeps_its_jumps_and_returns_in_order(shipped, binary, processo
     assert re.search(r"\sorq\s+\$0x0,\S*\(%rsp", code)
 
 
-def test_the_unit_is_sandboxed(pytestconfig):
-    unit = pathlib.Path(pytestconfig.getoption("--package")).parent / "data/wexd.service"
+def test_the_debug_symbols_belong_to_the_binaries(pytestconfig, shipped, tmp_path):
+    package = pathlib.Path(pytestconfig.getoption("--package"))
+    symbols = package.with_name(package.name.replace("wexd_", "wexd-dbgsym_"))
+    run("dpkg-deb", "--extract", str(symbols), str(tmp_path))
+    for binary in ("usr/sbin/wexd", "usr/bin/wexctl"):
+        notes = run("readelf", "--notes", "--wide", str(shipped / binary))
+        build = re.search(r"Build ID: (\w+)", notes)[1]
+        found = tmp_path / f"usr/lib/debug/.build-id/{build[:2]}/{build[2:]}.debug"
+        assert ".debug_info" in run("readelf", "--sections", "--wide", str(found)), binary
+
+
+def test_lintian_finds_nothing(pytestconfig):
+    """Neither errors nor warnings; debian/wexd.lintian-overrides gives its reasons."""
+    (changes,) = pathlib.Path(pytestconfig.getoption("--package")).parent.glob("*.changes")
+    checked = subprocess.run(
+        ["lintian", "--allow-root", "--fail-on", "error,warning", str(changes)],
+        capture_output=True, text=True, check=False,
+    )  # fmt: skip
+    assert checked.returncode == 0, checked.stdout + checked.stderr
+
+
+def test_the_unit_is_sandboxed(shipped):
+    unit = shipped / "usr/lib/systemd/system/wexd.service"
     shown = subprocess.run(
         ["systemd-analyze", "security", "--offline=true", "--no-pager", str(unit)],
         capture_output=True, text=True, check=False,
@@ -419,9 +443,9 @@ def test_the_unit_is_sandboxed(pytestconfig):
     assert exposure <= 2.0
 
 
-def test_the_man_page_of_the_description_names_every_word_of_the_schema(pytestconfig):
-    page = pathlib.Path(pytestconfig.getoption("--package")).parent / "data/wexd-hardware.5"
-    text = page.read_text().replace("\\-", "-").replace("\\", "")
+def test_the_man_page_of_the_description_names_every_word_of_the_schema(shipped):
+    page = gzip.decompress((shipped / "usr/share/man/man5/wexd-hardware.5.gz").read_bytes()).decode()
+    text = page.replace("\\-", "-").replace("\\", "")
     schema = ElementTree.parse(TOP / "data/wexd-hardware.rng")
     rng = "{http://relaxng.org/ns/structure/1.0}"
     note = "{http://relaxng.org/ns/compatibility/annotations/1.0}"
