@@ -1,15 +1,12 @@
-// Stand-in for the device's event library: keeps declarations in memory, refuses what the real one
-// would refuse, and logs what happens so that a person or a test can follow it with grep:
-//
-//   event declare producer=wxd type=IOPort id=1 property=state port=3 state= topic0=Device ...
-//   event send producer=wxd type=IOPort id=1 port=3 state=1 topic0=Device ...
-//   event undeclare producer=wxd type=IOPort id=1
+// The operations on declarations and events, for every event library of ours: what is kept, what is
+// refused, when a present state is asked for. Where the events go is the outlet's business.
 #include "platform/event-library.h"
 
+#include "platform/event-outlet.h"
+#include "platform/event-records.h"
 #include "platform/event-types.h"
 #include "platform/log.h"
 
-#include <algorithm>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -19,16 +16,6 @@
 #include <vector>
 
 namespace {
-
-struct Key {
-  std::string name;
-  NvEventType type;
-  std::optional<std::string> value = std::nullopt;
-  std::string name_space = {};
-  std::vector<std::string> tags = {};
-  std::optional<std::string> key_nice_name = std::nullopt;
-  std::optional<std::string> value_nice_name = std::nullopt;
-};
 
 bool is_int(const char* text) {
   return g_ascii_string_to_signed(text, 10, G_MININT32, G_MAXINT32, nullptr, nullptr);
@@ -56,41 +43,10 @@ bool text_fits(const char* text, NvEventType type) {
 
 } // namespace
 
-struct NvEventInspectable {
-  std::vector<Key> keys;
-  /// A type without a key list takes whatever key it is given.
-  bool open = false;
-
-  Key* find(const char* name) {
-    const auto found = std::ranges::find(keys, std::string_view(name), &Key::name);
-    return found != keys.end() ? &*found : nullptr;
-  }
-
-  Key* find_or_add(const char* name, NvEventType type) {
-    Key* const key = find(name);
-    if (key != nullptr || !open) {
-      return key;
-    }
-    return &keys.emplace_back(Key{.name = name, .type = type});
-  }
-};
-
-struct NvEventDeclaration {
-  std::string type_name;
-  NvEventInspectable contents = {};
-  std::optional<std::string> property = std::nullopt;
-  NvEventFill fill = nullptr;
-  gpointer user_data = nullptr;
-};
-
-struct NvEvent {
-  guint id;
-  std::string type_name;
-  NvEventInspectable contents;
-};
-
 struct NvEventProducer {
   std::string name;
+  /// Told of everything with the mutex held, and so in order.
+  EventOutlet outlet{name};
   std::mutex mutex = {};
   guint next_id = 1;
   std::map<guint, NvEventDeclaration> declarations = {};
@@ -99,57 +55,6 @@ struct NvEventProducer {
 };
 
 namespace {
-
-std::string quoted(const std::string& text) {
-  if (!text.empty() && text.find_first_of(" \"\\\t\r\n=") == std::string::npos) {
-    return text;
-  }
-  if (text.empty()) {
-    return text;
-  }
-  g_autofree gchar* escaped = g_strescape(text.c_str(), nullptr);
-  return std::string("\"") + escaped + '"';
-}
-
-void append(std::string& line, const std::string& name, const std::string& value) {
-  line += ' ' + name + '=' + quoted(value);
-}
-
-std::string headline(const char* what, const NvEventProducer* producer,
-                     const std::string& type_name, guint id) {
-  std::string line = std::string("event ") + what;
-  append(line, "producer", producer->name);
-  append(line, "type", type_name);
-  append(line, "id", std::to_string(id));
-  return line;
-}
-
-void append_values(std::string& line, const NvEventInspectable& contents) {
-  for (const auto& key : contents.keys) {
-    append(line, key.name, key.value.value_or(""));
-  }
-}
-
-void append_decorations(std::string& line, const NvEventInspectable& contents) {
-  for (const auto& key : contents.keys) {
-    if (!key.name_space.empty()) {
-      append(line, "namespace." + key.name, key.name_space);
-    }
-    for (const auto& tag : key.tags) {
-      append(line, "tag." + key.name, tag);
-    }
-    if (key.key_nice_name) {
-      append(line, "nice-key." + key.name, *key.key_nice_name);
-    }
-    if (key.value_nice_name) {
-      append(line, "nice-value." + key.name, *key.value_nice_name);
-    }
-  }
-}
-
-void log_line(const std::string& line) {
-  g_message("%s%s", log_prefix, line.c_str());
-}
 
 bool fail(GError** error, NvEventError code, const std::string& message) {
   g_set_error_literal(error, nv_event_error_quark(), code, message.c_str());
@@ -160,7 +65,7 @@ bool unknown_id(GError** error, guint id) {
   return fail(error, NV_EVENT_ERROR_UNKNOWN_ID, "unknown declaration id " + std::to_string(id));
 }
 
-bool add_key(NvEventDeclaration* declaration, Key key) {
+bool add_key(NvEventDeclaration* declaration, EventKey key) {
   if (declaration->contents.find(key.name.c_str()) != nullptr) {
     return false;
   }
@@ -268,7 +173,7 @@ NvEventDeclaration* nv_event_declaration_new_from_type(const char* type_name) {
   auto* declaration = nv_event_declaration_new(type_name);
   declaration->contents.open = type->keys.empty();
   for (const auto& key : type->keys) {
-    declaration->contents.keys.push_back(Key{.name = key.key, .type = key.type});
+    declaration->contents.keys.push_back(EventKey{.name = key.key, .type = key.type});
   }
   return declaration;
 }
@@ -280,12 +185,12 @@ void nv_event_declaration_free(NvEventDeclaration* declaration) {
 bool nv_event_declaration_add_key_value(NvEventDeclaration* declaration, const char* key,
                                         const char* value, NvEventType type) {
   return text_fits(value, type)
-         && add_key(declaration, Key{.name = key, .type = type, .value = value});
+         && add_key(declaration, EventKey{.name = key, .type = type, .value = value});
 }
 
 bool nv_event_declaration_add_key(NvEventDeclaration* declaration, const char* key,
                                   NvEventType type) {
-  return add_key(declaration, Key{.name = key, .type = type});
+  return add_key(declaration, EventKey{.name = key, .type = type});
 }
 
 bool nv_event_declaration_set_nice_names(NvEventDeclaration* declaration, const char* key,
@@ -296,7 +201,7 @@ bool nv_event_declaration_set_nice_names(NvEventDeclaration* declaration, const 
 
 bool nv_event_declaration_set_name_space(NvEventDeclaration* declaration, const char* key,
                                          const char* name_space) {
-  Key* const found = declaration->contents.find(key);
+  EventKey* const found = declaration->contents.find(key);
   if (found == nullptr) {
     return false;
   }
@@ -306,7 +211,7 @@ bool nv_event_declaration_set_name_space(NvEventDeclaration* declaration, const 
 
 bool nv_event_declaration_tag_key(NvEventDeclaration* declaration, const char* key,
                                   const char* tag) {
-  Key* const found = declaration->contents.find(key);
+  EventKey* const found = declaration->contents.find(key);
   if (found == nullptr) {
     return false;
   }
@@ -335,7 +240,7 @@ NvEventInspectable* nv_event_declaration_get_inspectable(NvEventDeclaration* dec
 
 bool nv_event_inspectable_set_nice_names(NvEventInspectable* inspectable, const char* key,
                                          const char* key_nice_name, const char* value_nice_name) {
-  Key* const found = inspectable->find_or_add(key, NV_EVENT_STRING);
+  EventKey* const found = inspectable->find_or_add(key, NV_EVENT_STRING);
   if (found == nullptr) {
     return false;
   }
@@ -346,7 +251,7 @@ bool nv_event_inspectable_set_nice_names(NvEventInspectable* inspectable, const 
 
 bool nv_event_inspectable_set_value(NvEventInspectable* inspectable, const char* key,
                                     const char* value, NvEventType type) {
-  Key* const found = inspectable->find_or_add(key, type);
+  EventKey* const found = inspectable->find_or_add(key, type);
   if (found == nullptr || !text_fits(value, type)) {
     return false;
   }
@@ -365,15 +270,7 @@ guint nv_event_producer_declare(NvEventProducer* producer, const NvEventDeclarat
   const std::lock_guard guard(producer->mutex);
   const guint id = producer->next_id++;
   producer->declarations.emplace(id, *declaration);
-
-  std::string line = headline("declare", producer, declaration->type_name, id);
-  if (declaration->property) {
-    append(line, "property", *declaration->property);
-  }
-  append_values(line, declaration->contents);
-  append_decorations(line, declaration->contents);
-  log_line(line);
-
+  producer->outlet.declared(id, *declaration);
   if (declaration->fill != nullptr) {
     schedule_fill_locked(producer, id);
   }
@@ -386,7 +283,7 @@ bool nv_event_producer_undeclare(NvEventProducer* producer, guint id, GError** e
   if (found == producer->declarations.end()) {
     return unknown_id(error, id);
   }
-  log_line(headline("undeclare", producer, found->second.type_name, id));
+  producer->outlet.withdrawn(id, found->second);
   cancel_fill_locked(producer, id);
   producer->declarations.erase(found);
   return true;
@@ -403,7 +300,8 @@ NvEvent* nv_event_producer_prepare(NvEventProducer* producer, guint id, GError**
 
 bool nv_event_producer_send(NvEventProducer* producer, const NvEvent* event, GError** error) {
   const std::lock_guard guard(producer->mutex);
-  if (!producer->declarations.contains(event->id)) {
+  const auto declaration = producer->declarations.find(event->id);
+  if (declaration == producer->declarations.end()) {
     return unknown_id(error, event->id);
   }
   for (const auto& key : event->contents.keys) {
@@ -411,9 +309,7 @@ bool nv_event_producer_send(NvEventProducer* producer, const NvEvent* event, GEr
       return fail(error, NV_EVENT_ERROR_NOT_COMPLETE, "no value for key " + key.name);
     }
   }
-  std::string line = headline("send", producer, event->type_name, event->id);
-  append_values(line, event->contents);
-  log_line(line);
+  producer->outlet.sent(*event, declaration->second);
   return true;
 }
 
