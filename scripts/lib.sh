@@ -46,6 +46,7 @@ test_packages=(
   git clang-format clang-tidy shellcheck libxml2-utils
   python3-pytest-xdist python3-pytest-timeout python3-jsonschema
   umockdev strace debootstrap binutils zsh fish man-db lintian
+  libmosquitto-dev libssl-dev mosquitto mosquitto-clients openssl
 )
 
 python=/usr/bin/python3

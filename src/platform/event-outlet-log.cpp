@@ -7,8 +7,6 @@
 
 #include "platform/log.h"
 
-#include <utility>
-
 namespace {
 
 std::string quoted(const std::string& text) {
@@ -65,8 +63,8 @@ struct EventOutlet::State {
   std::string producer;
 };
 
-EventOutlet::EventOutlet(std::string producer)
-    : state_(std::make_unique<State>(State{.producer = std::move(producer)})) {}
+EventOutlet::EventOutlet(const std::string& producer)
+    : state_(std::make_unique<State>(State{.producer = producer})) {}
 
 EventOutlet::~EventOutlet() = default;
 

@@ -10,7 +10,7 @@
 /// Is told of one event after the other, on any thread, with locks held: nothing here may block.
 class EventOutlet {
 public:
-  explicit EventOutlet(std::string producer);
+  explicit EventOutlet(const std::string& producer);
   ~EventOutlet();
   EventOutlet(const EventOutlet&) = delete;
   EventOutlet& operator=(const EventOutlet&) = delete;

@@ -52,7 +52,7 @@ def make_device(binary, request):
         devices = []
 
         def make(**options):
-            devices.append(stack.enter_context(Device(binary, **options)))
+            devices.append(stack.enter_context(Device(**{"binary": binary, **options})))
             return devices[-1]
 
         yield make
