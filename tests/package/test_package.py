@@ -106,6 +106,12 @@ def test_a_stranger_gets_ports_with_nothing_but_the_readme(running, walk):
     assert running.run("systemctl", "is-enabled", "wexd").strip() == "enabled"
 
 
+def test_a_user_turns_the_example_s_door(running):
+    for word, state in (("0", "off"), ("1", "on"), ("0", "off")):
+        running.run("sh", "-c", f"echo {word} >/run/wexd-door")
+        running.run("wexctl", "wait", "door", state, "--timeout", "30s")
+
+
 def test_the_daemon_has_dropped_root(running):
     found = pathlib.Path(f"/proc/{running.main_process('wexd.service')}/status").read_text()
     assert "Name:\twexd\n" in found
