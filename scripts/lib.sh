@@ -16,15 +16,19 @@ program_packages=(
 page_packages=(scdoc help2man python3)
 # What all of a preset is made of: programs, man pages and unit tests.
 build_packages=("${program_packages[@]}" "${page_packages[@]}" libgtest-dev libgmock-dev)
+# What stands in for a device, and what a shell on it has besides.
 sandbox_packages=(
-  bubblewrap util-linux dbus-daemon libglib2.0-bin systemd
+  bubblewrap util-linux dbus-daemon
   python3 python3-gi gir1.2-glib-2.0 python3-dbusmock
 )
+shell_packages=(libglib2.0-bin systemd)
 fuzz_packages=("${program_packages[@]}" clang libclang-rt-14-dev)
 bench_packages=(
   "${program_packages[@]}" "${sandbox_packages[@]}" libbenchmark-dev valgrind libc6-dbg python3-pytest
 )
-picture_packages=("${program_packages[@]}" "${sandbox_packages[@]}" tmux python3-rich)
+picture_packages=(
+  "${program_packages[@]}" "${sandbox_packages[@]}" "${shell_packages[@]}" tmux python3-rich
+)
 pack_packages=(debhelper dpkg-dev file)
 # The bench kernel and what it is built with, the machine, and what its guest runs from /usr.
 kernel_packages=(

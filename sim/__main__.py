@@ -5,10 +5,12 @@ import contextlib
 import os
 import pathlib
 import signal
+import subprocess
 import sys
 import time
 
 from sim import example, live, sandbox, scenario, shell, show
+from sim.board import WRAPPER, Board, provide_library
 from sim.device import Device
 from sim.endings import ENDINGS
 from sim.peers import Neighbourhood
@@ -35,11 +37,18 @@ def parse():
         f" {example.INPUTS} holds its wires; commands may also come from standard input",
     )  # fmt: skip
     parser.add_argument(
+        "--description", metavar="FILE", type=pathlib.Path,
+        help="simulate the board that this hardware description describes, instead of the example",
+    )
+    parser.add_argument(
         "--binary", default=TOP / "build/release/wexd", type=pathlib.Path,
         help="the daemon to run, with wexctl beside it (default: %(default)s)",
     )  # fmt: skip
     options = parser.parse_args()
-    options.kind = options.kind or ("live" if on_a_terminal() else "scenario")
+    if options.description and options.kind == "scenario":
+        parser.error("the story is the example device's")
+    told = "list" if options.description else "scenario"
+    options.kind = options.kind or ("live" if on_a_terminal() else told)
     return options
 
 
@@ -53,6 +62,30 @@ def end(number, _frame):
     for other in ENDINGS:
         signal.signal(other, signal.SIG_IGN)
     sys.exit(128 + number)
+
+
+def check(binary, description):
+    """Ends the run, with what is wrong and where, if the daemon would not take the description as it
+    stands."""
+    checked = subprocess.run(
+        [binary.parent / "wexctl", "check", description], capture_output=True, text=True, check=False
+    )
+    if checked.returncode != 0:
+        print(checked.stdout + checked.stderr, end="", file=sys.stderr)
+        sys.exit(checked.returncode)
+
+
+def list_ports(device, board):
+    """Whether the daemon serves every port of the board."""
+    show.table(device)
+    served = {port.name for port in device.ports().values()}
+    missing = [port.name for port in board.ports if port.name not in served]
+    if missing:
+        print(f"{show.red('Not in service:')} {', '.join(missing)}. The daemon's reasons:")
+        print("".join(f"  {line}\n" for line in device.log if line.startswith("WARNING")), end="")
+        return 1
+    print(f"{show.green('All ports are in service.')}")
+    return 0
 
 
 def tell_the_story(device, started):
@@ -82,15 +115,25 @@ def main():
 
     started = time.monotonic()
     try:
-        with Device(options.binary, quiet=True) as device:
-            example.furnish(device)
-            device.peers = Neighbourhood(device)
+        if options.description:
+            check(options.binary.resolve(), options.description)
+            board, wrapper = Board(options.description), WRAPPER
+        else:
+            board, wrapper = example.board(), ()
+        with Device(options.binary, wrapper=wrapper, quiet=True) as device:
+            if wrapper:
+                provide_library(device)
+            board.furnish(device)
+            device.peers = Neighbourhood(device, board)
             device.start()
-            example.wait_complete(device)
+            if not options.description:
+                example.wait_complete(device)
             if options.kind == "live":
                 show_live(device)
             elif options.kind == "shell":
-                return shell.run(device)
+                return shell.run(device, board if options.description else None)
+            elif options.kind == "list":
+                return list_ports(device, board)
             else:
                 tell_the_story(device, started)
     except KeyboardInterrupt:

@@ -12,7 +12,6 @@ import subprocess
 
 from gi.repository import GLib
 
-from sim import example
 from sim.endings import ENDINGS, undisturbed
 
 POLL_S = 0.02
@@ -37,7 +36,7 @@ class Controls:
     def __init__(self, device, note):
         self._device = device
         self._note = note
-        self._lines = example.lines(device)
+        self._lines = device.lines
         self._client = device.client()
 
     def obey(self, word, number):

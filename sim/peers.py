@@ -324,11 +324,12 @@ class Witness:
 
 
 class Neighbourhood:
-    """The services around the example device, all of them running."""
+    """The services around a simulated device, all of them running."""
 
-    def __init__(self, device):
+    def __init__(self, device, board):
+        states, model = board.box_lines()
         # Processes start side by side; only then is each waited for.
-        self.box = IoBox(device, start=False, states={"10": "open"})
+        self.box = IoBox(device, start=False, states=states, model=model)
         self.zwave = ZWave(device, start=False)
         self.streamer = Streamer(device, start=False, channels=[True, False])
         self.coordinator = Coordinator(device, start=False, enabled=True)

@@ -34,13 +34,28 @@ Tab completes port names. exit, or Ctrl-D, leaves; nothing stays behind.
 """
 
 
-def run(device):
+OWN_BOARD = """\
+wexd runs here on a simulated board. Try wexctl list, wexctl monitor; restart-wexd starts the daemon
+again. These files turn the inputs: a contact's holds 0 or 1, a measured line's its level.
+
+{}
+exit, or Ctrl-D, leaves; nothing stays behind.
+"""
+
+
+def wires(board):
+    """The files that turn inputs, one a line."""
+    files = {name: line.path for name, line in board.lines.items() if hasattr(line, "path")}
+    return "".join(f"  {name:<24}{path}\n" for name, path in files.items())
+
+
+def run(device, board=None):
     """Runs a shell until it ends; returns its status. Its commands come from standard input."""
     device.write(START_FILE, (HERE / "shell.bashrc").read_text())
     device.write("/etc/bash_completion.d/wexctl", COMPLETION.read_text())
     interactive = sys.stdin.isatty()
     if interactive:
-        print(GREETING)
+        print(OWN_BOARD.format(wires(board)) if board else GREETING)
     argv = ["bash", "--noprofile", "--rcfile", START_FILE, "-i"] if interactive else ["bash", "-s"]
     beside = [device.binary.parent / "wexctl"]
     command = device.sandbox.command(argv, device.binary, beside=beside)
