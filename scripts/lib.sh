@@ -13,7 +13,7 @@ program_packages=(
   g++ cmake ninja-build pkg-config
   libglib2.0-dev libglib2.0-dev-bin libcli11-dev libfmt-dev nlohmann-json3-dev libncurses-dev
 )
-page_packages=(scdoc help2man python3)
+page_packages=(scdoc help2man python3 python3-docutils)
 # What all of a preset is made of: programs, man pages and unit tests.
 build_packages=("${program_packages[@]}" "${page_packages[@]}" libgtest-dev libgmock-dev)
 # What stands in for a device, and what a shell on it has besides.
@@ -50,7 +50,7 @@ test_packages=(
   git clang-format clang-tidy shellcheck libxml2-utils
   python3-pytest-xdist python3-pytest-timeout python3-jsonschema
   umockdev strace debootstrap binutils zsh fish man-db lintian
-  libmosquitto-dev libssl-dev mosquitto mosquitto-clients openssl
+  pandoc libmosquitto-dev libssl-dev mosquitto mosquitto-clients openssl
 )
 
 python=/usr/bin/python3
