@@ -59,7 +59,7 @@ TEXTS = {
     "share/dbus-1/system.d/com.norv.wexd.conf",
     "share/doc/wexd/NEWS", "share/doc/wexd/operating.md",
     "share/doc/wexd/examples/any-machine.xml", "share/doc/wexd/examples/conf.xml",
-    "share/man/man1/wexctl.1", "share/man/man5/wexd-dbus.5", "share/man/man5/wexd-hardware.5", "share/man/man5/wexd.conf.5",
+    "share/pkgconfig/wexd.pc", "share/man/man1/wexctl.1", "share/man/man5/wexd-dbus.5", "share/man/man5/wexd-hardware.5", "share/man/man5/wexd.conf.5",
     "share/man/man8/wexd.8",
     "share/wexd/wexd-hardware.rng", "share/wexd/wexctl.schema.json",
 }  # fmt: skip
