@@ -50,7 +50,7 @@ test_packages=(
   git clang-format clang-tidy shellcheck libxml2-utils
   python3-pytest-xdist python3-pytest-timeout python3-jsonschema
   umockdev strace debootstrap binutils zsh fish man-db lintian
-  libsdbus-c++-dev libsystemd-dev nodejs make pandoc libmosquitto-dev libssl-dev mosquitto mosquitto-clients openssl
+  libsdbus-c++-dev libsystemd-dev nodejs make pandoc jq libmosquitto-dev libssl-dev mosquitto mosquitto-clients openssl
 )
 
 python=/usr/bin/python3
