@@ -227,7 +227,7 @@ def test_a_new_backend_is_in_the_schema_and_the_man_page(built, tmp_path):
                              capture_output=True, check=False)  # fmt: skip
         assert run.returncode == status, run.stderr
     page = subprocess.run(
-        [sys.executable, TOP / "docs/man/wexd-hardware.5.py", schema],
+        [sys.executable, TOP / "docs/man/wexd-hardware.5.py", schema, "1.0"],
         capture_output=True, text=True, check=True,
     ).stdout  # fmt: skip
     assert "## lamp\n\nA lamp that nobody sees.\n" in page
