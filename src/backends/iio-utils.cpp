@@ -1,6 +1,7 @@
 #include "backends/iio-utils.h"
 
 #include "platform/handles.h"
+#include "platform/kernel-parts.h"
 #include "platform/log.h"
 
 #include <fcntl.h>
@@ -74,6 +75,7 @@ int iio_get_device_number_with_type(const char* name, int type) {
   g_autoptr(GError) error = nullptr;
   g_autoptr(GDir) dir = g_dir_open(devices_folder, 0, &error);
   if (dir == nullptr) {
+    remark_missing_kernel_part(iio_kernel_parts);
     g_warning("%sFailed to open sysfs path: %s\n", log_prefix, devices_folder);
     return -1;
   }

@@ -10,6 +10,7 @@
 #include "platform/callbacks.h"
 #include "platform/handles.h"
 #include "port/ioport.h"
+#include "port/port-place.h"
 
 struct InputPoll {
   /// 0 polls on every turn of the main loop.
@@ -24,6 +25,7 @@ struct InputPoll {
 
 template <typename Data>
 gboolean input_poll_on_time(IoPort* port) {
+  const PortPlace place(port);
   auto* data = backend_data<Data>(port);
   const bool unreported = std::exchange(data->poll.unreported, false);
   return input_poll_report(port, data->refresh() || unreported);

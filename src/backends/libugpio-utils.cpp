@@ -1,10 +1,12 @@
 #include "backends/libugpio-utils.h"
 
 #include "platform/callbacks.h"
+#include "platform/kernel-parts.h"
 #include "platform/log.h"
 #include "platform/numbers.h"
 #include "platform/ugpio-named.h"
 #include "port/port-observer.h"
+#include "port/port-place.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -105,6 +107,7 @@ bool libugpio_open_gpio_pin(GpioPin* pin, PinUse use) {
   libugpio_close_gpio_pin(pin);
   pin->handle = request(pin, request_flags(pin, use));
   if (pin->handle == nullptr) {
+    remark_missing_kernel_part(gpio_kernel_parts);
     g_warning("%sFailed to allocate pin %d/%s", log_prefix, pin->number, name_of(pin));
     return false;
   }
@@ -210,6 +213,7 @@ void LogicWatch::rest(int reason) {
 
 // Whether to go on looking for edges: not while the pin rests, nor when it is gone.
 bool LogicWatch::serve() {
+  const PortPlace place(port_);
   errno = 0;
   if (ugpio_get_value(pin_->handle) != -1 && report_state(port_)) {
     if (trouble_.end()) {

@@ -5,6 +5,7 @@
 #include "backends/empty-slots.h"
 #include "backends/input-poll.h"
 #include "backends/spi-utils.h"
+#include "platform/kernel-parts.h"
 #include "platform/log.h"
 
 #include <fcntl.h>
@@ -84,6 +85,7 @@ bool spiadc_port_setup(IoPort* port, Level /*start*/) {
   const char* const device = data->device ? data->device->c_str() : "";
   const int fd = open(device, O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
+    remark_missing_kernel_part(spi_kernel_parts);
     g_warning("%sFailed to open %s: %s", log_prefix, device, g_strerror(errno));
     return false;
   }

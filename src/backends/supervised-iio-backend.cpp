@@ -6,7 +6,9 @@
 #include "backends/readable-watch.h"
 #include "backends/supervised-pins.h"
 #include "platform/handles.h"
+#include "platform/kernel-parts.h"
 #include "platform/log.h"
+#include "port/port-place.h"
 
 #include <fcntl.h>
 
@@ -64,6 +66,7 @@ int make_trigger(const IioPortData* data) {
   const std::string folder = std::string(trigger_folder) + text_or_empty(data->trigger);
   if (!g_file_test(folder.c_str(), G_FILE_TEST_IS_DIR)
       && g_mkdir_with_parents(folder.c_str(), trigger_folder_mode) != 0) {
+    remark_missing_kernel_part(iio_trigger_kernel_parts);
     g_warning("%sFailed to create sysfs directory '%s': %s", log_prefix, folder.c_str(),
               g_strerror(errno));
   }
@@ -291,6 +294,7 @@ ReadableWatch::Found on_unreadable_sample(IoPort* port, IioPortData* data, const
 
 ReadableWatch::Found on_sample(gpointer user_data) {
   auto* port = static_cast<IoPort*>(user_data);
+  const PortPlace place(port);
   auto* data = backend_data<IioPortData>(port);
   const char* reason = nullptr;
   const Sample sample = read_sample(data, &reason);

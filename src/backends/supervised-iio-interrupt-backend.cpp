@@ -8,6 +8,7 @@
 #include "platform/callbacks.h"
 #include "platform/handles.h"
 #include "platform/log.h"
+#include "port/port-place.h"
 
 #include <cerrno>
 #include <tuple>
@@ -213,6 +214,7 @@ void update_thresholds(IoPort* port) {
 }
 
 gboolean on_look_timer(IoPort* port) {
+  const PortPlace place(port);
   // This source ends by itself; what follows may start another.
   backend_data<IioIntPortData>(port)->look_timer.forget();
   if (const auto level = watched_level(port, Occasion::Look)) {
@@ -223,6 +225,7 @@ gboolean on_look_timer(IoPort* port) {
 }
 
 bool on_device_event(IoPort* port, gint channel) {
+  const PortPlace place(port);
   auto* data = backend_data<IioIntPortData>(port);
   if (channel != iio_every_channel && std::cmp_not_equal(channel, data->channel.channel)) {
     return false;

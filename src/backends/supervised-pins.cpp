@@ -1,5 +1,6 @@
 #include "backends/supervised-pins.h"
 
+#include "platform/kernel-parts.h"
 #include "platform/log.h"
 #include "platform/numbers.h"
 #include "platform/ugpio-named.h"
@@ -63,6 +64,7 @@ bool open_sioctrl(GpioPin* pin) {
   libugpio_close_gpio_pin(pin);
   pin->handle = request_as_it_stands(pin);
   if (pin->handle == nullptr) {
+    remark_missing_kernel_part(gpio_kernel_parts);
     g_warning("%sRequest for gpio pin %s failed.", log_prefix, name);
     return false;
   }

@@ -5,8 +5,10 @@
 #include "backends/supervised-pins.h"
 #include "platform/callbacks.h"
 #include "platform/handles.h"
+#include "platform/kernel-parts.h"
 #include "platform/log.h"
 #include "platform/numbers.h"
+#include "port/port-place.h"
 
 #include <fcntl.h>
 #include <linux/spi/spidev.h>
@@ -58,6 +60,7 @@ bool configure_device(SpiPortData* data) {
   const char* const path = data->device ? data->device->c_str() : "";
   data->fd.reset(open(path, O_RDWR | O_CLOEXEC));
   if (!data->fd) {
+    remark_missing_kernel_part(spi_kernel_parts);
     g_warning("%sFailed to open SPI device.", log_prefix);
     return false;
   }
@@ -120,6 +123,7 @@ std::optional<SupervisedReadout> spi_readout(IoPort* port, GError** error) {
 }
 
 gboolean spi_poll(IoPort* port) {
+  const PortPlace place(port);
   SupervisedState& last = last_reported_of(port);
   g_autoptr(GError) error = nullptr;
   const auto readout = io_port_get_supervised_readout(port, &error);

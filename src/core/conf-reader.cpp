@@ -11,6 +11,7 @@
 #include "platform/log.h"
 #include "platform/regular-file.h"
 #include "port/ioport-list.h"
+#include "port/port-place.h"
 
 #include <algorithm>
 #include <memory>
@@ -118,6 +119,7 @@ bool lost_for_backend(const IoPort* port, std::string_view element, std::string_
 
 void apply_attribute(IoPort* port, IoEvent* event, const Place& place, const char* key,
                      const char* value) {
+  const PortPlace of_port(port);
   if (lost_for_backend(port, place.element, key)) {
     refuse(place, "has data for a backend that is not known yet; the attribute is ignored");
   }

@@ -34,6 +34,8 @@ constexpr std::array levels{
 bool output_is_journal = false;
 
 thread_local FirstWarning* listener = nullptr;
+thread_local LogPlace* place = nullptr;
+thread_local std::string remark;
 
 const Level& level_of(GLogLevelFlags flags) {
   for (const auto& entry : levels) {
@@ -60,13 +62,7 @@ bool for_developers_of_glib(const Level& level, std::string_view domain) {
          && g_log_writer_default_would_drop(level.level, std::string(domain).c_str());
 }
 
-GLogWriterOutput write_line(GLogLevelFlags flags, const GLogField* fields, gsize n_fields,
-                            gpointer /*user_data*/) {
-  const Level& level = level_of(flags);
-  const auto domain = field("GLIB_DOMAIN", fields, n_fields);
-  if (for_developers_of_glib(level, domain)) {
-    return G_LOG_WRITER_HANDLED;
-  }
+void print_line(const Level& level, std::string_view domain, std::string_view message) {
   std::string line = output_is_journal ? priority_mark(level.priority) : "";
   line += domain;
   if (!domain.empty()) {
@@ -74,14 +70,6 @@ GLogWriterOutput write_line(GLogLevelFlags flags, const GLogField* fields, gsize
   }
   line += level.name;
   line += ": ";
-
-  auto message = field("MESSAGE", fields, n_fields);
-  while (message.ends_with('\n')) {
-    message.remove_suffix(1);
-  }
-  if (listener != nullptr) {
-    listener->hear(level.level, message);
-  }
   for (const char c : message) {
     // A line break inside a message would let outside text forge log lines.
     line += c == '\n' ? ' ' : c;
@@ -91,6 +79,29 @@ GLogWriterOutput write_line(GLogLevelFlags flags, const GLogField* fields, gsize
   // One call per line: stdio locks the stream for it, so threads never mix their lines.
   fwrite(line.data(), 1, line.size(), stdout);
   fflush(stdout);
+}
+
+GLogWriterOutput write_line(GLogLevelFlags flags, const GLogField* fields, gsize n_fields,
+                            gpointer /*user_data*/) {
+  const Level& level = level_of(flags);
+  const auto domain = field("GLIB_DOMAIN", fields, n_fields);
+  if (for_developers_of_glib(level, domain)) {
+    return G_LOG_WRITER_HANDLED;
+  }
+  auto message = field("MESSAGE", fields, n_fields);
+  while (message.ends_with('\n')) {
+    message.remove_suffix(1);
+  }
+  if (listener != nullptr) {
+    listener->hear(level.level, message);
+  }
+  print_line(level, domain, message);
+  const std::string where = place != nullptr ? place->after(level.level, message) : "";
+  for (const auto& follows : {std::exchange(remark, {}), where}) {
+    if (!follows.empty()) {
+      print_line(level_of(G_LOG_LEVEL_MESSAGE), "", follows);
+    }
+  }
   return G_LOG_WRITER_HANDLED;
 }
 
@@ -162,6 +173,27 @@ void FirstWarning::hear(GLogLevelFlags level, std::string_view message) {
   if ((level & wanted) != 0 && text_.empty()) {
     text_ = message;
   }
+}
+
+LogPlace::LogPlace(Tell tell, const void* subject)
+    : outer_(std::exchange(place, this)), tell_(tell), subject_(subject) {}
+
+LogPlace::~LogPlace() {
+  place = outer_;
+}
+
+std::string LogPlace::after(GLogLevelFlags level, std::string_view message) {
+  constexpr int complaints = G_LOG_LEVEL_WARNING | G_LOG_LEVEL_CRITICAL | log_level_user;
+  if ((level & complaints) == 0 || std::exchange(told_, true)) {
+    return {};
+  }
+  std::string text = tell_(subject_);
+  const bool is_known = message.find(text) != std::string_view::npos;
+  return is_known ? std::string() : text;
+}
+
+void log_remark(std::string text) {
+  remark = std::move(text);
 }
 
 std::string priority_mark(int priority) {

@@ -32,6 +32,33 @@ private:
   std::string text_;
 };
 
+/// As long as it lives, the first complaint that this thread logs (a warning, something worse, or a
+/// module's own message) is followed by a line of level MESSAGE that says where it comes from; once
+/// nv_log_stdout() was called. The text is made when it is needed. It is not said again of a
+/// message that has it, nor when it is empty.
+class LogPlace {
+public:
+  using Tell = std::string (*)(const void* subject);
+
+  LogPlace(Tell tell, const void* subject);
+  ~LogPlace();
+  LogPlace(const LogPlace&) = delete;
+  LogPlace& operator=(const LogPlace&) = delete;
+
+  /// What is to follow a message; empty if nothing is.
+  [[nodiscard]] std::string after(GLogLevelFlags level, std::string_view message);
+
+private:
+  LogPlace* outer_;
+  Tell tell_;
+  const void* subject_;
+  bool told_ = false;
+};
+
+/// Has the next message of this thread followed by this one, of level MESSAGE; once nv_log_stdout()
+/// was called. For what is to be said besides a fixed text.
+void log_remark(std::string text);
+
 /// Whether the stream with that descriptor is the journal's, and so wants each line to begin with
 /// its priority.
 [[nodiscard]] bool stream_is_journal(int fd);

@@ -4,6 +4,7 @@
 #include "event/event.h"
 #include "platform/checks.h"
 #include "port/backend-registry.h"
+#include "port/port-place.h"
 
 #include <chrono>
 
@@ -118,6 +119,7 @@ bool io_port_setup(IoPort* ioport) {
   WEXD_ASSERT_NONNULL(ioport);
   WEXD_ASSERT_NONNULL(ioport->functions);
   ensure_backend_record(ioport);
+  const PortPlace place(ioport);
   if (!ioport->functions->setup(ioport, level_of(ioport->activelow_output))) {
     return false;
   }

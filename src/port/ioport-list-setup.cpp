@@ -4,6 +4,7 @@
 #include "event/event.h"
 #include "platform/log.h"
 #include "port/ioport-list-internal.h"
+#include "port/port-place.h"
 
 #include <algorithm>
 #include <tuple>
@@ -113,6 +114,7 @@ void io_port_list_setup() {
       io_port_dynamic_list.push_front(port);
       waiting.push_back(port);
     } else {
+      const PortPlace place(port);
       g_log(G_LOG_DOMAIN, log_level_user, "%sSetup failed for port %d, removing from list",
             log_prefix, port->number);
       to_destroy.push_back(port);
@@ -154,6 +156,7 @@ void io_port_list_set_watch() {
   const std::lock_guard guard(mutex);
   for (IoPort* port : io_port_list) {
     if (!port->hardware_gone) {
+      const PortPlace place(port);
       std::ignore = io_port_set_watch(port);
     }
   }
@@ -165,6 +168,7 @@ void io_port_list_declare_events() {
     if (!port->enabled) {
       continue;
     }
+    const PortPlace place(port);
     for (const auto& event : port->events) {
       if (!io_event_declare_event(port, event.get())) {
         g_warning("%sCould not declare event %s", log_prefix, c_str_or_null(event->declaration));

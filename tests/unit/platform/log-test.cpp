@@ -47,6 +47,64 @@ TEST(TheLog, writes_every_level_as_one_line) {
   }
 }
 
+namespace {
+
+std::string door(const void* subject) {
+  return std::string("here: ") + static_cast<const char*>(subject);
+}
+
+} // namespace
+
+TEST(TheLog, says_once_where_complaints_come_from) {
+  const StreamCapture output(1);
+  {
+    const LogPlace place(door, "door");
+    g_info("fine");
+    g_warning("first");
+    g_warning("second");
+  }
+  g_warning("elsewhere");
+  EXPECT_EQ(output.text(), "INFO: fine\nWARNING: first\nMESSAGE: here: door\nWARNING: second\n"
+                           "WARNING: elsewhere\n");
+}
+
+TEST(TheLog, says_where_a_module_s_own_message_and_a_critical_one_come_from) {
+  for (const auto level : {log_level_user, G_LOG_LEVEL_CRITICAL}) {
+    const StreamCapture output(1);
+    const LogPlace place(door, "door");
+    g_log(nullptr, level, "text");
+    EXPECT_TRUE(output.text().ends_with(": text\nMESSAGE: here: door\n")) << output.text();
+  }
+}
+
+TEST(TheLog, says_nothing_more_of_a_message_that_has_its_place) {
+  const StreamCapture output(1);
+  const LogPlace place(door, "door");
+  g_warning("here: door does not close");
+  EXPECT_EQ(output.text(), "WARNING: here: door does not close\n");
+}
+
+TEST(TheLog, says_where_the_innermost_comes_from) {
+  const StreamCapture output(1);
+  const LogPlace place(door, "door");
+  {
+    const LogPlace inner(door, "lock");
+    g_warning("inside");
+  }
+  g_warning("outside");
+  EXPECT_EQ(output.text(), "WARNING: inside\nMESSAGE: here: lock\n"
+                           "WARNING: outside\nMESSAGE: here: door\n");
+}
+
+TEST(TheLog, has_a_remark_follow_the_next_message_at_once) {
+  const StreamCapture output(1);
+  const LogPlace place(door, "door");
+  log_remark("why");
+  g_warning("first");
+  g_warning("second");
+  EXPECT_EQ(output.text(), "WARNING: first\nMESSAGE: why\nMESSAGE: here: door\nWARNING: second\n");
+}
+
 TEST(TheLog, names_the_domain_of_others) {
   const StreamCapture output(1);
   g_log("GLib-GIO", G_LOG_LEVEL_WARNING, "text");

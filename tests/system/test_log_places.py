@@ -1,0 +1,91 @@
+"""What the log says besides its fixed texts: which port of which description, and what the kernel
+lacks."""
+
+import re
+
+import pytest
+from describe import element, failing, port
+
+from sim.device import DESCRIPTION
+
+PINS = "/sys/class/gpio"
+
+
+def following(device, pattern):
+    """The lines right after the first one that matches."""
+    first = next(i for i, line in enumerate(device.log) if re.search(pattern, line))
+    return device.log[first + 1 :]
+
+
+def start(device, ports):
+    device.describe(port("other", 7) + "\n" + ports)
+    device.start()
+
+
+def gpio(number=3, kind="output", **more):
+    return port("lock", number, kind, "gpio", backend_inside=element("output", pin=18), **more)
+
+
+PLACE = f"MESSAGE: {DESCRIPTION}:3: port 'lock' (number 3)"
+
+
+@pytest.mark.parametrize("optional", [None, "true"])
+def test_a_pin_that_is_not_there_is_told_with_its_port(device, optional):
+    device.path(PINS).mkdir(parents=True)
+    if optional is None:
+        device.expect(r"libugpio_port_setup: assertion 'port->optional' failed")
+    start(device, gpio(optional=optional))
+    assert following(device, "Failed to allocate pin 18/")[0] == PLACE
+
+
+def test_a_port_that_is_removed_is_told_with_its_place(device):
+    start(device, failing("lock", 3))
+    assert following(device, "^USER: Setup failed for port 3, removing from list$")[0] == PLACE
+
+
+def test_what_the_reader_refuses_is_told_with_its_port(device):
+    device.expect("Unsupported port type lamp")
+    start(device, port("lock", 3, "lamp"))
+    assert following(device, "Unsupported port type lamp")[0] == PLACE
+
+
+def test_a_place_that_a_message_has_is_not_told_again(device):
+    start(device, '<port name="lock"><backend name="none"/></port>')
+    assert device.log_count("names no known backend") == 1
+    assert device.log_count("^MESSAGE: /usr") == 0
+
+
+def converter(kind, **device):
+    return port("lock", 3, "input", kind, optional="true", backend_inside=element("device", **device))
+
+
+@pytest.mark.parametrize(
+    "ports, message, missing",
+    [
+        (gpio(optional="true"), "Failed to allocate pin 18/",
+         "no /sys/class/gpio: the kernel lacks CONFIG_GPIO_SYSFS"),
+        (converter("iio", mode="adc", name="a", adc="a", hrtimer="t"),
+         "Failed to open sysfs path: /sys/bus/iio/devices/",
+         "no /sys/bus/iio: the kernel lacks CONFIG_IIO"),
+        (converter("spiadc", device="/dev/spidev0.0", timeout=20), "Failed to open /dev/spidev0.0: ",
+         "no /sys/bus/spi: the kernel lacks CONFIG_SPI"),
+    ],
+    ids=["gpio", "iio", "spi"],
+)  # fmt: skip
+def test_an_option_that_the_kernel_lacks_is_named_right_after_the_message(device, ports, message, missing):
+    start(device, ports)
+    assert following(device, message)[:2] == [f"MESSAGE: {missing}", PLACE]
+
+
+def test_spidev_is_named_where_the_rest_is_there(device):
+    device.path("/sys/bus/spi").mkdir(parents=True)
+    start(device, converter("spiadc", device="/dev/spidev0.0", timeout=20))
+    missing = "no /sys/class/spidev: the kernel lacks CONFIG_SPI_SPIDEV"
+    assert following(device, "Failed to open /dev/spidev0.0: ")[:2] == [f"MESSAGE: {missing}", PLACE]
+
+
+def test_nothing_is_missed_that_is_there(device):
+    for folder in ("/sys/bus/spi", "/sys/class/spidev"):
+        device.path(folder).mkdir(parents=True)
+    start(device, converter("spiadc", device="/dev/spidev0.0", timeout=20))
+    assert device.log_count("the kernel lacks") == 0
