@@ -41,7 +41,7 @@ kernel_packages=(
 cross_packages=(mmdebstrap bubblewrap qemu-user-static)
 cross_tools=(
   cmake ninja-build pkg-config libglib2.0-dev-bin scdoc help2man dpkg-dev debhelper python3
-  libcli11-dev nlohmann-json3-dev
+  python3-docutils libcli11-dev nlohmann-json3-dev
 )
 cross_libraries=(libglib2.0-dev libfmt-dev libncurses-dev libgtest-dev libgmock-dev)
 test_packages=(
