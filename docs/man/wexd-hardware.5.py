@@ -37,12 +37,16 @@ TAIL = """
     <param_default_name input="Door"/>
     <properties ioport="true"/>
     <backend name="gpio">
-      <input pin="17" inverted="true"/>
+      <input alias="door-contact" inverted="true"/>
     </backend>
     <event declaration="IOPort"/>
   </port>
 </config>
 ```
+
+Pins are best described by *alias*, the name that the device tree gives their line: numbers are given
+out as chips appear, and may be another pin's under the next kernel. *wexctl describe* prints the names
+of the machine that it runs on.
 
 # SEE ALSO
 
