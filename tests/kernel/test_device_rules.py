@@ -17,6 +17,11 @@ def manage(*arguments):
     subprocess.run(["/usr/bin/udevadm", *arguments], check=True)
 
 
+def settle():
+    # By itself it gives up after two minutes, which a busy machine may need for its emulated one.
+    manage("settle", "--timeout=600")
+
+
 @pytest.fixture
 def rules(device):
     """A device manager with our rules and no others, which cost seconds on the emulated machine."""
@@ -31,7 +36,7 @@ def rules(device):
     try:
         matches = (f"--subsystem-match={name}" for name in ("gpio", "iio", "spidev"))
         manage("trigger", "--action=add", *matches)
-        manage("settle")
+        settle()
         yield
     finally:
         manage("control", "--exit")
@@ -48,7 +53,7 @@ def ports():
 def test_the_daemons_user_takes_dropped_pins_again(device, rules):
     device.describe(ports())
     device.start()
-    manage("settle")
+    settle()
     assert set(device.state.DropIOPorts(["sensor", "relay"])) == {"sensor", "relay"}
     assert device.ports() == {}
     assert not PLAIN[1].exported and not PLAIN[3].exported
@@ -80,7 +85,7 @@ def test_a_pin_that_was_never_taken_is_there_with_the_first_refresh(device, rule
 def test_the_daemons_user_takes_dropped_converters_again(device, rules, kind):
     device.describe(kind.port(optional="true"))
     device.start()
-    manage("settle")
+    settle()
     supervision = Supervision(device)
     assert device.state.DropIOPorts(["zone"]) == ["zone"]
     device.state.RefreshIOPorts()

@@ -58,7 +58,7 @@ def make_device(binary, request):
         yield make
         for device in devices:
             # One failure is enough to tell; the end of a device amid a failed test proves nothing.
-            device.abandoned = getattr(request.node, "has_failed", False)
+            device.abandoned |= getattr(request.node, "has_failed", False)
 
 
 @pytest.fixture

@@ -128,8 +128,8 @@ def test_a_daemon_that_hangs_keeps_nobody_from_leaving(daemon, screen):
 
 def test_a_bus_that_ends_is_told(daemon, screen):
     terminal = screen()
-    daemon.abandoned = True  # the daemon ends with it
     daemon.end_bus()
+    daemon.wait_exit(status=1)
     terminal.wait_for("wexctl: wexd does not answer: the system bus has ended", "status 3")
 
 
