@@ -31,7 +31,7 @@ std::string shown_name(const MissingPort& port) {
 } // namespace
 
 PortCensus io_port_list_census() {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   PortCensus census{.described = 0, .in_service = 0, .missing = lost_ports};
   for (const IoPort* port : io_port_list) {
     if (is_described(port)) {

@@ -6,15 +6,7 @@
 #include "port/backend-registry.h"
 #include "port/port-place.h"
 
-#include <chrono>
-
 namespace {
-
-using namespace std::chrono_literals;
-
-/// How long a canceller waits before it looks again. A wake-up may be missed (the sequence can be
-/// just about to wait), and the end of a sequence releases `lock` a moment after it says so.
-constexpr auto cancel_retry = 1ms;
 
 // Tells a fresh backend record what the hardware description said. Ranges are user settings by
 // now and must not be added once more.
@@ -43,31 +35,6 @@ void IoPortUnref::operator()(IoPort* port) const {
   io_port_unref(port);
 }
 
-PortConfigLock::PortConfigLock(IoPort* port)
-    : port_(port), nested_(port->config_owner == std::this_thread::get_id()) {
-  if (nested_) {
-    return;
-  }
-  std::unique_lock guard(port->sequence_lock);
-  while (true) {
-    if (port->sequence_running) {
-      port->cancel_sequence = true;
-      port->sequence_wake.notify_all();
-    } else if (port->lock.try_lock()) {
-      break;
-    }
-    port->sequence_done.wait_for(guard, cancel_retry);
-  }
-  port->config_owner = std::this_thread::get_id();
-}
-
-PortConfigLock::~PortConfigLock() {
-  if (!nested_) {
-    port_->config_owner = std::thread::id();
-    port_->lock.unlock();
-  }
-}
-
 IoPortRef io_port_new() {
   IoPortRef port(new IoPort);
   port->properties = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, nullptr);
@@ -90,7 +57,7 @@ void io_port_unref(IoPort* ioport) {
 void io_port_free(IoPort* ioport) {
   WEXD_ASSERT_NONNULL(ioport);
   {
-    const PortConfigLock config_lock(ioport);
+    const PortGate::Configuration change(ioport->gate);
     ioport->events.clear();
   }
   g_clear_pointer(&ioport->properties, g_hash_table_unref);
@@ -133,7 +100,7 @@ void io_port_close(IoPort* ioport) {
   if (ioport->functions == nullptr) {
     return;
   }
-  const PortConfigLock config_lock(ioport);
+  const PortGate::Configuration change(ioport->gate);
   ioport->is_setup = false;
   for (const auto& event : ioport->events) {
     io_event_mark_stale(event.get());
@@ -162,10 +129,5 @@ bool io_port_set_watch(IoPort* ioport) {
 }
 
 bool io_port_lock_taken(IoPort* ioport) {
-  const std::unique_lock guard(ioport->lock, std::try_to_lock);
-  if (!guard.owns_lock()) {
-    return true;
-  }
-  const std::unique_lock sequence_guard(ioport->sequence_lock, std::try_to_lock);
-  return !sequence_guard.owns_lock() || ioport->sequence_running;
+  return ioport->gate.busy();
 }

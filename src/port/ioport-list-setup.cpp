@@ -16,13 +16,13 @@ namespace {
 
 constexpr const char* number_is_taken = "another port has its number";
 
-void remove_from_main_list(const std::vector<IoPort*>& ports) {
+void remove_from_main_list(const std::vector<IoPort*>& ports) WEXD_REQUIRES(mutex) {
   const std::unordered_set<IoPort*> leaving(ports.begin(), ports.end());
   std::erase_if(io_port_list, [&](IoPort* port) { return leaving.contains(port); });
 }
 
 // Whether an addressable port of that number is in service.
-bool number_in_service(gint number) {
+bool number_in_service(gint number) WEXD_REQUIRES(mutex) {
   return std::ranges::any_of(
       io_port_list, [number](IoPort* port) { return port->number == number && addressable(port); });
 }
@@ -41,7 +41,7 @@ bool setup_or_note_why(IoPort* port) {
   return false;
 }
 
-bool bring_into_service(IoPort* port) {
+bool bring_into_service(IoPort* port) WEXD_REQUIRES(mutex) {
   if (number_in_service(port->number)) {
     port->absence = number_is_taken;
     return false;
@@ -49,7 +49,7 @@ bool bring_into_service(IoPort* port) {
   return setup_or_note_why(port);
 }
 
-void destroy_lost(const std::vector<IoPort*>& ports) {
+void destroy_lost(const std::vector<IoPort*>& ports) WEXD_REQUIRES(mutex) {
   for (IoPort* port : ports) {
     lost_ports.push_back(missing_port(port, port->absence));
     io_port_free(port);
@@ -61,7 +61,7 @@ void destroy_lost(const std::vector<IoPort*>& ports) {
 void close_gone_ports() {
   std::vector<IoPortRef> gone;
   {
-    const std::lock_guard guard(mutex);
+    const MutexLock guard(mutex);
     for (IoPort* port : io_port_list) {
       if (port->hardware_gone && port->is_setup) {
         gone.push_back(io_port_ref(port));
@@ -74,7 +74,7 @@ void close_gone_ports() {
 }
 
 // Those whose hardware is still gone stay in service, without a state, and are tried next time.
-gint setup_gone_ports() {
+gint setup_gone_ports() WEXD_REQUIRES(mutex) {
   return static_cast<gint>(std::ranges::count_if(
       io_port_list, [](IoPort* port) { return port->hardware_gone && io_port_setup(port); }));
 }
@@ -96,7 +96,7 @@ void set_default_output_name(IoPort* port) {
 } // namespace
 
 void io_port_list_setup() {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   std::unordered_set<gint> numbers_taken;
   std::vector<IoPort*> to_destroy;
   std::vector<IoPort*> waiting;
@@ -129,7 +129,7 @@ void io_port_list_setup() {
 
 gint io_port_list_setup_dynamic_ports() {
   close_gone_ports();
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   gint count = setup_gone_ports();
   for (gsize i = 0; i < io_port_dynamic_list.size();) {
     IoPort* const port = io_port_dynamic_list[i];
@@ -148,12 +148,12 @@ gint io_port_list_setup_dynamic_ports() {
 }
 
 void io_port_list_read_params(bool (*read_params)(IoPort* port)) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   std::ranges::for_each(io_port_list, read_params);
 }
 
 void io_port_list_set_watch() {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   for (IoPort* port : io_port_list) {
     if (!port->hardware_gone) {
       const PortPlace place(port);
@@ -163,7 +163,7 @@ void io_port_list_set_watch() {
 }
 
 void io_port_list_declare_events() {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   for (IoPort* port : io_port_list) {
     if (!port->enabled) {
       continue;

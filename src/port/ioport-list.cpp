@@ -12,7 +12,7 @@ using namespace port_list;
 
 namespace port_list {
 
-std::mutex mutex;
+Mutex mutex;
 // Never destroyed: a daemon that gives up early leaves its ports to the kernel.
 std::deque<IoPort*>& io_port_list = *new std::deque<IoPort*>;
 std::deque<IoPort*>& io_port_dynamic_list = *new std::deque<IoPort*>;
@@ -53,7 +53,7 @@ IoPortRef find_by_number(const std::deque<IoPort*>& ports, gint number) {
   return io_port_ref(candidate);
 }
 
-auto find_by_name(const char* name) {
+auto find_by_name(const char* name) WEXD_REQUIRES(mutex) {
   return std::ranges::find_if(io_port_list, [name](const IoPort* port) {
     return g_strcmp0(c_str_or_null(port->name), name) == 0;
   });
@@ -61,7 +61,7 @@ auto find_by_name(const char* name) {
 
 // Counts ports that are of the fixed type, or configurable and currently that way round.
 guint count_ports(PortType type, Direction direction) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   guint count = 0;
   for (const IoPort* port : io_port_list) {
     const bool counts =
@@ -74,13 +74,13 @@ guint count_ports(PortType type, Direction direction) {
 } // namespace
 
 void io_port_list_add(IoPort* port) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   io_port_list.push_front(io_port_ref(port).release());
   update_action_registration_internal();
 }
 
 IoPortRef io_port_list_nth_data(guint n) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   return n < io_port_list.size() ? io_port_ref(io_port_list[n]) : nullptr;
 }
 
@@ -89,28 +89,28 @@ const std::deque<IoPort*>& io_port_list_get() {
 }
 
 guint io_port_list_length() {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   return static_cast<guint>(io_port_list.size());
 }
 
 IoPortRef io_port_list_get_by_name(const char* name) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   const auto found = find_by_name(name);
   return found != io_port_list.end() ? io_port_ref(*found) : nullptr;
 }
 
 IoPortRef io_port_list_get_port(gint number) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   return find_by_number(io_port_list, number);
 }
 
 IoPortRef io_port_list_get_dynamic_port(gint number) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   return find_by_number(io_port_dynamic_list, number);
 }
 
 std::vector<IoPortRef> io_port_list_get_port_list(gint number) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   std::vector<IoPortRef> ports;
   for (IoPort* port : io_port_list) {
     if (port->number == number && addressable(port)) {
@@ -129,7 +129,7 @@ guint io_port_list_nbr_outputs() {
 }
 
 std::vector<gint> io_port_list_get_supervised_port_numbers() {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   std::vector<gint> numbers;
   for (IoPort* port : io_port_list) {
     if (io_port_is_supervisable(port)) {
@@ -140,14 +140,14 @@ std::vector<gint> io_port_list_get_supervised_port_numbers() {
 }
 
 bool io_port_list_get_port_any_value() {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   return std::ranges::any_of(io_port_list, [](IoPort* port) {
     return io_port_got_port_any(port) && io_port_get_state(port);
   });
 }
 
 void io_port_list_move_to_dynamic(IoPort* port) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   if (!port->optional || std::erase(io_port_list, port) == 0) {
     return;
   }
@@ -158,7 +158,7 @@ void io_port_list_move_to_dynamic(IoPort* port) {
 
 void io_port_list_free_by_name(const char* name) {
   IoPortRef removed;
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   if (const auto found = find_by_name(name); found != io_port_list.end()) {
     removed.reset(*found);
     io_port_list.erase(found);
@@ -168,8 +168,8 @@ void io_port_list_free_by_name(const char* name) {
 
 void io_port_list_drop_without_backend(void (*report)(const IoPort* port)) {
   std::vector<IoPortRef> removed;
-  const std::lock_guard guard(mutex);
-  std::erase_if(io_port_list, [&](IoPort* port) {
+  const MutexLock guard(mutex);
+  std::erase_if(io_port_list, [&](IoPort* port) WEXD_REQUIRES(mutex) {
     if (port->functions != nullptr) {
       return false;
     }
@@ -184,13 +184,13 @@ void io_port_list_drop_without_backend(void (*report)(const IoPort* port)) {
 }
 
 void io_port_list_update_action_registration() {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   update_action_registration_internal();
 }
 
 void io_port_list_free() {
   {
-    const std::lock_guard guard(mutex);
+    const MutexLock guard(mutex);
     for (auto* ports : {&io_port_list, &io_port_dynamic_list}) {
       std::ranges::for_each(*ports, io_port_free);
       ports->clear();

@@ -54,8 +54,8 @@ void io_port_list_drop_without_backend(void (*report)(const IoPort* port));
 void io_port_list_update_action_registration();
 /// Destroys every port, waiting ones included, whatever its reference count.
 void io_port_list_free();
-void io_port_list_lock();
-void io_port_list_unlock();
+void io_port_list_lock() WEXD_UNCHECKED_LOCKING;
+void io_port_list_unlock() WEXD_UNCHECKED_LOCKING;
 
 /// Scoped io_port_list_lock.
 class IoPortListLock {

@@ -28,7 +28,7 @@ bool io_port_set_supervised(IoPort* port, bool supervised) {
   if (!io_port_is_supervisable(port)) {
     return false;
   }
-  const PortConfigLock config_lock(port);
+  const PortGate::Configuration change(port->gate);
   port->supervised = supervised;
   if (port->functions->set_supervised != nullptr) {
     port->functions->set_supervised(port);
@@ -73,7 +73,7 @@ bool io_port_add_supervised_range(IoPort* port, const char* state, gint lower, g
   }
   WEXD_ASSERT_NONNULL(port);
   // A sequence that announces supervised states reads the list in its own thread.
-  const PortConfigLock config_lock(port);
+  const PortGate::Configuration change(port->gate);
   const SupervisedRanges* const ranges = io_port_get_supervised_ranges(port);
   if (ranges == nullptr) {
     return range_error(error, IO_SUPERVISED_ERROR_GENERIC, "Failed to get ranges from port.");
@@ -98,7 +98,7 @@ std::optional<SupervisedReadout> io_port_get_supervised_readout(IoPort* port, GE
     std::ignore = range_error(error, IO_SUPERVISED_ERROR_NOT_SUPERVISED, "Port is non-supervised");
     return std::nullopt;
   }
-  const std::lock_guard guard(port->readout_lock);
+  const MutexLock guard(port->readout_lock);
   return port->functions->get_supervised_readout(port, error);
 }
 

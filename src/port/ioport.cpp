@@ -12,17 +12,6 @@
 
 namespace {
 
-// Announces a state writer to the sequence that runs on the port, takes the port's lock, and tells
-// the sequence, which waits for its own turn again, that the writer has it.
-std::unique_lock<std::mutex> take_turn_between_steps(IoPort* ioport) {
-  ioport->waiting_writers.fetch_add(1);
-  std::unique_lock guard(ioport->lock);
-  if (ioport->waiting_writers.fetch_sub(1) == 1) {
-    ioport->sequence_wake.notify_all();
-  }
-  return guard;
-}
-
 bool read_only(IoPort* ioport, const char* property) {
   return io_port_get_property(ioport, "readonly") || io_port_get_property(ioport, property);
 }
@@ -60,7 +49,7 @@ void apply_input_activelow(IoPort* ioport) {
   announce(port_observer.setting_changed, *ioport, Setting::InputSense);
 }
 
-void apply_output_activelow(IoPort* ioport, bool value) {
+void apply_output_activelow(IoPort* ioport, bool value) WEXD_REQUIRES(ioport->gate) {
   // With the new sense stored, the unflipped line reads as the opposite logical state; flipping it
   // restores the old one, which the state setter announces once.
   const bool high = ioport->functions->get_state(ioport) != Level::Low;
@@ -105,7 +94,7 @@ bool io_port_set_direction(IoPort* ioport, Direction direction) {
     return false;
   }
 
-  const PortConfigLock config_lock(ioport);
+  const PortGate::Configuration change(ioport->gate);
   ioport->direction = direction;
   if (ioport->is_setup) {
     ioport->functions->set_direction(ioport, direction);
@@ -150,7 +139,7 @@ bool io_port_set_state(IoPort* ioport, bool state) {
     g_warning("%sSet state on incorrect port", log_prefix);
     return false;
   }
-  const auto turn = take_turn_between_steps(ioport);
+  const PortGate::Write turn(ioport->gate);
   io_port_set_state_internal(ioport, state);
   return true;
 }
@@ -221,7 +210,7 @@ bool io_port_set_activelow(IoPort* ioport, bool value, PortSide side) {
     return false;
   }
 
-  const PortConfigLock config_lock(ioport);
+  const PortGate::Configuration change(ioport->gate);
   if (activelow == value) {
     return true;
   }

@@ -2,26 +2,24 @@
 // table of the backend that drives its hardware.
 //
 // Threads: everything happens on the main thread except action sequences, which run on a thread of
-// their own. `IoPort::lock` serialises state writes and configuration changes against a running
-// sequence. docs/architecture.md has the order of all locks; a blocking wait for `lock` is never
-// made while holding `sequence_lock`.
+// their own. `IoPort::gate` keeps state writes and configuration changes apart from a running
+// sequence. docs/architecture.md has the order of all locks.
 #pragma once
 
 #include <glib.h>
 
 #include "description/limits.h"
+#include "port/port-gate.h"
 #include "port/states.h"
 #include "port/supervised-utils.h"
 
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -138,19 +136,7 @@ struct IoPort {
   std::atomic<bool> is_setup{false};
   /// What it was watched by is gone; a refresh sets it up anew.
   bool hardware_gone = false;
-  /// Held while the state is changed, by an action sequence but for its waits, and by every
-  /// configuration change.
-  std::mutex lock;
-  /// Plain state writes that wait for `lock`; a sequence lets them in between two steps. Counted up
-  /// without `lock`, down with it.
-  std::atomic<guint> waiting_writers{0};
-  /// Wakes a sequence that waits between steps.
-  std::condition_variable sequence_wake;
-  /// Guards `cancel_sequence` and `sequence_running`.
-  std::mutex sequence_lock;
-  std::condition_variable sequence_done;
-  std::atomic<bool> cancel_sequence{false};
-  std::atomic<bool> sequence_running{false};
+  PortGate gate;
   std::atomic<guint32> refcount{1};
   /// May fail its set-up and then waits in the dynamic list.
   bool optional = false;
@@ -172,11 +158,8 @@ struct IoPort {
   std::string origin;
   /// Why the port is not in service, where that is known.
   std::string absence;
-  /// The thread that holds `lock` for a configuration change; backends may then change the
-  /// configuration further from inside an operation.
-  std::atomic<std::thread::id> config_owner{};
   /// Held while the converter is read out, which a sequence's events may ask for as well. A leaf.
-  std::mutex readout_lock;
+  Mutex readout_lock;
 };
 
 /// Owns one reference of a port.
@@ -184,20 +167,6 @@ struct IoPortUnref {
   void operator()(IoPort* port) const;
 };
 using IoPortRef = std::unique_ptr<IoPort, IoPortUnref>;
-
-/// Holds a port's lock for a configuration change: first cancels a running action sequence and
-/// waits for its end. Nested use on the same thread is allowed and does nothing.
-class PortConfigLock {
-public:
-  explicit PortConfigLock(IoPort* port);
-  ~PortConfigLock();
-  PortConfigLock(const PortConfigLock&) = delete;
-  PortConfigLock& operator=(const PortConfigLock&) = delete;
-
-private:
-  IoPort* port_;
-  bool nested_;
-};
 
 // Creation and lifetime
 
@@ -245,8 +214,8 @@ void io_port_parse_backend_data(IoPort* ioport, const char* element, const char*
 /// Sets an output's logical state; waits for a running sequence to be between steps. False when
 /// the port is no set-up hardware output.
 [[nodiscard]] bool io_port_set_state(IoPort* ioport, bool state);
-/// The state setter for callers that hold `lock`: writes the hardware, announces a change.
-void io_port_set_state_internal(IoPort* ioport, bool state);
+/// The state setter for callers that hold the gate: writes the hardware, announces a change.
+void io_port_set_state_internal(IoPort* ioport, bool state) WEXD_REQUIRES(ioport->gate);
 /// Announces a virtual state (and stores it in a virtual output); always true.
 [[nodiscard]] bool io_port_set_virtual(IoPort* ioport, bool state);
 /// Announces a state that a backend or peer saw: the port's events, then PortChanged.
@@ -320,7 +289,7 @@ SupervisedState io_port_get_supervised_state(IoPort* ioport);
 void io_port_set_enabled(IoPort* ioport, bool enabled);
 /// True when the port is enabled and takes part in the any-port event.
 [[nodiscard]] bool io_port_got_port_any(IoPort* ioport);
-/// True when the port is locked or a sequence runs on it. Never blocks.
+/// True when somebody drives the port or a sequence runs on it. Never blocks.
 [[nodiscard]] bool io_port_lock_taken(IoPort* ioport);
 void io_port_reset_event_filters(IoPort* ioport);
 /// Accepts 1 and 2 only.

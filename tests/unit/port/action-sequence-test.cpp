@@ -164,7 +164,7 @@ TEST_F(AnActionSequence, marks_the_port_as_busy_from_the_start) {
   const auto port = make({});
   ASSERT_TRUE(start(port.get(), {{true, long_ms}}));
   EXPECT_TRUE(io_port_lock_taken(port.get()));
-  EXPECT_TRUE(port->sequence_running);
+  EXPECT_TRUE(port->gate.busy());
   io_port_set_activelow(port.get(), true, PortSide::Output);
   EXPECT_FALSE(io_port_lock_taken(port.get()));
 }
@@ -181,7 +181,8 @@ TEST_F(AnActionSequence, is_cancelled_by_every_configuration_change) {
       {"direction", PORT_IO_CTRL,
        [](IoPort* port) { io_port_set_direction(port, Direction::Input); }},
       {"close", PORT_OUTPUT, io_port_close},
-      {"configuration lock", PORT_OUTPUT, [](IoPort* port) { const PortConfigLock lock(port); }},
+      {"configuration lock", PORT_OUTPUT,
+       [](IoPort* port) { const PortGate::Configuration change(port->gate); }},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);
@@ -189,7 +190,6 @@ TEST_F(AnActionSequence, is_cancelled_by_every_configuration_change) {
     row.change(port.get());
     EXPECT_EQ(dones(), 1U);
     EXPECT_THAT(take_dones(), ElementsAre(5));
-    EXPECT_FALSE(port->cancel_sequence);
     EXPECT_FALSE(io_port_lock_taken(port.get()));
   }
 }
@@ -262,24 +262,26 @@ TEST_F(AnActionSequence, pauses_after_every_burst_of_steps_that_are_not_held) {
 
 TEST_F(AnActionSequence, ends_at_once_when_cancelled_while_it_applies_a_step) {
   static IoPort* cancelled = nullptr;
+  static std::thread canceller;
   const auto port = make({.number = 5});
   cancelled = port.get();
-  port_observer.port_changed = [](auto...) { cancelled->cancel_sequence = true; };
+  port_observer.port_changed = [](auto...) {
+    canceller = std::thread([] { cancelled->gate.cancel_run(); });
+  };
   ASSERT_TRUE(start(port.get(), {{true, long_ms}, {false, 0}}));
   ASSERT_TRUE(idle(port.get()));
+  canceller.join();
   EXPECT_THAT(fake_backend::take_calls(), ElementsAre("5: set_state 1"));
-  EXPECT_FALSE(port->cancel_sequence);
 }
 
 TEST_F(AnActionSequence, applies_no_further_step_when_cancelled_after_one) {
   static IoPort* cancelled = nullptr;
   const auto port = make({.number = 5});
   cancelled = port.get();
-  port_observer.burst_announced = [] { cancelled->cancel_sequence = true; };
+  port_observer.burst_announced = [] { cancelled->gate.cancel_run(); };
   ASSERT_TRUE(start(port.get(), std::vector<Step>(burst + 1, {true, 0})));
   ASSERT_TRUE(idle(port.get()));
   EXPECT_EQ(fake_backend::take_calls().size(), burst);
-  EXPECT_FALSE(port->cancel_sequence);
 }
 
 TEST_F(AnActionSequence, can_follow_another_on_the_same_port) {
@@ -343,7 +345,7 @@ TEST_F(AnActionSequence, does_not_make_its_canceller_spin) {
   // Somebody holds the port for a while; who waits for it must not burn the processor.
   std::atomic<bool> held{false};
   std::thread holder([&] {
-    const std::lock_guard guard(port->lock);
+    const PortGate::Write write(port->gate);
     held = true;
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
     std::mutex nothing;
@@ -355,7 +357,7 @@ TEST_F(AnActionSequence, does_not_make_its_canceller_spin) {
   ASSERT_TRUE(run_until([&] { return held.load(); }));
   timespec before{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
-  { const PortConfigLock lock(port.get()); }
+  { const PortGate::Configuration change(port->gate); }
   timespec after{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
   holder.join();

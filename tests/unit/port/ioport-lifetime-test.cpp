@@ -159,26 +159,32 @@ TEST_F(APortsLife, is_watched_only_as_an_enabled_input) {
 TEST_F(APortsLife, knows_whether_somebody_holds_its_locks) {
   const auto port = make({});
   EXPECT_FALSE(io_port_lock_taken(port.get()));
-  const auto taken_while = [&](std::mutex& mutex) {
-    const std::lock_guard guard(mutex);
+  const auto taken_elsewhere = [&] {
     bool taken = false;
     std::thread([&] { taken = io_port_lock_taken(port.get()); }).join();
     return taken;
   };
-  EXPECT_TRUE(taken_while(port->lock));
-  EXPECT_TRUE(taken_while(port->sequence_lock));
+  {
+    const PortGate::Write write(port->gate);
+    EXPECT_TRUE(taken_elsewhere());
+  }
+  {
+    const PortGate::Configuration change(port->gate);
+    EXPECT_TRUE(taken_elsewhere());
+  }
   EXPECT_FALSE(io_port_lock_taken(port.get()));
-  port->sequence_running = true;
+  port->gate.announce_run();
   EXPECT_TRUE(io_port_lock_taken(port.get()));
-  port->sequence_running = false;
+  port->gate.withdraw_run();
+  EXPECT_FALSE(io_port_lock_taken(port.get()));
 }
 
 TEST_F(APortsLife, lets_a_configuration_change_nest) {
   const auto port = make({.type = PORT_IO_CTRL, .direction_input = false});
-  const PortConfigLock outer(port.get());
+  const PortGate::Configuration outer(port->gate);
   EXPECT_TRUE(io_port_set_direction(port.get(), Direction::Input));
   EXPECT_TRUE(io_port_set_activelow(port.get(), true, PortSide::Input));
-  const PortConfigLock inner(port.get());
+  const PortGate::Configuration inner(port->gate);
 }
 
 TEST_F(APortsLife, makes_a_configuration_change_wait_for_another_thread) {
@@ -187,7 +193,7 @@ TEST_F(APortsLife, makes_a_configuration_change_wait_for_another_thread) {
   std::atomic<bool> met{false};
   const auto change_again_and_again = [&] {
     for (int round = 0; round < 200; round++) {
-      const PortConfigLock lock(port.get());
+      const PortGate::Configuration lock(port->gate);
       met = met || ++inside != 1;
       std::this_thread::yield();
       inside--;

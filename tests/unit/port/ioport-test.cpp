@@ -33,8 +33,7 @@ TEST_F(AnIoPort, starts_with_the_documented_defaults) {
   EXPECT_TRUE(port->ranges.empty());
   EXPECT_TRUE(port->enabled);
   EXPECT_FALSE(port->is_setup);
-  EXPECT_FALSE(port->cancel_sequence);
-  EXPECT_FALSE(port->sequence_running);
+  EXPECT_FALSE(port->gate.busy());
   EXPECT_EQ(port->refcount, 1U);
   EXPECT_FALSE(port->optional);
   EXPECT_EQ(port->delay_time, 0);
