@@ -4,6 +4,7 @@
 #include "platform/callbacks.h"
 #include "platform/handles.h"
 #include "platform/log.h"
+#include "platform/mutex.h"
 
 #include <fcntl.h>
 #include <linux/iio/events.h>
@@ -13,7 +14,6 @@
 #include <cerrno>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -41,10 +41,10 @@ struct IntDevice {
 };
 
 /// Guards the list of devices and the records in it.
-std::mutex devices_mutex;
-std::list<std::unique_ptr<IntDevice>> devices;
+Mutex devices_mutex;
+std::list<std::unique_ptr<IntDevice>> devices WEXD_GUARDED_BY(devices_mutex);
 
-IntDevice* find_device(const std::string& path) {
+IntDevice* find_device(const std::string& path) WEXD_REQUIRES(devices_mutex) {
   const auto found =
       std::ranges::find_if(devices, [&](const auto& device) { return device->path == path; });
   return found != devices.end() ? found->get() : nullptr;
@@ -67,7 +67,7 @@ int request_event_fd(const std::string& path) {
   return event_fd;
 }
 
-IntDevice* open_device(const std::string& path) {
+IntDevice* open_device(const std::string& path) WEXD_REQUIRES(devices_mutex) {
   auto device = std::unique_ptr<IntDevice>(new (std::nothrow) IntDevice);
   if (device == nullptr) {
     g_warning("%sFailed to allocate IntDevice", log_prefix);
@@ -117,7 +117,7 @@ struct PendingEvent {
 
 // Nothing when the device cannot be read.
 std::optional<PendingEvent> take_event(const std::string& path) {
-  const std::lock_guard guard(devices_mutex);
+  const MutexLock guard(devices_mutex);
   IntDevice* const device = find_device(path);
   if (device == nullptr) {
     g_warning("%sCouldn't find interrupt device after triggered interrupt", log_prefix);
@@ -148,7 +148,7 @@ void calm_down(IntDevice& device) {
 
 // One event that changes nothing is no trouble; a device that sends nothing else is.
 Found judge(const std::string& path, bool news) {
-  const std::lock_guard guard(devices_mutex);
+  const MutexLock guard(devices_mutex);
   IntDevice* const device = find_device(path);
   if (device == nullptr) {
     return Found::Nothing;
@@ -188,7 +188,7 @@ Found on_event(gpointer user_data) {
 } // namespace
 
 bool iio_event_device_join(IoPort* port, const std::string& path) {
-  const std::lock_guard guard(devices_mutex);
+  const MutexLock guard(devices_mutex);
   IntDevice* device = find_device(path);
   if (device == nullptr) {
     device = open_device(path);
@@ -202,7 +202,7 @@ bool iio_event_device_join(IoPort* port, const std::string& path) {
 }
 
 void iio_event_device_leave(IoPort* port, const std::string& path) {
-  const std::lock_guard guard(devices_mutex);
+  const MutexLock guard(devices_mutex);
   IntDevice* const device = find_device(path);
   if (device != nullptr && std::erase(device->members, port) > 0 && device->members.empty()) {
     std::erase_if(devices, [&](const auto& entry) { return entry.get() == device; });
@@ -210,7 +210,7 @@ void iio_event_device_leave(IoPort* port, const std::string& path) {
 }
 
 void iio_event_device_watch(IoPort* port, const std::string& path, IioEventHandler handler) {
-  const std::lock_guard guard(devices_mutex);
+  const MutexLock guard(devices_mutex);
   IntDevice* const device = find_device(path);
   if (device == nullptr) {
     return;
@@ -221,7 +221,7 @@ void iio_event_device_watch(IoPort* port, const std::string& path, IioEventHandl
 }
 
 bool iio_event_device_unwatch(IoPort* port, const std::string& path) {
-  const std::lock_guard guard(devices_mutex);
+  const MutexLock guard(devices_mutex);
   IntDevice* const device = find_device(path);
   if (device == nullptr || std::erase(device->watchers, port) == 0) {
     return false;

@@ -8,6 +8,7 @@
 #include "platform/bus-connection.h"
 #include "platform/config-event-library.h"
 #include "platform/log.h"
+#include "platform/mutex.h"
 #include "port/action-sequence.h"
 #include "port/ioport-list.h"
 #include "port/port-observer.h"
@@ -15,7 +16,6 @@
 #include <array>
 #include <cstdio>
 #include <list>
-#include <mutex>
 #include <set>
 
 namespace {
@@ -42,7 +42,7 @@ struct LegacyCtrl {
 /// None while the interface is not published. Changed by the main thread only; other threads look
 /// at it under the mutex.
 LegacyCtrl* legacy_ctrl = nullptr;
-std::mutex legacy_mutex;
+Mutex legacy_mutex;
 
 std::string object_path(gint port_number) {
   return std::string(legacy_base_path) + '/' + std::to_string(port_number);
@@ -240,7 +240,7 @@ void connect_to_bus() {
   if (connection == nullptr) {
     g_error("Failed to connect to system bus: %s", error->message);
   }
-  const std::lock_guard guard(legacy_mutex);
+  const MutexLock guard(legacy_mutex);
   g_object_ref(connection);
   legacy_ctrl->connection = connection;
 }
@@ -248,7 +248,7 @@ void connect_to_bus() {
 void disconnect_from_bus() {
   GDBusConnection* connection = nullptr;
   {
-    const std::lock_guard guard(legacy_mutex);
+    const MutexLock guard(legacy_mutex);
     connection = std::exchange(legacy_ctrl->connection, nullptr);
   }
   g_clear_object(&connection);
@@ -271,12 +271,12 @@ void undeclare_configuration_event() {
 }
 
 void set_legacy_ctrl(LegacyCtrl* ctrl) {
-  const std::lock_guard guard(legacy_mutex);
+  const MutexLock guard(legacy_mutex);
   legacy_ctrl = ctrl;
 }
 
 GDBusConnection* connection_in_use() {
-  const std::lock_guard guard(legacy_mutex);
+  const MutexLock guard(legacy_mutex);
   if (legacy_ctrl == nullptr || legacy_ctrl->connection == nullptr) {
     return nullptr;
   }

@@ -415,20 +415,20 @@ using SharedFlush = std::shared_ptr<Flush>;
 
 /// Held while a flush goes from one thread to another; what the library does about that is out of
 /// the thread sanitizer's sight.
-std::mutex handover_mutex;
+Mutex handover_mutex;
 
 gpointer hand_over(const SharedFlush& flush) {
-  const std::lock_guard guard(handover_mutex);
+  const MutexLock guard(handover_mutex);
   return new SharedFlush(flush);
 }
 
 SharedFlush handed_over(gpointer data) {
-  const std::lock_guard guard(handover_mutex);
+  const MutexLock guard(handover_mutex);
   return *static_cast<SharedFlush*>(data);
 }
 
 void drop_handed_over(gpointer data) {
-  const std::lock_guard guard(handover_mutex);
+  const MutexLock guard(handover_mutex);
   delete static_cast<SharedFlush*>(data);
 }
 

@@ -8,6 +8,7 @@
 #include "platform/checks.h"
 #include "platform/file-sync.h"
 #include "platform/log.h"
+#include "platform/mutex.h"
 #include "platform/own-user.h"
 #include "platform/regular-file.h"
 #include "port/ioport-list.h"
@@ -22,7 +23,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -43,20 +43,20 @@ struct OnDisk {
 };
 
 /// Guards what stands below; the last lock in the order.
-std::mutex key_mutex;
-KeyFilePtr key_file;
-OnDisk on_disk;
+Mutex key_mutex;
+KeyFilePtr key_file WEXD_GUARDED_BY(key_mutex);
+OnDisk on_disk WEXD_GUARDED_BY(key_mutex);
 /// The groups that are to be saved and are not on the disk yet.
-KeyFilePtr unsaved;
+KeyFilePtr unsaved WEXD_GUARDED_BY(key_mutex);
 /// Whether the last write failed, so that what is in the file may not be on the disk.
-bool in_doubt = false;
+bool in_doubt WEXD_GUARDED_BY(key_mutex) = false;
 /// Why the file could not be read or written when that failed last.
-std::string last_error;
-std::optional<FailedSave> last_failed_save;
+std::string last_error WEXD_GUARDED_BY(key_mutex);
+std::optional<FailedSave> last_failed_save WEXD_GUARDED_BY(key_mutex);
 
 // Settings are kept rather than the port, which may be gone by the time that they can be saved.
 void note_as_unsaved(std::span<const ParamGroup> groups) {
-  const std::lock_guard guard(key_mutex);
+  const MutexLock guard(key_mutex);
   last_failed_save = {.at_us = boot_time_us(), .reason = last_error, .made_good = false};
   if (unsaved == nullptr) {
     unsaved = key_file_make();
@@ -67,12 +67,12 @@ void note_as_unsaved(std::span<const ParamGroup> groups) {
 }
 
 bool something_is_unsaved() {
-  const std::lock_guard guard(key_mutex);
+  const MutexLock guard(key_mutex);
   return unsaved != nullptr;
 }
 
 void change_loaded_file(std::span<const ParamGroup> groups) {
-  const std::lock_guard guard(key_mutex);
+  const MutexLock guard(key_mutex);
   if (unsaved != nullptr) {
     key_file_copy(unsaved.get(), key_file.get());
   }
@@ -88,13 +88,18 @@ bool store_groups(std::span<const ParamGroup> groups, const char* file) {
     note_as_unsaved(groups);
     return false;
   }
-  const std::lock_guard guard(key_mutex);
+  const MutexLock guard(key_mutex);
   unsaved.reset();
   return true;
 }
 
+bool is_loaded() {
+  const MutexLock guard(key_mutex);
+  return key_file != nullptr;
+}
+
 bool save_groups(std::span<const ParamGroup> groups, const char* file) {
-  const bool loaded = key_file != nullptr;
+  const bool loaded = is_loaded();
   if (!loaded && !param_read_configuration(file)) {
     note_as_unsaved(groups);
     g_return_if_fail_warning(G_LOG_DOMAIN, "param_save_for_port", "param_read_configuration(file)");
@@ -109,7 +114,7 @@ bool save_groups(std::span<const ParamGroup> groups, const char* file) {
 
 // Whether the file has just these lines for the port, as can be told without reading it.
 bool is_known_to_be_saved(const ParamGroup& group, const char* file) {
-  const std::lock_guard guard(key_mutex);
+  const MutexLock guard(key_mutex);
   if (key_file != nullptr || unsaved != nullptr || !on_disk.in_our_form || !on_disk.settled
       || on_disk.path != file || !regular_file_is_unchanged(file, on_disk.status)) {
     return false;
@@ -118,9 +123,9 @@ bool is_known_to_be_saved(const ParamGroup& group, const char* file) {
   return on_disk.text->starts_with(lines) || on_disk.text->find("\n" + lines) != std::string::npos;
 }
 
-// With the mutex held. A missing file is an empty one; one that only cannot be reached must not be
+// A missing file is an empty one; one that only cannot be reached must not be
 // taken for that, or the next save would leave nothing of it.
-KeyFilePtr read_settings(const char* path, GError** error) {
+KeyFilePtr read_settings(const char* path, GError** error) WEXD_REQUIRES(key_mutex) {
   on_disk = {.path = path, .text = {}};
   g_autoptr(GError) open_error = nullptr;
   const UniqueFd fd =
@@ -141,8 +146,8 @@ KeyFilePtr read_settings(const char* path, GError** error) {
   return key_file_parse(*on_disk.text, error);
 }
 
-// With the mutex held. Flash wears with each write, and each takes the time of a sync.
-bool store_settings(const char* path, std::string text, GError** error) {
+// Flash wears with each write, and each takes the time of a sync.
+bool store_settings(const char* path, std::string text, GError** error) WEXD_REQUIRES(key_mutex) {
   if (!in_doubt && on_disk.path == path && on_disk.text == text) {
     on_disk.in_our_form = true;
     return true;
@@ -165,7 +170,7 @@ UniqueFd open_to_hand_over(const char* path, struct stat* status, GError** error
 } // namespace
 
 bool param_read_configuration(const char* path) {
-  const std::lock_guard guard(key_mutex);
+  const MutexLock guard(key_mutex);
   g_autoptr(GError) error = nullptr;
   key_file = read_settings(path, &error);
   if (key_file == nullptr) {
@@ -177,7 +182,7 @@ bool param_read_configuration(const char* path) {
 }
 
 bool param_store_key_file(const char* path) {
-  const std::lock_guard guard(key_mutex);
+  const MutexLock guard(key_mutex);
   WEXD_RETURN_VAL_IF_FAIL(key_file != NULL, false);
   g_autoptr(GError) error = nullptr;
   if (!store_settings(path, key_file_to_text(key_file.get()), &error)) {
@@ -189,19 +194,19 @@ bool param_store_key_file(const char* path) {
 }
 
 void param_close_file() {
-  const std::lock_guard guard(key_mutex);
+  const MutexLock guard(key_mutex);
   key_file.reset();
 }
 
 bool param_get_conf_vals(IoPort* port) {
+  const MutexLock guard(key_mutex);
   WEXD_RETURN_VAL_IF_FAIL(key_file != NULL, false);
-  const std::lock_guard guard(key_mutex);
   return param_group_read(key_file.get(), port);
 }
 
 bool param_set_conf_vals(IoPort* port) {
+  const MutexLock guard(key_mutex);
   WEXD_RETURN_VAL_IF_FAIL(key_file != NULL, false);
-  const std::lock_guard guard(key_mutex);
   return param_group_write(key_file.get(), port);
 }
 
@@ -237,7 +242,7 @@ void param_save_unsaved(const char* file) {
 }
 
 std::optional<FailedSave> param_last_failed_save() {
-  const std::lock_guard guard(key_mutex);
+  const MutexLock guard(key_mutex);
   auto failed = last_failed_save;
   if (failed) {
     failed->made_good = unsaved == nullptr;

@@ -3,11 +3,11 @@
 #include "platform/bus-call.h"
 #include "platform/bus-proxy.h"
 #include "platform/log.h"
+#include "platform/mutex.h"
 #include "port/ioport-list.h"
 #include "port/port-observer.h"
 
 #include <array>
-#include <mutex>
 #include <optional>
 
 namespace {
@@ -37,7 +37,7 @@ guint watch_id = 0;
 GDBusProxy* proxy = nullptr;
 bool wish = false;
 /// Held while templates are added or removed.
-std::mutex registration_mutex;
+Mutex registration_mutex;
 
 void note_present(GVariant* list, Present& present) {
   GVariantIter iter;
@@ -89,7 +89,7 @@ bool remove_template(const ActionTemplate& entry) {
 
 // Brings the engine in line with the wish.
 void apply_wish() {
-  const std::lock_guard guard(registration_mutex);
+  const MutexLock guard(registration_mutex);
   if (proxy == nullptr) {
     return;
   }
@@ -105,7 +105,7 @@ void apply_wish() {
 }
 
 void release_proxy() {
-  const std::lock_guard guard(registration_mutex);
+  const MutexLock guard(registration_mutex);
   g_clear_object(&proxy);
 }
 
@@ -113,7 +113,7 @@ void on_name_appeared(GDBusConnection* /*connection*/, const gchar* /*name*/,
                       const gchar* /*owner*/, gpointer /*user_data*/) {
   release_proxy();
   {
-    const std::lock_guard guard(registration_mutex);
+    const MutexLock guard(registration_mutex);
     proxy = bus_proxy_new(service, nullptr);
   }
   apply_wish();

@@ -2,23 +2,23 @@
 
 #include "peers/coordinator-dbus.h"
 #include "peers/streamer-dbus.h"
+#include "platform/mutex.h"
 #include "port/action-sequence.h"
 #include "port/ioport-list.h"
 
 #include <algorithm>
-#include <mutex>
 #include <vector>
 
 namespace {
 
 /// Guards the two below.
-std::mutex virtual_input_mutex;
+Mutex virtual_input_mutex;
 /// In the order in which they were enabled; each at most once.
-std::vector<int> enabled_channels;
-PtzState ptz_state = PtzState::Disabled;
+std::vector<int> enabled_channels WEXD_GUARDED_BY(virtual_input_mutex);
+PtzState ptz_state WEXD_GUARDED_BY(virtual_input_mutex) = PtzState::Disabled;
 
-// With the mutex held. An existing port is left as it is while PTZ is disabled.
-void update_trigger(int channel, bool enabled) {
+// An existing port is left as it is while PTZ is disabled.
+void update_trigger(int channel, bool enabled) WEXD_REQUIRES(virtual_input_mutex) {
   const std::string name = "manualtrigger" + std::to_string(channel);
   IoPortRef port = io_port_list_get_by_name(name.c_str());
   if (port == nullptr) {
@@ -30,7 +30,7 @@ void update_trigger(int channel, bool enabled) {
   }
 }
 
-void note_channel(int channel, bool enabled) {
+void note_channel(int channel, bool enabled) WEXD_REQUIRES(virtual_input_mutex) {
   const bool listed = std::ranges::find(enabled_channels, channel) != enabled_channels.end();
   if (!enabled) {
     std::erase(enabled_channels, channel);
@@ -51,7 +51,7 @@ void virtual_input_init() {
 
 void virtual_input_finalize() {
   {
-    const std::lock_guard guard(virtual_input_mutex);
+    const MutexLock guard(virtual_input_mutex);
     for (const int channel : enabled_channels) {
       update_trigger(channel, false);
     }
@@ -60,12 +60,12 @@ void virtual_input_finalize() {
     streamer_dbus_finalize();
     coordinator_dbus_finalize();
   }
-  const std::lock_guard guard(virtual_input_mutex);
+  const MutexLock guard(virtual_input_mutex);
   enabled_channels.clear();
 }
 
 void virtual_input_set_channel_enabled(int channel, bool enabled) {
-  const std::lock_guard guard(virtual_input_mutex);
+  const MutexLock guard(virtual_input_mutex);
   note_channel(channel, enabled);
   if (ptz_state != PtzState::Disabled) {
     update_trigger(channel, enabled);
@@ -77,7 +77,7 @@ void virtual_input_set_channel_enabled(int channel, bool enabled) {
 
 void virtual_input_set_ptz_enabled(PtzState state) {
   {
-    const std::lock_guard guard(virtual_input_mutex);
+    const MutexLock guard(virtual_input_mutex);
     ptz_state = state;
     if (state != PtzState::Disabled && !enabled_channels.empty()) {
       for (const int channel : enabled_channels) {

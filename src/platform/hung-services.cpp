@@ -3,9 +3,9 @@
 #include "platform/hung-services.h"
 
 #include "platform/log.h"
+#include "platform/mutex.h"
 
 #include <map>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -24,15 +24,15 @@ struct Service {
 
 using Services = std::map<std::string, Service, std::less<>>;
 
-std::mutex mutex;
+Mutex mutex;
 
-// With the mutex held. Never freed: the bus library's thread outlives everything.
-Services& services() {
+// Never freed: the bus library's thread outlives everything.
+Services& services() WEXD_REQUIRES(mutex) {
   static auto* const instance = new Services;
   return *instance;
 }
 
-Service& service_called(const char* name) {
+Service& service_called(const char* name) WEXD_REQUIRES(mutex) {
   return services()[name];
 }
 
@@ -53,7 +53,7 @@ void leave_alone(const char* name, Service& service) {
 }
 
 void name_taken(const char* name) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   const auto found = services().find(std::string_view(name));
   if (found != services().end()) {
     found->second.owners++;
@@ -100,7 +100,7 @@ void hung_services_listen(GDBusConnection* connection) {
 
 void hung_service_follow(GDBusConnection* connection, const char* name) {
   {
-    const std::lock_guard guard(mutex);
+    const MutexLock guard(mutex);
     if (std::exchange(service_called(name).follower, connection) == connection) {
       return;
     }
@@ -114,7 +114,7 @@ void hung_service_follow(GDBusConnection* connection, const char* name) {
 }
 
 std::optional<guint64> hung_service_begin_call(const char* name) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   Service& service = service_called(name);
   if (service.left_alone && g_get_monotonic_time() < service.end_us) {
     return std::nullopt;
@@ -124,7 +124,7 @@ std::optional<guint64> hung_service_begin_call(const char* name) {
 }
 
 void hung_service_call_failed(const char* name, guint64 begun, bool owned, const GError* error) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   Service& service = service_called(name);
   if (timed_out(error, owned) && service.owners == begun) {
     leave_alone(name, service);
@@ -132,7 +132,7 @@ void hung_service_call_failed(const char* name, guint64 begun, bool owned, const
 }
 
 bool hung_service_is_left_alone(const char* name) {
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   const auto found = services().find(std::string_view(name));
   return found != services().end() && found->second.left_alone
          && g_get_monotonic_time() < found->second.end_us;
