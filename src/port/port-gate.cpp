@@ -17,7 +17,7 @@ void PortGate::withdraw_run() {
 }
 
 void PortGate::cancel() {
-  cancelled_ = running_;
+  cancelled_ = true;
   changed_.notify_all();
 }
 
