@@ -438,6 +438,32 @@ def test_lintian_finds_nothing(pytestconfig):
     assert checked.returncode == 0, checked.stdout + checked.stderr
 
 
+def test_cpack_makes_the_same_for_those_without_debians_tools(pytestconfig, tmp_path):
+    subprocess.run(
+        ["cpack", "-B", tmp_path], cwd=TOP / "build/release", capture_output=True, check=True
+    )
+    (made,) = tmp_path.glob("wexd_*.deb")
+
+    def control(package, name):
+        text = run("dpkg-deb", "--info", str(package), name).replace("#DEBHELPER#", "")
+        return [line for line in text.splitlines() if line and not line.startswith("# ")]
+
+    def files(package):
+        listed = run("dpkg-deb", "--contents", str(package)).splitlines()
+        shown = {line.split()[5].removesuffix(".gz"): line.split()[0] for line in listed}
+        return {file: mode for file, mode in shown.items() if not file.endswith("/")}
+
+    package = pytestconfig.getoption("--package")
+    for name in ("postinst", "prerm", "postrm", "conffiles"):
+        assert control(made, name) == control(package, name)
+    debian_only = {"changelog", "copyright", "wexd"}  # and what lintian is to overlook
+    rest = files(package)
+    for file in set(rest) - set(files(made)):
+        assert pathlib.PurePath(file).name in debian_only, file
+        del rest[file]
+    assert files(made) == rest
+
+
 def test_the_unit_is_sandboxed(shipped):
     unit = shipped / "usr/lib/systemd/system/wexd.service"
     shown = subprocess.run(
