@@ -93,6 +93,15 @@ def test_a_device_that_is_not_there(device, changed, numbers):
     ]
 
 
+def test_a_converter_is_known_by_its_whole_name(device):
+    # Whichever the folder lists first.
+    device.write(f"{DEVICES}/iio:device1/name", "adc-and-more\n")
+    converter(device)
+    device.write(f"{DEVICES}/iio:device9/name", "adc-and-more\n")
+    start(device)
+    assert device.read(f"{ADC}/buffer/enable") == "1"
+
+
 def test_no_devices_at_all(device):
     start(device)
     assert device.log_count(f"^WARNING: Failed to open sysfs path: {DEVICES}/$") == 2
