@@ -98,6 +98,32 @@ def test_an_input_that_is_not_answered_reads_0(device, fault):
     signals.wait_for(PortChanged, port=0, state=True)
 
 
+def test_an_input_that_is_not_answered_on_the_return_reads_0(device):
+    peer = start(device, zwave("a", 0) + zwave("b", 1), states={"0": True})
+    assert device.state.GetState(0) is True
+    peer.stop()
+    wait_until(lambda: device.state.GetState(0) is False, "the lost port to read 0")
+    signals = device.signals()
+    peer.start(states={"0": True, "1": True}, silent=["0"])
+    signals.wait_for(PortChanged, port=1, state=True)
+    # Both have been asked.
+    wait_until(lambda: len(peer.calls("GetStateByPort")) == 2, "the question about the other port")
+    device.sync()
+    assert device.state.GetState(0) is False
+
+
+def test_a_service_that_could_be_started_is_not(device):
+    device.write(
+        "/run/dbus/services/zwave.service",
+        "[D-BUS Service]\nName=com.norv.ZWave.IO\nExec=/usr/bin/touch /run/dbus/started\n",
+    )
+    device.describe(zwave("a", 0) + zwave("out", 1, "output"))
+    device.start()
+    device.state.SetState(1, True)
+    device.sync()
+    assert not device.path("/run/dbus/started").exists()
+
+
 @pytest.mark.parametrize(
     "signature, arguments", [("i", (0,)), ("bi", (True, 0)), ("is", (0, "on"))]
 )
