@@ -46,6 +46,21 @@ def test_an_exported_input_is_read(device, level, state):
     assert not device.exists(f"{PINS}/export")
 
 
+def test_a_pin_of_fixed_direction_has_no_file_for_it(device):
+    folder = export(device, IN, level="1\n", without=("direction",))
+    start(device, gpio(inside=element("input", pin=IN)))
+    assert device.state.GetState(0) is True
+    assert not device.exists(f"{folder}/direction")
+
+
+def test_a_pin_that_somebody_else_exported_stays_exported(device):
+    export(device, IN)
+    device.write(f"{PINS}/unexport", "").chmod(0o666)
+    start(device, gpio(inside=element("input", pin=IN), optional="true"))
+    assert device.state.DropIOPorts(["p"]) == ["p"]
+    assert device.read(f"{PINS}/unexport") == ""
+
+
 def test_a_pin_with_a_name_is_requested_by_it(device):
     named = export(device, "DOOR", level="1\n")
     numbered = export(device, IN)
