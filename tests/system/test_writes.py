@@ -7,6 +7,8 @@ import time
 import pytest
 from describe import port
 
+from test_saving import close_folder
+
 from sim.bus import wait_until
 from sim.device import KEY_FILE
 from sim.sandbox import WXD_UID
@@ -186,3 +188,24 @@ def test_what_may_not_be_on_the_disk_is_written_again(make_device):
     device.state.SetState(0, True)
     device.sync()
     assert renames(device) == 3
+
+
+def calls_on_the_file(device, seen):
+    """The calls that change the settings file in place, in order, after the first `seen` lines."""
+    lines = device.read(TRACE).splitlines()[seen:]
+    calls = "(fallocate|pwrite64|ftruncate|fsync)"
+    return re.findall(rf"{calls}\(\d+<[^>]*/wexd\.conf>", "\n".join(lines))
+
+
+def test_a_rewriting_in_place_reaches_the_disk_before_it_cuts(device):
+    device.describe(port("out", 0, usage="an old usage that is not short"))
+    device.start()
+    close_folder(device, file_is_writable=True)
+    for usage, calls in [
+        ("short", ["pwrite64", "fsync", "ftruncate", "fsync"]),
+        ("longer than the one before", ["fallocate", "pwrite64", "fsync"]),
+    ]:
+        seen = len(device.read(TRACE).splitlines())
+        device.state.SetUsage(0, usage)
+        device.sync()
+        assert calls_on_the_file(device, seen) == calls
