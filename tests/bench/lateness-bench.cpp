@@ -68,7 +68,7 @@ void run_sequence(const std::vector<gint32>& durations) {
   port->type = PORT_OUTPUT;
   port->number = 1;
   io_port_set_backend(port.get(), BACKEND_CHECK);
-  io_port_setup(port.get());
+  g_assert_true(io_port_setup(port.get()));
   ActionSequence sequence;
   bool value = false;
   for (const gint32 duration_ms : durations) {

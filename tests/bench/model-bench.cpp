@@ -23,7 +23,7 @@ IoPortRef make_port(gint number) {
   port->name = "port" + std::to_string(number);
   io_port_add_property(port.get(), "ioport", "true");
   io_port_set_backend(port.get(), BACKEND_CHECK);
-  io_port_setup(port.get());
+  g_assert_true(io_port_setup(port.get()));
   return port;
 }
 
@@ -45,13 +45,13 @@ void state_change(benchmark::State& state) {
   for (int64_t i = 0; i < state.range(0); i++) {
     std::unique_ptr<IoEvent, IoEventDeleter> event(new IoEvent);
     event->declaration = event_io_port;
-    io_event_declare_event(port.get(), event.get());
+    g_assert_true(io_event_declare_event(port.get(), event.get()));
     port->events.push_front(std::move(event));
   }
   bool value = false;
   for (auto _ : state) {
     value = !value;
-    io_port_set_state(port.get(), value);
+    g_assert_true(io_port_set_state(port.get(), value));
   }
 }
 BENCHMARK(state_change)->ArgName("events")->Arg(0)->Arg(1)->Arg(8);
@@ -74,7 +74,7 @@ void save_all_in_memory(benchmark::State& state) {
   const Ports ports(state.range(0));
   const std::string file = "/dev/shm/wexd-bench-" + std::to_string(getpid()) + ".conf";
   for (auto _ : state) {
-    param_save_all(file.c_str());
+    g_assert_true(param_save_all(file.c_str()));
   }
   std::filesystem::remove(file);
   state.SetComplexityN(state.range(0));
