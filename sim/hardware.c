@@ -1,8 +1,9 @@
 /* What plain files lack to pass for hardware, loaded before the daemon on a simulated device:
    - a pin's value file tells of its changes, as the kernel's does, with POLLPRI and POLLERR;
-   - a file in the place of an SPI node answers transfers; byte N of it is the level that the converter
-     measures for command N;
-   - the node of an IIO converter hands its events out, which come through the pipe EVENTS/<node>. */
+   - a file in the place of an SPI node answers transfers; byte N of it is the level that the
+   converter measures for command N;
+   - the node of an IIO converter hands its events out, which come through the pipe EVENTS/<node>.
+ */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -47,8 +48,8 @@ struct Pin {
 
 static struct Pin pins[MOST_PINS];
 
-/* The descriptor that tells of changes of the file behind fd; -1 where that is no pin. A pin that was
-   closed and opened again is watched on. */
+/* The descriptor that tells of changes of the file behind fd; -1 where that is no pin. A pin that
+   was closed and opened again is watched on. */
 static int changes_of(int fd) {
   struct stat status;
   char path[PATH_MAX];
@@ -112,7 +113,8 @@ int poll(struct pollfd* asked, nfds_t count, int timeout) {
 
 /* Converters */
 
-/* The level in the place of a 12-bit sample's upper eight, as the converters of the daemon send it. */
+/* The level in the place of a 12-bit sample's upper eight, as the converters of the daemon send it.
+ */
 static int transfer(int fd, const struct spi_ioc_transfer* parts) {
   const uint8_t* sent = (const uint8_t*)(uintptr_t)parts[0].tx_buf;
   uint8_t* received = (uint8_t*)(uintptr_t)parts[1].rx_buf;
