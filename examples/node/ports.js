@@ -1,53 +1,55 @@
 #!/usr/bin/env node
-// Lists the ports of wexd, watches them, pulses an output, and is refused by an input: through wexctl,
-// whose JSON is the same on every device, so that no D-Bus package is needed.
+// Lists the ports of wexd, watches them, pulses an output, and is refused by an input: through
+// dbus-next (`npm ci` in this folder installs it).
 //
-// Usage: ports.js OUTPUT INPUT    (numbers or names of ports)
+// Usage: ports.js OUTPUT INPUT    (numbers of ports)
 'use strict';
 
-const { execFile, spawn } = require('node:child_process');
-const { createInterface } = require('node:readline');
-const { promisify } = require('node:util');
+const { once } = require('node:events');
+const dbus = require('dbus-next');
 
-const run = promisify(execFile);
-const wexctl = async (...words) => (await run('wexctl', words)).stdout;
+const PULSE_MS = 200;
 const word = (state) => (state ? 'on' : 'off');
 
-async function list() {
-  for (const port of JSON.parse(await wexctl('list', '--json'))) {
-    console.log(`${port.number} ${port.name}: ${word(port.state)}`);
+async function list(ports) {
+  const [, properties] = await ports.GetPortProps();
+  for (const [name, number, state] of properties) {
+    console.log(`${number} ${name}: ${word(state)}`);
   }
 }
 
-// Calls back with each event, the first of which says that all that follow will be told.
-function watch(onEvent) {
-  const monitor = spawn('wexctl', ['monitor', '--json'], { stdio: ['ignore', 'pipe', 'inherit'] });
-  createInterface({ input: monitor.stdout }).on('line', (line) => onEvent(JSON.parse(line)));
-  return monitor;
-}
-
-async function drive(port) {
-  try {
-    await wexctl('set', port, 'on');
-  } catch (error) {
-    const name = /\((\S+)\)\s*$/.exec(error.stderr);
-    console.log(`port ${port} refused: ${name ? name[1] : error.stderr}`);
-  }
-}
-
-async function main([output, unwilling]) {
-  await list();
-  const monitor = watch(async (event) => {
-    if (event.event === 'watching') {
-      await wexctl('pulse', output, '200ms');
-    } else if (event.event === 'port-changed') {
-      console.log(`port ${event.port} is ${word(event.state)}`);
-    } else if (event.event === 'sequence-done') {
-      console.log('the pulse is over');
-      monitor.kill();
-      await drive(unwilling);
-    }
+function watch(ports) {
+  ports.on('PortChanged', (number, ...properties) => {
+    const [state] = properties.slice(-2);
+    console.log(`port ${number} is ${word(state)}`);
   });
 }
 
-main(process.argv.slice(2));
+// The steps run in the daemon; the call returns at once.
+async function pulse(ports, output) {
+  const done = once(ports, 'ActionSequenceDone');
+  await ports.StartActionSequence(output, false, [[true, PULSE_MS], [false, 1]]);
+  await done;
+  console.log('the pulse is over');
+}
+
+async function drive(ports, port) {
+  try {
+    await ports.SetState(port, true);
+  } catch (error) {
+    console.log(`port ${port} refused: ${error.type}`);
+  }
+}
+
+async function main(output, unwilling) {
+  const bus = dbus.systemBus();
+  const service = await bus.getProxyObject('com.norv.IOControl.State', '/com/norv/IOControl/State');
+  const ports = service.getInterface('com.norv.IOControl.State');
+  await list(ports);
+  watch(ports);
+  await pulse(ports, output);
+  await drive(ports, unwilling);
+  bus.disconnect();
+}
+
+main(...process.argv.slice(2).map(Number));

@@ -1,5 +1,6 @@
 """The clients in examples/ on a device, built and called as their users do."""
 
+import json
 import os
 import pathlib
 import shutil
@@ -69,9 +70,21 @@ def assert_said(done, words):
     assert sorted(lines[:2]) + lines[2:] == words.splitlines()
 
 
-@pytest.mark.parametrize("script", ["python/ports.py", "node/ports.js"])
+@pytest.mark.parametrize("script", ["python/ports.py", "node/ports-by-wexctl.js"])
 def test_a_script(device, binary, script):
     assert_said(run(device, binary, EXAMPLES / script), WORDS)
+
+
+def test_the_client_in_node(device, binary, tmp_path):
+    folder = shutil.copytree(EXAMPLES / "node", tmp_path / "node", ignore=shutil.ignore_patterns("node_modules"))
+    subprocess.run(["npm", "ci", "--prefer-offline"], cwd=folder, check=True, capture_output=True, timeout=600)
+    assert_said(run(device, binary, folder / "ports.js"), WORDS)
+
+
+def test_what_npm_installs_is_fixed_wherever_it_comes_from():
+    packages = json.loads((EXAMPLES / "node/package-lock.json").read_text())["packages"]
+    assert all("integrity" in entry for name, entry in packages.items() if name)
+    assert not any("resolved" in entry for entry in packages.values())
 
 
 def test_the_client_in_c_is_made_of_the_installed_interface(device, binary, installed, tmp_path):

@@ -5,6 +5,7 @@ import re
 
 import pytest
 from describe import element, failing, port
+from test_gpio_files import export
 
 from sim.device import DESCRIPTION
 
@@ -59,6 +60,13 @@ def converter(kind, **device):
     return port("lock", 3, "input", kind, optional="true", backend_inside=element("device", **device))
 
 
+def supervised_spi():
+    pins = {"input": 1, "io_ctrl": 2, "sio_ctrl": 3}
+    settings = "".join(element(tag, pin=pin) for tag, pin in pins.items())
+    settings += element("device", device="/dev/spidev0.0")
+    return port("lock", 3, "input", "spi", optional="true", backend_inside=settings)
+
+
 @pytest.mark.parametrize(
     "ports, message, missing",
     [
@@ -77,11 +85,47 @@ def test_an_option_that_the_kernel_lacks_is_named_right_after_the_message(device
     assert following(device, message)[:2] == [f"MESSAGE: {missing}", PLACE]
 
 
+def test_what_each_pin_of_a_supervised_port_lacks_is_named_and_its_place_once(device):
+    start(device, supervised_spi())
+    missing = "MESSAGE: no /sys/class/gpio: the kernel lacks CONFIG_GPIO_SYSFS"
+    assert following(device, r"Failed to allocate pin 1/")[:2] == [missing, PLACE]
+    assert following(device, r"Failed to allocate pin 2/")[0] == missing
+    assert following(device, r"Request for gpio pin \(null\) failed\.")[0] == missing
+    assert device.log.count(PLACE) == 1
+
+
+def test_what_a_supervised_converter_lacks_is_named(device):
+    for pin in (1, 2, 3):
+        export(device, pin)
+    start(device, supervised_spi())
+    missing = "no /sys/bus/spi: the kernel lacks CONFIG_SPI"
+    assert following(device, r"Failed to open SPI device\.")[:2] == [f"MESSAGE: {missing}", PLACE]
+
+
 def test_spidev_is_named_where_the_rest_is_there(device):
     device.path("/sys/bus/spi").mkdir(parents=True)
     start(device, converter("spiadc", device="/dev/spidev0.0", timeout=20))
     missing = "no /sys/class/spidev: the kernel lacks CONFIG_SPI_SPIDEV"
     assert following(device, "Failed to open /dev/spidev0.0: ")[:2] == [f"MESSAGE: {missing}", PLACE]
+
+
+@pytest.mark.parametrize(
+    "ends_at, missing",
+    [
+        ("/sys/kernel", "no /sys/kernel/config: the kernel lacks CONFIG_CONFIGFS_FS"),
+        ("/sys/kernel/config", "no /sys/kernel/config/iio: the kernel lacks CONFIG_IIO_CONFIGFS"),
+        ("/sys/kernel/config/iio/triggers",
+         "no /sys/kernel/config/iio/triggers/hrtimer: the kernel lacks CONFIG_IIO_HRTIMER_TRIGGER"),
+    ],
+)  # fmt: skip
+def test_each_part_of_a_timer_that_the_kernel_lacks_is_named(device, ends_at, missing):
+    """A file ends the path, under which root could make folders in a simulated device, unlike in the
+    kernel's."""
+    for number, name in enumerate(["a", "c"]):
+        device.write(f"/sys/bus/iio/devices/iio:device{number}/name", f"{name}\n")
+    device.write(ends_at, "")
+    start(device, converter("iio", mode="adc", name="a", adc="c", hrtimer="t"))
+    assert following(device, "Failed to create sysfs directory '")[:2] == [f"MESSAGE: {missing}", PLACE]
 
 
 def test_nothing_is_missed_that_is_there(device):
