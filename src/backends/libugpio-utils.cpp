@@ -4,7 +4,7 @@
 #include "platform/kernel-parts.h"
 #include "platform/log.h"
 #include "platform/numbers.h"
-#include "platform/ugpio-named.h"
+#include "platform/ugpio-extras.h"
 #include "port/port-observer.h"
 #include "port/port-place.h"
 
@@ -53,13 +53,20 @@ std::optional<bool> read_state(IoPort* port) {
   return errno == 0 ? std::optional(state) : std::nullopt;
 }
 
-// Reports the state until it holds still; false, with errno set, once it cannot be read.
-bool report_state(IoPort* port) {
+// What the line did before the reading is in it; edges from then on are another reading's.
+std::optional<bool> read_state_after_edges(IoPort* port, ugpio_t* pin) {
+  ugpio_take_edges(pin);
+  return read_state(port);
+}
+
+// Reports the state until it holds still; false, with errno set, once it cannot be read. The pin is
+// the one whose edges are watched, if any is.
+bool report_state(IoPort* port, ugpio_t* pin) {
   g_usleep(settle_time_us);
-  auto state = read_state(port);
+  auto state = read_state_after_edges(port, pin);
   while (state) {
     io_port_trigger(port, ReportedState(*state));
-    const auto now = read_state(port);
+    const auto now = read_state_after_edges(port, pin);
     if (now == state) {
       return true;
     }
@@ -161,11 +168,11 @@ void libugpio_free_gpio_pin(GpioPin* pin) {
 }
 
 gboolean libugpio_handle_trig(GIOChannel* /*channel*/, GIOCondition /*condition*/, IoPort* port) {
-  report_state(port);
+  report_state(port, nullptr);
   return G_SOURCE_CONTINUE;
 }
 
-bool LogicWatch::start(IoPort* port, const GpioPin* pin, GIOCondition condition) {
+bool LogicWatch::start(IoPort* port, const GpioPin* pin, GIOCondition of_value_file) {
   if (*this) {
     return true;
   }
@@ -173,10 +180,9 @@ bool LogicWatch::start(IoPort* port, const GpioPin* pin, GIOCondition condition)
   if (fd < 0) {
     return false;
   }
-  // An edge on a value file shows as an exceptional condition, nothing else.
   port_ = port;
   pin_ = pin;
-  condition_ = condition;
+  condition_ = ugpio_edge_condition(pin->handle, of_value_file);
   channel_ = g_io_channel_unix_new(fd);
   look();
   return true;
@@ -194,7 +200,7 @@ void LogicWatch::look() {
   source_.reset(g_io_add_watch(channel_, condition_, on_edge, this));
 }
 
-// The file of a pin that is gone would report an error for ever.
+// The descriptor of a pin that is gone would report an error for ever.
 void LogicWatch::give_up(int reason) {
   g_warning("%sPin of port %d cannot be read any more, not watching it: %s", log_prefix,
             port_->number, g_strerror(reason));
@@ -215,7 +221,8 @@ void LogicWatch::rest(int reason) {
 bool LogicWatch::serve() {
   const PortPlace place(port_);
   errno = 0;
-  if (ugpio_get_value(pin_->handle) != -1 && report_state(port_)) {
+  ugpio_take_edges(pin_->handle);
+  if (ugpio_get_value(pin_->handle) != -1 && report_state(port_, pin_->handle)) {
     if (trouble_.end()) {
       g_message("%sPin of port %d can be read again", log_prefix, port_->number);
     }

@@ -93,7 +93,7 @@ void libugpio_free_gpio_pin(GpioPin* pin);
 [[nodiscard]] gboolean libugpio_handle_trig(GIOChannel* channel, GIOCondition condition,
                                             IoPort* port);
 
-/// The watch on a pin's value file. Main thread only.
+/// The watch on a pin. Main thread only.
 ///
 /// A reading that fails says nothing about the line: nothing is reported then, and the pin is left
 /// alone for 100 ms and read again. Only a pin that is gone ends the watch; its port is marked, so
@@ -105,9 +105,10 @@ public:
   LogicWatch(const LogicWatch&) = delete;
   LogicWatch& operator=(const LogicWatch&) = delete;
 
-  /// Watches the pin, which must outlive the watch, for `port`; a running watch stays as it is.
-  /// False when the pin is not open.
-  [[nodiscard]] bool start(IoPort* port, const GpioPin* pin, GIOCondition condition = G_IO_ERR);
+  /// Watches the pin, which must outlive the watch, for `port`; a running watch stays as it is. An
+  /// edge on a value file shows as an exceptional condition, nothing else; where the pin is none,
+  /// it tells the condition itself. False when the pin is not open.
+  [[nodiscard]] bool start(IoPort* port, const GpioPin* pin, GIOCondition of_value_file = G_IO_ERR);
   void stop();
   explicit operator bool() const { return source_ || rest_; }
 

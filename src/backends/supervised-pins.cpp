@@ -3,7 +3,7 @@
 #include "platform/kernel-parts.h"
 #include "platform/log.h"
 #include "platform/numbers.h"
-#include "platform/ugpio-named.h"
+#include "platform/ugpio-extras.h"
 
 #include <array>
 #include <cstdlib>

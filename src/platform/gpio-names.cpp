@@ -140,6 +140,7 @@ void for_each_chip(const std::function<void(const Chip&, guint base)>& use) {
   }
 }
 
+// What the chip's driver calls the line; empty where it has no name.
 std::string line_name(int fd, guint offset) {
   gpio_v2_line_info info{};
   info.offset = offset;
@@ -149,7 +150,29 @@ std::string line_name(int fd, guint offset) {
   return {info.name, strnlen(info.name, sizeof info.name)};
 }
 
+// Offsets of the lines of a chip that are told by that name.
+std::vector<guint> offsets_of_name(const Chip& chip, const std::string& name) {
+  std::vector<guint> offsets;
+  // Lines without a name have the empty one in the kernel's answer; nobody means those.
+  if (name.empty()) {
+    return offsets;
+  }
+  const UniqueFd fd(open(chip.path.c_str(), O_RDONLY | O_CLOEXEC));
+  for (guint offset = 0; fd && offset < chip.lines; offset++) {
+    if (gpio_told_as(name, line_name(fd.get(), offset))) {
+      offsets.push_back(offset);
+    }
+  }
+  return offsets;
+}
+
 } // namespace
+
+bool gpio_chips_here() {
+  bool found = false;
+  for_each_entry("/dev", "gpiochip", [&](const std::string& /*name*/) { found = true; });
+  return found;
+}
 
 bool gpio_told_as(const std::string& text, const std::string& told) {
   return text.compare(0, told_length, told) == 0;
@@ -157,16 +180,9 @@ bool gpio_told_as(const std::string& text, const std::string& told) {
 
 std::set<guint> gpio_numbers_of_name(const std::string& name) {
   std::set<guint> numbers;
-  // Lines without a name have the empty one in the kernel's answer; nobody means those.
-  if (name.empty()) {
-    return numbers;
-  }
   for_each_chip([&](const Chip& chip, guint base) {
-    const UniqueFd fd(open(chip.path.c_str(), O_RDONLY | O_CLOEXEC));
-    for (guint offset = 0; fd && offset < chip.lines; offset++) {
-      if (gpio_told_as(name, line_name(fd.get(), offset))) {
-        numbers.insert(base + offset);
-      }
+    for (const guint offset : offsets_of_name(chip, name)) {
+      numbers.insert(base + offset);
     }
   });
   return numbers;
@@ -202,4 +218,24 @@ std::set<std::string> gpio_names_of_number(guint number) {
     }
   });
   return names;
+}
+
+std::vector<GpioLine> gpio_lines_of_name(const std::string& name) {
+  std::vector<GpioLine> lines;
+  for (const auto& chip : chips()) {
+    for (const guint offset : offsets_of_name(chip, name)) {
+      lines.push_back({.chip = chip.path, .offset = offset});
+    }
+  }
+  return lines;
+}
+
+std::vector<GpioLine> gpio_lines_of_number(guint number) {
+  std::vector<GpioLine> lines;
+  for_each_chip([&](const Chip& chip, guint base) {
+    if (number >= base && number - base < chip.lines) {
+      lines.push_back({.chip = chip.path, .offset = number - base});
+    }
+  });
+  return lines;
 }

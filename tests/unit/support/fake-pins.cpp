@@ -1,7 +1,7 @@
 // A pipe whose reading end is closed raises exactly an error condition on its writing end.
 #include "support/fake-pins.h"
 
-#include "platform/ugpio-named.h"
+#include "platform/ugpio-extras.h"
 
 #include <glib.h>
 #include <unistd.h>
@@ -135,3 +135,9 @@ int ugpio_direction_output(ugpio_t* pin, int value) {
 int ugpio_set_activelow(ugpio_t* pin, int active_low) {
   return note("set_activelow", pin->name + ' ' + std::to_string(active_low)) ? 0 : -1;
 }
+
+GIOCondition ugpio_edge_condition(const ugpio_t* /*pin*/, GIOCondition of_value_file) {
+  return of_value_file;
+}
+
+void ugpio_take_edges(ugpio_t* /*pin*/) {}

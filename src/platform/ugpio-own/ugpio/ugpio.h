@@ -1,5 +1,6 @@
-/* GPIO pins through the kernel's sysfs interface: the part of libugpio's interface that the daemon
- * uses, for systems that do not have the library. */
+/* GPIO pins: the part of libugpio's interface that the daemon uses, for systems that do not have
+ * the library. A pin is taken through the kernel's sysfs files ("exported") or, where the kernel
+ * has none, through its chip's character device ("requested"). */
 #ifndef WEXD_UGPIO_H
 #define WEXD_UGPIO_H
 
@@ -12,31 +13,32 @@ extern "C" {
 #define UGPIOF_INIT_HIGH 0x002u /* an output starts high; without it low */
 #define UGPIOF_TRIG_FALL 0x004u /* edges that wake a poller */
 #define UGPIOF_TRIG_RISE 0x008u
-#define UGPIOF_REQUESTED 0x010u /* was exported already; free leaves it so */
-#define UGPIOF_CLOEXEC 0x020u   /* open close-on-exec */
 #define UGPIOF_DIR_CHANGEABLE 0x040u
-#define UGPIOF_DIR_UNKNOWN 0x080u /* the direction was not asked for */
+#define UGPIOF_DIR_UNKNOWN 0x080u /* not asked for: the pin is left as it stands */
 #define UGPIOF_EDGE_CHANGEABLE 0x100u
 
 typedef struct ugpio ugpio_t;
 
-/* Exports the pin (one that is exported already is used) and leaves its direction alone. NULL with
- * errno set on failure. The label is for the reader of the code: sysfs has no place for it. */
+/* Exports the pin (one that is exported already is used) or requests it, and leaves its direction
+ * alone. NULL with errno set on failure. The label is for the reader of the code: sysfs has no
+ * place for it, and a request bears the daemon's name. */
 ugpio_t* ugpio_request(unsigned int number, const char* label);
 
 /* As ugpio_request, then sets direction, start level and edges by the flags. */
 ugpio_t* ugpio_request_one(unsigned int number, unsigned int flags, const char* label);
 
-/* Unexports a pin that the request exported, and frees the handle. NULL is allowed. */
+/* Gives the pin back, unless it was exported by somebody else, and frees the handle. NULL is
+ * allowed. */
 void ugpio_free(ugpio_t* pin);
 
-/* Opens the pin's value; the descriptor, or -1 with errno set. */
+/* Opens the pin's value; the descriptor, or -1 with errno set. To be called once per request. */
 int ugpio_full_open(ugpio_t* pin);
 
 /* Closes the value. NULL and closed pins are allowed. */
 void ugpio_close(ugpio_t* pin);
 
-/* The open value's descriptor, which polls with an error condition on each chosen edge; else -1. */
+/* The open value's descriptor, else -1. That of an exported pin polls with an error condition on
+ * each chosen edge, that of a requested one is readable after it. */
 int ugpio_fd(const ugpio_t* pin);
 
 /* 0 or 1 by the pin's active-low setting; -1 with errno set on failure. */

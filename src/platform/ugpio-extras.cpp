@@ -1,4 +1,4 @@
-#include "platform/ugpio-named.h"
+#include "platform/ugpio-extras.h"
 
 #include "platform/gpio-names.h"
 
@@ -15,3 +15,13 @@ ugpio_t* ugpio_request_one_named(const char* name, unsigned int flags) {
   }
   return nullptr;
 }
+
+bool ugpio_goes_by_sysfs(const char* /*name*/, unsigned int /*number*/) {
+  return true;
+}
+
+GIOCondition ugpio_edge_condition(const ugpio_t* /*pin*/, GIOCondition of_value_file) {
+  return of_value_file;
+}
+
+void ugpio_take_edges(ugpio_t* /*pin*/) {}

@@ -1,0 +1,13 @@
+// Pins through sysfs where the kernel has that interface, else through the chips' character
+// devices.
+#include "platform/line-pin.h"
+#include "platform/pin.h"
+#include "platform/sysfs-pin.h"
+
+bool pin_goes_by_sysfs(const WhichPin& which) {
+  return sysfs_has_pin(which);
+}
+
+PinPtr pin_request(const WhichPin& which, unsigned int flags) {
+  return sysfs_has_pin(which) ? sysfs_pin_request(which, flags) : line_pin_request(which, flags);
+}
