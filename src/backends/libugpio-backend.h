@@ -1,6 +1,6 @@
 // Hardware: pins of the processor or of an expander: one in, one out, and for a configurable port
 // one that switches the external line driver.
-// Kernel interface: sysfs GPIO, through libugpio.
+// Kernel interface: sysfs GPIO or line requests on the chips, through libugpio.
 // Limits: no supervision.
 #pragma once
 

@@ -1,7 +1,7 @@
 // Hardware: a line as in supervised-spi-backend.h, measured by a converter with a kernel driver; or
 // ("adc" mode) a converter channel alone.
 // Kernel interface: IIO buffered sampling: a high-resolution timer trigger made through configfs,
-// one voltage channel, samples read from the device node; sysfs GPIO.
+// one voltage channel, samples read from the device node; pins as "gpio".
 // Limits: unsigned samples of up to 32 bits; one port per converter, whose node opens once.
 #pragma once
 

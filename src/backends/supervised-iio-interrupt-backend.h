@@ -1,7 +1,7 @@
 // Hardware: a line as in supervised-spi-backend.h, measured by a converter that can raise an event
 // when a level is crossed; or ("adc" mode) a converter channel alone.
 // Kernel interface: IIO threshold events armed around the range that holds the level, so that the
-// daemon sleeps until the level leaves it; the raw value from sysfs; sysfs GPIO.
+// daemon sleeps until the level leaves it; the raw value from sysfs; pins as "gpio".
 // Limits: of several ports on one device, only the first to be watched gets its events.
 #pragma once
 

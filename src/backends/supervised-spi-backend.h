@@ -1,6 +1,6 @@
 // Hardware: a line with a logic input, an optional output, two control pins, and an SPI
 // analogue-to-digital converter that measures the line while it is supervised.
-// Kernel interface: sysfs GPIO, spidev (16 bits a word), polled every 250 ms while supervised.
+// Kernel interface: pins as "gpio", spidev (16 bits a word), polled every 250 ms while supervised.
 // Limits: ports numbered 0-5; levels are 0-255.
 #pragma once
 

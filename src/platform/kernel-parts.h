@@ -5,12 +5,15 @@
 #include <span>
 
 /// A place that is there only where the kernel has the option, as part of it or as a loaded module.
+/// Where it is not, another place may do instead. Either may be a shell's pattern of paths.
 struct KernelPart {
   const char* path;
   const char* option;
+  const char* instead = nullptr;
 };
 
-inline constexpr std::array gpio_kernel_parts{KernelPart{"/sys/class/gpio", "CONFIG_GPIO_SYSFS"}};
+inline constexpr std::array gpio_kernel_parts{KernelPart{
+    .path = "/sys/class/gpio", .option = "CONFIG_GPIO_SYSFS", .instead = "/dev/gpiochip*"}};
 inline constexpr std::array spi_kernel_parts{KernelPart{"/sys/bus/spi", "CONFIG_SPI"},
                                              KernelPart{"/sys/class/spidev", "CONFIG_SPI_SPIDEV"}};
 inline constexpr std::array iio_kernel_parts{KernelPart{"/sys/bus/iio", "CONFIG_IIO"}};

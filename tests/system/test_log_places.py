@@ -128,6 +128,13 @@ def test_each_part_of_a_timer_that_the_kernel_lacks_is_named(device, ends_at, mi
     assert following(device, "Failed to create sysfs directory '")[:2] == [f"MESSAGE: {missing}", PLACE]
 
 
+def test_no_files_for_pins_are_missed_where_there_is_a_chip(device):
+    device.write("/dev/gpiochip7", "")  # they need not begin with 0
+    start(device, gpio(optional="true"))
+    assert device.log_count("the kernel lacks") == 0
+    assert device.log_count("^WARNING: No chip tells whether it has pin 18: describe it by alias$") == 1
+
+
 def test_nothing_is_missed_that_is_there(device):
     for folder in ("/sys/bus/spi", "/sys/class/spidev"):
         device.path(folder).mkdir(parents=True)

@@ -93,6 +93,24 @@ def test_what_is_not_there_is_told(inside, machine, ports, text):
     assert (findings, status) == ([("warning", text)], 1)
 
 
+@pytest.mark.parametrize(
+    "ports, text",
+    [
+        (gpio("a", 0, pin={"pin": 31}), "port 'a': no chip tells whether it has pin 31: describe it by alias"),
+        (gpio("a", 0, pin={"alias": "door"}), "port 'a': no GPIO line is called 'door'"),
+    ],
+    ids=["number", "name"],
+)  # fmt: skip
+def test_without_files_for_pins_a_number_is_to_be_a_name(inside, device, ports, text):
+    device.write("/dev/gpiochip0", "")
+    assert here(inside, device, ports) == ([("warning", text)], 1)
+
+
+def test_without_any_chip_no_name_would_help(inside, device):
+    told = [("warning", "port 'a': no GPIO chip has pin 31")]
+    assert here(inside, device, gpio("a", 0, pin={"pin": 31})) == (told, 1)
+
+
 def test_a_converter_and_a_node_that_are_there(inside, machine):
     for ports in (device_of("iio-interrupt", driver="ads1015"),
                   device_of("spiadc", device="/dev/spidev0.1", timeout=9)):  # fmt: skip

@@ -2,7 +2,9 @@
 
 #include "description/reader.h"
 #include "platform/gpio-names.h"
+#include "platform/numbers.h"
 #include "platform/regular-file.h"
+#include "platform/ugpio-extras.h"
 #include "wexctl/machine.h"
 
 #include <fmt/format.h>
@@ -31,13 +33,27 @@ bool chip_has(const std::string& chip, guint64 pin) {
   return pin >= base && pin - base < lines;
 }
 
+// Where pins are requested on the character devices of their chips, those are opened to be read.
+std::string numbered_line_trouble(guint number) {
+  const auto lines = gpio_lines_of_number(number);
+  if (lines.size() == 1) {
+    return unusable(lines.front().chip, R_OK);
+  }
+  return gpio_chips_here()
+             ? fmt::format("no chip tells whether it has pin {}: describe it by alias", number)
+             : fmt::format("no GPIO chip has pin {}", number);
+}
+
 // One that is taken has its files; any other is asked for, which takes its chip.
 std::string pin_trouble(const std::string& number) {
+  const auto pin = unsigned_of<guint>(number.c_str());
+  if (!ugpio_goes_by_sysfs(nullptr, pin)) {
+    return numbered_line_trouble(pin);
+  }
   const std::string folder = gpio_folder + ("gpio" + number);
   if (g_file_test(folder.c_str(), G_FILE_TEST_IS_DIR)) {
     return unusable(folder + "/value", R_OK | W_OK);
   }
-  const auto pin = g_ascii_strtoull(number.c_str(), nullptr, 10);
   const auto chips = entries(gpio_folder, "gpiochip");
   if (std::ranges::none_of(chips, [pin](const auto& chip) { return chip_has(chip, pin); })) {
     return fmt::format("no GPIO chip has pin {}", number);
@@ -45,13 +61,23 @@ std::string pin_trouble(const std::string& number) {
   return unusable(std::string(gpio_folder) + "export", W_OK);
 }
 
-std::string line_trouble(const std::string& name) {
-  const auto numbers = gpio_numbers_of_name(name);
-  if (numbers.empty()) {
+// What is wrong with a name that so many lines may have; nothing if it is one's alone.
+std::string name_trouble(const std::string& name, gsize lines) {
+  if (lines == 0) {
     return fmt::format("no GPIO line is called '{}'", name);
   }
-  return numbers.size() > 1 ? fmt::format("several GPIO lines may be called '{}'", name)
-                            : pin_trouble(std::to_string(*numbers.begin()));
+  return lines > 1 ? fmt::format("several GPIO lines may be called '{}'", name) : "";
+}
+
+std::string line_trouble(const std::string& name) {
+  if (!ugpio_goes_by_sysfs(name.c_str(), 0)) {
+    const auto lines = gpio_lines_of_name(name);
+    const auto trouble = name_trouble(name, lines.size());
+    return trouble.empty() ? unusable(lines.front().chip, R_OK) : trouble;
+  }
+  const auto numbers = gpio_numbers_of_name(name);
+  const auto trouble = name_trouble(name, numbers.size());
+  return trouble.empty() ? pin_trouble(std::to_string(*numbers.begin())) : trouble;
 }
 
 std::string attribute_file_trouble(const std::string& path) {

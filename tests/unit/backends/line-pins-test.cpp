@@ -256,7 +256,8 @@ TEST_F(APortOnALine, stops_watching_a_line_whose_chip_is_gone) {
   chip.fault = ENODEV;
   close(std::exchange(chip.queue[1], -1));
   EXPECT_TRUE(run_until([] {
-    return static_cast<bool>(logged_part(G_LOG_LEVEL_WARNING, "cannot be read any more"));
+    return static_cast<bool>(logged(G_LOG_LEVEL_WARNING, "Pin of port 1 cannot be read any more, "
+                                                         "not watching it: No such device"));
   }));
   run_pending();
   EXPECT_EQ(states(), 0U);
