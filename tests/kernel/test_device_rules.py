@@ -1,14 +1,20 @@
 """The rules for device files that are installed, applied by the real device manager: with them the
 daemon's user takes hardware again that it has dropped."""
 
+import grp
 import pathlib
+import re
 import subprocess
 
 import pytest
+
+import chips
 from chips import PLAIN
 from gpio_ports import gpio_input, gpio_output
 from sim.bus import wait_until
 from supervised_ports import IIO, IIO_INTERRUPT, SPI, Supervision
+
+pytestmark = pytest.mark.pins
 
 RULES = pathlib.Path("/bench/60-wexd.rules")
 
@@ -56,7 +62,7 @@ def test_the_daemons_user_takes_dropped_pins_again(device, rules):
     settle()
     assert set(device.state.DropIOPorts(["sensor", "relay"])) == {"sensor", "relay"}
     assert device.ports() == {}
-    assert not PLAIN[1].exported and not PLAIN[3].exported
+    assert not PLAIN[1].taken and not PLAIN[3].taken
     device.state.RefreshIOPorts()
     assert sorted(device.ports()) == [0, 1]
     device.state.SetState(1, True)
@@ -79,6 +85,23 @@ def test_a_pin_that_was_never_taken_is_there_with_the_first_refresh(device, rule
     PLAIN[1].refuse_requests(False)
     device.state.RefreshIOPorts()
     assert sorted(device.ports()) == [0, 1]
+
+
+def test_what_the_rules_run_for_chips_and_pins_finds_its_files_on_any_kernel():
+    PLAIN[1].leave_at(0)
+    commands = re.findall(r"""SUBSYSTEM=="gpio".*?RUN\+="/bin/sh -c '(.*?)'\"""", RULES.read_text(), re.DOTALL)
+    assert len(commands) == 2
+    run = subprocess.run(["/bin/sh", "-c", commands[0]], capture_output=True, text=True, check=False)
+    assert (run.returncode, run.stderr) == (0, "")
+
+
+def test_the_daemons_user_may_open_chips(rules):
+    group = grp.getgrnam("wxd").gr_gid
+    nodes = [*pathlib.Path("/dev").glob("gpiochip*")]
+    assert len(nodes) == len(chips.CHIPS)
+    for node in nodes:
+        status = node.stat()
+        assert (status.st_gid, status.st_mode & 0o777) == (group, 0o660), node
 
 
 @pytest.mark.parametrize("kind", [SPI, IIO, IIO_INTERRUPT], ids=repr)

@@ -355,6 +355,16 @@ def test_the_daemon_s_user_moves_no_template(running):
     )
 
 
+def test_the_unit_lets_the_daemon_at_its_hardware_and_at_no_other(running):
+    """The kernel's names of what pins, and converters, are opened on."""
+    allowed = running.run("systemctl", "show", "--property=DevicePolicy,DeviceAllow", "wexd.service")
+    devices = ("char-gpiochip", "char-spi", "char-iio")
+    assert sorted(allowed.split("\n")) == sorted(
+        # The protection of the clock brings its own, to be read.
+        ["", "DevicePolicy=closed", "DeviceAllow=char-rtc r", *(f"DeviceAllow={device} rw" for device in devices)]
+    )
+
+
 def test_the_package_brings_what_it_promises(running):
     files = running.run("dpkg", "-L", "wexd").split()
     for name in (
