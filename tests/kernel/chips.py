@@ -13,10 +13,19 @@ from typing import NamedTuple
 
 DEBUG = pathlib.Path("/sys/kernel/debug")
 GPIO_CLASS = pathlib.Path("/sys/class/gpio")
+# Whether the kernel has pins as files, by number; else they are requested on their chips' devices.
+BY_SYSFS = (GPIO_CLASS / "export").exists()
 # From <linux/gpio.h>
 GET_CHIP_INFO = 0x8044B401
+GET_LINE_INFO = 0xC100B405
 GET_LINE = 0xC250B407
+LINE_FLAG_USED = 1 << 0
 LINE_FLAG_INPUT = 1 << 2
+LINE_FLAG_OUTPUT = 1 << 3
+LINE_FLAGS_BOTH_EDGES = 3 << 4
+LINE_OUTPUT_VALUES = 2
+# What the kernel itself reads of a watched line to tell which edge there was.
+KERNEL_READINGS = 0 if BY_SYSFS else 1
 # From <linux/iio/events.h>
 GET_EVENT_FD = 0x80046990
 IIO_DEVICES = pathlib.Path("/sys/bus/iio/devices")
@@ -52,8 +61,12 @@ class Line:
         """Where the line stands once it is exported."""
         return GPIO_CLASS / (self.alias if self.chip.names_in_chip else f"gpio{self.number}")
 
+    @property
+    def pull_file(self):
+        return self._files / "pull"
+
     def pull(self, level):
-        (self._files / "pull").write_text(str(int(level)))
+        self.pull_file.write_text(str(int(level)))
 
     @property
     def level(self):
@@ -64,8 +77,25 @@ class Line:
         return (self._files / "is_out").read_text() == "1\n"
 
     @property
-    def exported(self):
-        return self.folder.exists()
+    def told(self):
+        """How a message calls the pin that a test describes by number if it can."""
+        return f"{self.number}/(null)" if BY_SYSFS else f"0/{self.alias}"
+
+    @property
+    def taken(self):
+        """Whether some program has the line, exported or requested."""
+        return bool(_line_info(self).flags & LINE_FLAG_USED)
+
+    @property
+    def consumer(self):
+        """Who has it, by the name that they gave when they requested it."""
+        return _line_info(self).consumer
+
+    def leave_at(self, level):
+        """Drives the line as a boot loader would, and lets go of it."""
+        with requested(self, LINE_FLAG_OUTPUT, level):
+            pass
+        self.forget_history()
 
     def export(self):
         """Takes the line for the sysfs interface, as some other program."""
@@ -79,12 +109,13 @@ class Line:
         (self._files / "busy").write_text(str(int(refuse)))
 
     def flip_after_readings(self, count):
-        """Lets the line change by itself, silently, right after that many readings from now."""
-        (self._files / "flip_reads").write_text(str(count))
+        """Lets the line change by itself, silently, right after that many readings by whoever
+        watches it, from the next edge on."""
+        (self._files / "flip_reads").write_text(str(count + KERNEL_READINGS))
 
     def fail_readings(self, count=4_000_000_000):
-        """Lets so many readings from now on fail with EIO."""
-        (self._files / "failing_reads").write_text(str(count))
+        """Lets so many readings by whoever watches it, from the next edge on, fail with EIO."""
+        (self._files / "failing_reads").write_text(str(count + KERNEL_READINGS if count else 0))
 
     @property
     def failing_readings(self):
@@ -126,6 +157,11 @@ class Chip:
         return self.lines[which]
 
     @property
+    def node(self):
+        """The chip's character device; of a label that only this chip has."""
+        return _character_device(self.label)
+
+    @property
     def plugged(self):
         return (DEBUG / "bench-gpio" / self.label).exists()
 
@@ -159,8 +195,8 @@ CHIPS = (PLAIN, LABELLED, NAMED, WIDE, LONG, BANK_A, BANK_B)
 @contextlib.contextmanager
 def kernel_gpio_simulator(label, count, names, folder=None):
     """The kernel's own simulator as an independent chip. Yields (number base, pull), where
-    pull(offset, level) sets a line; names maps offsets to line names. Simulators of one label need
-    folders of their own."""
+    pull(offset, level) sets a line; names maps offsets to line names. The base is None where there
+    are no numbers. Simulators of one label need folders of their own."""
     top = pathlib.Path("/sys/kernel/config/gpio-sim") / (folder or label)
     bank = top / "bank0"
     bank.mkdir(parents=True)
@@ -172,11 +208,12 @@ def kernel_gpio_simulator(label, count, names, folder=None):
     (top / "live").write_text("1")
     chip = bank.joinpath("chip_name").read_text().strip()
     device = next(pathlib.Path("/sys/devices/platform").glob(f"gpio-sim.*/{chip}"))
-    base = next(
+    bases = (
         int((entry / "base").read_text())
         for entry in GPIO_CLASS.glob("gpiochip*")
         if (entry / "device").resolve() == device.parent
     )
+    base = next(bases, None)
 
     def pull(offset, level):
         (device / f"sim_gpio{offset}" / "pull").write_text("pull-up" if level else "pull-down")
@@ -191,26 +228,47 @@ def kernel_gpio_simulator(label, count, names, folder=None):
         top.rmdir()
 
 
-@contextlib.contextmanager
-def line_taken_by_another_program(line):
-    """Holds a line through the chip's character device."""
+class LineInfo(NamedTuple):
+    consumer: str
+    flags: int
+
+
+def _line_info(line):
     with open(_character_device(line.chip.label), "rb", buffering=0) as chip:
-        # struct gpio_v2_line_request: 64 offsets, consumer, configuration (flags first), count,
-        # size of the event buffer, descriptor
-        offsets = [line.offset] + 63 * [0]
+        # struct gpio_v2_line_info: name, consumer, offset, number of attributes, flags, ...
+        info = bytearray(struct.pack("=64xI188x", line.offset))
+        fcntl.ioctl(chip, GET_LINE_INFO, info)
+    return LineInfo(info[32:64].rstrip(b"\0").decode(), struct.unpack_from("=Q", info, 72)[0])
+
+
+@contextlib.contextmanager
+def requested(line, flags, level=0, consumer=b"other"):
+    """A line as some other program holds it through the chip's character device; yields the
+    descriptor."""
+    with open(_character_device(line.chip.label), "rb", buffering=0) as chip:
+        # struct gpio_v2_line_request: 64 offsets, consumer, configuration (flags, number of
+        # attributes, the first of which is an output's level), count, size of the event buffer,
+        # descriptor
+        attribute = struct.pack("=I4xQQ", LINE_OUTPUT_VALUES, level, 1)
+        output = bool(flags & LINE_FLAG_OUTPUT)
         request = bytearray(
-            struct.pack("=64I32sQ264xI24xi", *offsets, b"other", LINE_FLAG_INPUT, 1, 0)
-        )
+            struct.pack("=64I32sQI20x24s216xII20xi", line.offset, *63 * [0], consumer, flags,
+                        int(output), attribute if output else b"", 1, 0, 0)
+        )  # fmt: skip
         fcntl.ioctl(chip, GET_LINE, request)
         handle = struct.unpack_from("=i", request, len(request) - 4)[0]
     try:
-        yield
+        yield handle
     finally:
         os.close(handle)
 
 
+def line_taken_by_another_program(line):
+    return requested(line, LINE_FLAG_INPUT)
+
+
 def _character_device(label):
-    for device in pathlib.Path("/dev").glob("gpiochip*"):
+    for device in sorted(pathlib.Path("/dev").glob("gpiochip*")):
         with open(device, "rb", buffering=0) as chip:
             info = bytearray(68)  # struct gpiochip_info: name, label, number of lines
             fcntl.ioctl(chip, GET_CHIP_INFO, info)

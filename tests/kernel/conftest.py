@@ -9,6 +9,25 @@ import chips
 from guest_device import GuestDevice, start_bus
 
 BINARY = pathlib.Path("/bench/wexd")
+# What a test may be about, and whether this kernel has it.
+MARKERS = {
+    "pins": ("works with pins", True),
+    "sysfs": ("looks at the kernel's GPIO files in sysfs", chips.BY_SYSFS),
+    "chardev": ("looks at pins where the kernel has no such files", not chips.BY_SYSFS),
+}
+
+
+def pytest_configure(config):
+    for name, (meaning, _) in MARKERS.items():
+        config.addinivalue_line("markers", f"{name}: {meaning}")
+
+
+def pytest_collection_modifyitems(config, items):
+    """Leaves out what this kernel does not have; the other one is there for it."""
+    absent = {name for name, (_, here) in MARKERS.items() if not here}
+    left_out = [item for item in items if any(map(item.get_closest_marker, absent))]
+    config.hook.pytest_deselected(items=left_out)
+    items[:] = [item for item in items if item not in left_out]
 
 
 @pytest.fixture(autouse=True)

@@ -1,10 +1,14 @@
 """Descriptions of ports on pins, for the tests."""
 
+from chips import BY_SYSFS
 from describe import element, port
 
 
 def pin(tag, line, *, by="number", inverted=None):
-    """A pin element: by "number", by "alias", or by "both", where the number leads nowhere."""
+    """A pin element: by "number" (by name where the kernel has no numbers), by "alias", or by
+    "both", where the number leads nowhere."""
+    if by == "number" and not BY_SYSFS:
+        by = "alias"
     number = {"number": line.number, "alias": None, "both": 99999}[by]
     alias = line.alias if by in ("alias", "both") else None
     return element(tag, pin=number, alias=alias, inverted=inverted)

@@ -23,12 +23,14 @@ SPI_IOC_WR_MAX_SPEED_HZ = 0x40046B04
 ALL_ADCS = pytest.mark.parametrize("adc", chips.ADCS, ids=lambda adc: adc.name)
 
 
+@pytest.mark.sysfs
 @pytest.mark.parametrize("chip", [PLAIN, LABELLED, NAMED], ids=lambda chip: chip.label)
 def test_a_chip_decides_the_folder_of_an_exported_line(chip):
     chip[3].export()
     assert chip[3].folder.is_dir()
 
 
+@pytest.mark.sysfs
 @pytest.mark.parametrize("edge, pulls", [("rising", (0, 1)), ("falling", (1, 0))])
 def test_an_edge_is_an_exceptional_condition_of_the_value_file(edge, pulls):
     line = PLAIN[0]
@@ -48,6 +50,36 @@ def test_an_edge_is_an_exceptional_condition_of_the_value_file(edge, pulls):
         assert poll.poll(0) == []
 
 
+@pytest.mark.pins
+@pytest.mark.parametrize("flags, level", [(0, 1), (chips.LINE_FLAG_OUTPUT, 0)], ids=["as it stands", "low"])
+def test_a_requested_line_tells_whose_it_is_and_keeps_its_level_when_it_goes(flags, level):
+    line = PLAIN[3]
+    line.leave_at(1)
+    assert not line.taken
+    with chips.requested(line, flags, consumer=b"somebody"):
+        assert (line.taken, line.consumer) == (True, "somebody")
+        assert (line.is_output, line.level) == (True, level)
+    assert (line.taken, line.is_output, line.level) == (False, True, level)
+
+
+@pytest.mark.pins
+def test_an_edge_makes_a_requested_line_readable_and_costs_a_reading():
+    line = PLAIN[4]
+    flags = chips.LINE_FLAG_INPUT | chips.LINE_FLAGS_BOTH_EDGES
+    with chips.requested(line, flags) as handle:
+        poll = select.poll()
+        poll.register(handle, select.POLLIN)
+        assert poll.poll(0) == []
+        (line._files / "failing_reads").write_text("5")
+        line.pull(1)
+        assert poll.poll(1000) == [(handle, select.POLLIN)]
+        assert line.failing_readings == 4
+        line.fail_readings(0)
+        os.read(handle, 48)
+        assert poll.poll(0) == []
+
+
+@pytest.mark.sysfs
 def test_a_line_remembers_even_a_short_level():
     line = PLAIN[1]
     folder = line.export()
@@ -61,6 +93,7 @@ def test_a_line_remembers_even_a_short_level():
     assert line.history == []
 
 
+@pytest.mark.sysfs
 def test_a_line_can_change_right_behind_a_reading():
     line = PLAIN[2]
     folder = line.export()
@@ -71,6 +104,7 @@ def test_a_line_can_change_right_behind_a_reading():
     assert readings == [b"0\n", b"0\n", b"1\n", b"1\n"]
 
 
+@pytest.mark.sysfs
 def test_a_chip_vanishes_and_returns():
     folder = NAMED[0].export()
     NAMED.unplug()
@@ -80,6 +114,7 @@ def test_a_chip_vanishes_and_returns():
     assert NAMED[0].export().exists()
 
 
+@pytest.mark.sysfs
 def test_a_line_held_by_another_program_cannot_be_exported():
     with chips.line_taken_by_another_program(PLAIN[4]):
         with pytest.raises(OSError) as refusal:
@@ -88,6 +123,7 @@ def test_a_line_held_by_another_program_cannot_be_exported():
     PLAIN[4].export()
 
 
+@pytest.mark.sysfs
 def test_the_kernels_own_simulator_calls_named_lines_by_number():
     with chips.kernel_gpio_simulator("own", 4, {2: "own-door"}) as (base, pull):
         (GPIO_CLASS / "export").write_text(str(base + 2))

@@ -3,11 +3,15 @@
 import re
 import subprocess
 
+import pytest
+
 import chips
 from chips import CHIPS, LABELLED, NAMED, PLAIN
 from describe import element, port
 from gpio_ports import gpio_input
 from sim.bus import MANAGER_PATH, OtherSignal
+
+pytestmark = pytest.mark.pins
 
 PROPERTIES = "org.freedesktop.DBus.Properties"
 
@@ -38,7 +42,8 @@ def test_what_is_here_is_described():
     text = described()
     for chip in CHIPS:
         assert re.search(rf"GPIO chip gpiochip\d+ \(.*\) with {len(chip.lines)} lines", text)
-        assert f"has {len(chip.lines)} from {chip.base} on" in text
+        by_number = f"has {len(chip.lines)} from {chip.base} on"
+        assert (by_number in text) == chips.BY_SYSFS
     for chip in (NAMED, LABELLED):
         assert f"({chip.label}) with" in text
     assert f'<input alias="{NAMED[6].alias}"/>' in text
@@ -57,11 +62,23 @@ def test_a_line_in_use_is_described_as_such():
 def test_every_port_of_the_description_is_one_that_is_here(tmp_path):
     ports = re.findall(r"<!--\s*(<port .*?</port>)\s*-->", described(), re.DOTALL)
     assert len(ports) > len(NAMED.lines) + len(chips.ADCS) + len(chips.SPI_CONVERTERS)
-    # Chips of one parent and one label cannot be told apart by it, and so their lines by their names.
-    alike = [one for one in ports if 'alias="bench-bank-' in one]
+    # Chips of one parent and one label cannot be told apart by it, and so their lines' numbers by
+    # their names.
+    alike = [one for one in ports if chips.BY_SYSFS and 'alias="bench-bank-' in one]
     assert findings(tmp_path, "\n".join(one for one in ports if one not in alike)) == (0, "")
     status, told = findings(tmp_path, "\n".join(alike))
-    assert status == 1 and told.count("several GPIO lines may be called") == len(alike) > 0
+    assert told.count("several GPIO lines may be called") == len(alike)
+    assert (len(alike), status) == ((32, 1) if chips.BY_SYSFS else (0, 0))
+
+
+@pytest.mark.chardev
+def test_a_number_that_nothing_tells_is_told_to_be_a_name(tmp_path):
+    ports = port("door", 0, "input", "gpio", backend_inside=element("input", pin=PLAIN[5].number))
+    ports += port("gate", 1, "input", "gpio", backend_inside=element("input", alias="nobody"))
+    status, told = findings(tmp_path, ports)
+    assert status == 1 and told.count("warning: ") == 2
+    assert "port 'door': no chip tells whether it has pin 105: describe it by alias" in told
+    assert "port 'gate': no GPIO line is called 'nobody'" in told
 
 
 def spiadc(name, number, path):

@@ -2,6 +2,7 @@
 
 import itertools
 import random
+import signal
 import time
 
 import pytest
@@ -10,6 +11,8 @@ from chips import LABELLED, NAMED, PLAIN, WIDE
 from describe import port
 from gpio_ports import gpio_configurable, gpio_input, gpio_output, pin
 from sim.bus import PortChanged, wait_until
+
+pytestmark = pytest.mark.pins
 
 
 def start(device, *ports):
@@ -69,6 +72,7 @@ def test_a_change_of_sense_is_reported_with_the_new_state(device):
     signals.wait_for(PortChanged, port=0, state=False, activelow=True)
 
 
+@pytest.mark.sysfs
 def test_the_sense_of_a_pin_is_set_only_when_described(device):
     cases = [(None, "1", "1"), ("yes", "1", "0"), ("false", "1", "0"), ("true", "0", "1")]
     ports = []
@@ -142,6 +146,26 @@ def test_a_thousand_edges_leave_the_final_state_reported(device):
     assert sum(event.what == "pull" for event in line.history) == 1000
     signals.take()
     assert_pull_is_reported(signals, line, 1 - level, 0, not level)
+
+
+def test_edges_that_nobody_could_take_leave_the_final_state_reported(device):
+    """However many of them the kernel keeps."""
+    line = PLAIN[4]
+    signals = start(device, gpio_input("door", 0, line))
+    for burst in (1, 16, 17, 300, 301):
+        device.process.send_signal(signal.SIGSTOP)
+        try:
+            for _ in range(burst):
+                line.pull(1 - line.level)
+        finally:
+            device.process.send_signal(signal.SIGCONT)
+        state = bool(line.level)
+        wait_until(
+            lambda state=state: signals.pending and signals.pending[-1].state is state,
+            f"{state} after {burst} edges",
+        )
+        assert device.state.GetState(0) is state
+        signals.take()
 
 
 def test_a_thousand_single_edges_are_each_reported(device):

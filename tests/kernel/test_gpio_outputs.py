@@ -8,6 +8,8 @@ from chips import PLAIN, WIDE
 from gpio_ports import gpio_configurable, gpio_output
 from sim.bus import ActionSequenceDone, BusError, PortChanged
 
+pytestmark = pytest.mark.pins
+
 INPUT, OUTPUT, DRIVER = PLAIN[0:3]
 
 
@@ -19,14 +21,6 @@ def settings_of_output(name, activelow):
     )
 
 
-def leave_line(line, level):
-    """Drives a line as a boot loader would, and lets go of it."""
-    line.export()
-    (line.folder / "direction").write_text("high" if level else "low")
-    line.unexport()
-    line.forget_history()
-
-
 def test_outputs_start_at_their_levels_without_a_glitch(device):
     """Whatever the line was before, however pin and port invert."""
     cases = list(
@@ -35,7 +29,7 @@ def test_outputs_start_at_their_levels_without_a_glitch(device):
     ports, settings = [], []
     for i, (line, (before, inverted, activelow)) in enumerate(cases):
         if before is not None:
-            leave_line(line, before)
+            line.leave_at(before)
         ports.append(gpio_output(f"relay{i}", i, line, inverted=inverted))
         settings.append(settings_of_output(f"relay{i}", activelow))
     device.describe("".join(ports))

@@ -1,5 +1,7 @@
 """How pins are found, taken and given back."""
 
+import re
+
 import pytest
 
 import chips
@@ -7,6 +9,8 @@ from chips import BANK_A, BANK_B, LABELLED, LONG, NAMED, PLAIN
 from describe import element, port
 from gpio_ports import gpio_configurable, gpio_input, gpio_output, pin
 from sim.bus import PortChanged
+
+pytestmark = pytest.mark.pins
 
 # Every way to tell a pin on every kind of chip, each on a line of its own.
 WAYS = [
@@ -30,7 +34,7 @@ def test_inputs_are_found_by_number_and_by_name(device):
     device.start()
     signals = device.signals()
     for i, (line, _) in enumerate(WAYS):
-        assert line.exported
+        assert line.taken
         assert_serves(device, signals, line, i)
 
 
@@ -46,14 +50,11 @@ def test_outputs_are_found_by_number_and_by_name(device):
 
 
 def test_a_named_line_of_another_driver_is_found(device):
-    with chips.kernel_gpio_simulator("other", 8, {3: "other-door"}) as (base, pull):
-        by_name = port(
-            "door", 0, "input", "gpio", backend_inside=element("input", alias="other-door")
-        )
-        by_number = port(
-            "gate", 1, "input", "gpio", backend_inside=element("input", pin=base + 5)
-        )
-        device.describe(by_name + by_number)
+    names = {3: "other-door"} if chips.BY_SYSFS else {3: "other-door", 5: "other-gate"}
+    with chips.kernel_gpio_simulator("other", 8, names) as (base, pull):
+        told = {"pin": base + 5} if chips.BY_SYSFS else {"alias": "other-gate"}
+        gate = port("gate", 1, "input", "gpio", backend_inside=element("input", **told))
+        device.describe(named_input("door", 0, "other-door") + gate)
         device.start()
         signals = device.signals()
         for offset, number in ((3, 0), (5, 1)):
@@ -93,7 +94,8 @@ def test_a_pin_that_another_program_holds_drops_only_its_port(device):
     device.describe(gpio_input("held", 0, PLAIN[1]) + gpio_input("door", 1, PLAIN[2]))
     with chips.line_taken_by_another_program(PLAIN[1]):
         device.start()
-    assert device.log_count(r"^WARNING: Failed to allocate pin 101/") == 1
+    told = re.escape(PLAIN[1].told)
+    assert device.log_count(f"^WARNING: Failed to allocate pin {told}$") == 1
     assert list(device.ports()) == [1]
     assert_serves(device, device.signals(), PLAIN[2], 1)
 
@@ -104,7 +106,7 @@ def test_a_port_that_lacks_one_pin_gives_the_others_back(root_device):
     PLAIN[5].refuse_requests()
     root_device.start()
     assert root_device.ports() == {}
-    assert not any(line.exported for line in PLAIN[3:6])
+    assert not any(line.taken for line in PLAIN[3:6])
 
 
 def test_a_refresh_finds_an_optional_port_once_its_pin_is_free(root_device):
@@ -126,9 +128,9 @@ def test_dropped_pins_are_free_for_another_program(root_device, chip):
         gpio_configurable("aux", 0, lines, direction="output", optional="true")
     )
     root_device.start()
-    assert all(line.exported for line in lines)
+    assert all(line.taken for line in lines)
     assert root_device.state.DropIOPorts(["aux"]) == ["aux"]
-    assert not any(line.exported for line in lines)
+    assert not any(line.taken for line in lines)
     for line in lines:
         with chips.line_taken_by_another_program(line):
             pass
@@ -213,17 +215,18 @@ def test_a_vanished_chip_does_not_keep_the_daemon_busy(device):
     assert len(device.log) < 50
 
 
+@pytest.mark.sysfs
 def test_a_pin_that_was_exported_already_is_used_and_left(root_device):
     PLAIN[12].export()
     root_device.describe(gpio_input("door", 0, PLAIN[12], optional="true"))
     root_device.start()
     assert_serves(root_device, root_device.signals(), PLAIN[12], 0)
     root_device.state.DropIOPorts(["door"])
-    assert PLAIN[12].exported
+    assert PLAIN[12].taken
     root_device.state.RefreshIOPorts()
     assert_serves(root_device, root_device.signals(), PLAIN[12], 0)
     root_device.stop()
-    assert PLAIN[12].exported
+    assert PLAIN[12].taken
 
 
 def test_the_end_of_the_daemon_gives_all_pins_back(root_device):
@@ -234,13 +237,13 @@ def test_the_end_of_the_daemon_gives_all_pins_back(root_device):
         + gpio_output("relay", 2, lines[4], by="alias")
     )
     root_device.start()
-    assert all(line.exported for line in lines)
+    assert all(line.taken for line in lines)
     root_device.stop()
-    assert not any(line.exported for line in lines)
+    assert not any(line.taken for line in lines)
 
 
-def test_the_next_life_serves_pins_that_this_one_could_not_give_back(device):
-    """The daemon's own user may not unexport, so the pins stay exported when it ends."""
+def test_the_next_life_serves_the_same_pins(device):
+    """The daemon's own user may not unexport, so exported ones stay so when it ends."""
     device.describe(
         gpio_input("door", 0, NAMED[1], by="alias", inverted="true")
         + gpio_output("relay", 1, PLAIN[14], inverted="true")
@@ -255,7 +258,9 @@ def test_the_next_life_serves_pins_that_this_one_could_not_give_back(device):
     assert PLAIN[14].level == 0
 
 
-def test_a_second_pin_of_the_same_number_is_refused_or_shared_without_harm(device):
+def test_a_second_pin_of_the_same_line_is_refused_or_shared_without_harm(device):
+    if not chips.BY_SYSFS:
+        device.expect("CRITICAL.*libugpio_port_setup.*port->optional")
     device.describe(gpio_input("door", 0, PLAIN[15]) + gpio_input("gate", 1, PLAIN[15]))
     device.start()
     signals = device.signals()
@@ -274,6 +279,8 @@ def test_io_ctrl_without_its_pins_drops_the_port(device):
     assert list(device.ports()) == [1]
 
 
+# How the kernel's character devices tell a line.
+PLACE = r"\d+ of /dev/gpiochip\d+"
 LONG_LABEL = "a-chip-with-a-label-longer-than-31-characters"
 
 
@@ -307,12 +314,16 @@ def test_a_name_on_two_chips_is_refused_with_both(device):
         device.describe(named_input("door", 0, "door") + gpio_input("gate", 1, PLAIN[0]))
         device.start()
         assert list(device.ports()) == [1]
-        both = " or ".join(map(str, sorted((left + 3, right + 5))))
-        told = f"^WARNING: Line 'door' may be pin {both}: describe the one that is meant by number$"
-        assert device.log_count(told) == 1
+        if chips.BY_SYSFS:
+            both = " or ".join(map(str, sorted((left + 3, right + 5))))
+            told = f"pin {both}: describe the one that is meant by number$"
+        else:
+            told = f"line {PLACE} or line {PLACE}: only a name that no other line has can tell a pin$"
+        assert device.log_count(f"^WARNING: Line 'door' may be {told}") == 1
         device.stop()
 
 
+@pytest.mark.sysfs
 @pytest.mark.parametrize("line", [BANK_A[3], BANK_B[3]], ids=repr)
 def test_a_name_on_a_bank_that_cannot_be_told_is_refused_with_both(device, line):
     device.expect("CRITICAL.*libugpio_port_setup.*port->optional")
@@ -333,7 +344,7 @@ def test_a_line_with_a_longer_name_than_the_kernel_tells_is_found(root_device, b
         assert_serves(root_device, root_device.signals(), line, 0)
         root_device.state.DropIOPorts(["door"])
         root_device.state.RefreshIOPorts()
-    assert line.exported
+    assert line.taken
 
 
 def test_longer_names_that_differ_behind_what_the_kernel_tells_are_refused(device):
@@ -344,7 +355,8 @@ def test_longer_names_that_differ_behind_what_the_kernel_tells_are_refused(devic
         device.describe(named_input("left", 0, names[1]) + named_input("short", 1, names[3]))
         device.start()
         assert list(device.ports()) == [1]
-        assert device.log_count(f"may be pin {base + 1} or {base + 2}: ") == 1
+        both = f"pin {base + 1} or {base + 2}" if chips.BY_SYSFS else f"line {PLACE} or line {PLACE}"
+        assert device.log_count(f"may be {both}: ") == 1
         pull(3, 1)
         device.signals()
         assert device.state.GetState(1) is True

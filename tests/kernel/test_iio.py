@@ -102,7 +102,7 @@ def test_a_fault_of_the_description_drops_only_its_port(root_device, fault, mess
     assert list(root_device.ports()) == [1]
     assert root_device.log_count(f"^WARNING: {message}") == 1
     assert root_device.log_count("^WARNING: Failed to setup iio device.") == 1
-    assert not any(line.exported for line in (IIO.inputs, IIO.ioctrl, IIO.sioctrl))
+    assert not any(line.taken for line in (IIO.inputs, IIO.ioctrl, IIO.sioctrl))
 
 
 def test_a_trigger_that_cannot_be_made_is_told_by_its_folder(root_device):

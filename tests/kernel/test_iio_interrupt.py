@@ -296,7 +296,7 @@ def test_a_fault_of_the_description_drops_only_its_port(root_device, fault, mess
     assert root_device.log_count(f"^WARNING: {message}") == 1
     assert root_device.log_count("^WARNING: Failed to setup iio device.") == 1
     lines = (IIO_INTERRUPT.inputs, IIO_INTERRUPT.ioctrl, IIO_INTERRUPT.sioctrl)
-    assert not any(line.exported for line in lines)
+    assert not any(line.taken for line in lines)
     assert not any("iio" in target for target in root_device.descriptors)
 
 
@@ -322,7 +322,7 @@ def test_an_event_file_that_cannot_be_opened_drops_only_its_port(
             "WARNING: Failed to setup iio device.",
         ]
         assert list(root_device.ports()) == [1]
-        assert not any(line.exported for line in (kind.inputs, kind.ioctrl, kind.sioctrl))
+        assert not any(line.taken for line in (kind.inputs, kind.ioctrl, kind.sioctrl))
         assert not any("iio" in target for target in root_device.descriptors)
         root_device.stop()
 

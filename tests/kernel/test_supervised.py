@@ -6,6 +6,8 @@ import pytest
 from sim.bus import BusError, PortChanged, wait_until
 from supervised_ports import IIO, IIO_INTERRUPT, KINDS, LEVELS, RANGES, SPI, Supervision
 
+pytestmark = pytest.mark.pins
+
 EVERY_KIND = pytest.mark.parametrize("kind", KINDS, ids=repr)
 
 
@@ -188,7 +190,7 @@ def test_an_end_in_any_mode_is_clean(root_device, kind):
         supervision.SetSupervised(0, supervised)
         root_device.stop()
         lines = (kind.inputs, kind.ioctrl, kind.sioctrl)
-        assert not any(line.exported for line in lines)
+        assert not any(line.taken for line in lines)
 
 
 @EVERY_KIND

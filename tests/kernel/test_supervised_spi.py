@@ -10,6 +10,8 @@ from gpio_ports import gpio_input
 from sim.bus import BusError, PortChanged, wait_until
 from supervised_ports import SPI, Supervision
 
+pytestmark = pytest.mark.pins
+
 CONVERTER = SPI.chip
 
 
@@ -45,7 +47,7 @@ def test_a_converter_that_cannot_be_set_up_drops_only_its_port(
     assert list(root_device.ports()) == [1]
     told = [line for line in root_device.log if line.startswith("WARNING")]
     assert told[:2] == [f"WARNING: {message}", "WARNING: Failed to open spi device."]
-    assert not any(line.exported for line in (SPI.inputs, SPI.ioctrl, SPI.sioctrl))
+    assert not any(line.taken for line in (SPI.inputs, SPI.ioctrl, SPI.sioctrl))
     assert not any("spidev" in target for target in root_device.descriptors)
 
 

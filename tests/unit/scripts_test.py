@@ -74,6 +74,7 @@ class TheScripts(unittest.TestCase):
             ["build", "nothing"], ["build", "base"], ["test", "format", "nothing"],
             ["bench", "--write"], ["cross", "arm64", "nothing"], ["fuzz", "nothing"],
             ["fuzz", "-t", "soon"], ["kernel-bench", "-k"], ["kernel-bench", "--junitxml"],
+            ["kernel-bench", "--pins"], ["kernel-bench", "--pins", "both"],
         ):  # fmt: skip
             with self.subTest(call):
                 done = self.call(*call)

@@ -16,6 +16,12 @@
  * The banks have one parent and one label, so that no file tells which of the
  * two number bases is whose.
  *
+ * Without GPIO files in sysfs, all names are in the line descriptors, those of
+ * plain and wide as well, and the kernel chooses the bases: it never forgets a
+ * chip that goes while a line of it is requested. The chip could not return to
+ * a base of its own then, and the kernel crashes when one comes that has names
+ * itself.
+ *
  * Each chip is a platform device, so writing its name to the driver's
  * `unbind` and `bind` files makes it vanish and return.
  *
@@ -40,6 +46,8 @@
 
 #define LINES_MAX 32
 #define HISTORY_SIZE 4096
+/* Nothing outside the kernel numbers pins, which need names then */
+#define NO_NUMBERS !IS_ENABLED(CONFIG_GPIO_SYSFS)
 
 enum record_kind { REC_REQUEST, REC_FREE, REC_IN, REC_OUT, REC_SET, REC_PULL };
 
@@ -97,7 +105,7 @@ static const struct chip_plan plans[] = {
 };
 
 static struct platform_device *devices[ARRAY_SIZE(plans)];
-static struct fwnode_handle *names_node;
+static struct fwnode_handle *names_nodes[ARRAY_SIZE(plans)];
 static struct dentry *debug_root;
 static struct device *banks_parent;
 
@@ -395,6 +403,16 @@ static const char **make_names(struct device *dev, const struct chip_plan *plan)
 	return names;
 }
 
+static bool has_names_in_chip(const struct chip_plan *plan)
+{
+	return plan->in_chip && !NO_NUMBERS;
+}
+
+static bool has_names_in_descriptors(const struct chip_plan *plan)
+{
+	return plan->in_descriptors || NO_NUMBERS;
+}
+
 static int bench_probe(struct platform_device *pdev)
 {
 	const struct chip_plan *plan = &plans[pdev->id];
@@ -410,8 +428,9 @@ static int bench_probe(struct platform_device *pdev)
 	chip->gc = (struct gpio_chip){
 		.label = plan->bank ? "bank" : plan->label,
 		.parent = plan->bank ? banks_parent : dev,
+		.fwnode = dev_fwnode(dev),
 		.owner = THIS_MODULE,
-		.base = plan->base,
+		.base = NO_NUMBERS ? -1 : plan->base,
 		.ngpio = plan->ngpio,
 		.request = bench_request,
 		.free = bench_free,
@@ -422,7 +441,7 @@ static int bench_probe(struct platform_device *pdev)
 		.set = bench_set,
 		.to_irq = bench_to_irq,
 	};
-	if (plan->in_chip) {
+	if (has_names_in_chip(plan)) {
 		chip->gc.names = make_names(dev, plan);
 		if (!chip->gc.names)
 			return -ENOMEM;
@@ -450,30 +469,32 @@ static struct platform_driver bench_driver = {
 	.driver = { .name = "bench-gpio" },
 };
 
-/* Line names that only the descriptors know travel as a device property. */
-static struct platform_device *add_device(const struct chip_plan *plan, int id)
+/* Line names that only the descriptors know travel as a device property. A node
+ * of our own outlives the chip's going; one that the device manages is put once
+ * too often then. */
+static struct fwnode_handle *create_names_node(const struct chip_plan *plan)
 {
-	static const char *const labelled[] = {
-		"bench-labelled-0",  "bench-labelled-1",  "bench-labelled-2",
-		"bench-labelled-3",  "bench-labelled-4",  "bench-labelled-5",
-		"bench-labelled-6",  "bench-labelled-7",  "bench-labelled-8",
-		"bench-labelled-9",  "bench-labelled-10", "bench-labelled-11",
-		"bench-labelled-12", "bench-labelled-13", "bench-labelled-14",
-		"bench-labelled-15",
-	};
-	static const struct property_entry properties[] = {
-		PROPERTY_ENTRY_STRING_ARRAY("gpio-line-names", labelled),
+	const char **names = make_names(banks_parent, plan);
+	struct property_entry properties[] = {
+		PROPERTY_ENTRY_STRING_ARRAY_LEN("gpio-line-names", names,
+						plan->ngpio),
 		{}
 	};
+
+	if (!names)
+		return ERR_PTR(-ENOMEM);
+	return fwnode_create_software_node(properties, NULL);
+}
+
+static struct platform_device *add_device(const struct chip_plan *plan, int id)
+{
 	struct platform_device_info info = { .name = "bench-gpio", .id = id };
 
-	if (plan->in_descriptors) {
-		/* A node of our own outlives the chip's going; one that the
-		 * device manages is put once too often then. */
-		names_node = fwnode_create_software_node(properties, NULL);
-		if (IS_ERR(names_node))
-			return ERR_CAST(names_node);
-		info.fwnode = names_node;
+	if (has_names_in_descriptors(plan)) {
+		names_nodes[id] = create_names_node(plan);
+		if (IS_ERR(names_nodes[id]))
+			return ERR_CAST(names_nodes[id]);
+		info.fwnode = names_nodes[id];
 	}
 	return platform_device_register_full(&info);
 }
@@ -482,10 +503,11 @@ static void remove_devices(void)
 {
 	unsigned int i;
 
-	for (i = 0; i < ARRAY_SIZE(plans); i++)
+	for (i = 0; i < ARRAY_SIZE(plans); i++) {
 		if (!IS_ERR_OR_NULL(devices[i]))
 			platform_device_unregister(devices[i]);
-	fwnode_remove_software_node(names_node);
+		fwnode_remove_software_node(names_nodes[i]);
+	}
 }
 
 static int __init bench_init(void)
