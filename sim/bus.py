@@ -182,8 +182,7 @@ class Bus:
             raise AssertionError(f"the private bus did not start: {log.read_text()}")
 
     def close(self):
-        self.process.kill()
-        self.process.wait()
+        sandbox.end(self.process)
         self.process.stdout.close()
 
 

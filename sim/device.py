@@ -229,9 +229,12 @@ class Device:
     def kill(self):
         """Ends the daemon at once, without giving it a word."""
         if self.running:
-            with contextlib.suppress(OSError):
-                pid = self._init_pid and sandbox.child_of(self._init_pid)
-                os.kill(pid or self.process.pid, signal.SIGKILL)
+            daemon = self._init_pid and sandbox.child_of(self._init_pid)
+            if daemon is None:
+                sandbox.end(self.process)
+                return
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(daemon, signal.SIGKILL)
             self.process.wait()
 
     def wait_exit(self, status=0):

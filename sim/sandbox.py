@@ -11,8 +11,10 @@ that its change to the unprivileged user is the real one. Run by an ordinary use
 user's identity, and the change fails as it does for any ordinary user.
 """
 
+import contextlib
 import os
 import pathlib
+import signal
 import subprocess
 
 # Three different numbers, unlikely on any host, so that a mix-up of user and group shows.
@@ -143,6 +145,19 @@ class Sandbox:
     def _nodes(self):
         for node in sorted(self.path("/dev").glob("*")):
             yield from ("--bind", str(node), f"/dev/{node.name}")
+
+
+def end(process):
+    """Ends what was started in a sandbox, and waits for it.
+
+    The sandbox's own first process goes first: it follows the one outside by itself, but not if that
+    goes before it has asked the kernel to be told.
+    """
+    for pid in children_of(process.pid):
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(pid, signal.SIGKILL)
+    process.kill()
+    process.wait()
 
 
 def child_of(pid):

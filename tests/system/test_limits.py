@@ -153,9 +153,12 @@ def test_many_sequences_at_once_leave_little_behind(device):
     device.start()
     before = private_kib(device)
     signals = device.signals()
+    # The last step is held, so that they are all there at once, however slowly they are started.
+    steps = [(step % 2 == 0, 2) for step in range(400)] + [(True, 1_000_000)]
     for number in numbers:
-        steps = [(step % 2 == 0, 2) for step in range(400)]
         device.state.StartActionSequence(number, False, steps)
+    for number in numbers:
+        device.manager.StopSequence(number)
     for number in numbers:
         signals.wait_for(ActionSequenceDone, port=number)
     wait_until(
