@@ -47,7 +47,7 @@ cross_libraries=(libglib2.0-dev libfmt-dev libncurses-dev libgtest-dev libgmock-
 test_packages=(
   "${build_packages[@]}" "${bench_packages[@]}" "${fuzz_packages[@]}" "${picture_packages[@]}"
   "${kernel_packages[@]}" "${pack_packages[@]}"
-  git clang-format clang-tidy shellcheck libxml2-utils
+  git ccache clang-format clang-tidy shellcheck libxml2-utils
   python3-pytest-xdist python3-pytest-timeout python3-jsonschema
   umockdev strace debootstrap binutils zsh fish man-db lintian
   libsdbus-c++-dev libsystemd-dev nodejs make pandoc jq libmosquitto-dev libssl-dev mosquitto mosquitto-clients openssl
@@ -142,6 +142,13 @@ build_preset() {
   local preset=$1
   cmake --preset "$preset" || return
   cmake --build --preset "$preset"
+}
+
+# Has what was compiled before, in this checkout or another one, not compiled again.
+use_ccache() {
+  export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+  # A checkout elsewhere has other paths and the same text; precompiled headers hold the time.
+  export CCACHE_BASEDIR=$top CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=pch_defines,time_macros
 }
 
 # Builds these targets of what ships into build/release/; where that is the first build, without the
