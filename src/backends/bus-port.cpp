@@ -3,6 +3,7 @@
 #include "platform/bus-call.h"
 #include "platform/bus-connection.h"
 #include "platform/log.h"
+#include "port/port-place.h"
 
 #include <utility>
 #include <vector>
@@ -22,6 +23,7 @@ void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* sign
   if (g_variant_get_int32(number) != bus->port->number) {
     return;
   }
+  const PortPlace place(bus->port);
   g_autoptr(GVariant) told = g_variant_get_child_value(arguments, 1);
   const SupervisedState state = bus->followed->state_of(told);
   if (state != bus->state) {

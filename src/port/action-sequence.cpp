@@ -7,6 +7,7 @@
 #include "platform/memory.h"
 #include "platform/mutex.h"
 #include "port/port-observer.h"
+#include "port/port-place.h"
 
 #include <algorithm>
 #include <chrono>
@@ -153,6 +154,7 @@ SequenceStart io_port_run_action_sequence(IoPort* ioport, ActionSequence steps) 
   const bool hardware_step = !steps.front().is_virtual;
   if ((hardware_step && (io_port_input(ioport) || ioport->backend == BACKEND_VIRTUAL))
       || !ioport->is_setup) {
+    const PortPlace place(ioport);
     g_warning("%sSet action seq on incorrect port", log_prefix);
     return SequenceStart::Refused;
   }

@@ -101,6 +101,7 @@ void io_port_close(IoPort* ioport) {
     return;
   }
   const PortGate::Configuration change(ioport->gate);
+  const PortPlace place(ioport);
   ioport->is_setup = false;
   for (const auto& event : ioport->events) {
     io_event_mark_stale(event.get());

@@ -4,6 +4,7 @@
 #include "platform/checks.h"
 #include "platform/log.h"
 #include "port/errors.h"
+#include "port/port-place.h"
 
 #include <tuple>
 
@@ -29,6 +30,7 @@ bool io_port_set_supervised(IoPort* port, bool supervised) {
     return false;
   }
   const PortGate::Configuration change(port->gate);
+  const PortPlace place(port);
   port->supervised = supervised;
   if (port->functions->set_supervised != nullptr) {
     port->functions->set_supervised(port);
@@ -99,6 +101,7 @@ std::optional<SupervisedReadout> io_port_get_supervised_readout(IoPort* port, GE
     return std::nullopt;
   }
   const MutexLock guard(port->readout_lock);
+  const PortPlace place(port);
   return port->functions->get_supervised_readout(port, error);
 }
 

@@ -6,6 +6,7 @@
 #include "platform/checks.h"
 #include "platform/log.h"
 #include "port/port-observer.h"
+#include "port/port-place.h"
 
 #include <string_view>
 #include <tuple>
@@ -95,6 +96,7 @@ bool io_port_set_direction(IoPort* ioport, Direction direction) {
   }
 
   const PortGate::Configuration change(ioport->gate);
+  const PortPlace place(ioport);
   ioport->direction = direction;
   if (ioport->is_setup) {
     ioport->functions->set_direction(ioport, direction);
@@ -120,11 +122,13 @@ bool io_port_get_state(IoPort* ioport) {
     return false;
   }
   g_assert(ioport->functions != NULL);
+  const PortPlace place(ioport);
   const Level level = ioport->functions->get_state(ioport);
   return level != Level::Unknown && (level == Level::High) != activelow_of_current_side(ioport);
 }
 
 void io_port_set_state_internal(IoPort* ioport, bool state) {
+  const PortPlace place(ioport);
   const bool before = io_port_get_state(ioport);
   ioport->functions->set_state(ioport, level_of(state != ioport->activelow_output));
   const bool after = io_port_get_state(ioport);
@@ -136,6 +140,7 @@ void io_port_set_state_internal(IoPort* ioport, bool state) {
 bool io_port_set_state(IoPort* ioport, bool state) {
   WEXD_ASSERT_NONNULL(ioport);
   if (io_port_input(ioport) || ioport->backend == BACKEND_VIRTUAL || !ioport->is_setup) {
+    const PortPlace place(ioport);
     g_warning("%sSet state on incorrect port", log_prefix);
     return false;
   }

@@ -8,6 +8,7 @@ from describe import element, failing, port
 from test_gpio_files import export
 
 from sim.device import DESCRIPTION
+from sim.peers import IoBox
 
 PINS = "/sys/class/gpio"
 
@@ -54,6 +55,35 @@ def test_a_place_that_a_message_has_is_not_told_again(device):
     start(device, '<port name="lock"><backend name="none"/></port>')
     assert device.log_count("names no known backend") == 1
     assert device.log_count("^MESSAGE: /usr") == 0
+
+
+def test_a_pin_that_cannot_be_driven_is_told_with_its_port(device):
+    start(device, port("lock", 3, "output", "spi", backend_inside=element("output", pin=18)))
+    refused = r"Failed to set gpio pin \(null\): "
+    before = device.log_count(refused)
+    device.state.SetState(3, True)
+    device.wait_for_log(refused, count=before + 1)
+    device.sync()
+    last = max(i for i, line in enumerate(device.log) if re.search(refused, line))
+    assert device.log[last + 1] == PLACE
+
+
+def test_what_a_box_tells_wrongly_is_told_with_its_port(device):
+    box = IoBox(device, states={"3": "closed"})
+    start(device, port("lock", 3, "input", "iobox"))
+    box.line(3, "ajar")
+    device.wait_for_log("Unrecognized iobox supervised state: ajar")
+    device.sync()
+    assert following(device, "Unrecognized iobox supervised state: ajar")[0] == PLACE
+
+
+def test_a_box_that_cannot_be_told_is_told_with_its_port(device):
+    box = IoBox(device, states={"3": "closed"})
+    start(device, port("lock", 3, "output", "iobox"))
+    box.fail("SetIOMode")
+    device.state.SetState(3, True)
+    device.sync()
+    assert following(device, "Failed to call method SetIOMode: ")[0] == PLACE
 
 
 def converter(kind, **device):
