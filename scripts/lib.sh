@@ -33,6 +33,7 @@ pack_packages=(debhelper dpkg-dev file)
 # The bench kernel and what it is built with, the machine, and what its guest runs from /usr.
 kernel_packages=(
   linux-source-6.1 xz-utils make gcc flex bison bc libelf-dev libssl-dev
+  libglib2.0-dev pkg-config
   qemu-system-x86
   kmod udev dbus-daemon python3 python3-gi gir1.2-glib-2.0 python3-pytest python3-pytest-timeout
 )

@@ -1,31 +1,40 @@
 """What an edge and a watched or polled input cost, on the bench kernel.
 
 Everything that the daemon is measured by is measured beside it in the same
-run: how fast an edge reaches any program that polls the line, and how fast a
-signal gets from one bus connection to another. The machine is emulated, so
-only the proportions mean something on other hardware.
+run, by a program in C that sends and receives (guest/edge-bench.c): how fast
+an edge reaches any program that polls the line, and how fast a signal gets
+from one bus connection to another. Pins are exported in sysfs and requested
+on their chip by turns, as far as the kernel has both. The machine is
+emulated, so only the proportions mean something on other hardware.
 """
 
-import os
+import collections
+import contextlib
 import pathlib
-import select
 import statistics
+import subprocess
 import sys
 import time
 
-from gi.repository import Gio, GLib
-
 import chips
-from chips import PLAIN, WIDE
+from chips import LABELLED, WIDE
 from describe import element, port
 from gpio_ports import gpio_input
 from guest_device import GuestDevice
-from sim.bus import PortChanged, wait_until
+from sim.bus import wait_until
 
-EDGES = 500
+# Blocks of rounds, in which the ways to a pin take turns.
+BLOCKS, ROUNDS = 5, 100
 REST_S = 10
+DEADLINE_S = 120
 SETTLING_US = 500
 BINARY = pathlib.Path("/bench/wexd")
+EDGE_BENCH = pathlib.Path("/bench/edge-bench")
+# The daemon where the kernel's GPIO files in sysfs are out of its sight.
+WITHOUT_SYSFS = """#!/bin/sh
+exec unshare --mount sh -c 'mount -t tmpfs none /sys/class/gpio && exec /bench/wexd "$@"' wexd "$@"
+"""
+ROWS = ("edge to a bare poll loop", "signal from connection to connection", "edge to PortChanged at a client")
 
 
 def show(what, samples_us):
@@ -37,74 +46,62 @@ def show(what, samples_us):
     return cuts[49]
 
 
-def timed(act, count):
-    """Durations in us of count calls; act gets 1, 0, 1, ... and returns when the effect is there."""
-    durations = []
-    for i in range(count):
-        level = 1 - i % 2
-        started = time.monotonic_ns()
-        act(level)
-        durations.append((time.monotonic_ns() - started) / 1000)
-    return durations
-
-
-def edges_at_a_bare_poll_loop(line):
+@contextlib.contextmanager
+def exported(line):
+    """The line for a poll loop, as edge-bench is told of it."""
     folder = line.export()
     (folder / "edge").write_text("both")
-    value = os.open(folder / "value", os.O_RDONLY)
-    poll = select.poll()
-    poll.register(value, select.POLLERR)
-    os.pread(value, 1, 0)
-
-    def pull_and_wait(level):
-        line.pull(level)
-        poll.poll()
-        assert os.pread(value, 1, 0) == b"%d" % level
-
-    samples = timed(pull_and_wait, EDGES)
-    os.close(value)
+    yield folder / "value", "-"
     line.unexport()
-    return samples
 
 
-def signal_to_another_connection(device):
-    """Returns the call that sends a signal from one connection to another, by way of the same bus
-    and the same binding, and returns when it is there."""
-    arrived = []
-    sender, receiver = device.client().connection, device.client().connection
-    receiver.signal_subscribe(
-        None, "bench.Floor", None, "/bench", None, Gio.DBusSignalFlags.NONE,
-        lambda *arguments: arrived.append(arguments[-1].unpack()),
-    )  # fmt: skip
-    context = GLib.MainContext.default()
-
-    def emit_and_wait(level):
-        arrived.clear()
-        values = GLib.Variant("(ibbbbbb)", (0, False, False, True, False, bool(level), False))
-        sender.emit_signal(None, "/bench", "bench.Floor", "PortChanged", values)
-        while not arrived:
-            context.iteration(True)
-
-    timed(emit_and_wait, 20)
-    return emit_and_wait
+@contextlib.contextmanager
+def left_to_be_requested(line):
+    yield line.chip.node, line.offset
 
 
-def edges_at_a_client_of_the_daemon(device, line):
-    device.describe(gpio_input("door", 0, line))
-    device.start()
-    signals = device.signals()
-    context = GLib.MainContext.default()
+def block_of_rounds(binary, polled):
+    """(loop, bus, port) in us, with a daemon of its own and no line that another left exported."""
+    LABELLED.reset()
+    with GuestDevice(binary) as device:
+        device.quiet = True
+        device.describe(gpio_input("door", 0, LABELLED[1], by="alias"))
+        device.start()
+        with polled(LABELLED[0]) as place:
+            command = [EDGE_BENCH, device.bus_address, ROUNDS, LABELLED[0].pull_file, *place,
+                       LABELLED[1].pull_file]  # fmt: skip
+            done = subprocess.run(map(str, command), stdout=subprocess.PIPE, text=True, check=True,
+                                  timeout=DEADLINE_S)  # fmt: skip
+        device.stop()
+    return [tuple(map(float, line.split())) for line in done.stdout.splitlines()]
 
-    def pull_and_wait(level):
-        line.pull(level)
-        while not signals.pending:
-            context.iteration(True)
-        assert signals.pending.pop() == PortChanged(0, False, False, True, False, bool(level), False)
 
-    timed(pull_and_wait, 20)
-    samples = timed(pull_and_wait, EDGES)
-    device.stop()
-    return samples
+def ways_to_a_pin():
+    wrapper = pathlib.Path("/tmp/wexd-without-sysfs")
+    wrapper.write_text(WITHOUT_SYSFS)
+    wrapper.chmod(0o755)
+    if not chips.BY_SYSFS:
+        return {"character device": (BINARY, left_to_be_requested)}
+    return {
+        "sysfs": (BINARY, exported),
+        "character device": (wrapper, left_to_be_requested),
+    }
+
+
+def edges():
+    """The medians of every row, for each way to a pin."""
+    taken = collections.defaultdict(list)
+    for _ in range(BLOCKS):
+        for name, way in ways_to_a_pin().items():
+            taken[name] += block_of_rounds(*way)
+    for name, rounds in taken.items():
+        print(f"\n{name + ', us':<44}{'min':>8}{'median':>8}{'p90':>8}{'p99':>8}{'max':>8}")
+        loop, bus, edge = (show(row, samples) for row, samples in zip(ROWS, zip(*rounds)))
+        own = statistics.median(edge_us - loop_us - bus_us for loop_us, bus_us, edge_us in rounds)
+        print(
+            f"the daemon's share: {edge - loop - bus - SETTLING_US:.0f} us between the medians, "
+            f"{own - SETTLING_US:.0f} us in the median round, besides {SETTLING_US} us of settling"
+        )
 
 
 def share_of_a_processor(device):
@@ -121,35 +118,27 @@ def polled_input(i, line):
     return port(f"in{i}", i, "input", "sysfs", backend_inside=where)
 
 
-def processor_shares(device):
-    device.describe("".join(gpio_input(f"in{i}", i, line) for i, line in enumerate(WIDE.lines)))
+def share_of_ports(device, ports):
+    device.describe("".join(ports))
     device.start()
-    watched = share_of_a_processor(device)
+    wait_until(lambda: len(device.ports()) == 32, "32 ports")
+    share = share_of_a_processor(device)
     device.stop()
     WIDE.reset()
-    device.describe("".join(polled_input(i, line) for i, line in enumerate(WIDE.lines)))
-    device.start()
-    wait_until(lambda: len(device.ports()) == 32, "32 polled ports")
-    polled = share_of_a_processor(device)
-    device.stop()
-    return watched, polled
+    return share
 
 
 def main():
     for chip in chips.CHIPS:
         chip.reset()
+    edges()
     with GuestDevice(BINARY) as device:
         device.quiet = True
-        print(f"{'us':<44}{'min':>8}{'median':>8}{'p90':>8}{'p99':>8}{'max':>8}")
-        poll = show("edge to a bare poll loop", edges_at_a_bare_poll_loop(PLAIN[0]))
-        signals = timed(signal_to_another_connection(device), EDGES)
-        bus = show("signal from connection to connection", signals)
-        edge = show("edge to PortChanged at a client", edges_at_a_client_of_the_daemon(device, PLAIN[1]))
-        own = edge - poll - bus
-        print(f"the daemon's share of the median: {own:.0f} us, of which {SETTLING_US} us settling")
-        watched, polled = processor_shares(device)
-        print(f"processor share of 32 watched pins at rest: {watched:.3%}")
-        print(f"processor share of 32 inputs polled every 20 ms: {polled:.3%}")
+        watched = share_of_ports(device, (gpio_input(f"in{i}", i, line) for i, line in enumerate(WIDE.lines)))
+        print(f"\nprocessor share of 32 watched pins at rest: {watched:.3%}")
+        if chips.BY_SYSFS:
+            polled = share_of_ports(device, (polled_input(i, line) for i, line in enumerate(WIDE.lines)))
+            print(f"processor share of 32 inputs polled every 20 ms: {polled:.3%}")
     return 0 if watched == 0 else 1
 
 
