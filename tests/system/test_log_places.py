@@ -165,6 +165,14 @@ def test_no_files_for_pins_are_missed_where_there_is_a_chip(device):
     assert device.log_count("^WARNING: No chip tells whether it has pin 18: describe it by alias$") == 1
 
 
+def test_a_daemon_that_is_built_for_sysfs_asks_no_chip(make_device, binary):
+    device = make_device(binary=binary.parent / "tests" / "wexd-sysfs-pins")
+    device.write("/dev/gpiochip7", "")
+    start(device, gpio(optional="true"))
+    assert device.log_count("^WARNING: Failed to allocate pin 18/") == 1
+    assert device.log_count("No chip tells") == 0
+
+
 def test_nothing_is_missed_that_is_there(device):
     for folder in ("/sys/bus/spi", "/sys/class/spidev"):
         device.path(folder).mkdir(parents=True)
