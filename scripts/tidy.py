@@ -4,6 +4,7 @@ Has clang-tidy look at every source of src/ that BUILD_FOLDER is made of. What i
 with is known by a sum of all that it saw, kept under ${XDG_CACHE_HOME:-~/.cache}/wexd/tidy, and is not
 looked at again. The exit status is 1 when anything was found."""
 
+import collections
 import concurrent.futures
 import functools
 import hashlib
@@ -44,20 +45,25 @@ def sum_of(path):
     return hashlib.sha256(path.read_bytes()).hexdigest()
 
 
-def key_of(entry, wanted):
-    files = files_read(entry)
-    # A checkout elsewhere has other paths and the same text.
-    whole = [wanted, entry["command"].replace(str(TOP), ""), *map(sum_of, files)]
-    return CACHE / hashlib.sha256("\0".join(whole).encode()).hexdigest() if files else None
+def key_of(entries, wanted):
+    """Of all the ways in which a source is compiled."""
+    whole = [wanted]
+    for entry in entries:
+        files = files_read(entry)
+        if not files:
+            return None
+        # A checkout elsewhere has other paths and the same text.
+        whole += [entry["command"].replace(str(TOP), ""), *map(sum_of, files)]
+    return CACHE / hashlib.sha256("\0".join(whole).encode()).hexdigest()
 
 
-def complaints(entry, build, wanted):
+def complaints(entries, build, wanted):
     """What the tool says of one source, empty where nothing is wrong."""
-    key = key_of(entry, wanted)
+    key = key_of(entries, wanted)
     if key and key.exists():
         key.touch()
         return ""
-    found = output_of("clang-tidy", "--quiet", "-p", build, entry["file"])
+    found = output_of("clang-tidy", "--quiet", "-p", build, entries[0]["file"])
     if found.returncode:
         return found.stdout + found.stderr
     if key:
@@ -75,11 +81,13 @@ def forget_old():
 def main(build):
     CACHE.mkdir(parents=True, exist_ok=True)
     forget_old()
-    entries = json.loads((pathlib.Path(build) / "compile_commands.json").read_text())
-    sources = {e["file"]: e for e in entries if e["file"].startswith(f"{TOP}/src/") and e["file"].endswith(".cpp")}
+    sources = collections.defaultdict(list)
+    for entry in json.loads((pathlib.Path(build) / "compile_commands.json").read_text()):
+        if entry["file"].startswith(f"{TOP}/src/") and entry["file"].endswith(".cpp"):
+            sources[entry["file"]].append(entry)
     wanted = rules()
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        found = list(pool.map(lambda entry: complaints(entry, build, wanted), sources.values()))
+        found = list(pool.map(lambda entries: complaints(entries, build, wanted), sources.values()))
     print("".join(found), end="")
     return 1 if any(found) or not sources else 0
 
