@@ -55,8 +55,7 @@ std::optional<bool> read_state(IoPort* port) {
 
 // What the line did before the reading is in it; edges from then on are another reading's.
 std::optional<bool> read_state_after_edges(IoPort* port, ugpio_t* pin) {
-  ugpio_take_edges(pin);
-  return read_state(port);
+  return ugpio_take_edges(pin) != -1 ? read_state(port) : std::nullopt;
 }
 
 // Reports the state until it holds still; false, with errno set, once it cannot be read. The pin is
@@ -221,8 +220,8 @@ void LogicWatch::rest(int reason) {
 bool LogicWatch::serve() {
   const PortPlace place(port_);
   errno = 0;
-  ugpio_take_edges(pin_->handle);
-  if (ugpio_get_value(pin_->handle) != -1 && report_state(port_, pin_->handle)) {
+  if (ugpio_take_edges(pin_->handle) != -1 && ugpio_get_value(pin_->handle) != -1
+      && report_state(port_, pin_->handle)) {
     if (trouble_.end()) {
       g_message("%sPin of port %d can be read again", log_prefix, port_->number);
     }

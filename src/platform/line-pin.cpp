@@ -84,7 +84,7 @@ public:
   [[nodiscard]] GIOCondition edge_condition(GIOCondition /*of_value_file*/) const override {
     return static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP);
   }
-  void take_edges() override;
+  int take_edges() override;
 
 private:
   [[nodiscard]] bool look_how_it_stands(int chip, guint32 offset);
@@ -169,9 +169,10 @@ int LinePin::set_active_low(bool active_low) {
 
 // One call takes all that the queue can hold. What was too much for it is not missed: the level is
 // read after this.
-void LinePin::take_edges() {
+int LinePin::take_edges() {
   std::array<gpio_v2_line_event, queued_edges> edges;
   [[maybe_unused]] const ssize_t taken = read(request_.get(), edges.data(), sizeof edges);
+  return 0;
 }
 
 std::string told(const std::vector<GpioLine>& lines) {

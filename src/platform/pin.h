@@ -30,7 +30,7 @@ struct ugpio {
 
   /// See platform/ugpio-extras.h.
   [[nodiscard]] virtual GIOCondition edge_condition(GIOCondition of_value_file) const = 0;
-  virtual void take_edges() = 0;
+  virtual int take_edges() = 0;
 };
 using PinPtr = std::unique_ptr<ugpio>;
 

@@ -105,10 +105,10 @@ public:
   ~SysfsPin() override;
 
   /// Applies the flags of a request; false, with errno set, when the kernel refuses them.
-  [[nodiscard]] bool configure(unsigned int flags) const;
+  [[nodiscard]] bool configure(unsigned int flags);
 
   int open_value() override;
-  void close_value() override { value_.reset(); }
+  void close_value() override;
   [[nodiscard]] int fd() const override { return value_.get(); }
   int value() override;
   int set_value(bool value) override;
@@ -118,8 +118,7 @@ public:
   [[nodiscard]] GIOCondition edge_condition(GIOCondition of_value_file) const override {
     return of_value_file;
   }
-  // The reading that follows takes them.
-  void take_edges() override {}
+  int take_edges() override;
 
 private:
   [[nodiscard]] bool set_direction(unsigned int flags) const;
@@ -128,11 +127,17 @@ private:
   std::string folder_;
   /// Its number, if it was exported for this.
   std::optional<unsigned int> exported_;
+  /// The kernel is to tell of its edges.
+  bool has_edges_ = false;
   UniqueFd value_;
+  /// The file again, where edges are told: a reading through the descriptor that is polled takes
+  /// the edges so far, and somebody who only asks for the state would take one that nobody knows of
+  /// yet.
+  UniqueFd reading_;
 };
 
 SysfsPin::~SysfsPin() {
-  value_.reset();
+  SysfsPin::close_value();
   if (exported_) {
     write_text(unexport_file, std::to_string(*exported_));
   }
@@ -152,7 +157,8 @@ bool SysfsPin::set_edges(unsigned int flags) const {
   return g_str_equal(word, "none") || write_text(folder_ + "/edge", word);
 }
 
-bool SysfsPin::configure(unsigned int flags) const {
+bool SysfsPin::configure(unsigned int flags) {
+  has_edges_ = (flags & (UGPIOF_TRIG_FALL | UGPIOF_TRIG_RISE)) != 0;
   return (flags & UGPIOF_DIR_UNKNOWN) != 0 || (set_direction(flags) && set_edges(flags));
 }
 
@@ -166,11 +172,24 @@ int SysfsPin::open_value() {
     // The kernel reports a change since the last read; before the first read that is always so.
     read_char(value_.get());
   }
+  if (value_ && has_edges_) {
+    reading_.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  }
   return value_.get();
 }
 
+void SysfsPin::close_value() {
+  value_.reset();
+  reading_.reset();
+}
+
+// Without a descriptor of its own the reading that follows takes them.
+int SysfsPin::take_edges() {
+  return !reading_ || read_char(value_.get()) != '\0' ? 0 : -1;
+}
+
 int SysfsPin::value() {
-  switch (read_char(value_.get())) {
+  switch (read_char(reading_ ? reading_.get() : value_.get())) {
   case '0':
     return 0;
   case '1':

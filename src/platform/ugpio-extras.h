@@ -21,5 +21,6 @@ ugpio_t* ugpio_request_one_named(const char* name, unsigned int flags);
 [[nodiscard]] GIOCondition ugpio_edge_condition(const ugpio_t* pin, GIOCondition of_value_file);
 
 /// Takes the edges so far off an open pin, so that only later ones raise the condition. To be
-/// called before the level is read; where reading takes them, nothing is done.
-void ugpio_take_edges(ugpio_t* pin);
+/// called before the level is read; where reading takes them, nothing is done. -1, with errno set,
+/// when the pin cannot be read.
+[[nodiscard]] int ugpio_take_edges(ugpio_t* pin);

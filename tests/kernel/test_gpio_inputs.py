@@ -45,6 +45,19 @@ def test_both_edges_are_reported(device):
         assert device.state.GetState(0) is bool(level)
 
 
+def test_whoever_asks_for_the_state_takes_no_edge_away(device):
+    """Between an edge and its report the state is asked for, many times in one turn of the loop."""
+    signals = start(device, gpio_input("door", 0, PLAIN[0]))
+    for level in (1, 0) * 5:
+        device.signal(signal.SIGSTOP)
+        asked = [device.state.begin("GetState", 0) for _ in range(300)]
+        device.signal(signal.SIGCONT)
+        asked[0].wait()
+        assert_pull_is_reported(signals, PLAIN[0], level, 0, bool(level))
+        for call in asked:
+            call.wait()
+
+
 @pytest.mark.parametrize(
     "inverted, trig, flipped",
     [

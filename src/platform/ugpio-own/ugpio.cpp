@@ -76,8 +76,6 @@ GIOCondition ugpio_edge_condition(const ugpio_t* pin, GIOCondition of_value_file
   return pin->edge_condition(of_value_file);
 }
 
-void ugpio_take_edges(ugpio_t* pin) {
-  if (pin != nullptr) {
-    pin->take_edges();
-  }
+int ugpio_take_edges(ugpio_t* pin) {
+  return pin != nullptr ? pin->take_edges() : 0;
 }

@@ -404,13 +404,13 @@ TEST_F(AStandingLine, polls_as_readable_until_its_edges_are_taken) {
         .fd = fd, .events = static_cast<short>(ugpio_edge_condition(pin, G_IO_ERR)), .revents = 0};
     return poll(&waiting, 1, 0) == 1;
   };
-  ugpio_take_edges(pin);
+  EXPECT_EQ(0, ugpio_take_edges(pin));
   EXPECT_FALSE(shows());
   for (int i = 0; i < 16; i++) {
     chip.pull(i % 2 == 0);
   }
   EXPECT_TRUE(shows());
-  ugpio_take_edges(pin);
+  EXPECT_EQ(0, ugpio_take_edges(pin));
   EXPECT_FALSE(shows());
 }
 

@@ -140,4 +140,6 @@ GIOCondition ugpio_edge_condition(const ugpio_t* /*pin*/, GIOCondition of_value_
   return of_value_file;
 }
 
-void ugpio_take_edges(ugpio_t* /*pin*/) {}
+int ugpio_take_edges(ugpio_t* /*pin*/) {
+  return 0;
+}
