@@ -47,7 +47,7 @@ class TheScripts(unittest.TestCase):
     def test_are_all_here(self):
         self.assertLessEqual(
             {"run", "test", "build", "bench", "cross", "fuzz", "kernel-bench", "pictures", "package",
-             "mutate", "schema", "bootstrap"}, set(SCRIPTS),
+             "mutate", "schema", "bootstrap", "torture"}, set(SCRIPTS),
         )  # fmt: skip
 
     def test_tell_what_they_do(self):
@@ -73,7 +73,8 @@ class TheScripts(unittest.TestCase):
             ["run", "--scenario", "--shell"], ["run", "--binary"], ["build", "release", "debug"],
             ["build", "nothing"], ["build", "base"], ["test", "format", "nothing"],
             ["bench", "--write"], ["cross", "arm64", "nothing"], ["fuzz", "nothing"],
-            ["fuzz", "-t", "soon"], ["kernel-bench", "-k"], ["kernel-bench", "--junitxml"],
+            ["fuzz", "-t", "soon"], ["torture", "nothing"],
+            ["torture", "-t", "soon"], ["torture", "durability", "--seed"], ["kernel-bench", "-k"], ["kernel-bench", "--junitxml"],
             ["kernel-bench", "--pins"], ["kernel-bench", "--pins", "both"],
         ):  # fmt: skip
             with self.subTest(call):

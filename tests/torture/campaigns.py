@@ -1,0 +1,5 @@
+"""All campaigns, in the order in which they are run."""
+
+import durability
+
+CAMPAIGNS = (durability.CAMPAIGN,)

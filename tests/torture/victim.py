@@ -1,0 +1,37 @@
+"""A device that is treated badly: its daemon dies, and its log is looked at only when asked."""
+
+import threading
+import os
+import re
+import signal
+
+from sim.bus import wait_until
+from sim.device import UNWANTED, Device
+from sim.sandbox import child_of
+
+from campaign import Broken
+
+
+class Victim(Device):
+    """Leaves nothing behind and prints nothing; what a trial found is in what it raises."""
+
+    def __init__(self, binary, **options):
+        super().__init__(binary, quiet=True, **options)
+        self.abandoned = True
+
+    def print_log(self):
+        pass
+
+    def kill_in(self, seconds):
+        """Kills the daemon after that long, whatever it and its caller do then, and waits for that."""
+        daemon = wait_until(lambda: child_of(self._init_pid), "the daemon's process")
+        timer = threading.Timer(seconds, os.kill, (daemon, signal.SIGKILL))
+        timer.start()
+        wait_until(lambda: not self.running, "the daemon's death")
+        timer.join()
+
+    def assert_quiet(self, *allowed):
+        """Fails on an error message of this life that is not allowed, or of a sanitizer."""
+        for line in (self.stdout + self.stderr).splitlines():
+            if UNWANTED.search(line) and not any(re.search(known, line) for known in allowed):
+                raise Broken(f"the daemon said: {line}")
