@@ -32,14 +32,9 @@ void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* sign
   }
 }
 
-void on_owner_changed(gpointer user_data) {
-  auto* bus = static_cast<BusPort*>(user_data);
-  bus->service->owner_changed(*bus);
-}
-
 void connect_handlers(BusPort& bus) {
   if (bus.service->owner_changed != nullptr) {
-    bus.owner_watch.start(bus.proxy, on_owner_changed, &bus);
+    bus.owner_watch.start(bus.proxy, [&bus] { bus.service->owner_changed(bus); });
   }
   if (bus.followed != nullptr) {
     g_signal_connect(bus.proxy, "g-signal", G_CALLBACK(on_signal), &bus);

@@ -204,7 +204,7 @@ void LogicWatch::give_up(int reason) {
   g_warning("%sPin of port %d cannot be read any more, not watching it: %s", log_prefix,
             port_->number, g_strerror(reason));
   port_->hardware_gone = true;
-  announce(port_observer.hardware_gone);
+  port_observer.hardware_gone();
   stop();
 }
 

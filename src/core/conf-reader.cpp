@@ -8,6 +8,7 @@
 #include "description/reader.h"
 #include "event/event.h"
 #include "peers/bootblock.h"
+#include "platform/handles.h"
 #include "platform/log.h"
 #include "platform/regular-file.h"
 #include "port/ioport-list.h"
@@ -19,19 +20,12 @@
 
 namespace {
 
-// Kept across files: a file that ends inside a skipped port or a backend leaves its flag set.
-bool ignore_elements = false;
-bool backend_data = false;
-
-struct GFree {
-  void operator()(gchar* text) const { g_free(text); }
-};
-
 // One file being read.
 struct File {
+  ConfReader& reader;
   const char* name;
   /// The device's hardware id, once asked for and answered.
-  std::unique_ptr<gchar, GFree> hwid_value;
+  std::unique_ptr<gchar, FreeWith<g_free>> hwid_value;
 };
 
 // Where the parser stands, for messages.
@@ -78,7 +72,7 @@ bool hardware_accepted(File& file, const char* prefixes) {
 IoPortRef start_port(File& file, const Place& place, std::span<const DescribedAttribute>& rest) {
   if (!rest.empty() && view(rest.front().name) == "hwid") {
     if (!hardware_accepted(file, rest.front().value)) {
-      ignore_elements = true;
+      file.reader.ignore_elements = true;
       return nullptr;
     }
     rest = rest.subspan(1);
@@ -111,19 +105,20 @@ void hand_to_backend(IoPort* port, const Place& place, const char* key, const ch
   }
 }
 
-bool lost_for_backend(const IoPort* port, std::string_view element, std::string_view key) {
-  const bool meant_for_backend = backend_data || element == "backend";
+bool lost_for_backend(const ConfReader& reader, const IoPort* port, std::string_view element,
+                      std::string_view key) {
+  const bool meant_for_backend = reader.backend_data || element == "backend";
   const bool selects_backend = element == "backend" && key == "name";
   return meant_for_backend && !selects_backend && port->functions == nullptr;
 }
 
-void apply_attribute(IoPort* port, IoEvent* event, const Place& place, const char* key,
-                     const char* value) {
+void apply_attribute(ConfReader& reader, IoPort* port, IoEvent* event, const Place& place,
+                     const char* key, const char* value) {
   const PortPlace of_port(port);
-  if (lost_for_backend(port, place.element, key)) {
+  if (lost_for_backend(reader, port, place.element, key)) {
     refuse(place, "has data for a backend that is not known yet; the attribute is ignored");
   }
-  if (backend_data) {
+  if (reader.backend_data) {
     hand_to_backend(port, place, key, value);
   }
   if (conf_is_port_text(place.element, key) && view(value).size() > io_port_text_limit) {
@@ -132,12 +127,12 @@ void apply_attribute(IoPort* port, IoEvent* event, const Place& place, const cha
     conf_apply_attribute({.port = port, .event = event}, place.element, key, value);
   }
   if (view(place.element) == "backend") {
-    backend_data = true;
+    reader.backend_data = true;
   }
 }
 
 void start_element(File& file, const DescribedElement& element) {
-  if (ignore_elements) {
+  if (file.reader.ignore_elements) {
     return;
   }
   const Place place{.file_name = file.name, .line = element.line, .element = element.name};
@@ -156,15 +151,15 @@ void start_element(File& file, const DescribedElement& element) {
     event->key_values.emplace_front();
   }
   for (const auto& [name, value] : rest) {
-    apply_attribute(port.get(), event, place, name, value);
+    apply_attribute(file.reader, port.get(), event, place, name, value);
   }
 }
 
-void end_element(std::string_view element) {
+void end_element(ConfReader& reader, std::string_view element) {
   if (element == "backend") {
-    backend_data = false;
+    reader.backend_data = false;
   } else if (element == "port") {
-    ignore_elements = false;
+    reader.ignore_elements = false;
   }
 }
 
@@ -173,11 +168,11 @@ void report_dropped(const IoPort* port) {
             port->origin.c_str(), port->name ? port->name->c_str() : "", port->number);
 }
 
-bool parse(const char* file_name, const std::string& text) {
-  File file{.name = file_name, .hwid_value = nullptr};
+bool parse(ConfReader& reader, const char* file_name, const std::string& text) {
+  File file{.reader = reader, .name = file_name, .hwid_value = nullptr};
   const DescriptionHandler handler{
       .start = [&](const DescribedElement& element) { start_element(file, element); },
-      .end = end_element};
+      .end = [&](std::string_view element) { end_element(reader, element); }};
   g_autoptr(GError) error = nullptr;
   // A description that is merely cut short counts as far as it goes.
   if (description_read(text, handler, &error) == Reading::Broken) {
@@ -190,7 +185,7 @@ bool parse(const char* file_name, const std::string& text) {
 
 } // namespace
 
-bool conf_read_configuration(const char* file_name) {
+bool conf_read_configuration(ConfReader& reader, const char* file_name) {
   std::string text;
   g_autoptr(GError) error = nullptr;
   if (!regular_file_get_contents(file_name, Links::Followed, &text, &error)) {
@@ -200,11 +195,13 @@ bool conf_read_configuration(const char* file_name) {
     }
     return false;
   }
-  return parse(file_name, text);
+  return parse(reader, file_name, text);
 }
 
-bool conf_read_drop_dir(const char* directory) {
-  return drop_folder_read(directory, parse);
+bool conf_read_drop_dir(ConfReader& reader, const char* directory) {
+  return drop_folder_read(directory, [&](const char* file_name, const std::string& text) {
+    return parse(reader, file_name, text);
+  });
 }
 
 void conf_finish_reading() {

@@ -86,7 +86,7 @@ void open_entry(int folder, const char* name, Entry& entry, GError** error) {
   }
 }
 
-bool read_entry(int folder, const char* name, Entry& entry, DropInReader read) {
+bool read_entry(int folder, const char* name, Entry& entry, const DropInReader& read) {
   g_autoptr(GError) error = nullptr;
   open_entry(folder, name, entry, &error);
   if (entry.skipped != nullptr) {
@@ -107,7 +107,7 @@ bool read_entry(int folder, const char* name, Entry& entry, DropInReader read) {
 
 } // namespace
 
-bool drop_folder_read(const char* directory, DropInReader read) {
+bool drop_folder_read(const char* directory, const DropInReader& read) {
   const int folder = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const std::unique_ptr<DIR, CloseDir> entries(folder >= 0 ? fdopendir(folder) : nullptr);
   if (entries == nullptr) {

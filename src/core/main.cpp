@@ -12,16 +12,17 @@
 #include "peers/action-engine.h"
 #include "peers/virtual-input.h"
 #include "platform/bus-connection.h"
+#include "platform/callbacks.h"
 #include "platform/file-sync.h"
 #include "platform/handles.h"
 #include "platform/log.h"
 #include "platform/memory.h"
 #include "port/ioport-list.h"
+#include "port/port-observer.h"
 
 #include <glib-unix.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -37,59 +38,52 @@ constexpr const char* drop_directory = "/etc/wexd.d/";
 constexpr const char* old_param_file = "/etc/dynamic/wexd/params.conf";
 constexpr const char* import_file = "/tmp/wexd_ioport.conf";
 
-struct MainLoopUnref {
-  void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
+// The main loop, and what ends it. One that was told to end has nothing to lose any more; without
+// the bus nobody can reach the daemon, and its starter shall try another.
+class MainLoop {
+public:
+  void run() const { g_main_loop_run(loop_.get()); }
+
+  void bus_lost() {
+    if (!told_to_end_) {
+      exit_status_ = EXIT_FAILURE;
+    }
+    g_main_loop_quit(loop_.get());
+  }
+
+  /// From here on a signal does what it does by default.
+  void leave_signals() {
+    term_.reset();
+    hup_.reset();
+  }
+
+  [[nodiscard]] int exit_status() const { return exit_status_; }
+
+private:
+  static gboolean got_sigterm(MainLoop* main_loop) {
+    g_info("%sGot SIGTERM", log_prefix);
+    g_main_loop_quit(main_loop->loop_.get());
+    main_loop->told_to_end_ = true;
+    return G_SOURCE_CONTINUE;
+  }
+
+  static gboolean got_sighup(MainLoop* /*main_loop*/) {
+    g_info("%sGot SIGHUP", log_prefix);
+    return G_SOURCE_CONTINUE;
+  }
+
+  std::unique_ptr<GMainLoop, FreeWith<g_main_loop_unref>> loop_{g_main_loop_new(nullptr, FALSE)};
+  bool told_to_end_ = false;
+  int exit_status_ = EXIT_SUCCESS;
+  SourceId term_{g_unix_signal_add(SIGTERM, source_callback<got_sigterm>, this)};
+  SourceId hup_{g_unix_signal_add(SIGHUP, source_callback<got_sighup>, this)};
 };
 
-std::unique_ptr<GMainLoop, MainLoopUnref> main_loop;
-guint term_source = 0;
-guint hup_source = 0;
-/// Cleared when SIGTERM arrives. Main thread only.
-guint running = 1;
-int exit_status = EXIT_SUCCESS;
-
-gboolean handle_signal(gpointer user_data) {
-  switch (GPOINTER_TO_INT(user_data)) {
-  case SIGHUP:
-    g_info("%sGot SIGHUP", log_prefix);
-    break;
-  case SIGTERM:
-    g_info("%sGot SIGTERM", log_prefix);
-    g_main_loop_quit(main_loop.get());
-    running = 0;
-    break;
-  default:
-    break;
-  }
-  return G_SOURCE_CONTINUE;
-}
-
-// A daemon that nobody can reach is of no use; its starter shall try another. One that was told to
-// end has nothing to lose any more.
-void on_bus_lost() {
-  if (running != 0) {
-    exit_status = EXIT_FAILURE;
-  }
-  g_main_loop_quit(main_loop.get());
-}
-
-void install_signal_sources() {
-  term_source = g_unix_signal_add(SIGTERM, handle_signal, GINT_TO_POINTER(SIGTERM));
-  hup_source = g_unix_signal_add(SIGHUP, handle_signal, GINT_TO_POINTER(SIGHUP));
-}
-
-void remove_signal_sources() {
-  for (guint* source : {&term_source, &hup_source}) {
-    if (*source != 0) {
-      g_source_remove(std::exchange(*source, 0));
-    }
-  }
-}
-
 void read_hardware_description() {
+  ConfReader reader;
   // What could not be read has been logged, and the ports that were read are better than none.
-  std::ignore = conf_read_configuration(hardware_description);
-  std::ignore = conf_read_drop_dir(drop_directory);
+  std::ignore = conf_read_configuration(reader, hardware_description);
+  std::ignore = conf_read_drop_dir(reader, drop_directory);
   conf_finish_reading();
 }
 
@@ -142,55 +136,68 @@ void import_and_save_params() {
   }
 }
 
-void start_services() {
-  actionengine_dbus_init();
-  iocontrol_init_dbus();
-  iosupervised_init_dbus();
-  if (use_legacy_interface()) {
-    iocontrol_conf_legacy_dbus_create();
+// What is served on the bus, in the order in which it starts. It ends in reverse.
+class Services {
+public:
+  explicit Services(LegacyInterface legacy)
+      : iocontrol_(iocontrol_init_dbus(legacy)), supervised_(iosupervised_init_dbus()) {
+    if (legacy == LegacyInterface::Served) {
+      legacy_ = iocontrol_conf_legacy_dbus_create();
+      port_observer.port_set_changed = [this] { publish_legacy_anew(); };
+    }
   }
-}
+  ~Services() { port_observer.port_set_changed = nullptr; }
+  Services(const Services&) = delete;
+  Services& operator=(const Services&) = delete;
 
-void stop_services() {
-  if (use_legacy_interface()) {
-    iocontrol_conf_legacy_dbus_destroy();
+private:
+  // It shows the ports that there were when it was published.
+  void publish_legacy_anew() {
+    legacy_.reset();
+    generate_service_registry();
+    legacy_ = iocontrol_conf_legacy_dbus_create();
   }
-  iosupervised_unreg_dbus();
-  iocontrol_unreg_dbus();
-  actionengine_dbus_finalize();
-}
+
+  ActionengineDbus action_engine_;
+  IoControlOwner iocontrol_;
+  IoSupervisedOwner supervised_;
+  LegacyCtrlOwner legacy_;
+};
 
 // Ports whose services were lost with the bus of the start would stay away as long as the daemon
 // runs, so it serves nobody then.
-void serve() {
-  if (!bus_connection_share(on_bus_lost)) {
+void serve(MainLoop& main_loop, LegacyInterface legacy) {
+  if (!bus_connection_share([&main_loop] { main_loop.bus_lost(); })) {
     return;
   }
   bus_ports_change_connection();
-  start_services();
+  // Started last, and yet the last to end: its ports are announced no more.
+  VirtualInput virtual_input;
+  const Services services(legacy);
   io_port_list_set_watch();
   io_port_list_declare_events();
-  virtual_input_init();
+  virtual_input.init();
+  main_loop.run();
+}
 
-  g_main_loop_run(main_loop.get());
-
-  stop_services();
-  virtual_input_finalize();
+LegacyInterface legacy_interface_of(int argc, char* argv[]) {
+  return g_strcmp0(argc > 1 ? argv[1] : nullptr, "--disable_legacy_interface") == 0
+             ? LegacyInterface::Absent
+             : LegacyInterface::Served;
 }
 
 } // namespace
 
 int main(int argc, char* argv[]) {
   memory_share_one_arena();
-  set_use_legacy_interface(g_strcmp0(argc > 1 ? argv[1] : nullptr, "--disable_legacy_interface")
-                           != 0);
+  const LegacyInterface legacy = legacy_interface_of(argc, argv);
   nv_log_stdout();
   drop_inheritable_capabilities();
-  if (!claim_settings_folder(param_folder)) {
+  const auto claim = claim_settings_folder(param_folder);
+  if (!claim) {
     return EXIT_FAILURE;
   }
-  main_loop.reset(g_main_loop_new(nullptr, FALSE));
-  install_signal_sources();
+  MainLoop main_loop;
 
   file_remove_leftovers(param_file);
   file_remove_leftovers(legacy_temporary_file);
@@ -201,14 +208,14 @@ int main(int argc, char* argv[]) {
   }
   import_and_save_params();
   io_port_list_setup();
-  if (use_legacy_interface()) {
+  if (legacy == LegacyInterface::Served) {
     generate_service_registry();
   }
   // Backends have opened their devices by now; everything later is done as an ordinary user.
   drop_privileges();
-  serve();
-  remove_signal_sources();
+  serve(main_loop, legacy);
+  main_loop.leave_signals();
   param_save_unsaved(param_file);
   io_port_list_free();
-  return exit_status;
+  return main_loop.exit_status();
 }

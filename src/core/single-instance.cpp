@@ -1,6 +1,5 @@
 #include "core/single-instance.h"
 
-#include "platform/handles.h"
 #include "platform/log.h"
 
 #include <fcntl.h>
@@ -12,9 +11,6 @@ namespace {
 
 constexpr gint64 patience_us = 3'000'000;
 constexpr gulong pause_us = 20'000;
-
-/// Open for as long as the process lives. No program that it might ever start inherits it.
-UniqueFd locked_folder;
 
 // Whether the lock could be taken in time; `errno` is EWOULDBLOCK when somebody else has it. Never
 // waits inside the kernel, from where only a signal would bring it back.
@@ -31,18 +27,19 @@ bool lock_in_time(int fd) {
 
 } // namespace
 
-bool claim_settings_folder(const char* folder) {
-  locked_folder.reset(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!locked_folder && errno == ENOENT) {
-    return true;
+// No program that the daemon might ever start inherits the descriptor.
+std::optional<UniqueFd> claim_settings_folder(const char* folder) {
+  UniqueFd locked(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!locked && errno == ENOENT) {
+    return locked;
   }
-  if (locked_folder && lock_in_time(locked_folder.get())) {
-    return true;
+  if (locked && lock_in_time(locked.get())) {
+    return locked;
   }
-  if (locked_folder && errno == EWOULDBLOCK) {
+  if (locked && errno == EWOULDBLOCK) {
     g_warning("%swexd is already running: another process has locked %s", log_prefix, folder);
-    return false;
+    return std::nullopt;
   }
   g_warning("%sCould not lock %s: %s", log_prefix, folder, g_strerror(errno));
-  return true;
+  return locked;
 }

@@ -2,7 +2,6 @@
 #include "dbus/connector.h"
 
 #include "dbus/dbus-handles.h"
-#include "dbus/wxd-connector-gen.h"
 #include "platform/log.h"
 #include "port/ioport-list.h"
 
@@ -11,8 +10,6 @@
 namespace {
 
 constexpr const char* connector_path = "/com/norv/WXD/Connector";
-
-SharedSkeleton<WXDConnector> connector_interface;
 
 struct ConnectorKind {
   const char* description;
@@ -74,15 +71,10 @@ const std::array<MethodHandler, 2> handlers{{
 
 } // namespace
 
-void connector_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*/,
-                               gpointer /*user_data*/) {
-  WXDConnector* const skeleton = wxd_connector_skeleton_new();
-  connector_interface.reset(skeleton);
-  if (!export_skeleton(skeleton, handlers, connection, connector_path)) {
+ObjectRef<WXDConnector> connector_publish(GDBusConnection* connection) {
+  ObjectRef<WXDConnector> skeleton(wxd_connector_skeleton_new());
+  if (!export_skeleton(skeleton.get(), handlers, nullptr, connection, connector_path)) {
     g_warning("%sFailed to register Connector dbus interface", log_prefix);
   }
-}
-
-void connector_unpublish() {
-  connector_interface.reset();
+  return skeleton;
 }

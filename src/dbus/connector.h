@@ -3,10 +3,10 @@
 
 #include <gio/gio.h>
 
+#include "dbus/wxd-connector-gen.h"
+#include "platform/object-handles.h"
+
 inline constexpr const char* connector_name = "com.norv.WXD.Connector";
 
-/// Publishes the service; the bus-acquired callback of its name.
-void connector_on_bus_acquired(GDBusConnection* connection, const gchar* name, gpointer user_data);
-
-/// Takes the service off the bus.
-void connector_unpublish();
+/// Publishes the service, which is there as long as what is returned.
+[[nodiscard]] ObjectRef<WXDConnector> connector_publish(GDBusConnection* connection);

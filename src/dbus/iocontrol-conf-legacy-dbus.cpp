@@ -2,13 +2,13 @@
 // legacy-properties.cpp.
 #include "dbus/iocontrol-conf-legacy-dbus.h"
 
+#include "dbus/dbus-handles.h"
 #include "dbus/legacy-names.h"
 #include "dbus/legacy-properties.h"
 #include "generated/legacy-xml.h"
 #include "platform/bus-connection.h"
 #include "platform/config-event-library.h"
 #include "platform/log.h"
-#include "platform/mutex.h"
 #include "port/action-sequence.h"
 #include "port/ioport-list.h"
 #include "port/port-observer.h"
@@ -17,6 +17,17 @@
 #include <cstdio>
 #include <list>
 #include <set>
+
+/// What is published.
+struct LegacyCtrl {
+  ObjectRef<GDBusConnection> connection;
+  bool name_requested = false;
+  /// Latest first.
+  std::list<guint> registrations;
+  GDBusNodeInfo* node_info = nullptr;
+  NvEventProducer* event_producer = nullptr;
+  NvConfigEvent* config_event = nullptr;
+};
 
 namespace {
 
@@ -27,25 +38,38 @@ constexpr gint default_timeout = -1;
 /// Position of each interface in the introspection text.
 enum InterfacePosition : guint { IoPortInterface = 0, InputInterface = 1, OutputInterface = 2 };
 
-struct LegacyCtrl {
-  GDBusConnection* connection = nullptr;
-  bool name_requested = false;
-  /// Latest first.
-  std::list<guint> registrations;
-  GDBusNodeInfo* node_info = nullptr;
-  /// -1 when none was looked at.
-  gint last_port_number = -1;
-  NvEventProducer* event_producer = nullptr;
-  NvConfigEvent* config_event = nullptr;
-};
-
-/// None while the interface is not published. Changed by the main thread only; other threads look
-/// at it under the mutex.
-LegacyCtrl* legacy_ctrl = nullptr;
-Mutex legacy_mutex;
-
 std::string object_path(gint port_number) {
   return std::string(legacy_base_path) + '/' + std::to_string(port_number);
+}
+
+std::string change_text(GVariant* value) {
+  if (g_variant_is_of_type(value, G_VARIANT_TYPE_INT32)) {
+    return std::to_string(g_variant_get_int32(value));
+  }
+  if (g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN)) {
+    return std::to_string(g_variant_get_boolean(value));
+  }
+  return g_variant_get_string(value, nullptr);
+}
+
+// Sends one setting of the device to the configuration-event service; values of other types than
+// integer, boolean and string are not sent.
+void send_configuration_change(const LegacyCtrl& ctrl, const char* property,
+                               GVariant* floating_value) {
+  g_autoptr(GVariant) value = g_variant_ref_sink(floating_value);
+  if (strchr("ibs", *g_variant_get_type_string(value)) == nullptr) {
+    return;
+  }
+  GString* const change = nv_config_event_change_new();
+  nv_config_event_change_append(change, property, change_text(value).c_str());
+  nv_config_event_send(ctrl.config_event, legacy_ioport_interface, legacy_port_0_path,
+                       legacy_ioport_interface, legacy_port_0_path, change_kind, change, nullptr);
+  g_string_free(change, TRUE);
+}
+
+void send_port_counts_change(const LegacyCtrl& ctrl) {
+  send_configuration_change(ctrl, "NbrOfInputs", g_variant_new("i", io_port_list_nbr_inputs()));
+  send_configuration_change(ctrl, "NbrOfOutputs", g_variant_new("i", io_port_list_nbr_outputs()));
 }
 
 GVariant* iocontrol_conf_legacy_dbus_get_property(GDBusConnection* /*connection*/,
@@ -56,17 +80,19 @@ GVariant* iocontrol_conf_legacy_dbus_get_property(GDBusConnection* /*connection*
   return legacy_property_get(path, interface_name, property, error);
 }
 
-gboolean iocontrol_conf_legacy_dbus_set_property(GDBusConnection* /*connection*/,
-                                                 const gchar* /*sender*/, const gchar* path,
-                                                 const gchar* interface_name, const gchar* property,
-                                                 GVariant* value, GError** error,
-                                                 gpointer /*user_data*/) {
-  return legacy_property_set(path, interface_name, property, value, error);
+bool iocontrol_conf_legacy_dbus_set_property(const LegacyCtrl& ctrl, const gchar* path,
+                                             const gchar* interface_name, const gchar* property,
+                                             GVariant* value, GError** error) {
+  return legacy_property_set(
+      path, interface_name,
+      {.name = property, .value = value, .error = error, .port_counts_changed = [&ctrl] {
+         send_port_counts_change(ctrl);
+       }});
 }
 
 // The interfaces have no methods of their own; what reaches this are the writes of properties.
-void iocontrol_conf_legacy_dbus_handle_method_call(GDBusConnection* connection, const gchar* sender,
-                                                   const gchar* path,
+void iocontrol_conf_legacy_dbus_handle_method_call(GDBusConnection* connection,
+                                                   const gchar* /*sender*/, const gchar* path,
                                                    const gchar* /*interface_name*/,
                                                    const gchar* method, GVariant* parameters,
                                                    GDBusMethodInvocation* invocation,
@@ -83,8 +109,8 @@ void iocontrol_conf_legacy_dbus_handle_method_call(GDBusConnection* connection, 
   g_autoptr(GVariant) value = nullptr;
   g_variant_get(parameters, "(&s&sv)", &interface_name, &property, &value);
   GError* error = nullptr;
-  if (iocontrol_conf_legacy_dbus_set_property(connection, sender, path, interface_name, property,
-                                              value, &error, user_data)) {
+  if (iocontrol_conf_legacy_dbus_set_property(*static_cast<LegacyCtrl*>(user_data), path,
+                                              interface_name, property, value, &error)) {
     g_dbus_method_invocation_return_value(invocation, nullptr);
   } else {
     g_dbus_method_invocation_take_error(invocation, error);
@@ -105,12 +131,13 @@ const GDBusInterfaceVTable vtable{
   g_error("Unable to register objects on DBus");
 }
 
-void iocontrol_conf_legacy_dbus_register_object(gint port_number, InterfacePosition position) {
+void iocontrol_conf_legacy_dbus_register_object(LegacyCtrl& ctrl, gint port_number,
+                                                InterfacePosition position) {
   constexpr int registration_line = 527;
   g_autoptr(GError) error = nullptr;
   const guint id = g_dbus_connection_register_object(
-      legacy_ctrl->connection, object_path(port_number).c_str(),
-      legacy_ctrl->node_info->interfaces[position], &vtable, legacy_ctrl, nullptr, &error);
+      ctrl.connection.get(), object_path(port_number).c_str(), ctrl.node_info->interfaces[position],
+      &vtable, &ctrl, nullptr, &error);
   if (error != nullptr) {
     fprintf(stderr, "%s@%d: Error: \"%s\" when registering DBUS object for port %d\n", __func__,
             registration_line, error->message, port_number);
@@ -118,16 +145,16 @@ void iocontrol_conf_legacy_dbus_register_object(gint port_number, InterfacePosit
   if (id == 0) {
     registration_failed();
   }
-  legacy_ctrl->registrations.push_front(id);
+  ctrl.registrations.push_front(id);
 }
 
-void register_port(const IoPort* port) {
-  iocontrol_conf_legacy_dbus_register_object(port->number, IoPortInterface);
+void register_port(LegacyCtrl& ctrl, const IoPort* port) {
+  iocontrol_conf_legacy_dbus_register_object(ctrl, port->number, IoPortInterface);
   if (io_port_has_input_side(port)) {
-    iocontrol_conf_legacy_dbus_register_object(port->number, InputInterface);
+    iocontrol_conf_legacy_dbus_register_object(ctrl, port->number, InputInterface);
   }
   if (io_port_has_output_side(port)) {
-    iocontrol_conf_legacy_dbus_register_object(port->number, OutputInterface);
+    iocontrol_conf_legacy_dbus_register_object(ctrl, port->number, OutputInterface);
   }
 }
 
@@ -144,144 +171,89 @@ std::set<gint> port_numbers_below(gint end) {
 }
 
 // Ports that stand for video channels are not shown here.
-void register_ports() {
+void register_ports(LegacyCtrl& ctrl) {
   const gint first_virtual = virtual_input_get_first_port_no();
   if (first_virtual < 1) {
     return;
   }
   for (const gint number : port_numbers_below(first_virtual)) {
     if (const IoPortRef port = io_port_list_get_port(number); port != nullptr) {
-      register_port(port.get());
+      register_port(ctrl, port.get());
     } else if (number == 0) {
-      iocontrol_conf_legacy_dbus_register_object(number, IoPortInterface);
+      iocontrol_conf_legacy_dbus_register_object(ctrl, number, IoPortInterface);
     }
   }
-  legacy_ctrl->last_port_number = first_virtual - 1;
 }
 
-void unreg_port_objects(guint registration_id) {
+void unreg_port_objects(const LegacyCtrl& ctrl, guint registration_id) {
   constexpr int unregistration_line = 660;
   if (registration_id < 1) {
     return;
   }
-  if (!g_dbus_connection_unregister_object(legacy_ctrl->connection, registration_id)) {
+  if (!g_dbus_connection_unregister_object(ctrl.connection.get(), registration_id)) {
     fprintf(stderr, "%s@%d: Failed to unregister object\n", __func__, unregistration_line);
   }
 }
 
-std::string change_text(GVariant* value) {
-  if (g_variant_is_of_type(value, G_VARIANT_TYPE_INT32)) {
-    return std::to_string(g_variant_get_int32(value));
-  }
-  if (g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN)) {
-    return std::to_string(g_variant_get_boolean(value));
-  }
-  return g_variant_get_string(value, nullptr);
-}
-
-// Sends one setting of the device to the configuration-event service; values of other types than
-// integer, boolean and string are not sent.
-void send_configuration_change(const char* property, GVariant* floating_value) {
-  g_autoptr(GVariant) value = g_variant_ref_sink(floating_value);
-  if (legacy_ctrl == nullptr || strchr("ibs", *g_variant_get_type_string(value)) == nullptr) {
-    return;
-  }
-  GString* const change = nv_config_event_change_new();
-  nv_config_event_change_append(change, property, change_text(value).c_str());
-  nv_config_event_send(legacy_ctrl->config_event, legacy_ioport_interface, legacy_port_0_path,
-                       legacy_ioport_interface, legacy_port_0_path, change_kind, change, nullptr);
-  g_string_free(change, TRUE);
-}
-
-void send_port_counts_change() {
-  send_configuration_change("NbrOfInputs", g_variant_new("i", io_port_list_nbr_inputs()));
-  send_configuration_change("NbrOfOutputs", g_variant_new("i", io_port_list_nbr_outputs()));
-}
-
-GVariant* call_bus(const char* method, GVariant* arguments, GError** error) {
-  return g_dbus_connection_call_sync(legacy_ctrl->connection, "org.freedesktop.DBus",
-                                     "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
-                                     arguments, G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
-                                     default_timeout, nullptr, error);
+GVariant* call_bus(GDBusConnection* connection, const char* method, GVariant* arguments,
+                   GError** error) {
+  return g_dbus_connection_call_sync(
+      connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
+      arguments, G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, default_timeout, nullptr, error);
 }
 
 // Whoever holds the name already keeps it; we are queued and do not mind. The end of the bus is
 // about to end the daemon, in order.
-void request_name() {
+void request_name(LegacyCtrl& ctrl) {
   g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) reply =
-      call_bus("RequestName", g_variant_new("(su)", legacy_ioport_interface, 0U), &error);
-  if (reply == nullptr && g_dbus_connection_is_closed(legacy_ctrl->connection)) {
+  g_autoptr(GVariant) reply = call_bus(ctrl.connection.get(), "RequestName",
+                                       g_variant_new("(su)", legacy_ioport_interface, 0U), &error);
+  if (reply == nullptr && g_dbus_connection_is_closed(ctrl.connection.get())) {
     return;
   }
   if (reply == nullptr) {
     g_error("Could not request name: %s", error->message);
   }
-  legacy_ctrl->name_requested = true;
+  ctrl.name_requested = true;
 }
 
 // The name went with the connection, if that is gone.
-void release_name() {
-  if (g_dbus_connection_is_closed(legacy_ctrl->connection)) {
+void release_name(LegacyCtrl& ctrl) {
+  if (g_dbus_connection_is_closed(ctrl.connection.get())) {
     return;
   }
   g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) reply =
-      call_bus("ReleaseName", g_variant_new("(s)", legacy_ioport_interface), &error);
+  g_autoptr(GVariant) reply = call_bus(ctrl.connection.get(), "ReleaseName",
+                                       g_variant_new("(s)", legacy_ioport_interface), &error);
   if (reply == nullptr) {
     g_warning("Could not release DBus name: %s", error->message);
   }
-  legacy_ctrl->name_requested = false;
+  ctrl.name_requested = false;
 }
 
-void connect_to_bus() {
+ObjectRef<GDBusConnection> connect_to_bus() {
   g_autoptr(GError) error = nullptr;
   GDBusConnection* const connection = bus_connection_shared(&error);
   if (connection == nullptr) {
     g_error("Failed to connect to system bus: %s", error->message);
   }
-  const MutexLock guard(legacy_mutex);
-  g_object_ref(connection);
-  legacy_ctrl->connection = connection;
+  return ObjectRef<GDBusConnection>(G_DBUS_CONNECTION(g_object_ref(connection)));
 }
 
-void disconnect_from_bus() {
-  GDBusConnection* connection = nullptr;
-  {
-    const MutexLock guard(legacy_mutex);
-    connection = std::exchange(legacy_ctrl->connection, nullptr);
-  }
-  g_clear_object(&connection);
-}
-
-void declare_configuration_event() {
-  legacy_ctrl->event_producer = nv_event_producer_new_full(producer_name, 0, nullptr);
-  legacy_ctrl->config_event = nv_config_event_new(producer_name, legacy_ctrl->event_producer);
-  nv_config_event_declare(legacy_ctrl->config_event, legacy_ioport_interface, legacy_port_0_path,
+void declare_configuration_event(LegacyCtrl& ctrl) {
+  ctrl.event_producer = nv_event_producer_new_full(producer_name, 0, nullptr);
+  ctrl.config_event = nv_config_event_new(producer_name, ctrl.event_producer);
+  nv_config_event_declare(ctrl.config_event, legacy_ioport_interface, legacy_port_0_path,
                           legacy_ioport_interface, nullptr);
 }
 
 // What could not be undeclared may still be in use by the library and is left alive.
-void undeclare_configuration_event() {
-  if (nv_config_event_undeclare(legacy_ctrl->config_event, legacy_ioport_interface,
-                                legacy_port_0_path, legacy_ioport_interface)) {
-    nv_config_event_free(legacy_ctrl->config_event);
-    nv_event_producer_free(legacy_ctrl->event_producer);
+void undeclare_configuration_event(const LegacyCtrl& ctrl) {
+  if (nv_config_event_undeclare(ctrl.config_event, legacy_ioport_interface, legacy_port_0_path,
+                                legacy_ioport_interface)) {
+    nv_config_event_free(ctrl.config_event);
+    nv_event_producer_free(ctrl.event_producer);
   }
-}
-
-void set_legacy_ctrl(LegacyCtrl* ctrl) {
-  const MutexLock guard(legacy_mutex);
-  legacy_ctrl = ctrl;
-}
-
-GDBusConnection* connection_in_use() {
-  const MutexLock guard(legacy_mutex);
-  if (legacy_ctrl == nullptr || legacy_ctrl->connection == nullptr) {
-    return nullptr;
-  }
-  g_object_ref(legacy_ctrl->connection);
-  return legacy_ctrl->connection;
 }
 
 // A negative number makes no object path, and GLib has no error to give for that.
@@ -304,52 +276,49 @@ bool emit_properties_changed(GDBusConnection* connection, gint port_number,
          != FALSE;
 }
 
-} // namespace
-
-void iocontrol_conf_legacy_dbus_create() {
-  g_assert(legacy_ctrl == NULL);
-  set_legacy_ctrl(new LegacyCtrl);
-  connect_to_bus();
-  legacy_ctrl->node_info = g_dbus_node_info_new_for_xml(legacy_introspection_xml, nullptr);
-  if (legacy_ctrl->node_info == nullptr) {
-    registration_failed();
-  }
-  legacy_properties_set_send_port_counts(send_port_counts_change);
-  register_ports();
-  declare_configuration_event();
-  send_port_counts_change();
-  port_observer.setting_changed = wexd_g_dbus_common_emit_property_changed_signal;
-  request_name();
-}
-
-void iocontrol_conf_legacy_dbus_destroy() {
-  g_assert(legacy_ctrl != NULL);
-  if (legacy_ctrl->name_requested) {
-    release_name();
-  }
-  port_observer.setting_changed = nullptr;
-  if (legacy_ctrl->connection != nullptr) {
-    for (const guint id : legacy_ctrl->registrations) {
-      unreg_port_objects(id);
-    }
-    legacy_ctrl->registrations.clear();
-    undeclare_configuration_event();
-    disconnect_from_bus();
-  }
-  g_clear_pointer(&legacy_ctrl->node_info, g_dbus_node_info_unref);
-  LegacyCtrl* const finished = legacy_ctrl;
-  set_legacy_ctrl(nullptr);
-  delete finished;
-}
-
-void wexd_g_dbus_common_emit_property_changed_signal(const IoPort& port, Setting setting) {
-  g_autoptr(GDBusConnection) connection = connection_in_use();
-  if (connection == nullptr) {
-    return;
-  }
+void wexd_g_dbus_common_emit_property_changed_signal(GDBusConnection* connection,
+                                                     const IoPort& port, Setting setting) {
   g_autoptr(GError) error = nullptr;
   if (!emit_properties_changed(connection, port.number, legacy_setting(port, setting), &error)) {
     g_log(G_LOG_DOMAIN, log_level_user, "%s%s Failed to emit configuration changed signal: %s",
           log_prefix, __func__, error->message);
   }
+}
+
+// Threads of sequences may announce a setting while this goes; they share the connection.
+void listen(GDBusConnection* connection) {
+  const std::shared_ptr<GDBusConnection> shared(G_DBUS_CONNECTION(g_object_ref(connection)),
+                                                FreeWith<g_object_unref>());
+  port_observer.setting_changed = [shared](const IoPort& port, Setting setting) {
+    wexd_g_dbus_common_emit_property_changed_signal(shared.get(), port, setting);
+  };
+}
+
+} // namespace
+
+LegacyCtrlOwner iocontrol_conf_legacy_dbus_create() {
+  LegacyCtrlOwner ctrl(new LegacyCtrl{.connection = connect_to_bus()});
+  ctrl->node_info = g_dbus_node_info_new_for_xml(legacy_introspection_xml, nullptr);
+  if (ctrl->node_info == nullptr) {
+    registration_failed();
+  }
+  register_ports(*ctrl);
+  declare_configuration_event(*ctrl);
+  send_port_counts_change(*ctrl);
+  listen(ctrl->connection.get());
+  request_name(*ctrl);
+  return ctrl;
+}
+
+void iocontrol_conf_legacy_dbus_destroy(LegacyCtrl* ctrl) {
+  if (ctrl->name_requested) {
+    release_name(*ctrl);
+  }
+  port_observer.setting_changed = nullptr;
+  for (const guint id : ctrl->registrations) {
+    unreg_port_objects(*ctrl, id);
+  }
+  undeclare_configuration_event(*ctrl);
+  g_dbus_node_info_unref(ctrl->node_info);
+  delete ctrl;
 }

@@ -2,14 +2,17 @@
 // object layout, on a connection and under a bus name of its own.
 #pragma once
 
-#include "port/port-observer.h"
+#include "platform/handles.h"
 
-/// Publishes the objects of all ports and takes the name. Must not be published already. Failing
-/// to reach the bus, register an object or ask for the name ends the process.
-void iocontrol_conf_legacy_dbus_create();
+#include <memory>
 
-/// Takes everything back. Must be published.
-void iocontrol_conf_legacy_dbus_destroy();
+struct LegacyCtrl;
 
-/// Emits PropertiesChanged for one setting of a port; does nothing while not published. Any thread.
-void wexd_g_dbus_common_emit_property_changed_signal(const IoPort& port, Setting setting);
+/// Takes everything back.
+void iocontrol_conf_legacy_dbus_destroy(LegacyCtrl* ctrl);
+
+using LegacyCtrlOwner = std::unique_ptr<LegacyCtrl, FreeWith<iocontrol_conf_legacy_dbus_destroy>>;
+
+/// Publishes the objects of all ports and takes the name; there must be one at a time. Failing to
+/// reach the bus, register an object or ask for the name ends the process.
+[[nodiscard]] LegacyCtrlOwner iocontrol_conf_legacy_dbus_create();

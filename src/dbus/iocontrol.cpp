@@ -3,12 +3,8 @@
 #include "dbus/iocontrol.h"
 
 #include "dbus/connector.h"
-#include "dbus/dbus-handles.h"
-#include "dbus/dbus-ports.h"
-#include "dbus/iocontrol-conf-legacy-dbus.h"
 #include "dbus/iocontrol-state-gen.h"
 #include "dbus/manager.h"
-#include "dbus/service-registry.h"
 #include "param/param.h"
 #include "platform/log.h"
 #include "platform/memory.h"
@@ -21,16 +17,27 @@
 #include <chrono>
 #include <condition_variable>
 #include <memory>
+#include <optional>
+
+/// What is on the bus for as long as the service is.
+struct IoControl {
+  LegacyInterface legacy;
+  BusName state_name;
+  BusName connector_name;
+  /// Shared with the listeners to what ports announce.
+  std::shared_ptr<SharedObject<IOControlState>> state =
+      std::make_shared<SharedObject<IOControlState>>();
+  std::optional<Manager> manager;
+  ObjectRef<WXDConnector> connector;
+};
 
 namespace {
 
+/// The skeleton, as long as the service is published.
+using State = std::shared_ptr<const SharedObject<IOControlState>>;
+
 constexpr const char* state_name = "com.norv.IOControl.State";
 constexpr const char* state_path = "/com/norv/IOControl/State";
-
-SharedSkeleton<IOControlState> state_interface;
-guint state_owner_id = 0;
-guint connector_owner_id = 0;
-bool legacy_interface = true;
 
 constexpr std::array error_entries{
     GDBusErrorEntry{IO_CONTROL_ERROR_GENERIC, "com.norv.IOControl.Error.Generic"},
@@ -58,8 +65,17 @@ void save(IoPort* port) {
   param_save_for_port(port, param_file);
 }
 
-// The port of that number if it is published here; otherwise the call is answered and the result
+// The port of that number, published here or virtual; otherwise the call is answered and the result
 // is empty.
+IoPortRef any_port(GDBusMethodInvocation* invocation, guint number) {
+  auto port = dbus_port_of_number(number);
+  if (port == nullptr) {
+    answer_error(invocation, IO_CONTROL_ERROR_NO_PORT, "No such port.");
+  }
+  return port;
+}
+
+// As before, for a port that must be published here.
 IoPortRef published_port(GDBusMethodInvocation* invocation, guint number) {
   auto port = dbus_port_of_number(number);
   if (port == nullptr || !io_port_get_property(port.get(), "ioport")) {
@@ -73,176 +89,135 @@ bool configurable(const IoPort* port) {
   return port->type == PORT_IO_CTRL;
 }
 
-gboolean on_handle_get_state(IOControlState* object, GDBusMethodInvocation* invocation,
-                             guint number, gpointer /*user_data*/) {
-  if (const auto port = published_port(invocation, number)) {
-    iocontrol_state_complete_get_state(object, invocation, io_port_get_state(port.get()));
-  }
-  return TRUE;
-}
+// Reading.
 
-gboolean on_handle_set_state(IOControlState* object, GDBusMethodInvocation* invocation,
-                             guint number, gboolean active, gpointer /*user_data*/) {
-  const auto port = published_port(invocation, number);
-  if (port == nullptr) {
-    return TRUE;
-  }
-  if (!io_port_set_state(port.get(), active)) {
-    answer_error(invocation, IO_CONTROL_ERROR_NOT_OUTPUT, "Port not output.");
-    return TRUE;
-  }
-  iocontrol_state_complete_set_state(object, invocation);
-  save(port.get());
-  return TRUE;
+void get_state(IOControlState* object, GDBusMethodInvocation* invocation, IoPort* port) {
+  iocontrol_state_complete_get_state(object, invocation, io_port_get_state(port));
 }
 
 gboolean on_handle_get_nbr_ports(IOControlState* object, GDBusMethodInvocation* invocation,
-                                 gpointer /*user_data*/) {
+                                 gpointer /*service*/) {
   iocontrol_state_complete_get_nbr_ports(object, invocation, io_port_list_nbr_inputs(),
                                          io_port_list_nbr_outputs());
   return TRUE;
 }
 
-gboolean on_handle_is_configurable(IOControlState* object, GDBusMethodInvocation* invocation,
-                                   guint number, gpointer /*user_data*/) {
-  if (const auto port = published_port(invocation, number)) {
-    iocontrol_state_complete_is_configurable(object, invocation, configurable(port.get()));
-  }
-  return TRUE;
+void is_configurable(IOControlState* object, GDBusMethodInvocation* invocation, IoPort* port) {
+  iocontrol_state_complete_is_configurable(object, invocation, configurable(port));
 }
 
-gboolean on_handle_get_direction(IOControlState* object, GDBusMethodInvocation* invocation,
-                                 guint number, gpointer /*user_data*/) {
-  if (const auto port = published_port(invocation, number)) {
-    iocontrol_state_complete_get_direction(
-        object, invocation,
-        direction_word(io_port_input(port.get()) ? Direction::Input : Direction::Output));
-  }
-  return TRUE;
+void get_direction(IOControlState* object, GDBusMethodInvocation* invocation, IoPort* port) {
+  iocontrol_state_complete_get_direction(
+      object, invocation,
+      direction_word(io_port_input(port) ? Direction::Input : Direction::Output));
 }
 
-gboolean on_handle_set_direction(IOControlState* object, GDBusMethodInvocation* invocation,
-                                 guint number, const gchar* direction, gpointer /*user_data*/) {
-  const auto port = published_port(invocation, number);
-  if (port == nullptr) {
-    return TRUE;
+void get_active(IOControlState* object, GDBusMethodInvocation* invocation, IoPort* port) {
+  iocontrol_state_complete_get_active(
+      object, invocation, open_or_closed(io_port_get_activelow(port, PortSide::Input)),
+      open_or_closed(io_port_get_activelow(port, PortSide::Output)));
+}
+
+void get_names(IOControlState* object, GDBusMethodInvocation* invocation, IoPort* port) {
+  g_autofree gchar* input = nullptr;
+  g_autofree gchar* output = nullptr;
+  io_port_get_names(port, &input, &output);
+  iocontrol_state_complete_get_names(object, invocation, input != nullptr ? input : "",
+                                     output != nullptr ? output : "");
+}
+
+void get_usage(IOControlState* object, GDBusMethodInvocation* invocation, IoPort* port) {
+  g_autofree gchar* usage = io_port_get_usage(port);
+  iocontrol_state_complete_get_usage(object, invocation, usage != nullptr ? usage : "");
+}
+
+// Setting. Each function says why the port refuses, if it does.
+
+struct Refusal {
+  IoControlError code;
+  const char* message;
+};
+using Refused = std::optional<Refusal>;
+
+Refused refused_unless(bool done, IoControlError code, const char* message) {
+  return done ? std::nullopt : Refused({.code = code, .message = message});
+}
+
+/// When a port is saved that was to be set.
+enum class Save {
+  WhenSet,
+  /// Refused or not: the file then says what the port really is.
+  Always,
+};
+
+/// Answers a call by what `Set` (port, arguments...) says; `Complete` is the answer of a port that
+/// was set.
+template <auto Set, auto Complete, Save Saved>
+struct Setter;
+
+template <typename... Arguments, Refused (*Set)(IoPort*, Arguments...),
+          void (*Complete)(IOControlState*, GDBusMethodInvocation*), Save Saved>
+struct Setter<Set, Complete, Saved> {
+  static void answer(IOControlState* object, GDBusMethodInvocation* invocation, IoPort* port,
+                     Arguments... arguments) {
+    const Refused refused = Set(port, arguments...);
+    if (refused) {
+      answer_error(invocation, refused->code, refused->message);
+    } else {
+      Complete(object, invocation);
+    }
+    if (!refused || Saved == Save::Always) {
+      save(port);
+    }
   }
+};
+
+Refused set_state(IoPort* port, gboolean active) {
+  return refused_unless(io_port_set_state(port, active != FALSE), IO_CONTROL_ERROR_NOT_OUTPUT,
+                        "Port not output.");
+}
+
+Refused set_direction(IoPort* port, const gchar* direction) {
   const auto wanted = find_word(direction_words, direction);
   if (!wanted) {
-    answer_error(invocation, IO_CONTROL_ERROR_GENERIC,
-                 "Incorrect input to set_direction eiter use 'input' or 'output'");
-  } else if (!io_port_set_direction(port.get(), *wanted)) {
-    answer_error(invocation, IO_CONTROL_ERROR_NOT_CONFIGURABLE, "Port not configurable.");
-  } else {
-    iocontrol_state_complete_set_direction(object, invocation);
+    return Refusal{.code = IO_CONTROL_ERROR_GENERIC,
+                   .message = "Incorrect input to set_direction eiter use 'input' or 'output'"};
   }
-  // Refused or not: the file then says what the port really is.
-  save(port.get());
-  return TRUE;
+  return refused_unless(io_port_set_direction(port, *wanted), IO_CONTROL_ERROR_NOT_CONFIGURABLE,
+                        "Port not configurable.");
 }
 
-gboolean on_handle_get_active(IOControlState* object, GDBusMethodInvocation* invocation,
-                              guint number, gpointer /*user_data*/) {
-  if (const auto port = published_port(invocation, number)) {
-    iocontrol_state_complete_get_active(
-        object, invocation, open_or_closed(io_port_get_activelow(port.get(), PortSide::Input)),
-        open_or_closed(io_port_get_activelow(port.get(), PortSide::Output)));
-  }
-  return TRUE;
-}
-
-gboolean on_handle_set_active(IOControlState* object, GDBusMethodInvocation* invocation,
-                              guint number, gboolean input, const gchar* state,
-                              gpointer /*user_data*/) {
-  const auto port = published_port(invocation, number);
-  if (port == nullptr) {
-    return TRUE;
-  }
+Refused set_active(IoPort* port, gboolean input, const gchar* state) {
   const bool open = g_str_equal(state, "open");
   if (!open && !g_str_equal(state, "closed")) {
-    answer_error(invocation, IO_CONTROL_ERROR_GENERIC,
-                 "Incorrect input to set_active eiter use 'open' or 'closed'");
-  } else if (!io_port_set_activelow(port.get(), open, input ? PortSide::Input : PortSide::Output)) {
-    answer_error(invocation, IO_CONTROL_ERROR_GENERIC,
-                 open ? "Could not set port to open." : "Could not set port to closed.");
-  } else {
-    iocontrol_state_complete_set_active(object, invocation);
+    return Refusal{.code = IO_CONTROL_ERROR_GENERIC,
+                   .message = "Incorrect input to set_active eiter use 'open' or 'closed'"};
   }
-  save(port.get());
-  return TRUE;
+  return refused_unless(
+      io_port_set_activelow(port, open, input != FALSE ? PortSide::Input : PortSide::Output),
+      IO_CONTROL_ERROR_GENERIC,
+      open ? "Could not set port to open." : "Could not set port to closed.");
 }
 
-gboolean on_handle_get_names(IOControlState* object, GDBusMethodInvocation* invocation,
-                             guint number, gpointer /*user_data*/) {
-  if (const auto port = published_port(invocation, number)) {
-    g_autofree gchar* input = nullptr;
-    g_autofree gchar* output = nullptr;
-    io_port_get_names(port.get(), &input, &output);
-    iocontrol_state_complete_get_names(object, invocation, input != nullptr ? input : "",
-                                       output != nullptr ? output : "");
-  }
-  return TRUE;
+Refused set_name(IoPort* port, gboolean input, const gchar* name) {
+  return input != FALSE
+             ? refused_unless(io_port_set_input_name(port, name), IO_CONTROL_ERROR_GENERIC,
+                              "Could not set input name for the port.")
+             : refused_unless(io_port_set_output_name(port, name), IO_CONTROL_ERROR_GENERIC,
+                              "Could not set output name for the port.");
 }
 
-gboolean on_handle_set_name(IOControlState* object, GDBusMethodInvocation* invocation, guint number,
-                            gboolean input, const gchar* name, gpointer /*user_data*/) {
-  const auto port = published_port(invocation, number);
-  if (port == nullptr) {
-    return TRUE;
-  }
-  const bool renamed =
-      input ? io_port_set_input_name(port.get(), name) : io_port_set_output_name(port.get(), name);
-  if (!renamed) {
-    g_dbus_method_invocation_return_error(
-        invocation, io_control_error_quark(), IO_CONTROL_ERROR_GENERIC,
-        "Could not set %s name for the port.", input ? "input" : "output");
-    return TRUE;
-  }
-  iocontrol_state_complete_set_name(object, invocation);
-  save(port.get());
-  return TRUE;
+Refused set_usage(IoPort* port, const gchar* usage) {
+  return refused_unless(io_port_set_usage(port, usage), IO_CONTROL_ERROR_GENERIC,
+                        "Could not set usage for the port.");
 }
 
-gboolean on_handle_get_usage(IOControlState* object, GDBusMethodInvocation* invocation,
-                             guint number, gpointer /*user_data*/) {
-  if (const auto port = published_port(invocation, number)) {
-    g_autofree gchar* usage = io_port_get_usage(port.get());
-    iocontrol_state_complete_get_usage(object, invocation, usage != nullptr ? usage : "");
-  }
-  return TRUE;
+Refused set_virtual(IoPort* port, gboolean state) {
+  return refused_unless(io_port_set_virtual(port, state != FALSE), IO_CONTROL_ERROR_GENERIC,
+                        "Could not set port.");
 }
 
-gboolean on_handle_set_usage(IOControlState* object, GDBusMethodInvocation* invocation,
-                             guint number, const gchar* usage, gpointer /*user_data*/) {
-  const auto port = published_port(invocation, number);
-  if (port == nullptr) {
-    return TRUE;
-  }
-  if (!io_port_set_usage(port.get(), usage)) {
-    answer_error(invocation, IO_CONTROL_ERROR_GENERIC, "Could not set usage for the port.");
-    return TRUE;
-  }
-  iocontrol_state_complete_set_usage(object, invocation);
-  save(port.get());
-  return TRUE;
-}
-
-gboolean on_handle_set_virtual(IOControlState* object, GDBusMethodInvocation* invocation,
-                               guint number, gboolean state, gpointer /*user_data*/) {
-  // Whatever the look-up by number finds is an I/O port or a virtual port.
-  const auto port = dbus_port_of_number(number);
-  if (port == nullptr) {
-    answer_error(invocation, IO_CONTROL_ERROR_NO_PORT, "No such port.");
-    return TRUE;
-  }
-  if (!io_port_set_virtual(port.get(), state)) {
-    answer_error(invocation, IO_CONTROL_ERROR_GENERIC, "Could not set port.");
-    return TRUE;
-  }
-  iocontrol_state_complete_set_virtual(object, invocation);
-  save(port.get());
-  return TRUE;
-}
+// All ports at once.
 
 GVariant* port_properties(IoPort* port) {
   g_autoptr(GList) keys = io_port_get_property_keys(port);
@@ -316,44 +291,32 @@ void answer_sequence_start(IOControlState* object, GDBusMethodInvocation* invoca
   }
 }
 
-gboolean on_handle_start_action_sequence(IOControlState* object, GDBusMethodInvocation* invocation,
-                                         guint number, gboolean is_virtual, GVariant* seq,
-                                         gpointer /*user_data*/) {
-  const auto port = dbus_port_of_number(number);
-  if (port == nullptr) {
-    answer_error(invocation, IO_CONTROL_ERROR_NO_PORT, "No such port.");
-    return TRUE;
-  }
-  auto steps = action_steps(port.get(), is_virtual, seq);
+void start_action_sequence(IOControlState* object, GDBusMethodInvocation* invocation, IoPort* port,
+                           gboolean is_virtual, GVariant* seq) {
+  auto steps = action_steps(port, is_virtual, seq);
   if (steps.size() >= many_steps) {
     memory_give_back_soon();
   }
-  if (io_port_lock_taken(port.get())) {
+  if (io_port_lock_taken(port)) {
     answer_error(invocation, IO_CONTROL_ERROR_BUSY, "The port is busy.");
   } else if (steps.empty()) {
     answer_error(invocation, IO_CONTROL_ERROR_GENERIC, "The action sequence has no steps.");
   } else if (steps.size() > action_sequence_step_limit) {
     answer_error(invocation, IO_CONTROL_ERROR_GENERIC, "The action sequence has too many steps.");
   } else {
-    answer_sequence_start(object, invocation,
-                          io_port_run_action_sequence(port.get(), std::move(steps)));
+    answer_sequence_start(object, invocation, io_port_run_action_sequence(port, std::move(steps)));
   }
-  return TRUE;
 }
 
 // After ports came or went: whoever shows the port set learns of it, new ports are watched.
 void serve_changed_port_set() {
-  if (use_legacy_interface()) {
-    iocontrol_conf_legacy_dbus_destroy();
-    generate_service_registry();
-    iocontrol_conf_legacy_dbus_create();
-  }
+  port_observer.port_set_changed();
   io_port_list_set_watch();
   io_port_list_declare_events();
 }
 
 gboolean on_handle_drop_io_ports(IOControlState* object, GDBusMethodInvocation* invocation,
-                                 const gchar* const* names, gpointer /*user_data*/) {
+                                 const gchar* const* names, gpointer user_data) {
   g_autoptr(GStrvBuilder) dropped = g_strv_builder_new();
   bool any = false;
   for (; *names != nullptr; names++) {
@@ -368,7 +331,7 @@ gboolean on_handle_drop_io_ports(IOControlState* object, GDBusMethodInvocation* 
   }
   if (any) {
     serve_changed_port_set();
-    manager_tell_ports();
+    static_cast<IoControl*>(user_data)->manager->tell_ports();
   }
   g_auto(GStrv) answer = g_strv_builder_end(dropped);
   iocontrol_state_complete_drop_ioports(object, invocation, answer);
@@ -376,12 +339,12 @@ gboolean on_handle_drop_io_ports(IOControlState* object, GDBusMethodInvocation* 
 }
 
 gboolean on_handle_refresh_io_ports(IOControlState* object, GDBusMethodInvocation* invocation,
-                                    gpointer /*user_data*/) {
+                                    gpointer user_data) {
   if (io_port_list_setup_dynamic_ports() > 0) {
     serve_changed_port_set();
   }
   // Also of those that are still missing there may be another reason now.
-  manager_tell_ports();
+  static_cast<IoControl*>(user_data)->manager->tell_ports();
   iocontrol_state_complete_refresh_ioports(object, invocation);
   return TRUE;
 }
@@ -440,9 +403,9 @@ void flush_in_thread(GTask* task, gpointer connection, gpointer data, GCancellab
 
 // Waits a moment until the bus has taken the signals so far. GLib's flush cannot be interrupted, so
 // a thread of its pool does it.
-void wait_for_signals_to_leave() {
+void wait_for_signals_to_leave(const State& state) {
   const auto flush = std::make_shared<Flush>();
-  state_interface.with([&](IOControlState* skeleton) {
+  state->with([&](IOControlState* skeleton) {
     auto* const connection =
         g_dbus_interface_skeleton_get_connection(G_DBUS_INTERFACE_SKELETON(skeleton));
     if (connection == nullptr) {
@@ -456,79 +419,104 @@ void wait_for_signals_to_leave() {
   flush->wait();
 }
 
+template <auto Answer>
+MethodHandler of_published(const char* signal) {
+  return port_method<published_port, Answer>(signal);
+}
+
+template <auto Set, auto Complete, Save Saved = Save::WhenSet>
+MethodHandler setter(const char* signal) {
+  return of_published<Setter<Set, Complete, Saved>::answer>(signal);
+}
+
 const std::array<MethodHandler, 17> handlers{{
-    {"handle-start-action-sequence", G_CALLBACK(on_handle_start_action_sequence)},
+    port_method<any_port, start_action_sequence>("handle-start-action-sequence"),
     {"handle-drop-ioports", G_CALLBACK(on_handle_drop_io_ports)},
     {"handle-refresh-ioports", G_CALLBACK(on_handle_refresh_io_ports)},
     {"handle-get-nbr-ports", G_CALLBACK(on_handle_get_nbr_ports)},
-    {"handle-get-state", G_CALLBACK(on_handle_get_state)},
-    {"handle-set-state", G_CALLBACK(on_handle_set_state)},
-    {"handle-set-virtual", G_CALLBACK(on_handle_set_virtual)},
-    {"handle-is-configurable", G_CALLBACK(on_handle_is_configurable)},
-    {"handle-set-direction", G_CALLBACK(on_handle_set_direction)},
-    {"handle-get-direction", G_CALLBACK(on_handle_get_direction)},
-    {"handle-get-active", G_CALLBACK(on_handle_get_active)},
-    {"handle-set-active", G_CALLBACK(on_handle_set_active)},
-    {"handle-get-names", G_CALLBACK(on_handle_get_names)},
-    {"handle-set-name", G_CALLBACK(on_handle_set_name)},
-    {"handle-get-usage", G_CALLBACK(on_handle_get_usage)},
-    {"handle-set-usage", G_CALLBACK(on_handle_set_usage)},
+    of_published<get_state>("handle-get-state"),
+    setter<set_state, iocontrol_state_complete_set_state>("handle-set-state"),
+    // Whatever the look-up by number finds is an I/O port or a virtual port.
+    port_method<any_port,
+                Setter<set_virtual, iocontrol_state_complete_set_virtual, Save::WhenSet>::answer>(
+        "handle-set-virtual"),
+    of_published<is_configurable>("handle-is-configurable"),
+    setter<set_direction, iocontrol_state_complete_set_direction, Save::Always>(
+        "handle-set-direction"),
+    of_published<get_direction>("handle-get-direction"),
+    of_published<get_active>("handle-get-active"),
+    setter<set_active, iocontrol_state_complete_set_active, Save::Always>("handle-set-active"),
+    setter<set_name, iocontrol_state_complete_set_name>("handle-set-name"),
+    of_published<get_names>("handle-get-names"),
+    setter<set_usage, iocontrol_state_complete_set_usage>("handle-set-usage"),
+    of_published<get_usage>("handle-get-usage"),
     {"handle-get-port-props", G_CALLBACK(on_handle_get_port_props)},
 }};
 
 void iocontrol_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*/,
-                               gpointer /*user_data*/) {
+                               gpointer user_data) {
+  auto* const service = static_cast<IoControl*>(user_data);
   IOControlState* const skeleton = iocontrol_state_skeleton_new();
-  state_interface.reset(skeleton);
-  if (!export_skeleton(skeleton, handlers, connection, state_path)) {
+  service->state->reset(skeleton);
+  if (!export_skeleton(skeleton, handlers, service, connection, state_path)) {
     g_warning("%sFailed to register IOControl state dbus interface", log_prefix);
   }
-  manager_publish(connection);
+  service->manager.emplace(connection, service->legacy);
 }
 
-} // namespace
-
-void iocontrol_init_dbus() {
-  register_errors();
-  port_observer.port_changed = iocontrol_emit_port_changed;
-  port_observer.sequence_done = iocontrol_emit_action_sequence_done;
-  port_observer.burst_announced = wait_for_signals_to_leave;
-  state_owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, state_name, G_BUS_NAME_OWNER_FLAGS_NONE,
-                                  iocontrol_on_bus_acquired, nullptr, nullptr, nullptr, nullptr);
-  connector_owner_id =
-      g_bus_own_name(G_BUS_TYPE_SYSTEM, connector_name, G_BUS_NAME_OWNER_FLAGS_NONE,
-                     connector_on_bus_acquired, nullptr, nullptr, nullptr, nullptr);
+void connector_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*/,
+                               gpointer user_data) {
+  static_cast<IoControl*>(user_data)->connector = connector_publish(connection);
 }
 
-void iocontrol_unreg_dbus() {
-  port_observer.port_changed = nullptr;
-  port_observer.burst_announced = nullptr;
-  port_observer.sequence_done = nullptr;
-  manager_unpublish();
-  state_interface.reset();
-  g_bus_unown_name(std::exchange(state_owner_id, 0));
-  connector_unpublish();
-  g_bus_unown_name(std::exchange(connector_owner_id, 0));
-}
-
-void iocontrol_emit_port_changed(const PortChange& change) {
-  state_interface.with([&](IOControlState* skeleton) {
+void iocontrol_emit_port_changed(const State& state, const PortChange& change) {
+  state->with([&](IOControlState* skeleton) {
     iocontrol_state_emit_port_changed(skeleton, change.number, change.is_virtual, change.hidden,
                                       change.input, change.trigger == Trigger::Virtual,
                                       change.state, change.activelow);
   });
 }
 
-void iocontrol_emit_action_sequence_done(gint port_number) {
-  state_interface.with([=](IOControlState* skeleton) {
+void iocontrol_emit_action_sequence_done(const State& state, gint port_number) {
+  state->with([=](IOControlState* skeleton) {
     iocontrol_state_emit_action_sequence_done(skeleton, port_number);
   });
 }
 
-bool use_legacy_interface() {
-  return legacy_interface;
+// The threads of sequences, which go on to the end of the ports, announce by these.
+void listen(const State& state) {
+  port_observer.port_changed = [state](const PortChange& change) {
+    iocontrol_emit_port_changed(state, change);
+  };
+  port_observer.sequence_done = [state](gint port_number) {
+    iocontrol_emit_action_sequence_done(state, port_number);
+  };
+  port_observer.burst_announced = [state] { wait_for_signals_to_leave(state); };
 }
 
-void set_use_legacy_interface(bool use) {
-  legacy_interface = use;
+} // namespace
+
+IoControlOwner iocontrol_init_dbus(LegacyInterface legacy) {
+  register_errors();
+  IoControlOwner service(new IoControl{.legacy = legacy});
+  listen(service->state);
+  service->state_name.reset(g_bus_own_name(G_BUS_TYPE_SYSTEM, state_name,
+                                           G_BUS_NAME_OWNER_FLAGS_NONE, iocontrol_on_bus_acquired,
+                                           nullptr, nullptr, service.get(), nullptr));
+  service->connector_name.reset(
+      g_bus_own_name(G_BUS_TYPE_SYSTEM, connector_name, G_BUS_NAME_OWNER_FLAGS_NONE,
+                     connector_on_bus_acquired, nullptr, nullptr, service.get(), nullptr));
+  return service;
+}
+
+void iocontrol_unreg_dbus(IoControl* service) {
+  port_observer.port_changed = nullptr;
+  port_observer.burst_announced = nullptr;
+  port_observer.sequence_done = nullptr;
+  service->manager.reset();
+  service->state->reset();
+  service->state_name.reset();
+  service->connector.reset();
+  service->connector_name.reset();
+  delete service;
 }

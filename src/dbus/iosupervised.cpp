@@ -1,7 +1,6 @@
 #include "dbus/iosupervised.h"
 
 #include "dbus/dbus-handles.h"
-#include "dbus/dbus-ports.h"
 #include "dbus/iosupervised-supervised-gen.h"
 #include "event/event.h"
 #include "param/param.h"
@@ -10,13 +9,16 @@
 
 #include <array>
 
+/// What is on the bus for as long as the service is.
+struct IoSupervised {
+  BusName name;
+  ObjectRef<IOSupervisedSupervised> skeleton;
+};
+
 namespace {
 
 constexpr const char* supervised_name = "com.norv.IOSupervised.Supervised";
 constexpr const char* supervised_path = "/com/norv/IOSupervised/Supervised";
-
-SharedSkeleton<IOSupervisedSupervised> supervised_interface;
-guint owner_id = 0;
 
 // The later names lack the ".Error" that the first two have; clients know them so.
 constexpr std::array error_entries{
@@ -70,15 +72,23 @@ IoPortRef published_port(GDBusMethodInvocation* invocation, guint number) {
   return port;
 }
 
-// The port of that number if it can be supervised; otherwise the call is answered.
-IoPortRef supervisable_port(GDBusMethodInvocation* invocation, guint number,
-                            const char* message = not_supervisable) {
+IoPortRef supervisable(GDBusMethodInvocation* invocation, guint number, const char* message) {
   auto port = any_port(invocation, number);
   if (port != nullptr && !io_port_is_supervisable(port.get())) {
     answer_error(invocation, IO_SUPERVISED_ERROR_NOT_SUPERVISABLE, message);
     return nullptr;
   }
   return port;
+}
+
+// The port of that number if it can be supervised; otherwise the call is answered.
+IoPortRef supervisable_port(GDBusMethodInvocation* invocation, guint number) {
+  return supervisable(invocation, number, not_supervisable);
+}
+
+// As before. This one message has always lacked its full stop.
+IoPortRef port_with_states(GDBusMethodInvocation* invocation, guint number) {
+  return supervisable(invocation, number, "Port is not supervisable");
 }
 
 gboolean on_handle_get_number_of_ports(IOSupervisedSupervised* object,
@@ -88,22 +98,15 @@ gboolean on_handle_get_number_of_ports(IOSupervisedSupervised* object,
   return TRUE;
 }
 
-gboolean on_handle_is_supervisable(IOSupervisedSupervised* object,
-                                   GDBusMethodInvocation* invocation, guint number,
-                                   gpointer /*user_data*/) {
-  if (const auto port = published_port(invocation, number)) {
-    iosupervised_supervised_complete_is_supervisable(object, invocation,
-                                                     io_port_is_supervisable(port.get()), FALSE);
-  }
-  return TRUE;
+void is_supervisable(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation,
+                     IoPort* port) {
+  iosupervised_supervised_complete_is_supervisable(object, invocation,
+                                                   io_port_is_supervisable(port), FALSE);
 }
 
-gboolean on_handle_get_supervised(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation,
-                                  guint number, gpointer /*user_data*/) {
-  if (const auto port = published_port(invocation, number)) {
-    iosupervised_supervised_complete_get_supervised(object, invocation, port->supervised);
-  }
-  return TRUE;
+void get_supervised(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation,
+                    IoPort* port) {
+  iosupervised_supervised_complete_get_supervised(object, invocation, port->supervised);
 }
 
 // False when the port refuses. The new mode changes which declarations apply.
@@ -121,83 +124,51 @@ bool switch_supervision(IoPort* port, bool supervised) {
   return true;
 }
 
-gboolean on_handle_set_supervised(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation,
-                                  guint number, gboolean supervised, gpointer /*user_data*/) {
-  const auto port = published_port(invocation, number);
-  if (port == nullptr) {
-    return TRUE;
-  }
-  if (switch_supervision(port.get(), supervised)) {
+void set_supervised(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation, IoPort* port,
+                    gboolean supervised) {
+  if (switch_supervision(port, supervised != FALSE)) {
     iosupervised_supervised_complete_set_supervised(object, invocation);
   } else {
     answer_error(invocation, IO_SUPERVISED_ERROR_NOT_SUPERVISABLE, not_supervisable);
   }
-  return TRUE;
 }
 
-gboolean on_handle_set_supervised_ranges(IOSupervisedSupervised* object,
-                                         GDBusMethodInvocation* invocation, guint number,
-                                         const gchar* state, guint lower, guint upper,
-                                         gpointer /*user_data*/) {
-  const auto port = supervisable_port(invocation, number);
-  if (port == nullptr) {
-    return TRUE;
-  }
+void set_supervised_ranges(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation,
+                           IoPort* port, const gchar* state, guint lower, guint upper) {
   g_autoptr(GError) error = nullptr;
-  if (!io_port_add_supervised_range(port.get(), state, static_cast<gint>(lower),
-                                    static_cast<gint>(upper), &error)) {
+  if (!io_port_add_supervised_range(port, state, static_cast<gint>(lower), static_cast<gint>(upper),
+                                    &error)) {
     answer_model_error(invocation, error, "Could not set ranges.");
-    return TRUE;
+    return;
   }
-  param_save_for_port(port.get(), param_file);
+  param_save_for_port(port, param_file);
   iosupervised_supervised_complete_set_supervised_ranges(object, invocation);
-  return TRUE;
 }
 
-gboolean on_handle_get_supervised_ranges(IOSupervisedSupervised* object,
-                                         GDBusMethodInvocation* invocation, guint number,
-                                         gpointer /*user_data*/) {
-  const auto port = supervisable_port(invocation, number);
-  if (port == nullptr) {
-    return TRUE;
-  }
-  const SupervisedRanges* const ranges = io_port_get_supervised_ranges(port.get());
-  if (ranges == nullptr) {
+void get_supervised_ranges(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation,
+                           IoPort* port) {
+  if (const SupervisedRanges* const ranges = io_port_get_supervised_ranges(port)) {
+    iosupervised_supervised_complete_get_supervised_ranges(object, invocation,
+                                                           supervised_ranges2gvariant(*ranges));
+  } else {
     answer_error(invocation, IO_SUPERVISED_ERROR_GENERIC, "Could not get ranges.");
-    return TRUE;
   }
-  iosupervised_supervised_complete_get_supervised_ranges(object, invocation,
-                                                         supervised_ranges2gvariant(*ranges));
-  return TRUE;
 }
 
-gboolean on_handle_get_supervised_readout(IOSupervisedSupervised* object,
-                                          GDBusMethodInvocation* invocation, guint number,
-                                          gpointer /*user_data*/) {
-  const auto port = supervisable_port(invocation, number);
-  if (port == nullptr) {
-    return TRUE;
-  }
+void get_supervised_readout(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation,
+                            IoPort* port) {
   g_autoptr(GError) error = nullptr;
-  const auto readout = io_port_get_supervised_readout(port.get(), &error);
-  if (!readout) {
+  if (const auto readout = io_port_get_supervised_readout(port, &error)) {
+    iosupervised_supervised_complete_get_supervised_readout(
+        object, invocation, supervised_range_state2string(readout->state), readout->level);
+  } else {
     answer_model_error(invocation, error, "Could not get supervised readout.");
-    return TRUE;
   }
-  iosupervised_supervised_complete_get_supervised_readout(
-      object, invocation, supervised_range_state2string(readout->state), readout->level);
-  return TRUE;
 }
 
-gboolean on_handle_get_supervised_states(IOSupervisedSupervised* object,
-                                         GDBusMethodInvocation* invocation, guint number,
-                                         gpointer /*user_data*/) {
-  // This one message has always lacked its full stop.
-  const auto port = supervisable_port(invocation, number, "Port is not supervisable");
-  if (port == nullptr) {
-    return TRUE;
-  }
-  const auto names = io_port_get_supported_states(port.get());
+void get_supervised_states(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation,
+                           IoPort* port) {
+  const auto names = io_port_get_supported_states(port);
   GVariantBuilder builder;
   g_variant_builder_init(&builder, G_VARIANT_TYPE("a(s)"));
   for (const char* name : names) {
@@ -205,7 +176,6 @@ gboolean on_handle_get_supervised_states(IOSupervisedSupervised* object,
   }
   iosupervised_supervised_complete_get_supervised_states(
       object, invocation, static_cast<guint>(names.size()), g_variant_builder_end(&builder));
-  return TRUE;
 }
 
 gboolean on_handle_get_supervised_port_numbers(IOSupervisedSupervised* object,
@@ -223,34 +193,36 @@ gboolean on_handle_get_supervised_port_numbers(IOSupervisedSupervised* object,
 
 const std::array<MethodHandler, 9> handlers{{
     {"handle-get-number-of-ports", G_CALLBACK(on_handle_get_number_of_ports)},
-    {"handle-is-supervisable", G_CALLBACK(on_handle_is_supervisable)},
-    {"handle-get-supervised", G_CALLBACK(on_handle_get_supervised)},
-    {"handle-set-supervised", G_CALLBACK(on_handle_set_supervised)},
-    {"handle-set-supervised-ranges", G_CALLBACK(on_handle_set_supervised_ranges)},
-    {"handle-get-supervised-ranges", G_CALLBACK(on_handle_get_supervised_ranges)},
-    {"handle-get-supervised-readout", G_CALLBACK(on_handle_get_supervised_readout)},
-    {"handle-get-supervised-states", G_CALLBACK(on_handle_get_supervised_states)},
+    port_method<published_port, is_supervisable>("handle-is-supervisable"),
+    port_method<published_port, get_supervised>("handle-get-supervised"),
+    port_method<published_port, set_supervised>("handle-set-supervised"),
+    port_method<supervisable_port, set_supervised_ranges>("handle-set-supervised-ranges"),
+    port_method<supervisable_port, get_supervised_ranges>("handle-get-supervised-ranges"),
+    port_method<supervisable_port, get_supervised_readout>("handle-get-supervised-readout"),
+    port_method<port_with_states, get_supervised_states>("handle-get-supervised-states"),
     {"handle-get-supervised-port-numbers", G_CALLBACK(on_handle_get_supervised_port_numbers)},
 }};
 
 void iosupervised_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*/,
-                                  gpointer /*user_data*/) {
+                                  gpointer user_data) {
   IOSupervisedSupervised* const skeleton = iosupervised_supervised_skeleton_new();
-  supervised_interface.reset(skeleton);
-  if (!export_skeleton(skeleton, handlers, connection, supervised_path)) {
+  static_cast<IoSupervised*>(user_data)->skeleton.reset(skeleton);
+  if (!export_skeleton(skeleton, handlers, nullptr, connection, supervised_path)) {
     g_warning("%sFailed to register supervised dbus interface", log_prefix);
   }
 }
 
 } // namespace
 
-void iosupervised_init_dbus() {
+IoSupervisedOwner iosupervised_init_dbus() {
   register_errors();
-  owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, supervised_name, G_BUS_NAME_OWNER_FLAGS_NONE,
-                            iosupervised_on_bus_acquired, nullptr, nullptr, nullptr, nullptr);
+  IoSupervisedOwner service(new IoSupervised);
+  service->name.reset(g_bus_own_name(G_BUS_TYPE_SYSTEM, supervised_name,
+                                     G_BUS_NAME_OWNER_FLAGS_NONE, iosupervised_on_bus_acquired,
+                                     nullptr, nullptr, service.get(), nullptr));
+  return service;
 }
 
-void iosupervised_unreg_dbus() {
-  supervised_interface.reset();
-  g_bus_unown_name(std::exchange(owner_id, 0));
+void iosupervised_unreg_dbus(IoSupervised* service) {
+  delete service;
 }

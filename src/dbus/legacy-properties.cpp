@@ -16,8 +16,6 @@
 
 namespace {
 
-SendPortCounts send_port_counts = nullptr;
-
 constexpr const char* absent_text = "<NULL>";
 
 bool refuse(GError** error, const char* message) {
@@ -25,15 +23,19 @@ bool refuse(GError** error, const char* message) {
   return false;
 }
 
-bool unsupported(GError** error, const LegacyProperty& property) {
-  g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "Unsupported write of property '%s'",
-              property.name);
+bool refuse(const LegacyWrite& write, const char* message) {
+  return refuse(write.error, message);
+}
+
+bool unsupported(const LegacyWrite& write) {
+  g_set_error(write.error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
+              "Unsupported write of property '%s'", write.name);
   return false;
 }
 
-bool incorrect(GError** error, const LegacyProperty& property) {
-  g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "Incorrect value for %s",
-              property.name);
+bool incorrect(const LegacyWrite& write) {
+  g_set_error(write.error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "Incorrect value for %s",
+              write.name);
   return false;
 }
 
@@ -135,12 +137,12 @@ GVariant* read_delay_time(const IoPort* port) {
 // Writing
 
 template <bool (*set_name)(IoPort*, const char*)>
-bool write_name(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error) {
-  const auto text = text_of(value);
+bool write_name(IoPort* port, const LegacyWrite& write) {
+  const auto text = text_of(write.value);
   if (!text) {
-    return incorrect(error, property);
+    return incorrect(write);
   }
-  return set_name(port, text->c_str()) ? save(port) : unsupported(error, property);
+  return set_name(port, text->c_str()) ? save(port) : unsupported(write);
 }
 
 // "open" or "closed" as the inversion that it stands for.
@@ -155,88 +157,83 @@ std::optional<bool> activelow_of(GVariant* value) {
   return std::nullopt;
 }
 
-bool write_trig(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error) {
-  const auto activelow = activelow_of(value);
+bool write_trig(IoPort* port, const LegacyWrite& write) {
+  const auto activelow = activelow_of(write.value);
   if (!activelow) {
-    return incorrect(error, property);
+    return incorrect(write);
   }
-  return io_port_set_activelow(port, *activelow, PortSide::Input) ? save(port)
-                                                                  : unsupported(error, property);
+  return io_port_set_activelow(port, *activelow, PortSide::Input) ? save(port) : unsupported(write);
 }
 
-bool write_active(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error) {
-  const auto activelow = activelow_of(value);
+bool write_active(IoPort* port, const LegacyWrite& write) {
+  const auto activelow = activelow_of(write.value);
   if (!activelow) {
-    return incorrect(error, property);
+    return incorrect(write);
   }
   return io_port_set_activelow(port, *activelow, PortSide::Output)
              ? save(port)
-             : refuse(error, "Setting Active failed");
+             : refuse(write, "Setting Active failed");
 }
 
-bool turn_port(IoPort* port, Direction direction, GError** error) {
+bool turn_port(IoPort* port, Direction direction, const LegacyWrite& write) {
   if (!io_port_set_direction(port, direction)) {
-    return refuse(error, "Setting Direction failed");
+    return refuse(write, "Setting Direction failed");
   }
-  if (send_port_counts != nullptr) {
-    send_port_counts();
-  }
+  write.port_counts_changed();
   return save(port);
 }
 
-bool write_direction(IoPort* port, const LegacyProperty& property, GVariant* value,
-                     GError** error) {
-  const auto text = text_of(value).value_or("");
+bool write_direction(IoPort* port, const LegacyWrite& write) {
+  const auto text = text_of(write.value).value_or("");
   const auto direction = find_word(direction_words, text);
   if (!direction) {
-    g_warning("Undefined input: %s, for property: %s", text.c_str(), property.name);
-    g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "Bad Direction '%s'", text.c_str());
+    g_warning("Undefined input: %s, for property: %s", text.c_str(), write.name);
+    g_set_error(write.error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "Bad Direction '%s'",
+                text.c_str());
     return false;
   }
   switch (port->type) {
   case PORT_INPUT:
-    return direction == Direction::Input || refuse(error, "Port Direction is not settable");
+    return direction == Direction::Input || refuse(write, "Port Direction is not settable");
   case PORT_OUTPUT:
-    return direction == Direction::Output || refuse(error, "Port Direction is not settable");
+    return direction == Direction::Output || refuse(write, "Port Direction is not settable");
   case PORT_IO_CTRL:
-    return port->direction == direction || turn_port(port, *direction, error);
+    return port->direction == direction || turn_port(port, *direction, write);
   }
   return true;
 }
 
 // The value is taken, and yet refused and not saved: clients have come to count on both.
-bool write_button(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error) {
-  const auto text = text_of(value).value_or("");
+bool write_button(IoPort* port, const LegacyWrite& write) {
+  const auto text = text_of(write.value).value_or("");
   const auto button = enumerator_of<ButtonType>(button_type_string, text);
   if (!button) {
-    return incorrect(error, property);
+    return incorrect(write);
   }
   port->button_type = *button;
-  return unsupported(error, property);
+  return unsupported(write);
 }
 
-bool write_pulse_time(IoPort* port, const LegacyProperty& /*property*/, GVariant* value,
-                      GError** /*error*/) {
-  port->pulse_time = static_cast<guint32>(g_variant_get_int32(value));
+bool write_pulse_time(IoPort* port, const LegacyWrite& write) {
+  port->pulse_time = static_cast<guint32>(g_variant_get_int32(write.value));
   return save(port);
 }
 
-bool write_mode(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error) {
-  const auto text = text_of(value).value_or("");
+bool write_mode(IoPort* port, const LegacyWrite& write) {
+  const auto text = text_of(write.value).value_or("");
   const auto mode = enumerator_of<PortMode>(port_mode_string, text);
-  return mode && io_port_set_mode(port, *mode) ? save(port) : incorrect(error, property);
+  return mode && io_port_set_mode(port, *mode) ? save(port) : incorrect(write);
 }
 
-bool write_delay_time(IoPort* port, const LegacyProperty& /*property*/, GVariant* value,
-                      GError** /*error*/) {
-  io_port_set_delay_time(port, g_variant_get_int32(value));
+bool write_delay_time(IoPort* port, const LegacyWrite& write) {
+  io_port_set_delay_time(port, g_variant_get_int32(write.value));
   return save(port);
 }
 
-bool write_usage(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error) {
-  const auto text = text_of(value);
+bool write_usage(IoPort* port, const LegacyWrite& write) {
+  const auto text = text_of(write.value);
   if (!text) {
-    return incorrect(error, property);
+    return incorrect(write);
   }
   // A refused usage is no error here.
   std::ignore = io_port_set_usage(port, text->c_str());
@@ -308,10 +305,6 @@ LegacySetting legacy_setting(const IoPort& port, Setting setting) {
   g_assert_not_reached();
 }
 
-void legacy_properties_set_send_port_counts(SendPortCounts send) {
-  send_port_counts = send;
-}
-
 GVariant* legacy_property_get(const char* path, const char* interface_name, const char* name,
                               GError** error) {
   const LegacyProperty* const property = find_property(interface_name, name);
@@ -330,17 +323,12 @@ GVariant* legacy_property_get(const char* path, const char* interface_name, cons
   return value;
 }
 
-bool legacy_property_set(const char* path, const char* interface_name, const char* name,
-                         GVariant* value, GError** error) {
-  const auto port = port_at(path, error);
+bool legacy_property_set(const char* path, const char* interface_name, const LegacyWrite& write) {
+  const auto port = port_at(path, write.error);
   if (port == nullptr) {
     return false;
   }
-  const LegacyProperty* const property = find_property(interface_name, name);
-  if (property == nullptr || property->write == nullptr) {
-    g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
-                "Unsupported write of property '%s'", name);
-    return false;
-  }
-  return property->write(port.get(), *property, value, error);
+  const LegacyProperty* const property = find_property(interface_name, write.name);
+  return property != nullptr && property->write != nullptr ? property->write(port.get(), write)
+                                                           : unsupported(write);
 }

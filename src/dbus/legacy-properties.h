@@ -5,6 +5,19 @@
 
 #include "port/port-observer.h"
 
+#include <functional>
+
+/// A write of a property.
+struct LegacyWrite {
+  /// Of the property.
+  const char* name;
+  GVariant* value;
+  /// Set when the write is refused.
+  GError** error;
+  /// To be called when the device has another number of inputs and outputs by the write.
+  const std::function<void()>& port_counts_changed;
+};
+
 /// One property of one interface.
 struct LegacyProperty {
   const char* interface_name;
@@ -15,8 +28,8 @@ struct LegacyProperty {
   GVariant* (*read_device)();
   /// Value of a port, or nullptr when the property has none for it.
   GVariant* (*read)(const IoPort* port);
-  /// Writes, saves and returns true; false with `error` when refused. nullptr: read-only.
-  bool (*write)(IoPort* port, const LegacyProperty& property, GVariant* value, GError** error);
+  /// Writes, saves and returns true; false with the write's error when refused. nullptr: read-only.
+  bool (*write)(IoPort* port, const LegacyWrite& write);
 };
 
 /// A setting in the words of this interface. `text` is the port's, or NULL for a name that it
@@ -28,14 +41,10 @@ struct LegacySetting {
 };
 LegacySetting legacy_setting(const IoPort& port, Setting setting);
 
-/// Tells the configuration-event service the present counts of inputs and outputs.
-using SendPortCounts = void (*)();
-void legacy_properties_set_send_port_counts(SendPortCounts send);
-
 /// Reads a property of the object at `path`; nullptr with `error` when there is no value.
 [[nodiscard]] GVariant* legacy_property_get(const char* path, const char* interface_name,
                                             const char* name, GError** error);
 
-/// Writes a property of the object at `path`; false with `error` when refused.
+/// Carries out a write to the object at `path`; false, with its error, when refused.
 [[nodiscard]] bool legacy_property_set(const char* path, const char* interface_name,
-                                       const char* name, GVariant* value, GError** error);
+                                       const LegacyWrite& write);

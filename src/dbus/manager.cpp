@@ -2,10 +2,6 @@
 #include "dbus/manager.h"
 
 #include "dbus/connector.h"
-#include "dbus/dbus-handles.h"
-#include "dbus/dbus-ports.h"
-#include "dbus/iocontrol-manager-gen.h"
-#include "dbus/iocontrol.h"
 #include "dbus/legacy-names.h"
 #include "param/param.h"
 #include "platform/boot-time.h"
@@ -25,7 +21,6 @@ namespace {
 
 constexpr const char* manager_path = "/com/norv/IOControl/Manager";
 
-SharedSkeleton<IOControlManager1> manager_interface;
 const gint64 started_at_us = boot_time_us();
 
 /// The names of the services that are always there.
@@ -40,17 +35,18 @@ constexpr std::array called_services{"com.norv.IOBoxMonitor",
                                      "com.norv.Event.ActionEngine.User",
                                      "com.norv.PolicyKitSystem"};
 
-gboolean on_handle_stop_sequence(IOControlManager1* object, GDBusMethodInvocation* invocation,
-                                 guint number, gpointer /*user_data*/) {
-  const IoPortRef port = dbus_port_of_number(number);
+IoPortRef port_of_number(GDBusMethodInvocation* invocation, guint number) {
+  IoPortRef port = dbus_port_of_number(number);
   if (port == nullptr) {
     g_dbus_method_invocation_return_error_literal(invocation, io_control_error_quark(),
                                                   IO_CONTROL_ERROR_NO_PORT, "No such port.");
-    return TRUE;
   }
-  io_port_stop_action_sequence(port.get());
+  return port;
+}
+
+void stop_sequence(IOControlManager1* object, GDBusMethodInvocation* invocation, IoPort* port) {
+  io_port_stop_action_sequence(port);
   iocontrol_manager1_complete_stop_sequence(object, invocation);
-  return TRUE;
 }
 
 gboolean on_handle_get_running_sequences(IOControlManager1* object,
@@ -117,53 +113,58 @@ GVariant* missing_ports(const PortCensus& census) {
   return g_variant_builder_end(&builder);
 }
 
-void set_what_stays(IOControlManager1* skeleton) {
+void set_what_stays(IOControlManager1* skeleton, LegacyInterface legacy) {
   iocontrol_manager1_set_version(skeleton, WEXD_VERSION);
   iocontrol_manager1_set_started_at(skeleton, static_cast<guint64>(started_at_us));
   std::vector<const char*> names(own_names.begin(), own_names.end());
-  if (use_legacy_interface()) {
+  if (legacy == LegacyInterface::Served) {
     names.push_back(legacy_ioport_interface);
   }
   names.push_back(nullptr);
   iocontrol_manager1_set_bus_names(skeleton, names.data());
 }
 
-// Told by a backend, which may hold locks that a look at the list needs.
-void on_hardware_gone() {
-  g_idle_add_once([](gpointer) { manager_tell_ports(); }, nullptr);
-}
-
 const std::array<MethodHandler, 4> handlers{{
     {"handle-get-running-sequences", G_CALLBACK(on_handle_get_running_sequences)},
     {"handle-get-services", G_CALLBACK(on_handle_get_services)},
     {"handle-get-last-failed-save", G_CALLBACK(on_handle_get_last_failed_save)},
-    {"handle-stop-sequence", G_CALLBACK(on_handle_stop_sequence)},
+    port_method<port_of_number, stop_sequence>("handle-stop-sequence"),
 }};
 
 } // namespace
 
-void manager_publish(GDBusConnection* connection) {
-  IOControlManager1* const skeleton = iocontrol_manager1_skeleton_new();
-  manager_interface.reset(skeleton);
-  set_what_stays(skeleton);
-  manager_tell_ports();
-  port_observer.hardware_gone = on_hardware_gone;
-  if (!export_skeleton(skeleton, handlers, connection, manager_path)) {
+Manager::Manager(GDBusConnection* connection, LegacyInterface legacy)
+    : skeleton_(iocontrol_manager1_skeleton_new()) {
+  set_what_stays(skeleton_.get(), legacy);
+  tell_ports();
+  port_observer.hardware_gone = [this] { tell_ports_soon(); };
+  if (!export_skeleton(skeleton_.get(), handlers, nullptr, connection, manager_path)) {
     g_warning("%sFailed to register IOControl manager dbus interface", log_prefix);
   }
 }
 
-void manager_tell_ports() {
+Manager::~Manager() {
+  port_observer.hardware_gone = nullptr;
+}
+
+void Manager::tell_ports() {
   const auto census = io_port_list_census();
-  manager_interface.with([&](IOControlManager1* skeleton) {
-    iocontrol_manager1_set_ports(skeleton, census.described);
-    iocontrol_manager1_set_ports_in_service(skeleton, census.in_service);
-    iocontrol_manager1_set_missing_ports(skeleton, missing_ports(census));
-  });
+  iocontrol_manager1_set_ports(skeleton_.get(), census.described);
+  iocontrol_manager1_set_ports_in_service(skeleton_.get(), census.in_service);
+  iocontrol_manager1_set_missing_ports(skeleton_.get(), missing_ports(census));
   service_manager_tell(port_census_text(census));
 }
 
-void manager_unpublish() {
-  port_observer.hardware_gone = nullptr;
-  manager_interface.reset();
+// Told by a backend, which may hold locks that a look at the list needs.
+void Manager::tell_ports_soon() {
+  if (!telling_) {
+    telling_.reset(g_idle_add(
+        [](gpointer user_data) -> gboolean {
+          auto* const manager = static_cast<Manager*>(user_data);
+          manager->telling_.forget();
+          manager->tell_ports();
+          return G_SOURCE_REMOVE;
+        },
+        this));
+  }
 }

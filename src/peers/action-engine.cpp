@@ -3,7 +3,6 @@
 #include "platform/bus-call.h"
 #include "platform/bus-proxy.h"
 #include "platform/log.h"
-#include "platform/mutex.h"
 #include "port/ioport-list.h"
 #include "port/port-observer.h"
 
@@ -32,13 +31,6 @@ constexpr std::array templates{
 };
 using Present = std::array<bool, templates.size()>;
 
-guint watch_id = 0;
-/// None while the engine is absent.
-GDBusProxy* proxy = nullptr;
-bool wish = false;
-/// Held while templates are added or removed.
-Mutex registration_mutex;
-
 void note_present(GVariant* list, Present& present) {
   GVariantIter iter;
   g_variant_iter_init(&iter, list);
@@ -51,7 +43,7 @@ void note_present(GVariant* list, Present& present) {
 }
 
 // Which of the templates the engine has; nothing, after a warning, when it does not tell.
-std::optional<Present> list_templates() {
+std::optional<Present> list_templates(GDBusProxy* proxy) {
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariant) reply = bus_call(proxy, TEMPLATE_METHOD("List"), nullptr, nullptr, &error);
   g_autoptr(GVariant) list = reply != nullptr && g_variant_n_children(reply) > 0
@@ -67,8 +59,8 @@ std::optional<Present> list_templates() {
   return present;
 }
 
-bool call_for_template(const ActionTemplate& entry, const char* method, const char* argument,
-                       const char* failure) {
+bool call_for_template(GDBusProxy* proxy, const ActionTemplate& entry, const char* method,
+                       const char* argument, const char* failure) {
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariant) reply =
       bus_call(proxy, method, g_variant_new("(s)", argument), nullptr, &error);
@@ -79,67 +71,57 @@ bool call_for_template(const ActionTemplate& entry, const char* method, const ch
   return true;
 }
 
-bool add_template(const ActionTemplate& entry) {
-  return call_for_template(entry, TEMPLATE_METHOD("AddFromFile"), entry.file, "add");
+bool add_template(GDBusProxy* proxy, const ActionTemplate& entry) {
+  return call_for_template(proxy, entry, TEMPLATE_METHOD("AddFromFile"), entry.file, "add");
 }
 
-bool remove_template(const ActionTemplate& entry) {
-  return call_for_template(entry, TEMPLATE_METHOD("Remove"), entry.id, "remove");
-}
-
-// Brings the engine in line with the wish.
-void apply_wish() {
-  const MutexLock guard(registration_mutex);
-  if (proxy == nullptr) {
-    return;
-  }
-  const auto present = list_templates();
-  for (gsize i = 0; present && i < templates.size(); i++) {
-    if ((*present)[i] == wish) {
-      continue;
-    }
-    if (!(wish ? add_template(templates[i]) : remove_template(templates[i]))) {
-      return;
-    }
-  }
-}
-
-void release_proxy() {
-  const MutexLock guard(registration_mutex);
-  g_clear_object(&proxy);
-}
-
-void on_name_appeared(GDBusConnection* /*connection*/, const gchar* /*name*/,
-                      const gchar* /*owner*/, gpointer /*user_data*/) {
-  release_proxy();
-  {
-    const MutexLock guard(registration_mutex);
-    proxy = bus_proxy_new(service, nullptr);
-  }
-  apply_wish();
-}
-
-void on_name_vanished(GDBusConnection* /*connection*/, const gchar* /*name*/,
-                      gpointer /*user_data*/) {
-  release_proxy();
+bool remove_template(GDBusProxy* proxy, const ActionTemplate& entry) {
+  return call_for_template(proxy, entry, TEMPLATE_METHOD("Remove"), entry.id, "remove");
 }
 
 } // namespace
 
-void actionengine_dbus_init() {
-  port_observer.outputs_wanted = actionengine_dbus_update_action_registration;
+ActionengineDbus::ActionengineDbus() {
+  port_observer.outputs_wanted = [this](bool wanted) { update_action_registration(wanted); };
   io_port_list_update_action_registration();
-  watch_id = g_bus_watch_name(G_BUS_TYPE_SYSTEM, service.name, G_BUS_NAME_WATCHER_FLAGS_NONE,
-                              on_name_appeared, on_name_vanished, nullptr, nullptr);
+  watch_.reset(g_bus_watch_name(
+      G_BUS_TYPE_SYSTEM, service.name, G_BUS_NAME_WATCHER_FLAGS_NONE,
+      [](GDBusConnection*, const gchar*, const gchar*, gpointer user_data) {
+        static_cast<ActionengineDbus*>(user_data)->on_name_appeared();
+      },
+      [](GDBusConnection*, const gchar*, gpointer user_data) {
+        static_cast<ActionengineDbus*>(user_data)->proxy_.reset();
+      },
+      this, nullptr));
 }
 
-void actionengine_dbus_finalize() {
+ActionengineDbus::~ActionengineDbus() {
   port_observer.outputs_wanted = nullptr;
-  g_bus_unwatch_name(std::exchange(watch_id, 0));
-  release_proxy();
 }
 
-void actionengine_dbus_update_action_registration(gboolean wanted) {
-  wish = wanted;
+void ActionengineDbus::on_name_appeared() {
+  proxy_.reset();
+  proxy_.reset(bus_proxy_new(service, nullptr));
   apply_wish();
+}
+
+void ActionengineDbus::update_action_registration(bool wanted) {
+  wanted_ = wanted;
+  apply_wish();
+}
+
+void ActionengineDbus::apply_wish() {
+  if (proxy_ == nullptr) {
+    return;
+  }
+  GDBusProxy* const proxy = proxy_.get();
+  const auto present = list_templates(proxy);
+  for (gsize i = 0; present && i < templates.size(); i++) {
+    if ((*present)[i] == wanted_) {
+      continue;
+    }
+    if (!(wanted_ ? add_template(proxy, templates[i]) : remove_template(proxy, templates[i]))) {
+      return;
+    }
+  }
 }

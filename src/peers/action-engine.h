@@ -2,13 +2,25 @@
 // has an output to act on.
 #pragma once
 
-#include <glib.h>
+#include "platform/object-handles.h"
 
-/// Starts to follow the action engine on the bus.
-void actionengine_dbus_init();
+/// Follows the action engine on the bus as long as it lives; what is registered by then stays so.
+/// Main thread only, as every change of the port list.
+class ActionengineDbus {
+public:
+  ActionengineDbus();
+  ~ActionengineDbus();
+  ActionengineDbus(const ActionengineDbus&) = delete;
+  ActionengineDbus& operator=(const ActionengineDbus&) = delete;
 
-/// Stops to; what is registered stays so.
-void actionengine_dbus_finalize();
+private:
+  void on_name_appeared();
+  /// Whether the templates are wanted; brings the engine in line, if it is there.
+  void update_action_registration(bool wanted);
+  void apply_wish();
 
-/// Says whether the templates are wanted and brings the engine in line, if it is there.
-void actionengine_dbus_update_action_registration(gboolean wanted);
+  /// None while the engine is absent.
+  ObjectRef<GDBusProxy> proxy_;
+  bool wanted_ = false;
+  UniqueId<g_bus_unwatch_name> watch_;
+};

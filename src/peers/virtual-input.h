@@ -1,6 +1,11 @@
 // Manual-trigger ports for the device's video channels: which exist and which are enabled.
 #pragma once
 
+#include "peers/coordinator-dbus.h"
+#include "peers/streamer-dbus.h"
+
+#include <vector>
+
 /// State of pan-tilt-zoom.
 enum class PtzState {
   Disabled = 0,
@@ -9,14 +14,30 @@ enum class PtzState {
   Unknown = 2,
 };
 
-/// Starts to follow video channels and PTZ, if the hardware description asks for it.
-void virtual_input_init();
+/// Main thread only. Its end disables the trigger ports.
+class VirtualInput {
+public:
+  VirtualInput() = default;
+  ~VirtualInput();
+  VirtualInput(const VirtualInput&) = delete;
+  VirtualInput& operator=(const VirtualInput&) = delete;
 
-/// Disables the trigger ports and stops to follow the peers.
-void virtual_input_finalize();
+  /// Starts to follow video channels and PTZ, if the hardware description asks for it.
+  void init();
 
-/// A channel (1-based) was enabled or disabled.
-void virtual_input_set_channel_enabled(int channel, bool enabled);
+  /// A channel (1-based) was enabled or disabled.
+  void set_channel_enabled(int channel, bool enabled);
 
-/// PTZ changed.
-void virtual_input_set_ptz_enabled(PtzState state);
+  /// PTZ changed.
+  void set_ptz_enabled(PtzState state);
+
+private:
+  void update_trigger(int channel, bool enabled) const;
+  void note_channel(int channel, bool enabled);
+
+  /// In the order in which they were enabled; each at most once.
+  std::vector<int> enabled_channels_;
+  PtzState ptz_state_ = PtzState::Disabled;
+  CoordinatorDbus coordinator_{*this};
+  StreamerDbus streamer_{*this};
+};

@@ -3,16 +3,25 @@
 #include "platform/hung-services.h"
 #include "platform/log.h"
 
+#include <utility>
+
 namespace {
 
-// The start's; none where it asks nobody.
-GDBusConnection* start_connection = nullptr;
-GMainContext* start_context = nullptr;
+/// Main thread only; kept for the life of the process.
+struct Connections {
+  /// The start's; none where it asks nobody.
+  GDBusConnection* start = nullptr;
+  GMainContext* start_context = nullptr;
+  /// Whether the shared one is the one that counts.
+  bool sharing = false;
+  GDBusConnection* shared = nullptr;
+  std::function<void()> on_lost;
+};
 
-bool sharing = false;
-/// Kept for the life of the process.
-GDBusConnection* shared_connection = nullptr;
-void (*on_lost)() = nullptr;
+Connections& connections() {
+  static auto* const instance = new Connections;
+  return *instance;
+}
 
 // As GLib opens the shared one. Its function for private ones refuses the last of these flags, by
 // which users of another name space are let in.
@@ -29,21 +38,22 @@ GDBusConnection* open_for_start(GError** error) {
 }
 
 GDBusConnection* connection_of_start(GError** error) {
-  if (start_connection == nullptr) {
-    start_connection = open_for_start(error);
-    if (start_connection != nullptr) {
-      hung_services_listen(start_connection);
+  auto& start = connections().start;
+  if (start == nullptr) {
+    start = open_for_start(error);
+    if (start != nullptr) {
+      hung_services_listen(start);
     }
   }
-  return start_connection;
+  return start;
 }
 
 void on_closed(GDBusConnection* /*connection*/, gboolean /*by_peer*/, GError* error,
                gpointer /*user_data*/) {
   g_warning("%sLost the connection to the bus: %s", log_prefix,
             error != nullptr ? error->message : "closed by the bus");
-  if (on_lost != nullptr) {
-    on_lost();
+  if (connections().on_lost) {
+    connections().on_lost();
   }
 }
 
@@ -56,54 +66,57 @@ void catch_up(GDBusConnection* connection) {
 }
 
 void dispatch_start() {
-  while (start_context != nullptr && g_main_context_iteration(start_context, FALSE)) {
+  GMainContext* const context = connections().start_context;
+  while (context != nullptr && g_main_context_iteration(context, FALSE)) {
   }
 }
 
 } // namespace
 
 GDBusConnection* bus_connection(GError** error) {
-  return sharing ? bus_connection_shared(error) : connection_of_start(error);
+  return connections().sharing ? bus_connection_shared(error) : connection_of_start(error);
 }
 
 // Without a word GLib would end the process by a SIGTERM that nobody sent.
 GDBusConnection* bus_connection_shared(GError** error) {
-  if (shared_connection != nullptr) {
-    return shared_connection;
+  auto& shared = connections().shared;
+  if (shared != nullptr) {
+    return shared;
   }
-  shared_connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error);
-  if (shared_connection != nullptr) {
-    g_dbus_connection_set_exit_on_close(shared_connection, FALSE);
-    hung_services_listen(shared_connection);
-    g_signal_connect(shared_connection, "closed", G_CALLBACK(on_closed), nullptr);
+  shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error);
+  if (shared != nullptr) {
+    g_dbus_connection_set_exit_on_close(shared, FALSE);
+    hung_services_listen(shared);
+    g_signal_connect(shared, "closed", G_CALLBACK(on_closed), nullptr);
   }
-  return shared_connection;
+  return shared;
 }
 
 GMainContext* bus_connection_context() {
-  if (!sharing && start_context == nullptr) {
-    start_context = g_main_context_new();
+  auto& [start, context, sharing, shared, on_lost] = connections();
+  if (!sharing && context == nullptr) {
+    context = g_main_context_new();
   }
-  return sharing ? nullptr : start_context;
+  return sharing ? nullptr : context;
 }
 
 // Of a bus that ended meanwhile, the calls of the start have told no more than that they failed.
-bool bus_connection_share(void (*lost)()) {
-  on_lost = lost;
+bool bus_connection_share(std::function<void()> lost) {
+  auto& [start, context, sharing, shared, on_lost] = connections();
+  on_lost = std::move(lost);
   sharing = true;
   g_autoptr(GError) error = nullptr;
   const bool connected = bus_connection_shared(&error) != nullptr;
-  if (start_connection == nullptr
-      || (connected && !g_dbus_connection_is_closed(start_connection))) {
+  if (start == nullptr || (connected && !g_dbus_connection_is_closed(start))) {
     return true;
   }
-  on_closed(start_connection, TRUE, error, nullptr);
+  on_closed(start, TRUE, error, nullptr);
   return false;
 }
 
 void bus_connection_serve_start() {
-  if (start_connection != nullptr) {
-    catch_up(start_connection);
+  if (GDBusConnection* const start = connections().start) {
+    catch_up(start);
   }
   dispatch_start();
 }
@@ -111,6 +124,6 @@ void bus_connection_serve_start() {
 // What is left in the context are the ends of subscriptions, which free what belongs to them.
 void bus_connection_leave_start() {
   dispatch_start();
-  g_clear_object(&start_connection);
-  g_clear_pointer(&start_context, g_main_context_unref);
+  g_clear_object(&connections().start);
+  g_clear_pointer(&connections().start_context, g_main_context_unref);
 }

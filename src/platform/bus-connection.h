@@ -7,6 +7,8 @@
 
 #include <gio/gio.h>
 
+#include <functional>
+
 /// The connection over which other services are reached: until bus_connection_share() the start's
 /// own, opened when first asked for, then the shared one. Owned by this module; NULL with `error`
 /// without a bus.
@@ -20,7 +22,7 @@ GMainContext* bus_connection_context();
 /// daemon's names. `lost` is called from the main loop when the bus has closed the connection; the
 /// process goes on. False when the bus of the start is lost already, after `lost` was called for
 /// that; a start that met no bus and needed none goes on without.
-[[nodiscard]] bool bus_connection_share(void (*lost)());
+[[nodiscard]] bool bus_connection_share(std::function<void()> lost);
 
 /// The shared connection, whatever bus_connection() is at the moment.
 GDBusConnection* bus_connection_shared(GError** error);

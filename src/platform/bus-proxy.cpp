@@ -170,39 +170,25 @@ void bus_proxy_ask(GDBusProxy* proxy, GCancellable* cancellable, BusProxyAnswere
                     default_timeout, cancellable, on_properties, question.release());
 }
 
-void BusOwnerWatch::start(GDBusProxy* proxy, Changed changed, gpointer user_data) {
+void BusOwnerWatch::start(GDBusProxy* proxy, std::function<void()> changed) {
   stop();
-  g_object_ref(proxy);
   proxy_ = proxy;
-  changed_ = changed;
-  user_data_ = user_data;
-  handler_ = g_signal_connect_swapped(
-      proxy, "notify::g-name-owner",
-      G_CALLBACK(+[](BusOwnerWatch* watch) { watch->note_change(); }), this);
+  changed_ = std::move(changed);
+  handler_ = SignalHandler(proxy, "notify::g-name-owner",
+                           G_CALLBACK(+[](GDBusProxy*, GParamSpec*, gpointer user_data) {
+                             static_cast<BusOwnerWatch*>(user_data)->note_change();
+                           }),
+                           this);
 }
 
 void BusOwnerWatch::stop() {
-  give_up_question();
-  if (handler_ != 0) {
-    g_signal_handler_disconnect(proxy_, std::exchange(handler_, 0));
-  }
-  g_clear_object(&proxy_);
+  question_.give_up();
+  handler_.reset();
 }
 
 void BusOwnerWatch::note_change() {
-  give_up_question();
   forget_properties(proxy_);
-  question_ = g_cancellable_new();
   bus_proxy_ask(
-      proxy_, question_,
-      [](gpointer user_data) {
-        const auto* watch = static_cast<BusOwnerWatch*>(user_data);
-        watch->changed_(watch->user_data_);
-      },
-      this);
-}
-
-void BusOwnerWatch::give_up_question() {
-  g_cancellable_cancel(question_);
-  g_clear_object(&question_);
+      proxy_, question_.begin(),
+      [](gpointer user_data) { static_cast<BusOwnerWatch*>(user_data)->changed_(); }, this);
 }

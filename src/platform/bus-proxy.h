@@ -4,7 +4,11 @@
 // Main thread only.
 #pragma once
 
+#include "platform/object-handles.h"
+
 #include <gio/gio.h>
+
+#include <functional>
 
 /// Where a service is found, and how its proxy is to be.
 struct BusService {
@@ -42,27 +46,16 @@ void bus_proxy_ask(GDBusProxy* proxy, GCancellable* cancellable, BusProxyAnswere
 /// first; nobody waits for that.
 class BusOwnerWatch {
 public:
-  using Changed = void (*)(gpointer user_data);
-
-  BusOwnerWatch() = default;
-  ~BusOwnerWatch() { stop(); }
-  BusOwnerWatch(const BusOwnerWatch&) = delete;
-  BusOwnerWatch& operator=(const BusOwnerWatch&) = delete;
-
   /// From here on `changed` is called from the main loop, until stop().
-  void start(GDBusProxy* proxy, Changed changed, gpointer user_data);
+  void start(GDBusProxy* proxy, std::function<void()> changed);
   void stop();
 
   /// Does what a change does.
   void note_change();
 
 private:
-  void give_up_question();
-
   GDBusProxy* proxy_ = nullptr;
-  gulong handler_ = 0;
-  /// Of the question that is under way.
-  GCancellable* question_ = nullptr;
-  Changed changed_ = nullptr;
-  gpointer user_data_ = nullptr;
+  SignalHandler handler_;
+  UnderWay question_;
+  std::function<void()> changed_;
 };

@@ -35,35 +35,48 @@ private:
   int fd_ = -1;
 };
 
-/// Owns a source of the default main context by its id; removes it when it goes. A callback that
-/// ends its source by returning false must call `forget` first. Main thread only.
-class SourceId {
+/// Owns what a library knows by a number other than 0, and has `Remove` take it back. Main thread
+/// only.
+template <auto Remove>
+class UniqueId {
 public:
-  SourceId() = default;
-  explicit SourceId(guint id) : id_(id) {}
-  ~SourceId() { reset(); }
-  SourceId(SourceId&& other) noexcept : id_(std::exchange(other.id_, 0)) {}
-  SourceId& operator=(SourceId&& other) noexcept {
+  UniqueId() = default;
+  explicit UniqueId(guint id) : id_(id) {}
+  ~UniqueId() { reset(); }
+  UniqueId(UniqueId&& other) noexcept : id_(std::exchange(other.id_, 0)) {}
+  UniqueId& operator=(UniqueId&& other) noexcept {
     reset(std::exchange(other.id_, 0));
     return *this;
   }
-  SourceId(const SourceId&) = delete;
-  SourceId& operator=(const SourceId&) = delete;
+  UniqueId(const UniqueId&) = delete;
+  UniqueId& operator=(const UniqueId&) = delete;
 
   [[nodiscard]] guint get() const { return id_; }
   explicit operator bool() const { return id_ != 0; }
 
-  /// Removes the held source and takes `id` instead (0: nothing).
+  /// Takes back what is held and holds `id` instead (0: nothing).
   void reset(guint id = 0) {
-    if (id_ != 0) {
-      g_source_remove(id_);
+    if (const guint previous = std::exchange(id_, id); previous != 0) {
+      Remove(previous);
     }
-    id_ = id;
   }
 
-  /// Lets go of a source that removes itself.
+  /// Lets go of what removes itself.
   void forget() { id_ = 0; }
 
 private:
   guint id_ = 0;
+};
+
+/// A source of the default main context. A callback that ends its source by returning false must
+/// call `forget` first.
+using SourceId = UniqueId<g_source_remove>;
+
+/// Frees what a library handed out by the function that the library has for that.
+template <auto Free>
+struct FreeWith {
+  template <typename Handle>
+  void operator()(Handle* handle) const {
+    Free(handle);
+  }
 };

@@ -56,7 +56,7 @@ public:
       return;
     }
     quick_steps_ = 0;
-    run.aside([] { announce(port_observer.burst_announced); });
+    run.aside([] { port_observer.burst_announced(); });
   }
 
 private:
@@ -95,7 +95,7 @@ void io_port_run_sequence_internal(ActionSequence steps) {
   }
   steps.clear();
   steps.shrink_to_fit();
-  announce(port_observer.sequence_done, port->number);
+  port_observer.sequence_done(port->number);
   forget_running(port);
   const bool last = port->refcount.fetch_sub(1) == 1;
   run.end();

@@ -30,13 +30,13 @@ bool addressable(IoPort* port) {
 }
 
 void update_action_registration_internal() {
-  if (port_observer.outputs_wanted == nullptr) {
+  if (!port_observer.outputs_wanted) {
     return;
   }
   const bool wanted = std::ranges::any_of(io_port_list, [](IoPort* port) {
     return io_port_has_output_side(port) && io_port_get_property(port, "ioport");
   });
-  announce(port_observer.outputs_wanted, wanted);
+  port_observer.outputs_wanted(wanted);
 }
 
 } // namespace port_list

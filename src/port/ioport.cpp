@@ -47,7 +47,7 @@ void announce_present_state(IoPort* ioport) {
 
 void apply_input_activelow(IoPort* ioport) {
   announce_present_state(ioport);
-  announce(port_observer.setting_changed, *ioport, Setting::InputSense);
+  port_observer.setting_changed(*ioport, Setting::InputSense);
 }
 
 void apply_output_activelow(IoPort* ioport, bool value) WEXD_REQUIRES(ioport->gate) {
@@ -55,7 +55,7 @@ void apply_output_activelow(IoPort* ioport, bool value) WEXD_REQUIRES(ioport->ga
   // restores the old one, which the state setter announces once.
   const bool high = ioport->functions->get_state(ioport) != Level::Low;
   io_port_set_state_internal(ioport, value ? high : !high);
-  announce(port_observer.setting_changed, *ioport, Setting::OutputSense);
+  port_observer.setting_changed(*ioport, Setting::OutputSense);
 }
 
 void redeclare_events(IoPort* ioport) {
@@ -111,7 +111,7 @@ bool io_port_set_direction(IoPort* ioport, Direction direction) {
       }
     }
     announce_present_state(ioport);
-    announce(port_observer.setting_changed, *ioport, Setting::Direction);
+    port_observer.setting_changed(*ioport, Setting::Direction);
   }
   return true;
 }
@@ -186,14 +186,13 @@ void io_port_send_signal(IoPort* port, Trigger trigger, bool state) {
   if (!port->enabled) {
     return;
   }
-  announce(port_observer.port_changed,
-           PortChange{.number = port->number,
-                      .is_virtual = io_port_get_property(port, "virtual"),
-                      .hidden = io_port_get_property(port, "hidden"),
-                      .input = io_port_input(port),
-                      .trigger = trigger,
-                      .state = state,
-                      .activelow = activelow_of_current_side(port)});
+  port_observer.port_changed(PortChange{.number = port->number,
+                                        .is_virtual = io_port_get_property(port, "virtual"),
+                                        .hidden = io_port_get_property(port, "hidden"),
+                                        .input = io_port_input(port),
+                                        .trigger = trigger,
+                                        .state = state,
+                                        .activelow = activelow_of_current_side(port)});
 }
 
 bool io_port_get_activelow(IoPort* ioport, PortSide side) {
@@ -270,8 +269,7 @@ bool set_name(IoPort* ioport, const char* name, PortSide side) {
     return false;
   }
   stored = name != nullptr ? OptionalText(name) : std::nullopt;
-  announce(port_observer.setting_changed, *ioport,
-           input_side ? Setting::InputName : Setting::OutputName);
+  port_observer.setting_changed(*ioport, input_side ? Setting::InputName : Setting::OutputName);
 
   // Declarations carry the name of the side in use only.
   if (ioport->type != PORT_IO_CTRL || (ioport->direction == Direction::Input) == input_side) {
@@ -307,7 +305,7 @@ bool io_port_set_usage(IoPort* ioport, const char* usage) {
     return false;
   }
   ioport->usage = text;
-  announce(port_observer.setting_changed, *ioport, Setting::Usage);
+  port_observer.setting_changed(*ioport, Setting::Usage);
   return true;
 }
 

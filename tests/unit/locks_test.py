@@ -7,7 +7,7 @@ import subprocess
 import unittest
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
-MUTEX = re.compile(r"^\s*(?:std::mutex|Mutex) (\w+)\b.*;", re.MULTILINE)
+MUTEX = re.compile(r"^\s*(?:mutable )?(?:std::mutex|Mutex) (\w+)\b.*;", re.MULTILINE)
 ROW = re.compile(r"^\| `(\w+)` \(`([\w/-]+)`\)", re.MULTILINE)
 
 DRIVE = """

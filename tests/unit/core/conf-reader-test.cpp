@@ -21,7 +21,7 @@ constexpr const char* no_hardware_id = "Could not get the hardware id";
 
 TEST_F(TheDescription, that_cannot_be_read_is_said_to_be_so) {
   const auto path = scratch.path("none.xml");
-  EXPECT_FALSE(conf_read_configuration(path.c_str()));
+  EXPECT_FALSE(conf_read_configuration(reader, path.c_str()));
   EXPECT_TRUE(logged(G_LOG_LEVEL_CRITICAL, "Couldn't load XML (" + path + ")\n"));
   EXPECT_EQ(io_port_list_length(), 0);
 }
@@ -230,7 +230,7 @@ TEST_F(TheDescription, may_be_spread_over_a_folder) {
   folder.write("one.xml", "<c><port name=\"one\"/></c>");
   folder.write("two", "<c><port name=\"two\"/></c>");
   folder.write(".three.bak", "<c><port name=\"three\"/></c>");
-  EXPECT_TRUE(conf_read_drop_dir(folder.path().c_str()));
+  EXPECT_TRUE(conf_read_drop_dir(reader, folder.path().c_str()));
   EXPECT_THAT(names(), testing::UnorderedElementsAre("one", "two", "three"));
 }
 
@@ -248,7 +248,7 @@ TEST_F(TheDescription, is_read_from_a_folder_in_the_folders_own_order) {
     }
   }
   closedir(dir);
-  EXPECT_TRUE(conf_read_drop_dir(folder.path().c_str()));
+  EXPECT_TRUE(conf_read_drop_dir(reader, folder.path().c_str()));
   EXPECT_EQ(names(), expected);
 }
 
@@ -258,7 +258,7 @@ TEST_F(TheDescription, ends_at_the_first_bad_file_of_a_folder) {
   for (int i = 0; i < files; i++) {
     folder.write(std::to_string(i), "<c><port optional=\"true\"></oops>");
   }
-  EXPECT_FALSE(conf_read_drop_dir(folder.path().c_str()));
+  EXPECT_FALSE(conf_read_drop_dir(reader, folder.path().c_str()));
   EXPECT_EQ(io_port_list_length(), 1) << "only one file was read";
   EXPECT_TRUE(logged_part(G_LOG_LEVEL_CRITICAL, "Couldn't parse markup file ("));
   EXPECT_TRUE(logged_part(G_LOG_LEVEL_WARNING, folder.path()));
@@ -282,15 +282,15 @@ TEST_F(TheDescription, does_not_mind_what_goes_while_a_folder_is_read) {
 }
 
 TEST_F(TheDescription, needs_no_folder) {
-  EXPECT_FALSE(conf_read_drop_dir(scratch.path("none").c_str()));
+  EXPECT_FALSE(conf_read_drop_dir(reader, scratch.path("none").c_str()));
   const auto plain_file = scratch.write("file", "");
-  EXPECT_FALSE(conf_read_drop_dir(plain_file.c_str()));
+  EXPECT_FALSE(conf_read_drop_dir(reader, plain_file.c_str()));
 }
 
 TEST_F(TheDescription, is_no_folder_in_the_folder) {
   const ScratchFolder folder;
   mkdir(folder.path("inner").c_str(), 0755);
-  EXPECT_TRUE(conf_read_drop_dir(folder.path().c_str()));
+  EXPECT_TRUE(conf_read_drop_dir(reader, folder.path().c_str()));
   EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING,
                      "Skipping " + folder.path() + "/inner: it is not a regular file"));
 }
@@ -298,6 +298,6 @@ TEST_F(TheDescription, is_no_folder_in_the_folder) {
 TEST_F(TheDescription, is_no_link_of_the_folder_that_leads_to_nothing) {
   const ScratchFolder folder;
   std::filesystem::create_symlink("nothing", folder.path("link"));
-  EXPECT_FALSE(conf_read_drop_dir(folder.path().c_str()));
+  EXPECT_FALSE(conf_read_drop_dir(reader, folder.path().c_str()));
   EXPECT_TRUE(logged_part(G_LOG_LEVEL_CRITICAL, "Couldn't load XML ("));
 }

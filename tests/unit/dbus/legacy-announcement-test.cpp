@@ -4,6 +4,7 @@
 #include "dbus/iocontrol-conf-legacy-dbus.h"
 #include "dbus/legacy-names.h"
 #include "port/action-sequence.h"
+#include "port/port-observer.h"
 
 #include <gio/gio.h>
 
@@ -79,7 +80,7 @@ struct TheLegacyInterface : PortTest {
     port.input_name = text;
     port.output_name = text;
     port.usage = text;
-    wexd_g_dbus_common_emit_property_changed_signal(port, setting);
+    port_observer.setting_changed(port, setting);
   }
 
   static constexpr std::array settings{Setting::InputName, Setting::OutputName, Setting::Usage};
@@ -111,7 +112,7 @@ struct TheLegacyInterface : PortTest {
 } // namespace
 
 TEST_F(TheLegacyInterface, announces_from_any_thread_each_setting_once) {
-  iocontrol_conf_legacy_dbus_create();
+  const auto legacy = iocontrol_conf_legacy_dbus_create();
   announcers().clear();
   ASSERT_TRUE(run_until([this] { return heard.size() == gsize{thread_count} * rounds; }));
   run_pending();
@@ -124,22 +125,20 @@ TEST_F(TheLegacyInterface, announces_from_any_thread_each_setting_once) {
                               legacy_output_interface, "Name", "3.1"}));
   EXPECT_TRUE(heard.contains({"/com/norv/Configuration/Legacy/IOControl/IOPort/2",
                               legacy_ioport_interface, "Usage", "2.2"}));
-  iocontrol_conf_legacy_dbus_destroy();
 }
 
 TEST_F(TheLegacyInterface, may_come_and_go_while_other_threads_announce) {
   auto threads = announcers();
   for (int i = 0; i < 10; i++) {
-    iocontrol_conf_legacy_dbus_create();
+    const auto legacy = iocontrol_conf_legacy_dbus_create();
     run_pending();
-    iocontrol_conf_legacy_dbus_destroy();
   }
   threads.clear();
   run_pending();
   heard.clear();
   // Nobody is told anything while it is away.
   announce_text(0, "late", Setting::InputName);
-  iocontrol_conf_legacy_dbus_create();
+  const auto legacy = iocontrol_conf_legacy_dbus_create();
   announce_text(0, "last", Setting::InputName);
   const auto told = [this](const char* value) {
     return std::ranges::any_of(heard,
@@ -147,5 +146,4 @@ TEST_F(TheLegacyInterface, may_come_and_go_while_other_threads_announce) {
   };
   ASSERT_TRUE(run_until([&] { return told("last"); }));
   EXPECT_FALSE(told("late"));
-  iocontrol_conf_legacy_dbus_destroy();
 }

@@ -29,11 +29,6 @@ void DescriptionTest::SetUp() {
   PortTest::SetUp();
   fake_bootblock::hwid = std::nullopt;
   fake_bootblock::take_questions();
-  // What an earlier test left open inside a skipped port or a backend is closed by any other.
-  read("<port><backend/></port>");
-  io_port_list_free();
-  claim_log();
-  take_wanted();
 }
 
 bool DescriptionTest::read(const std::string& text) {
@@ -42,7 +37,7 @@ bool DescriptionTest::read(const std::string& text) {
 
 bool DescriptionTest::read_raw(const std::string& text) {
   file = scratch.write("conf.xml", text);
-  return conf_read_configuration(file.c_str());
+  return conf_read_configuration(reader, file.c_str());
 }
 
 IoPort* DescriptionTest::read_port(const std::string& content) {

@@ -29,5 +29,6 @@ protected:
   static Texts names();
 
   ScratchFolder scratch;
+  ConfReader reader;
   std::string file;
 };
