@@ -51,9 +51,9 @@ constexpr std::array error_entries{
 };
 
 void register_errors() {
-  static gsize quark = 0;
-  g_dbus_error_register_error_domain("io-control-error-quark", &quark, error_entries.data(),
-                                     error_entries.size());
+  for (const auto& entry : error_entries) {
+    g_dbus_error_register_error(io_control_error_quark(), entry.error_code, entry.dbus_error_name);
+  }
 }
 
 void answer_error(GDBusMethodInvocation* invocation, IoControlError code, const char* message) {

@@ -31,9 +31,10 @@ constexpr std::array error_entries{
 };
 
 void register_errors() {
-  static gsize quark = 0;
-  g_dbus_error_register_error_domain("io-supervised-error-quark", &quark, error_entries.data(),
-                                     error_entries.size());
+  for (const auto& entry : error_entries) {
+    g_dbus_error_register_error(io_supervised_error_quark(), entry.error_code,
+                                entry.dbus_error_name);
+  }
 }
 
 constexpr const char* not_supervisable = "Port is not supervisable.";

@@ -10,6 +10,7 @@
 #include "event/event-values.h"
 #include "platform/checks.h"
 #include "platform/event-library.h"
+#include "platform/handles.h"
 #include "platform/log.h"
 #include "platform/mutex.h"
 #include "port/ioport-list.h"
@@ -24,23 +25,21 @@ namespace {
 
 constexpr const char* producer_name = "wxd";
 
-template <auto Free>
-struct FreeWith {
-  template <typename T>
-  void operator()(T* handle) const {
-    Free(handle);
-  }
-};
 using ProducerHandle = std::unique_ptr<NvEventProducer, FreeWith<nv_event_producer_free>>;
 using DeclarationHandle = std::unique_ptr<NvEventDeclaration, FreeWith<nv_event_declaration_free>>;
 using EventHandle = std::unique_ptr<NvEvent, FreeWith<nv_event_free>>;
 
-Mutex event_mutex;
-/// Created on the first declaration, kept until the process ends.
-ProducerHandle producer WEXD_GUARDED_BY(event_mutex);
-/// The one declaration that all any-port events share; 0 until declared.
-guint port_any_id WEXD_GUARDED_BY(event_mutex) = 0;
-InitialState port_any_initial_state WEXD_GUARDED_BY(event_mutex) = InitialState::Withheld;
+/// What the daemon has of the event library, and with `event_mutex` the guard of all records.
+struct Events {
+  Mutex event_mutex;
+  /// Created on the first declaration, kept until the process ends.
+  ProducerHandle producer WEXD_GUARDED_BY(event_mutex);
+  /// The one declaration that all any-port events share; 0 until declared.
+  guint port_any_id WEXD_GUARDED_BY(event_mutex) = 0;
+  InitialState port_any_initial_state WEXD_GUARDED_BY(event_mutex) = InitialState::Withheld;
+};
+
+Events events;
 
 bool is_type(const IoEvent* event, const char* type_name) {
   return event->declaration == type_name;
@@ -118,8 +117,9 @@ bool fill_key_values(IoPort* port, const IoEvent* event, NvEventInspectable* ins
 }
 
 // Sends an event of a type that the library knows; `error` is the library's.
-bool send_generic(IoPort* port, const IoEvent* event, GError** error) WEXD_REQUIRES(event_mutex) {
-  const EventHandle handle(nv_event_producer_prepare(producer.get(), event->id, nullptr));
+bool send_generic(IoPort* port, const IoEvent* event, GError** error)
+    WEXD_REQUIRES(events.event_mutex) {
+  const EventHandle handle(nv_event_producer_prepare(events.producer.get(), event->id, nullptr));
   if (handle == nullptr) {
     g_warning("%sFailed to prepare event: %s id: %d", log_prefix, c_str_or_null(event->declaration),
               static_cast<gint>(event->id));
@@ -130,7 +130,7 @@ bool send_generic(IoPort* port, const IoEvent* event, GError** error) WEXD_REQUI
     g_warning("%sFailed to populate event values", log_prefix);
     return false;
   }
-  return nv_event_producer_send(producer.get(), handle.get(), error);
+  return nv_event_producer_send(events.producer.get(), handle.get(), error);
 }
 
 bool make_property(NvEventDeclaration* declaration, const EventKeyValue* property) {
@@ -145,7 +145,7 @@ bool make_property(NvEventDeclaration* declaration, const EventKeyValue* propert
   return false;
 }
 
-void send_initial_state(IoPort* port, const IoEvent* event) WEXD_REQUIRES(event_mutex) {
+void send_initial_state(IoPort* port, const IoEvent* event) WEXD_REQUIRES(events.event_mutex) {
   g_autoptr(GError) error = nullptr;
   if (!send_generic(port, event, &error) || error != nullptr) {
     g_warning("%sFailed to send initial state of event %s for port %d", log_prefix,
@@ -153,7 +153,7 @@ void send_initial_state(IoPort* port, const IoEvent* event) WEXD_REQUIRES(event_
   }
 }
 
-void declare_generic(IoPort* port, IoEvent* event) WEXD_REQUIRES(event_mutex) {
+void declare_generic(IoPort* port, IoEvent* event) WEXD_REQUIRES(events.event_mutex) {
   const char* const type_name = c_str_or_null(event->declaration);
   const DeclarationHandle declaration(nv_event_declaration_new_from_type(type_name));
   if (declaration == nullptr) {
@@ -170,7 +170,7 @@ void declare_generic(IoPort* port, IoEvent* event) WEXD_REQUIRES(event_mutex) {
   if (!make_property(declaration.get(), property)) {
     return;
   }
-  event->id = nv_event_producer_declare(producer.get(), declaration.get(), nullptr);
+  event->id = nv_event_producer_declare(events.producer.get(), declaration.get(), nullptr);
   if (event->id == 0) {
     g_warning("%sFailed to declare event %s for port %d", log_prefix, type_name, port->number);
     return;
@@ -182,45 +182,45 @@ void declare_generic(IoPort* port, IoEvent* event) WEXD_REQUIRES(event_mutex) {
 }
 
 guint declare_builtin(IoPort* port, const char* type_name, InitialState initial_state)
-    WEXD_REQUIRES(event_mutex) {
+    WEXD_REQUIRES(events.event_mutex) {
   const DeclarationHandle declaration(event_builtin_declaration(port, type_name, initial_state));
-  return nv_event_producer_declare(producer.get(), declaration.get(), nullptr);
+  return nv_event_producer_declare(events.producer.get(), declaration.get(), nullptr);
 }
 
 // The library withdraws an id only once, and the any-port id is shared by all ports.
-void undeclare(IoEvent* event) WEXD_REQUIRES(event_mutex) {
+void undeclare(IoEvent* event) WEXD_REQUIRES(events.event_mutex) {
   if (event->id == 0 || is_type(event, event_port_any)) {
     return;
   }
-  std::ignore = nv_event_producer_undeclare(producer.get(), event->id, nullptr);
+  std::ignore = nv_event_producer_undeclare(events.producer.get(), event->id, nullptr);
   event->id = 0;
   event->stale = false;
 }
 
-bool send_state(guint id, bool state, GError** error) WEXD_REQUIRES(event_mutex) {
-  const EventHandle handle(nv_event_producer_prepare(producer.get(), id, error));
+bool send_state(guint id, bool state, GError** error) WEXD_REQUIRES(events.event_mutex) {
+  const EventHandle handle(nv_event_producer_prepare(events.producer.get(), id, error));
   return handle != nullptr && nv_event_set_bool(handle.get(), "state", state)
-         && nv_event_producer_send(producer.get(), handle.get(), error);
+         && nv_event_producer_send(events.producer.get(), handle.get(), error);
 }
 
-bool send_port_any(bool state, GError** error) WEXD_REQUIRES(event_mutex) {
-  if (port_any_id == 0) {
+bool send_port_any(bool state, GError** error) WEXD_REQUIRES(events.event_mutex) {
+  if (events.port_any_id == 0) {
     g_warning("%sPortAny event not declared", log_prefix);
     return false;
   }
-  return send_state(port_any_id, state, error);
+  return send_state(events.port_any_id, state, error);
 }
 
 bool send_supervised_port(const IoEvent* event, SupervisedState state, GError** error)
-    WEXD_REQUIRES(event_mutex) {
-  const EventHandle handle(nv_event_producer_prepare(producer.get(), event->id, error));
+    WEXD_REQUIRES(events.event_mutex) {
+  const EventHandle handle(nv_event_producer_prepare(events.producer.get(), event->id, error));
   return handle != nullptr && nv_event_set_bool(handle.get(), "tampered", event_tampered(state))
          && nv_event_set_string(handle.get(), "state", supervised_range_state2string(state))
-         && nv_event_producer_send(producer.get(), handle.get(), error);
+         && nv_event_producer_send(events.producer.get(), handle.get(), error);
 }
 
 bool dispatch(IoPort* port, const IoEvent* event, ReportedState value, GError** error)
-    WEXD_REQUIRES(event_mutex) {
+    WEXD_REQUIRES(events.event_mutex) {
   if (is_type(event, event_io_port)) {
     return send_state(event->id, value.active(), error);
   }
@@ -244,7 +244,7 @@ ReportedState compared_value(IoPort* port, const IoEvent* event, ReportedState v
              : value;
 }
 
-bool send(IoPort* port, IoEvent* event, ReportedState value) WEXD_REQUIRES(event_mutex) {
+bool send(IoPort* port, IoEvent* event, ReportedState value) WEXD_REQUIRES(events.event_mutex) {
   event->last_value = value;
   event->filter_reset = false;
   g_autoptr(GError) error = nullptr;
@@ -256,7 +256,7 @@ bool send(IoPort* port, IoEvent* event, ReportedState value) WEXD_REQUIRES(event
 }
 
 // The any-port event is nobody's in particular and is not renewed for one port's return.
-void refresh_state(IoPort* port, IoEvent* event) WEXD_REQUIRES(event_mutex) {
+void refresh_state(IoPort* port, IoEvent* event) WEXD_REQUIRES(events.event_mutex) {
   if (event->is_property && !event->declare_only) {
     send(port, event, compared_value(port, event, ReportedState(io_port_get_state(port))));
     event->filter_reset = true;
@@ -265,27 +265,28 @@ void refresh_state(IoPort* port, IoEvent* event) WEXD_REQUIRES(event_mutex) {
 
 void send_present_port_any(gpointer /*unused*/) {
   const bool state = io_port_list_get_port_any_value();
-  const MutexLock guard(event_mutex);
+  const MutexLock guard(events.event_mutex);
   send_port_any(state, nullptr);
 }
 
 // The declaration is shared: it tells its state from the start as soon as one of its events is
 // sent.
-void declare_port_any(IoPort* port, IoEvent* event) WEXD_REQUIRES(event_mutex) {
+void declare_port_any(IoPort* port, IoEvent* event) WEXD_REQUIRES(events.event_mutex) {
   const auto wanted = initial_state_of(event);
-  if (port_any_id == 0) {
-    port_any_id = declare_builtin(port, event_port_any, wanted);
-    port_any_initial_state = wanted;
-  } else if (wanted == InitialState::Sent && port_any_initial_state == InitialState::Withheld) {
-    port_any_initial_state = wanted;
+  if (events.port_any_id == 0) {
+    events.port_any_id = declare_builtin(port, event_port_any, wanted);
+    events.port_any_initial_state = wanted;
+  } else if (wanted == InitialState::Sent
+             && events.port_any_initial_state == InitialState::Withheld) {
+    events.port_any_initial_state = wanted;
     g_idle_add_once(send_present_port_any, nullptr);
   }
-  event->id = port_any_id;
+  event->id = events.port_any_id;
 }
 
-void declare(IoPort* port, IoEvent* event) WEXD_REQUIRES(event_mutex) {
-  if (producer == nullptr) {
-    producer.reset(nv_event_producer_new(producer_name));
+void declare(IoPort* port, IoEvent* event) WEXD_REQUIRES(events.event_mutex) {
+  if (events.producer == nullptr) {
+    events.producer.reset(nv_event_producer_new(producer_name));
   }
   event->filter_reset = true;
   if (!port->is_setup) {
@@ -320,14 +321,14 @@ bool io_event_currently_applicable(IoPort* port, const IoEvent* event) {
 }
 
 bool io_event_declare_event(IoPort* port, IoEvent* event) {
-  const MutexLock guard(event_mutex);
+  const MutexLock guard(events.event_mutex);
   declare(port, event);
   return true;
 }
 
 bool io_event_send_event(IoPort* port, IoEvent* event, ReportedState value) {
-  const MutexLock guard(event_mutex);
-  if (event->id == 0 || producer == nullptr || event->declare_only) {
+  const MutexLock guard(events.event_mutex);
+  if (event->id == 0 || events.producer == nullptr || event->declare_only) {
     return false;
   }
   value = compared_value(port, event, value);
@@ -341,24 +342,24 @@ void io_event_redeclare_port(IoPort* port, IoEvent* event) {
   if (event == nullptr || is_type(event, event_port_any)) {
     return;
   }
-  const MutexLock guard(event_mutex);
+  const MutexLock guard(events.event_mutex);
   undeclare(event);
   declare(port, event);
 }
 
 void io_event_undeclare_event(IoEvent* event) {
-  const MutexLock guard(event_mutex);
+  const MutexLock guard(events.event_mutex);
   undeclare(event);
 }
 
 void io_event_mark_stale(IoEvent* event) {
-  const MutexLock guard(event_mutex);
+  const MutexLock guard(events.event_mutex);
   event->stale = event->id != 0;
 }
 
 void io_event_reset_filter(IoEvent* event) {
   WEXD_ASSERT_NONNULL(event);
-  const MutexLock guard(event_mutex);
+  const MutexLock guard(events.event_mutex);
   event->filter_reset = true;
 }
 
@@ -367,7 +368,7 @@ void io_event_free(IoEvent* event) {
     return;
   }
   {
-    const MutexLock guard(event_mutex);
+    const MutexLock guard(events.event_mutex);
     undeclare(event);
   }
   delete event;

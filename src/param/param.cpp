@@ -42,42 +42,48 @@ struct OnDisk {
   bool in_our_form = false;
 };
 
-/// Guards what stands below; the last lock in the order.
-Mutex key_mutex;
-KeyFilePtr key_file WEXD_GUARDED_BY(key_mutex);
-OnDisk on_disk WEXD_GUARDED_BY(key_mutex);
-/// The groups that are to be saved and are not on the disk yet.
-KeyFilePtr unsaved WEXD_GUARDED_BY(key_mutex);
-/// Whether the last write failed, so that what is in the file may not be on the disk.
-bool in_doubt WEXD_GUARDED_BY(key_mutex) = false;
-/// Why the file could not be read or written when that failed last.
-std::string last_error WEXD_GUARDED_BY(key_mutex);
-std::optional<FailedSave> last_failed_save WEXD_GUARDED_BY(key_mutex);
+/// What is loaded, and what of it is on the disk.
+struct Settings {
+  /// The last lock in the order.
+  Mutex key_mutex;
+  KeyFilePtr key_file WEXD_GUARDED_BY(key_mutex);
+  OnDisk on_disk WEXD_GUARDED_BY(key_mutex);
+  /// The groups that are to be saved and are not on the disk yet.
+  KeyFilePtr unsaved WEXD_GUARDED_BY(key_mutex);
+  /// Whether the last write failed, so that what is in the file may not be on the disk.
+  bool in_doubt WEXD_GUARDED_BY(key_mutex) = false;
+  /// Why the file could not be read or written when that failed last.
+  std::string last_error WEXD_GUARDED_BY(key_mutex);
+  std::optional<FailedSave> last_failed_save WEXD_GUARDED_BY(key_mutex);
+};
+
+Settings settings;
 
 // Settings are kept rather than the port, which may be gone by the time that they can be saved.
 void note_as_unsaved(std::span<const ParamGroup> groups) {
-  const MutexLock guard(key_mutex);
-  last_failed_save = {.at_us = boot_time_us(), .reason = last_error, .made_good = false};
-  if (unsaved == nullptr) {
-    unsaved = key_file_make();
+  const MutexLock guard(settings.key_mutex);
+  settings.last_failed_save = {
+      .at_us = boot_time_us(), .reason = settings.last_error, .made_good = false};
+  if (settings.unsaved == nullptr) {
+    settings.unsaved = key_file_make();
   }
   for (const auto& group : groups) {
-    param_group_store(unsaved.get(), group);
+    param_group_store(settings.unsaved.get(), group);
   }
 }
 
 bool something_is_unsaved() {
-  const MutexLock guard(key_mutex);
-  return unsaved != nullptr;
+  const MutexLock guard(settings.key_mutex);
+  return settings.unsaved != nullptr;
 }
 
 void change_loaded_file(std::span<const ParamGroup> groups) {
-  const MutexLock guard(key_mutex);
-  if (unsaved != nullptr) {
-    key_file_copy(unsaved.get(), key_file.get());
+  const MutexLock guard(settings.key_mutex);
+  if (settings.unsaved != nullptr) {
+    key_file_copy(settings.unsaved.get(), settings.key_file.get());
   }
   for (const auto& group : groups) {
-    param_group_store(key_file.get(), group);
+    param_group_store(settings.key_file.get(), group);
   }
 }
 
@@ -88,14 +94,14 @@ bool store_groups(std::span<const ParamGroup> groups, const char* file) {
     note_as_unsaved(groups);
     return false;
   }
-  const MutexLock guard(key_mutex);
-  unsaved.reset();
+  const MutexLock guard(settings.key_mutex);
+  settings.unsaved.reset();
   return true;
 }
 
 bool is_loaded() {
-  const MutexLock guard(key_mutex);
-  return key_file != nullptr;
+  const MutexLock guard(settings.key_mutex);
+  return settings.key_file != nullptr;
 }
 
 bool save_groups(std::span<const ParamGroup> groups, const char* file) {
@@ -114,22 +120,24 @@ bool save_groups(std::span<const ParamGroup> groups, const char* file) {
 
 // Whether the file has just these lines for the port, as can be told without reading it.
 bool is_known_to_be_saved(const ParamGroup& group, const char* file) {
-  const MutexLock guard(key_mutex);
-  if (key_file != nullptr || unsaved != nullptr || !on_disk.in_our_form || !on_disk.settled
-      || on_disk.path != file || !regular_file_is_unchanged(file, on_disk.status)) {
+  const MutexLock guard(settings.key_mutex);
+  if (settings.key_file != nullptr || settings.unsaved != nullptr || !settings.on_disk.in_our_form
+      || !settings.on_disk.settled || settings.on_disk.path != file
+      || !regular_file_is_unchanged(file, settings.on_disk.status)) {
     return false;
   }
   const std::string lines = param_group_text(group);
-  return on_disk.text->starts_with(lines) || on_disk.text->find("\n" + lines) != std::string::npos;
+  return settings.on_disk.text->starts_with(lines)
+         || settings.on_disk.text->find("\n" + lines) != std::string::npos;
 }
 
 // A missing file is an empty one; one that only cannot be reached must not be
 // taken for that, or the next save would leave nothing of it.
-KeyFilePtr read_settings(const char* path, GError** error) WEXD_REQUIRES(key_mutex) {
-  on_disk = {.path = path, .text = {}};
+KeyFilePtr read_settings(const char* path, GError** error) WEXD_REQUIRES(settings.key_mutex) {
+  settings.on_disk = {.path = path, .text = {}};
   g_autoptr(GError) open_error = nullptr;
   const UniqueFd fd =
-      regular_file_open(AT_FDCWD, path, Links::Refused, &on_disk.status, &open_error);
+      regular_file_open(AT_FDCWD, path, Links::Refused, &settings.on_disk.status, &open_error);
   if (g_error_matches(open_error, G_FILE_ERROR, G_FILE_ERROR_NOENT)) {
     return key_file_make();
   }
@@ -141,20 +149,21 @@ KeyFilePtr read_settings(const char* path, GError** error) WEXD_REQUIRES(key_mut
   if (!regular_file_read(fd.get(), path, &text, error)) {
     return nullptr;
   }
-  on_disk.settled = regular_file_has_settled(on_disk.status);
-  on_disk.text = std::move(text);
-  return key_file_parse(*on_disk.text, error);
+  settings.on_disk.settled = regular_file_has_settled(settings.on_disk.status);
+  settings.on_disk.text = std::move(text);
+  return key_file_parse(*settings.on_disk.text, error);
 }
 
 // Flash wears with each write, and each takes the time of a sync.
-bool store_settings(const char* path, std::string text, GError** error) WEXD_REQUIRES(key_mutex) {
-  if (!in_doubt && on_disk.path == path && on_disk.text == text) {
-    on_disk.in_our_form = true;
+bool store_settings(const char* path, std::string text, GError** error)
+    WEXD_REQUIRES(settings.key_mutex) {
+  if (!settings.in_doubt && settings.on_disk.path == path && settings.on_disk.text == text) {
+    settings.on_disk.in_our_form = true;
     return true;
   }
-  in_doubt = !file_set_contents_synced(path, text, error);
-  on_disk = {.path = path, .text = std::move(text)};
-  return !in_doubt;
+  settings.in_doubt = !file_set_contents_synced(path, text, error);
+  settings.on_disk = {.path = path, .text = std::move(text)};
+  return !settings.in_doubt;
 }
 
 // What has a second name, or is only a link, may be somebody else's.
@@ -170,11 +179,11 @@ UniqueFd open_to_hand_over(const char* path, struct stat* status, GError** error
 } // namespace
 
 bool param_read_configuration(const char* path) {
-  const MutexLock guard(key_mutex);
+  const MutexLock guard(settings.key_mutex);
   g_autoptr(GError) error = nullptr;
-  key_file = read_settings(path, &error);
-  if (key_file == nullptr) {
-    last_error = error->message;
+  settings.key_file = read_settings(path, &error);
+  if (settings.key_file == nullptr) {
+    settings.last_error = error->message;
     fprintf(stderr, "Could not read key file: %s\n", error->message);
     return false;
   }
@@ -182,11 +191,12 @@ bool param_read_configuration(const char* path) {
 }
 
 bool param_store_key_file(const char* path) {
-  const MutexLock guard(key_mutex);
+  const MutexLock guard(settings.key_mutex);
+  GKeyFile* const key_file = settings.key_file.get();
   WEXD_RETURN_VAL_IF_FAIL(key_file != NULL, false);
   g_autoptr(GError) error = nullptr;
-  if (!store_settings(path, key_file_to_text(key_file.get()), &error)) {
-    last_error = error->message;
+  if (!store_settings(path, key_file_to_text(key_file), &error)) {
+    settings.last_error = error->message;
     fprintf(stderr, "Failed to store key file %s: %s\n", path, error->message);
     return false;
   }
@@ -194,20 +204,22 @@ bool param_store_key_file(const char* path) {
 }
 
 void param_close_file() {
-  const MutexLock guard(key_mutex);
-  key_file.reset();
+  const MutexLock guard(settings.key_mutex);
+  settings.key_file.reset();
 }
 
 bool param_get_conf_vals(IoPort* port) {
-  const MutexLock guard(key_mutex);
+  const MutexLock guard(settings.key_mutex);
+  GKeyFile* const key_file = settings.key_file.get();
   WEXD_RETURN_VAL_IF_FAIL(key_file != NULL, false);
-  return param_group_read(key_file.get(), port);
+  return param_group_read(key_file, port);
 }
 
 bool param_set_conf_vals(IoPort* port) {
-  const MutexLock guard(key_mutex);
+  const MutexLock guard(settings.key_mutex);
+  GKeyFile* const key_file = settings.key_file.get();
   WEXD_RETURN_VAL_IF_FAIL(key_file != NULL, false);
-  return param_group_write(key_file.get(), port);
+  return param_group_write(key_file, port);
 }
 
 void param_save_for_port(IoPort* port, const char* file) {
@@ -242,10 +254,10 @@ void param_save_unsaved(const char* file) {
 }
 
 std::optional<FailedSave> param_last_failed_save() {
-  const MutexLock guard(key_mutex);
-  auto failed = last_failed_save;
+  const MutexLock guard(settings.key_mutex);
+  auto failed = settings.last_failed_save;
   if (failed) {
-    failed->made_good = unsaved == nullptr;
+    failed->made_good = settings.unsaved == nullptr;
   }
   return failed;
 }

@@ -33,9 +33,13 @@ constexpr std::array levels{
 
 bool output_is_journal = false;
 
-thread_local FirstWarning* listener = nullptr;
-thread_local LogPlace* place = nullptr;
-thread_local std::string remark;
+/// Who hears what this thread logs, and what is added to it.
+struct OfThread {
+  FirstWarning* listener = nullptr;
+  LogPlace* place = nullptr;
+  std::string remark;
+};
+thread_local OfThread of_thread;
 
 const Level& level_of(GLogLevelFlags flags) {
   for (const auto& entry : levels) {
@@ -92,12 +96,13 @@ GLogWriterOutput write_line(GLogLevelFlags flags, const GLogField* fields, gsize
   while (message.ends_with('\n')) {
     message.remove_suffix(1);
   }
-  if (listener != nullptr) {
-    listener->hear(level.level, message);
+  if (of_thread.listener != nullptr) {
+    of_thread.listener->hear(level.level, message);
   }
   print_line(level, domain, message);
-  const std::string where = place != nullptr ? place->after(level.level, message) : "";
-  for (const auto& follows : {std::exchange(remark, {}), where}) {
+  const std::string where =
+      of_thread.place != nullptr ? of_thread.place->after(level.level, message) : "";
+  for (const auto& follows : {std::exchange(of_thread.remark, {}), where}) {
     if (!follows.empty()) {
       print_line(level_of(G_LOG_LEVEL_MESSAGE), "", follows);
     }
@@ -161,10 +166,10 @@ void mark_standard_error() {
 
 } // namespace
 
-FirstWarning::FirstWarning() : outer_(std::exchange(listener, this)) {}
+FirstWarning::FirstWarning() : outer_(std::exchange(of_thread.listener, this)) {}
 
 FirstWarning::~FirstWarning() {
-  listener = outer_;
+  of_thread.listener = outer_;
 }
 
 // A critical message is worse than a warning, and tells of a refused call.
@@ -176,10 +181,10 @@ void FirstWarning::hear(GLogLevelFlags level, std::string_view message) {
 }
 
 LogPlace::LogPlace(Tell tell, const void* subject)
-    : outer_(std::exchange(place, this)), tell_(tell), subject_(subject) {}
+    : outer_(std::exchange(of_thread.place, this)), tell_(tell), subject_(subject) {}
 
 LogPlace::~LogPlace() {
-  place = outer_;
+  of_thread.place = outer_;
 }
 
 std::string LogPlace::after(GLogLevelFlags level, std::string_view message) {
@@ -193,7 +198,7 @@ std::string LogPlace::after(GLogLevelFlags level, std::string_view message) {
 }
 
 void log_remark(std::string text) {
-  remark = std::move(text);
+  of_thread.remark = std::move(text);
 }
 
 std::string priority_mark(int priority) {

@@ -18,15 +18,20 @@
 
 namespace {
 
-// Ports on which a sequence runs (each kept alive by the sequence's reference while it is listed),
-// and the number of threads that have not yet let go of everything. All under the mutex, which is
-// taken last and held briefly.
-Mutex running_mutex;
-std::condition_variable_any thread_ended;
-std::set<IoPort*> running_ports WEXD_GUARDED_BY(running_mutex);
-guint live_threads WEXD_GUARDED_BY(running_mutex) = 0;
-/// The most of them at once since there was none.
-guint most_threads WEXD_GUARDED_BY(running_mutex) = 0;
+/// The sequences that run.
+struct Running {
+  /// Taken last, and held briefly.
+  Mutex running_mutex;
+  std::condition_variable_any thread_ended;
+  /// Each kept alive by the sequence's reference while it stands here.
+  std::set<IoPort*> ports WEXD_GUARDED_BY(running_mutex);
+  /// Those that have not yet let go of everything.
+  guint live_threads WEXD_GUARDED_BY(running_mutex) = 0;
+  /// The most of them at once since there was none.
+  guint most_threads WEXD_GUARDED_BY(running_mutex) = 0;
+};
+
+Running running;
 
 constexpr guint32 us_per_ms = 1000;
 
@@ -78,8 +83,8 @@ bool run_step(IoPort* port, const ActionStep& step, Pace& pace, PortGate::Run& r
 }
 
 void forget_running(IoPort* port) {
-  const MutexLock guard(running_mutex);
-  running_ports.erase(port);
+  const MutexLock guard(running.running_mutex);
+  running.ports.erase(port);
 }
 
 void io_port_run_sequence_internal(ActionSequence steps) {
@@ -105,9 +110,9 @@ void io_port_run_sequence_internal(ActionSequence steps) {
 }
 
 // A few sequences, again and again, had better keep their memory.
-void give_back_after_many() WEXD_REQUIRES(running_mutex) {
+void give_back_after_many() WEXD_REQUIRES(running.running_mutex) {
   constexpr guint many = 16;
-  if (live_threads == 0 && std::exchange(most_threads, 0) >= many) {
+  if (running.live_threads == 0 && std::exchange(running.most_threads, 0) >= many) {
     memory_give_back_soon();
   }
 }
@@ -116,32 +121,32 @@ gpointer action_thread(gpointer data) {
   const std::unique_ptr<ActionSequence> steps(static_cast<ActionSequence*>(data));
   io_port_run_sequence_internal(std::move(*steps));
 
-  const MutexLock guard(running_mutex);
-  live_threads--;
+  const MutexLock guard(running.running_mutex);
+  running.live_threads--;
   give_back_after_many();
-  thread_ended.notify_all();
+  running.thread_ended.notify_all();
   return nullptr;
 }
 
 void mark_running(IoPort* ioport) {
   ioport->gate.announce_run();
-  const MutexLock guard(running_mutex);
-  running_ports.insert(ioport);
-  live_threads++;
-  most_threads = std::max(most_threads, live_threads);
+  const MutexLock guard(running.running_mutex);
+  running.ports.insert(ioport);
+  running.live_threads++;
+  running.most_threads = std::max(running.most_threads, running.live_threads);
 }
 
 void unmark_running(IoPort* ioport) {
   ioport->gate.withdraw_run();
-  const MutexLock guard(running_mutex);
-  running_ports.erase(ioport);
-  live_threads--;
+  const MutexLock guard(running.running_mutex);
+  running.ports.erase(ioport);
+  running.live_threads--;
 }
 
 std::vector<IoPortRef> ports_with_sequences() {
-  const MutexLock guard(running_mutex);
+  const MutexLock guard(running.running_mutex);
   std::vector<IoPortRef> ports;
-  std::ranges::transform(running_ports, std::back_inserter(ports), io_port_ref);
+  std::ranges::transform(running.ports, std::back_inserter(ports), io_port_ref);
   return ports;
 }
 
@@ -182,8 +187,8 @@ void io_port_stop_action_sequence(IoPort* ioport) {
 std::vector<gint> action_sequences_running() {
   std::vector<gint> numbers;
   {
-    const MutexLock guard(running_mutex);
-    std::ranges::transform(running_ports, std::back_inserter(numbers), &IoPort::number);
+    const MutexLock guard(running.running_mutex);
+    std::ranges::transform(running.ports, std::back_inserter(numbers), &IoPort::number);
   }
   std::ranges::sort(numbers);
   return numbers;
@@ -193,8 +198,8 @@ void action_sequences_stop() {
   for (const auto& port : ports_with_sequences()) {
     port->gate.cancel_run();
   }
-  const MutexLock guard(running_mutex);
-  while (live_threads != 0) {
-    thread_ended.wait(running_mutex);
+  const MutexLock guard(running.running_mutex);
+  while (running.live_threads != 0) {
+    running.thread_ended.wait(running.running_mutex);
   }
 }

@@ -31,14 +31,14 @@ std::string shown_name(const MissingPort& port) {
 } // namespace
 
 PortCensus io_port_list_census() {
-  const MutexLock guard(mutex);
-  PortCensus census{.described = 0, .in_service = 0, .missing = lost_ports};
-  for (const IoPort* port : io_port_list) {
+  const MutexLock guard(lists.mutex);
+  PortCensus census{.described = 0, .in_service = 0, .missing = lists.lost_ports};
+  for (const IoPort* port : lists.io_port_list) {
     if (is_described(port)) {
       count_listed(port, &census);
     }
   }
-  for (const IoPort* port : io_port_dynamic_list) {
+  for (const IoPort* port : lists.io_port_dynamic_list) {
     census.missing.push_back(missing_port(port, port->absence));
   }
   std::ranges::stable_sort(census.missing, {}, &MissingPort::number);

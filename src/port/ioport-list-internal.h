@@ -11,21 +11,24 @@
 
 namespace port_list {
 
-/// Guards both lists. Taken before any port's lock, never the other way round.
-extern Mutex mutex;
-/// Ports in service, newest first; one reference per port.
-extern std::deque<IoPort*>& io_port_list WEXD_GUARDED_BY(mutex);
-/// Optional ports not in service, latest first; holds the reference the main list held.
-extern std::deque<IoPort*>& io_port_dynamic_list WEXD_GUARDED_BY(mutex);
+struct Lists {
+  /// Guards all of them. Taken before any port's lock, never the other way round.
+  Mutex mutex;
+  /// Ports in service, newest first; one reference per port.
+  std::deque<IoPort*> io_port_list WEXD_GUARDED_BY(mutex);
+  /// Optional ports not in service, latest first; holds the reference the main list held.
+  std::deque<IoPort*> io_port_dynamic_list WEXD_GUARDED_BY(mutex);
+  /// Ports that will not be tried again; they are gone but for this.
+  std::vector<MissingPort> lost_ports WEXD_GUARDED_BY(mutex);
+};
 
-/// Ports that will not be tried again; they are gone but for this.
-extern std::vector<MissingPort>& lost_ports WEXD_GUARDED_BY(mutex);
+extern Lists& lists;
 
 /// The port as one that is not in service.
 MissingPort missing_port(const IoPort* port, const std::string& reason);
 /// Whether the port can be found by its number.
 [[nodiscard]] bool addressable(IoPort* port);
 /// Tells the observer whether there is an output-capable port.
-void update_action_registration_internal() WEXD_REQUIRES(mutex);
+void update_action_registration_internal() WEXD_REQUIRES(lists.mutex);
 
 } // namespace port_list

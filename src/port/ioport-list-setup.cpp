@@ -16,15 +16,16 @@ namespace {
 
 constexpr const char* number_is_taken = "another port has its number";
 
-void remove_from_main_list(const std::vector<IoPort*>& ports) WEXD_REQUIRES(mutex) {
+void remove_from_main_list(const std::vector<IoPort*>& ports) WEXD_REQUIRES(lists.mutex) {
   const std::unordered_set<IoPort*> leaving(ports.begin(), ports.end());
-  std::erase_if(io_port_list, [&](IoPort* port) { return leaving.contains(port); });
+  std::erase_if(lists.io_port_list, [&](IoPort* port) { return leaving.contains(port); });
 }
 
 // Whether an addressable port of that number is in service.
-bool number_in_service(gint number) WEXD_REQUIRES(mutex) {
-  return std::ranges::any_of(
-      io_port_list, [number](IoPort* port) { return port->number == number && addressable(port); });
+bool number_in_service(gint number) WEXD_REQUIRES(lists.mutex) {
+  return std::ranges::any_of(lists.io_port_list, [number](IoPort* port) {
+    return port->number == number && addressable(port);
+  });
 }
 
 std::string default_name(const IoPort* port) {
@@ -41,7 +42,7 @@ bool setup_or_note_why(IoPort* port) {
   return false;
 }
 
-bool bring_into_service(IoPort* port) WEXD_REQUIRES(mutex) {
+bool bring_into_service(IoPort* port) WEXD_REQUIRES(lists.mutex) {
   if (number_in_service(port->number)) {
     port->absence = number_is_taken;
     return false;
@@ -49,9 +50,9 @@ bool bring_into_service(IoPort* port) WEXD_REQUIRES(mutex) {
   return setup_or_note_why(port);
 }
 
-void destroy_lost(const std::vector<IoPort*>& ports) WEXD_REQUIRES(mutex) {
+void destroy_lost(const std::vector<IoPort*>& ports) WEXD_REQUIRES(lists.mutex) {
   for (IoPort* port : ports) {
-    lost_ports.push_back(missing_port(port, port->absence));
+    lists.lost_ports.push_back(missing_port(port, port->absence));
     io_port_free(port);
   }
 }
@@ -61,8 +62,8 @@ void destroy_lost(const std::vector<IoPort*>& ports) WEXD_REQUIRES(mutex) {
 void close_gone_ports() {
   std::vector<IoPortRef> gone;
   {
-    const MutexLock guard(mutex);
-    for (IoPort* port : io_port_list) {
+    const MutexLock guard(lists.mutex);
+    for (IoPort* port : lists.io_port_list) {
       if (port->hardware_gone && port->is_setup) {
         gone.push_back(io_port_ref(port));
       }
@@ -74,9 +75,9 @@ void close_gone_ports() {
 }
 
 // Those whose hardware is still gone stay in service, without a state, and are tried next time.
-gint setup_gone_ports() WEXD_REQUIRES(mutex) {
+gint setup_gone_ports() WEXD_REQUIRES(lists.mutex) {
   return static_cast<gint>(std::ranges::count_if(
-      io_port_list, [](IoPort* port) { return port->hardware_gone && io_port_setup(port); }));
+      lists.io_port_list, [](IoPort* port) { return port->hardware_gone && io_port_setup(port); }));
 }
 
 void set_default_input_name(IoPort* port) {
@@ -96,11 +97,11 @@ void set_default_output_name(IoPort* port) {
 } // namespace
 
 void io_port_list_setup() {
-  const MutexLock guard(mutex);
+  const MutexLock guard(lists.mutex);
   std::unordered_set<gint> numbers_taken;
   std::vector<IoPort*> to_destroy;
   std::vector<IoPort*> waiting;
-  for (IoPort* port : io_port_list) {
+  for (IoPort* port : lists.io_port_list) {
     if (setup_or_note_why(port)) {
       // The walk meets the newest definition of a number first; only that one stays. A port that
       // cannot be addressed never takes a number away from another.
@@ -111,7 +112,7 @@ void io_port_list_setup() {
         numbers_taken.insert(port->number);
       }
     } else if (port->optional) {
-      io_port_dynamic_list.push_front(port);
+      lists.io_port_dynamic_list.push_front(port);
       waiting.push_back(port);
     } else {
       const PortPlace place(port);
@@ -129,16 +130,17 @@ void io_port_list_setup() {
 
 gint io_port_list_setup_dynamic_ports() {
   close_gone_ports();
-  const MutexLock guard(mutex);
+  const MutexLock guard(lists.mutex);
   gint count = setup_gone_ports();
-  for (gsize i = 0; i < io_port_dynamic_list.size();) {
-    IoPort* const port = io_port_dynamic_list[i];
+  for (gsize i = 0; i < lists.io_port_dynamic_list.size();) {
+    IoPort* const port = lists.io_port_dynamic_list[i];
     if (!bring_into_service(port)) {
       i++;
       continue;
     }
-    io_port_list.push_front(port);
-    io_port_dynamic_list.erase(io_port_dynamic_list.begin() + static_cast<std::ptrdiff_t>(i));
+    lists.io_port_list.push_front(port);
+    lists.io_port_dynamic_list.erase(lists.io_port_dynamic_list.begin()
+                                     + static_cast<std::ptrdiff_t>(i));
     count++;
   }
   if (count > 0) {
@@ -148,13 +150,13 @@ gint io_port_list_setup_dynamic_ports() {
 }
 
 void io_port_list_read_params(bool (*read_params)(IoPort* port)) {
-  const MutexLock guard(mutex);
-  std::ranges::for_each(io_port_list, read_params);
+  const MutexLock guard(lists.mutex);
+  std::ranges::for_each(lists.io_port_list, read_params);
 }
 
 void io_port_list_set_watch() {
-  const MutexLock guard(mutex);
-  for (IoPort* port : io_port_list) {
+  const MutexLock guard(lists.mutex);
+  for (IoPort* port : lists.io_port_list) {
     if (!port->hardware_gone) {
       const PortPlace place(port);
       std::ignore = io_port_set_watch(port);
@@ -163,8 +165,8 @@ void io_port_list_set_watch() {
 }
 
 void io_port_list_declare_events() {
-  const MutexLock guard(mutex);
-  for (IoPort* port : io_port_list) {
+  const MutexLock guard(lists.mutex);
+  for (IoPort* port : lists.io_port_list) {
     if (!port->enabled) {
       continue;
     }

@@ -12,11 +12,8 @@ using namespace port_list;
 
 namespace port_list {
 
-Mutex mutex;
 // Never destroyed: a daemon that gives up early leaves its ports to the kernel.
-std::deque<IoPort*>& io_port_list = *new std::deque<IoPort*>;
-std::deque<IoPort*>& io_port_dynamic_list = *new std::deque<IoPort*>;
-std::vector<MissingPort>& lost_ports = *new std::vector<MissingPort>;
+Lists& lists = *new Lists;
 
 MissingPort missing_port(const IoPort* port, const std::string& reason) {
   return {.name = port->name.value_or(""),
@@ -33,7 +30,7 @@ void update_action_registration_internal() {
   if (!port_observer.outputs_wanted) {
     return;
   }
-  const bool wanted = std::ranges::any_of(io_port_list, [](IoPort* port) {
+  const bool wanted = std::ranges::any_of(lists.io_port_list, [](IoPort* port) {
     return io_port_has_output_side(port) && io_port_get_property(port, "ioport");
   });
   port_observer.outputs_wanted(wanted);
@@ -53,17 +50,17 @@ IoPortRef find_by_number(const std::deque<IoPort*>& ports, gint number) {
   return io_port_ref(candidate);
 }
 
-auto find_by_name(const char* name) WEXD_REQUIRES(mutex) {
-  return std::ranges::find_if(io_port_list, [name](const IoPort* port) {
+auto find_by_name(const char* name) WEXD_REQUIRES(lists.mutex) {
+  return std::ranges::find_if(lists.io_port_list, [name](const IoPort* port) {
     return g_strcmp0(c_str_or_null(port->name), name) == 0;
   });
 }
 
 // Counts ports that are of the fixed type, or configurable and currently that way round.
 guint count_ports(PortType type, Direction direction) {
-  const MutexLock guard(mutex);
+  const MutexLock guard(lists.mutex);
   guint count = 0;
-  for (const IoPort* port : io_port_list) {
+  for (const IoPort* port : lists.io_port_list) {
     const bool counts =
         port->type == type || (port->type == PORT_IO_CTRL && port->direction == direction);
     count += counts && io_port_get_property(port, "ioport") ? 1U : 0U;
@@ -74,45 +71,45 @@ guint count_ports(PortType type, Direction direction) {
 } // namespace
 
 void io_port_list_add(IoPort* port) {
-  const MutexLock guard(mutex);
-  io_port_list.push_front(io_port_ref(port).release());
+  const MutexLock guard(lists.mutex);
+  lists.io_port_list.push_front(io_port_ref(port).release());
   update_action_registration_internal();
 }
 
 IoPortRef io_port_list_nth_data(guint n) {
-  const MutexLock guard(mutex);
-  return n < io_port_list.size() ? io_port_ref(io_port_list[n]) : nullptr;
+  const MutexLock guard(lists.mutex);
+  return n < lists.io_port_list.size() ? io_port_ref(lists.io_port_list[n]) : nullptr;
 }
 
 const std::deque<IoPort*>& io_port_list_get() {
-  return io_port_list;
+  return lists.io_port_list;
 }
 
 guint io_port_list_length() {
-  const MutexLock guard(mutex);
-  return static_cast<guint>(io_port_list.size());
+  const MutexLock guard(lists.mutex);
+  return static_cast<guint>(lists.io_port_list.size());
 }
 
 IoPortRef io_port_list_get_by_name(const char* name) {
-  const MutexLock guard(mutex);
+  const MutexLock guard(lists.mutex);
   const auto found = find_by_name(name);
-  return found != io_port_list.end() ? io_port_ref(*found) : nullptr;
+  return found != lists.io_port_list.end() ? io_port_ref(*found) : nullptr;
 }
 
 IoPortRef io_port_list_get_port(gint number) {
-  const MutexLock guard(mutex);
-  return find_by_number(io_port_list, number);
+  const MutexLock guard(lists.mutex);
+  return find_by_number(lists.io_port_list, number);
 }
 
 IoPortRef io_port_list_get_dynamic_port(gint number) {
-  const MutexLock guard(mutex);
-  return find_by_number(io_port_dynamic_list, number);
+  const MutexLock guard(lists.mutex);
+  return find_by_number(lists.io_port_dynamic_list, number);
 }
 
 std::vector<IoPortRef> io_port_list_get_port_list(gint number) {
-  const MutexLock guard(mutex);
+  const MutexLock guard(lists.mutex);
   std::vector<IoPortRef> ports;
-  for (IoPort* port : io_port_list) {
+  for (IoPort* port : lists.io_port_list) {
     if (port->number == number && addressable(port)) {
       ports.push_back(io_port_ref(port));
     }
@@ -129,9 +126,9 @@ guint io_port_list_nbr_outputs() {
 }
 
 std::vector<gint> io_port_list_get_supervised_port_numbers() {
-  const MutexLock guard(mutex);
+  const MutexLock guard(lists.mutex);
   std::vector<gint> numbers;
-  for (IoPort* port : io_port_list) {
+  for (IoPort* port : lists.io_port_list) {
     if (io_port_is_supervisable(port)) {
       numbers.push_back(port->number);
     }
@@ -140,41 +137,41 @@ std::vector<gint> io_port_list_get_supervised_port_numbers() {
 }
 
 bool io_port_list_get_port_any_value() {
-  const MutexLock guard(mutex);
-  return std::ranges::any_of(io_port_list, [](IoPort* port) {
+  const MutexLock guard(lists.mutex);
+  return std::ranges::any_of(lists.io_port_list, [](IoPort* port) {
     return io_port_got_port_any(port) && io_port_get_state(port);
   });
 }
 
 void io_port_list_move_to_dynamic(IoPort* port) {
-  const MutexLock guard(mutex);
-  if (!port->optional || std::erase(io_port_list, port) == 0) {
+  const MutexLock guard(lists.mutex);
+  if (!port->optional || std::erase(lists.io_port_list, port) == 0) {
     return;
   }
   port->absence = "it was dropped";
-  io_port_dynamic_list.push_front(port);
+  lists.io_port_dynamic_list.push_front(port);
   update_action_registration_internal();
 }
 
 void io_port_list_free_by_name(const char* name) {
   IoPortRef removed;
-  const MutexLock guard(mutex);
-  if (const auto found = find_by_name(name); found != io_port_list.end()) {
+  const MutexLock guard(lists.mutex);
+  if (const auto found = find_by_name(name); found != lists.io_port_list.end()) {
     removed.reset(*found);
-    io_port_list.erase(found);
+    lists.io_port_list.erase(found);
   }
   update_action_registration_internal();
 }
 
 void io_port_list_drop_without_backend(void (*report)(const IoPort* port)) {
   std::vector<IoPortRef> removed;
-  const MutexLock guard(mutex);
-  std::erase_if(io_port_list, [&](IoPort* port) WEXD_REQUIRES(mutex) {
+  const MutexLock guard(lists.mutex);
+  std::erase_if(lists.io_port_list, [&](IoPort* port) WEXD_REQUIRES(lists.mutex) {
     if (port->functions != nullptr) {
       return false;
     }
     report(port);
-    lost_ports.push_back(missing_port(port, "it names no known backend"));
+    lists.lost_ports.push_back(missing_port(port, "it names no known backend"));
     removed.emplace_back(port);
     return true;
   });
@@ -184,27 +181,27 @@ void io_port_list_drop_without_backend(void (*report)(const IoPort* port)) {
 }
 
 void io_port_list_update_action_registration() {
-  const MutexLock guard(mutex);
+  const MutexLock guard(lists.mutex);
   update_action_registration_internal();
 }
 
 void io_port_list_free() {
   {
-    const MutexLock guard(mutex);
-    for (auto* ports : {&io_port_list, &io_port_dynamic_list}) {
+    const MutexLock guard(lists.mutex);
+    for (auto* ports : {&lists.io_port_list, &lists.io_port_dynamic_list}) {
       std::ranges::for_each(*ports, io_port_free);
       ports->clear();
     }
-    lost_ports.clear();
+    lists.lost_ports.clear();
   }
   // Sequences on ports that left the lists while they ran.
   action_sequences_stop();
 }
 
 void io_port_list_lock() {
-  mutex.lock();
+  lists.mutex.lock();
 }
 
 void io_port_list_unlock() {
-  mutex.unlock();
+  lists.mutex.unlock();
 }

@@ -2,14 +2,15 @@
 #include "event/event.h"
 #include "port/action-sequence.h"
 
+#include <optional>
 #include <tuple>
 
 namespace {
 
 constexpr gint default_first_port_no = 5;
 
-gint first_port_no = default_first_port_no;
-bool in_use = false;
+/// As the hardware description has it, if it does.
+std::optional<gint> first_port_no;
 
 // The first number is whatever the hardware description says, up to the greatest there is.
 gint wrapping_sum(gint a, gint b) {
@@ -29,22 +30,21 @@ std::unique_ptr<IoEvent, IoEventDeleter> manual_trigger_event(gint channel) {
 } // namespace
 
 void virtual_input_set_first_port_no(gint port_no) {
-  in_use = true;
   first_port_no = port_no;
 }
 
 gint virtual_input_get_first_port_no() {
-  return first_port_no;
+  return first_port_no.value_or(default_first_port_no);
 }
 
 bool virtual_input_in_use() {
-  return in_use;
+  return first_port_no.has_value();
 }
 
 IoPortRef io_port_create_manual_trigger(gint channel) {
   IoPortRef port = io_port_new();
   port->type = PORT_OUTPUT;
-  port->number = wrapping_sum(first_port_no, channel - 1);
+  port->number = wrapping_sum(virtual_input_get_first_port_no(), channel - 1);
   port->name = "manualtrigger" + std::to_string(channel);
   port->is_setup = true;
   port->enabled = false;
