@@ -43,35 +43,66 @@ bool is_in_place(const char* target, std::string_view text, const std::optional<
          && regular_file_read(fd.get(), target, &present, nullptr) && present == text;
 }
 
-bool write_temporary(std::string_view text, const std::optional<FileOwner>& owner) {
+bool write_temporary(const char* temporary, std::string_view text,
+                     const std::optional<FileOwner>& owner) {
   g_autoptr(GError) error = nullptr;
-  if (!file_create_synced(legacy_temporary_file, text, owner, &error)) {
+  if (!file_create_synced(temporary, text, owner, &error)) {
     g_info("%s%s %s", log_prefix, error->message, hint);
     return false;
   }
   return true;
 }
 
+std::string beside(const char* target) {
+  g_autofree gchar* folder = g_path_get_dirname(target);
+  g_autofree gchar* name = g_path_get_basename(target);
+  return std::string(folder) + "/." + name + ".new";
+}
+
+void warn_not_moved(const char* temporary, const char* target, int reason) {
+  g_warning("%sCouldn't move service registry file correctly", log_prefix);
+  g_info("%sCould not rename %s to %s: %s %s", log_prefix, temporary, target, g_strerror(reason),
+         hint);
+}
+
+// No file is moved from one mount to another, and each folder is one of its own where a sandbox
+// lets the daemon write these alone. What lies beside the target is on its mount.
+void replace_from_beside(const char* target, std::string_view text,
+                         const std::optional<FileOwner>& owner) {
+  const auto temporary = beside(target);
+  if (!write_temporary(temporary.c_str(), text, owner)) {
+    warn_not_moved(legacy_temporary_file, target, EXDEV);
+  } else if (rename(temporary.c_str(), target) == 0) {
+    unlink(legacy_temporary_file);
+  } else {
+    warn_not_moved(temporary.c_str(), target, errno);
+    unlink(temporary.c_str());
+  }
+}
+
 // The reader of the target must never meet half a file.
-void move_temporary(const char* target) {
-  if (rename(legacy_temporary_file, target) != 0) {
-    const int saved_errno = errno;
-    g_warning("%sCouldn't move service registry file correctly", log_prefix);
-    g_info("%sCould not rename %s to %s: %s %s", log_prefix, legacy_temporary_file, target,
-           g_strerror(saved_errno), hint);
+void replace(const char* target, std::string_view text, const std::optional<FileOwner>& owner) {
+  if (rename(legacy_temporary_file, target) == 0) {
+    return;
+  }
+  if (errno == EXDEV) {
+    replace_from_beside(target, text, owner);
+  } else {
+    warn_not_moved(legacy_temporary_file, target, errno);
   }
 }
 
 // False when the text could not be written at all.
 bool bring_in_place(const char* target, std::string_view text,
                     const std::optional<FileOwner>& owner) {
+  unlink(beside(target).c_str()); // of a life that broke off
   if (is_in_place(target, text, owner)) {
     return true;
   }
-  if (!write_temporary(text, owner)) {
+  if (!write_temporary(legacy_temporary_file, text, owner)) {
     return false;
   }
-  move_temporary(target);
+  replace(target, text, owner);
   return true;
 }
 

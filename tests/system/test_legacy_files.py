@@ -244,6 +244,64 @@ def test_a_crash_between_write_and_rename_leaves_the_old_file(make_device, file)
     assert len(mapping(device)) == len(fixed_groups()) + 4
 
 
+def beside(file):
+    folder, name = file.rsplit("/", 1)
+    return f"{folder}/.{name}.new"
+
+
+def on_mounts_of_their_own(*more):
+    """A command that runs the daemon where nothing is moved from one of its folders to another."""
+    return (
+        "strace", "-D", "-f", "-qq", "-o", "/dev/null", "-P", TEMPORARY,
+        "-e", "trace=rename", "-e", "inject=rename:error=EXDEV", *more,
+    )  # fmt: skip
+
+
+@pytest.mark.uninstrumented
+def test_folders_that_are_mounts_of_their_own_get_their_files(make_device):
+    device = make_device(wrapper=on_mounts_of_their_own(), patience=3)
+    device.describe(port("a", 0) + port("extra", 1, optional="true"))
+    device.start()
+    assert (len(registry(device)[1]), len(mapping(device))) == (2, len(fixed_groups()) + 4)
+    device.write(beside(MAPPING), "half a te")
+    device.state.DropIOPorts(["extra"])
+    device.sync()
+    assert (len(registry(device)[1]), len(mapping(device))) == (1, len(fixed_groups()) + 2)
+    assert device.log_count("^WARNING: ") == 0
+    for file in (REGISTRY, MAPPING):
+        assert [found.name for found in device.path(file).parent.iterdir()] == [
+            file.rsplit("/", 1)[1]
+        ]
+    assert not device.path(TEMPORARY).exists()
+
+
+@pytest.mark.uninstrumented
+@pytest.mark.parametrize("file", [REGISTRY, MAPPING])
+def test_a_folder_on_a_mount_of_its_own_that_refuses_keeps_its_file(make_device, file):
+    device = make_device(wrapper=on_mounts_of_their_own(), patience=3)
+    device.describe(port("a", 0) + port("extra", 1, optional="true"))
+    device.start()
+    before = device.read(file)
+    folder = device.path(file).parent
+    if os.getuid() == 0:
+        os.chown(folder, 0, 0)
+    folder.chmod(0o555)
+    device.on_exit(lambda: folder.chmod(0o755))
+    device.state.DropIOPorts(["extra"])
+    device.wait_for_log("WARNING: Couldn't move service registry file correctly")
+    device.wait_for_log("must be writable by the daemon's user")
+    assert device.log_count("^WARNING: ") == 1
+    assert device.read(file) == before
+
+
+@pytest.mark.parametrize("file", [REGISTRY, MAPPING])
+def test_what_a_save_left_beside_a_file_goes(device, file):
+    device.describe(port("a", 0))
+    device.write(beside(file), "half a te")
+    device.start()
+    assert not device.path(beside(file)).exists()
+
+
 @pytest.mark.parametrize("file", [REGISTRY, MAPPING])
 def test_what_a_crash_left_behind_is_no_port(device, file):
     """The temporary file is in a folder whose files are read as hardware descriptions."""
