@@ -24,11 +24,48 @@ LEFTOVERS = (
     device.DESCRIPTION,
 )
 
+UNIT = pathlib.Path("/bench/wexd.service.in")
+# Runs a program with the file system as systemd shows it to a service that is strictly protected and
+# kept from the kernel's tunables: read-only but for the places before the "--".
+CONFINE = r"""
+set -e
+writable='/dev /proc'
+while [ "$1" != -- ]; do
+  if [ -e "$1" ]; then
+    mount --rbind "$1" "$1"
+    writable="$writable $1"
+  fi
+  shift
+done
+shift
+is_writable() {
+  for place in $writable; do
+    case $1 in "$place" | "$place"/*) return 0 ;; esac
+  done
+  return 1
+}
+mounts=$(cut -d ' ' -f 2 /proc/self/mounts)
+for mount in $mounts; do
+  is_writable "$mount" || mount -o remount,bind,ro "$mount"
+done
+exec "$@"
+"""
+
+
+def writable_places():
+    """Where the unit lets the daemon write, if the place is there."""
+    lists = re.findall(r"^ReadWritePaths=(.*)$", UNIT.read_text(), re.MULTILINE)
+    return [place.removeprefix("-") for places in lists for place in places.split()]
+
 
 class Guest(sandbox.Sandbox):
-    """No sandbox at all: the guest's own file system, made as new."""
+    """No sandbox at all: the guest's own file system, made as new; or, confined, only what the unit
+    leaves of it."""
 
-    def __init__(self):
+    def __init__(self, confined=False):
+        self.prefix = ()
+        if confined:
+            self.prefix = ("unshare", "--mount", "sh", "-c", CONFINE, "sh", *writable_places(), "--")
         for leftover in map(pathlib.Path, LEFTOVERS):
             if leftover.is_dir():
                 shutil.rmtree(leftover)
@@ -37,7 +74,7 @@ class Guest(sandbox.Sandbox):
         super().__init__("/")
 
     def command(self, argv, binary, info_fd=None):
-        return [str(binary) if word == sandbox.BINARY else word for word in argv]
+        return [*self.prefix, *(str(binary) if word == sandbox.BINARY else word for word in argv)]
 
     def bus_command(self, argv):
         return argv
@@ -55,11 +92,12 @@ class GuestDevice(device.Device):
     emulated machine than many a test; None starts one.
     user: whether the device has the daemon's own user to change to. Without it the daemon stays
     root, and with that able to export pins and open their files later on.
+    confined: whether the daemon sees the file system as the unit shows it.
     """
 
-    def __init__(self, binary, message_bus=None, user=True):
+    def __init__(self, binary, message_bus=None, user=True, confined=False):
         super().__init__(binary)
-        self.sandbox = Guest()
+        self.sandbox = Guest(confined)
         self.sandbox.set_accounts(user=user)
         self._shared_bus = message_bus
 

@@ -1,5 +1,5 @@
 """The rules for device files that are installed, applied by the real device manager: with them the
-daemon's user takes hardware again that it has dropped."""
+daemon's user takes hardware again that it has dropped, in the unit's sandbox."""
 
 import grp
 import pathlib
@@ -29,6 +29,11 @@ def settle():
 
 
 @pytest.fixture
+def device(make_device):
+    return make_device(confined=True)
+
+
+@pytest.fixture
 def rules(device):
     """A device manager with our rules and no others, which cost seconds on the emulated machine."""
     folder = pathlib.Path("/run/udev/rules.d")
@@ -54,6 +59,15 @@ def ports():
     return gpio_input("sensor", 0, PLAIN[1], optional="true") + gpio_output(
         "relay", 1, PLAIN[3], optional="true"
     )
+
+
+def test_only_what_drives_hardware_is_open_in_sys(device):
+    device.describe(ports())
+    device.start()
+    mounts = pathlib.Path(f"/proc/{device.pid}/mounts").read_text().splitlines()
+    modes = {line.split()[1]: line.split()[3].split(",")[0] for line in mounts}
+    assert {modes[place] for place in ("/", "/sys", "/etc")} == {"ro"}
+    assert {modes[place] for place in ("/sys/devices", "/sys/kernel/config")} == {"rw"}
 
 
 def test_the_daemons_user_takes_dropped_pins_again(device, rules):

@@ -29,6 +29,11 @@ for node in null zero full random urandom; do
   touch dev/$node
   mount --bind /dev/$node dev/$node
 done
+# For the sandbox to refuse: a device that is none of ours, and folders of /sys that could be written.
+touch dev/other
+mount --bind /dev/kmsg dev/other
+mount -t tmpfs tmpfs sys/module
+mount -t tmpfs tmpfs sys/devices/virtual/mem
 exec chroot . /usr/bin/env -i container=wexd-package-test /lib/systemd/systemd --unit=multi-user.target
 """
 
