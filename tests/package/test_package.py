@@ -442,6 +442,34 @@ def test_the_debug_symbols_belong_to_the_binaries(pytestconfig, shipped, tmp_pat
         assert ".debug_info" in run("readelf", "--sections", "--wide", str(found)), binary
 
 
+def library_packages(package):
+    """Those that dpkg's own tool found the programs to link."""
+    depends = run("dpkg-deb", "--field", str(package), "Depends")
+    return set(re.findall(r"\b(lib[^ ,]*)", depends))
+
+
+def test_the_bill_of_materials_is_what_the_programs_are_made_of(pytestconfig, shipped):
+    bill = json.loads((shipped / "usr/share/doc/wexd/sbom.spdx.json").read_text())
+    parts = {part["SPDXID"]: part for part in bill["packages"]}
+    assert len(parts) == len(bill["packages"])
+    kinds = {}
+    for relation in bill["relationships"]:
+        kinds.setdefault(relation["relationshipType"], set()).add(
+            parts[relation["relatedSpdxElement"]]["name"]
+        )
+    assert kinds == {
+        "DESCRIBES": {"wexd"},
+        "DYNAMIC_LINK": library_packages(pytestconfig.getoption("--package")),
+        "STATIC_LINK": {"libcli11-dev", "nlohmann-json3-dev"},
+    }
+    for part in parts.values():
+        if part["name"] != "wexd":
+            installed = run("dpkg-query", "--show", "--showformat=${Version}\n", part["name"])
+            assert part["versionInfo"] in installed.split()
+            (reference,) = part["externalRefs"]
+            assert reference["referenceLocator"].startswith(f"pkg:deb/debian/{part['name']}@")
+
+
 def test_lintian_finds_nothing(pytestconfig):
     """Neither errors nor warnings; debian/wexd.lintian-overrides gives its reasons."""
     (changes,) = pathlib.Path(pytestconfig.getoption("--package")).parent.glob("*.changes")
@@ -470,7 +498,8 @@ def test_cpack_makes_the_same_for_those_without_debians_tools(pytestconfig, tmp_
     package = pytestconfig.getoption("--package")
     for name in ("postinst", "prerm", "postrm", "conffiles"):
         assert control(made, name) == control(package, name)
-    debian_only = {"changelog", "copyright", "wexd"}  # and what lintian is to overlook
+    # And what lintian is to overlook.
+    debian_only = {"changelog", "copyright", "wexd", "sbom.spdx.json"}
     rest = files(package)
     for file in set(rest) - set(files(made)):
         assert pathlib.PurePath(file).name in debian_only, file
