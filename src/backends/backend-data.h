@@ -3,17 +3,18 @@
 
 #include "port/ioport.h"
 
+#include <tuple>
 #include <utility>
 
 /// The port's record, which must be one of this backend's, or nullptr.
 template <typename Data>
-Data* backend_data(IoPort* port) {
+[[nodiscard]] Data* backend_data(IoPort* port) {
   return static_cast<Data*>(port->backend_private);
 }
 
 /// The port's record, allocated when there is none.
 template <typename Data>
-Data* backend_data_ensure(IoPort* port) {
+[[nodiscard]] Data* backend_data_ensure(IoPort* port) {
   if (port->backend_private == nullptr) {
     port->backend_private = new Data();
   }
@@ -32,7 +33,7 @@ void backend_data_free(IoPort* port) {
 /// What a table is filled up with is a lambda: with sanitizers, the compiler cannot tell during
 /// compilation whether the address of a template's function is one.
 template <typename Data>
-constexpr PortFunctions backend_table(PortFunctions slots) {
+[[nodiscard]] constexpr PortFunctions backend_table(PortFunctions slots) {
   if (slots.free == nullptr) {
     slots.free = [](IoPort* port) { backend_data_free<Data>(port); };
   }
@@ -41,7 +42,7 @@ constexpr PortFunctions backend_table(PortFunctions slots) {
 
 /// Gives the port a record, if it has none, and returns its backend's table.
 template <typename Data>
-const PortFunctions* backend_attach(IoPort* port, const PortFunctions& functions) {
-  backend_data_ensure<Data>(port);
+[[nodiscard]] const PortFunctions* backend_attach(IoPort* port, const PortFunctions& functions) {
+  std::ignore = backend_data_ensure<Data>(port);
   return &functions;
 }

@@ -17,4 +17,4 @@ inline constexpr BackendVocabulary check_vocabulary{
     .takes_all = true};
 
 /// The operation table of ports of kind "check"; gives the port a record if it has none.
-const PortFunctions* check_setup_functions(IoPort* port);
+[[nodiscard]] const PortFunctions* check_setup_functions(IoPort* port);

@@ -53,7 +53,7 @@ void take_interval(Data& data, const char* value) {
 
 /// The table of such a backend.
 template <typename Data>
-constexpr PortFunctions input_poll_table(PortFunctions slots) {
+[[nodiscard]] constexpr PortFunctions input_poll_table(PortFunctions slots) {
   slots.set_watch = [](IoPort* port) { return input_poll_set_watch<Data>(port); };
   return backend_table<Data>(slots);
 }

@@ -21,4 +21,4 @@ inline constexpr BackendVocabulary iobox_vocabulary{
     .name = "iobox", .meaning = "A port of an external IO box.", .elements = iobox_elements};
 
 /// The operation table of ports of kind "iobox"; gives the port a record if it has none.
-const PortFunctions* iobox_setup_functions(IoPort* port);
+[[nodiscard]] const PortFunctions* iobox_setup_functions(IoPort* port);

@@ -25,4 +25,4 @@ inline constexpr BackendVocabulary gpio_vocabulary{
     .name = "gpio", .meaning = "GPIO pins.", .elements = gpio_elements, .pins = gpio_pin_needs};
 
 /// The operation table of ports of kind "gpio"; gives the port a record if it has none.
-const PortFunctions* libugpio_setup_functions(IoPort* port);
+[[nodiscard]] const PortFunctions* libugpio_setup_functions(IoPort* port);

@@ -63,7 +63,7 @@ template <typename Record, gsize Count>
 /// What a pin is opened as: an input with both edges, or an output and the level it starts at.
 enum class PinUse { Input, LowOutput, HighOutput };
 
-constexpr PinUse output_at(Level start) {
+[[nodiscard]] constexpr PinUse output_at(Level start) {
   return start == Level::High ? PinUse::HighOutput : PinUse::LowOutput;
 }
 

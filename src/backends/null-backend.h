@@ -12,4 +12,4 @@ inline constexpr BackendVocabulary null_vocabulary{
     .name = "null", .meaning = "A port that does nothing and reads low."};
 
 /// The operation table of ports of kind "null", which need no record.
-const PortFunctions* null_setup_functions(IoPort* port = nullptr);
+[[nodiscard]] const PortFunctions* null_setup_functions(IoPort* port = nullptr);

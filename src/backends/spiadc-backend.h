@@ -44,4 +44,4 @@ inline constexpr BackendVocabulary spiadc_vocabulary{
     .is_polled = true};
 
 /// The operation table of ports of kind "spiadc"; gives the port a record if it has none.
-const PortFunctions* spiadc_setup_functions(IoPort* port);
+[[nodiscard]] const PortFunctions* spiadc_setup_functions(IoPort* port);

@@ -45,4 +45,4 @@ inline constexpr BackendVocabulary iio_vocabulary{
     .refuses_other_pin = true};
 
 /// The operation table of ports of kind "iio"; gives the port a record if it has none.
-const PortFunctions* iio_setup_functions(IoPort* port);
+[[nodiscard]] const PortFunctions* iio_setup_functions(IoPort* port);

@@ -52,4 +52,4 @@ inline constexpr BackendVocabulary iio_int_vocabulary{
     .refuses_other_pin = true};
 
 /// The operation table of ports of kind "iio-interrupt"; gives the port a record if it has none.
-const PortFunctions* iio_int_setup_functions(IoPort* port);
+[[nodiscard]] const PortFunctions* iio_int_setup_functions(IoPort* port);

@@ -60,7 +60,7 @@ void supervised_turn_pins(IoPort* port, SupervisedPins& pins, Direction directio
                           const PinSetup& how);
 
 /// The pin that shows the port's logic level: the input pin of an input, else the output pin.
-GpioPin* supervised_level_pin(IoPort* port, const SupervisedPins& pins);
+[[nodiscard]] GpioPin* supervised_level_pin(IoPort* port, const SupervisedPins& pins);
 
 /// The level of that pin; unknown when there is none.
 [[nodiscard]] Level supervised_pin_level(IoPort* port, const SupervisedPins& pins);
@@ -83,7 +83,7 @@ void supervised_parse_data(IoPort* port, const char* element, const char* key, c
 
 /// The table of such a backend: what all of them do alike stands in it.
 template <typename Data>
-constexpr PortFunctions supervised_table(PortFunctions slots) {
+[[nodiscard]] constexpr PortFunctions supervised_table(PortFunctions slots) {
   if (slots.is_supervisable == nullptr) {
     slots.is_supervisable = supervised_is_supervisable;
   }

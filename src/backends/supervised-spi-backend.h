@@ -49,4 +49,4 @@ inline constexpr BackendVocabulary spi_vocabulary{
     .number_limit = 6};
 
 /// The operation table of ports of kind "spi"; gives the port a record if it has none.
-const PortFunctions* spi_setup_functions(IoPort* port);
+[[nodiscard]] const PortFunctions* spi_setup_functions(IoPort* port);

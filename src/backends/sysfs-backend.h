@@ -29,4 +29,4 @@ inline constexpr BackendVocabulary sysfs_vocabulary{
     .is_polled = true};
 
 /// The operation table of ports of kind "sysfs"; gives the port a record if it has none.
-const PortFunctions* sysfs_setup_functions(IoPort* port);
+[[nodiscard]] const PortFunctions* sysfs_setup_functions(IoPort* port);

@@ -11,4 +11,4 @@ inline constexpr BackendVocabulary virtual_vocabulary{
     .name = "virtual", .meaning = "A port without a line; its state is kept in memory."};
 
 /// The operation table of ports of kind "virtual"; gives the port a state if it has none.
-const PortFunctions* virtual_setup_functions(IoPort* port);
+[[nodiscard]] const PortFunctions* virtual_setup_functions(IoPort* port);

@@ -12,4 +12,4 @@ inline constexpr BackendVocabulary zwave_vocabulary{
     .name = "zwave", .meaning = "A Z-Wave device of the port's number."};
 
 /// The operation table of ports of kind "zwave"; gives the port a record if it has none.
-const PortFunctions* zwave_setup_functions(IoPort* port);
+[[nodiscard]] const PortFunctions* zwave_setup_functions(IoPort* port);

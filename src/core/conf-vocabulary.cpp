@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <string_view>
+#include <tuple>
 
 namespace {
 
@@ -81,7 +82,7 @@ void set_pulse_time(const ConfTarget& target, const char* /*key*/, const char* v
 
 void select_backend(const ConfTarget& target, const char* /*key*/, const char* value) {
   if (const auto* entry = backend_registry_find(value)) {
-    io_port_set_backend(target.port, entry->kind);
+    std::ignore = io_port_set_backend(target.port, entry->kind);
   }
 }
 

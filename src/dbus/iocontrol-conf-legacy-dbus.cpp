@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <list>
 #include <set>
+#include <tuple>
 
 /// What is published.
 struct LegacyCtrl {
@@ -62,8 +63,9 @@ void send_configuration_change(const LegacyCtrl& ctrl, const char* property,
   }
   GString* const change = nv_config_event_change_new();
   nv_config_event_change_append(change, property, change_text(value).c_str());
-  nv_config_event_send(ctrl.config_event, legacy_ioport_interface, legacy_port_0_path,
-                       legacy_ioport_interface, legacy_port_0_path, change_kind, change, nullptr);
+  std::ignore = nv_config_event_send(ctrl.config_event, legacy_ioport_interface, legacy_port_0_path,
+                                     legacy_ioport_interface, legacy_port_0_path, change_kind,
+                                     change, nullptr);
   g_string_free(change, TRUE);
 }
 
@@ -243,8 +245,8 @@ ObjectRef<GDBusConnection> connect_to_bus() {
 void declare_configuration_event(LegacyCtrl& ctrl) {
   ctrl.event_producer = nv_event_producer_new_full(producer_name, 0, nullptr);
   ctrl.config_event = nv_config_event_new(producer_name, ctrl.event_producer);
-  nv_config_event_declare(ctrl.config_event, legacy_ioport_interface, legacy_port_0_path,
-                          legacy_ioport_interface, nullptr);
+  std::ignore = nv_config_event_declare(ctrl.config_event, legacy_ioport_interface,
+                                        legacy_port_0_path, legacy_ioport_interface, nullptr);
 }
 
 // What could not be undeclared may still be in use by the library and is left alive.

@@ -39,7 +39,7 @@ struct LegacySetting {
   const char* property;
   const char* text;
 };
-LegacySetting legacy_setting(const IoPort& port, Setting setting);
+[[nodiscard]] LegacySetting legacy_setting(const IoPort& port, Setting setting);
 
 /// Reads a property of the object at `path`; nullptr with `error` when there is no value.
 [[nodiscard]] GVariant* legacy_property_get(const char* path, const char* interface_name,

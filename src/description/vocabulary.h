@@ -100,20 +100,20 @@ struct BackendVocabulary {
 std::span<const BackendVocabulary* const> backend_vocabularies();
 
 /// The kind of that name, or nullptr.
-const BackendVocabulary* find_backend_vocabulary(std::string_view name);
+[[nodiscard]] const BackendVocabulary* find_backend_vocabulary(std::string_view name);
 
 /// Whether the text has the form that the attribute asks for.
 [[nodiscard]] bool has_form(const AttributeWord& attribute, std::string_view text);
 
-constexpr const ElementWord* find_element(std::span<const ElementWord> elements,
-                                          std::string_view name) {
+[[nodiscard]] constexpr const ElementWord* find_element(std::span<const ElementWord> elements,
+                                                        std::string_view name) {
   const auto found =
       std::ranges::find_if(elements, [name](const auto& element) { return name == element.name; });
   return found != elements.end() ? &*found : nullptr;
 }
 
-constexpr const AttributeWord* find_attribute(std::span<const AttributeWord> attributes,
-                                              std::string_view name) {
+[[nodiscard]] constexpr const AttributeWord*
+find_attribute(std::span<const AttributeWord> attributes, std::string_view name) {
   const auto found = std::ranges::find_if(
       attributes, [name](const auto& attribute) { return name == attribute.name; });
   return found != attributes.end() ? &*found : nullptr;
@@ -127,7 +127,8 @@ template <typename Table>
          });
 }
 
-constexpr bool has_attribute(std::span<const AttributeWord> attributes, std::string_view name) {
+[[nodiscard]] constexpr bool has_attribute(std::span<const AttributeWord> attributes,
+                                           std::string_view name) {
   return std::ranges::any_of(attributes,
                              [name](const auto& attribute) { return name == attribute.name; });
 }

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <span>
+#include <tuple>
 
 namespace {
 
@@ -85,19 +86,19 @@ IoPortRef port_of(gpointer user_data) {
 
 void fill_io_port(NvEvent* event, gpointer user_data) {
   const auto port = port_of(user_data);
-  nv_event_set_bool(event, "state", port != nullptr && io_port_get_state(port.get()));
+  std::ignore = nv_event_set_bool(event, "state", port != nullptr && io_port_get_state(port.get()));
 }
 
 void fill_port_any(NvEvent* event, gpointer /*user_data*/) {
-  nv_event_set_bool(event, "state", io_port_list_get_port_any_value());
+  std::ignore = nv_event_set_bool(event, "state", io_port_list_get_port_any_value());
 }
 
 void fill_supervised_port(NvEvent* event, gpointer user_data) {
   const auto port = port_of(user_data);
   const auto state =
       port != nullptr ? io_port_get_supervised_state(port.get()) : SUPERVISED_UNDEFINED;
-  nv_event_set_bool(event, "tampered", event_tampered(state));
-  nv_event_set_string(event, "state", supervised_range_state2string(state));
+  std::ignore = nv_event_set_bool(event, "tampered", event_tampered(state));
+  std::ignore = nv_event_set_string(event, "state", supervised_range_state2string(state));
 }
 
 constexpr std::array declarations{
@@ -142,20 +143,21 @@ OptionalText resolve(IoPort* port, Source source, const char* text) {
 
 void add_key(NvEventDeclaration* declaration, IoPort* port, const KeyRow& row) {
   if (const auto value = resolve(port, row.value, row.value_text)) {
-    nv_event_declaration_add_key_value(declaration, row.key, value->c_str(), row.type);
+    std::ignore =
+        nv_event_declaration_add_key_value(declaration, row.key, value->c_str(), row.type);
   } else {
-    nv_event_declaration_add_key(declaration, row.key, row.type);
+    std::ignore = nv_event_declaration_add_key(declaration, row.key, row.type);
   }
   const auto value_nice_name = resolve(port, row.value_nice_name, row.value_nice_text);
   if (row.key_nice_name != nullptr || value_nice_name) {
-    nv_event_declaration_set_nice_names(declaration, row.key, row.key_nice_name,
-                                        c_str_or_null(value_nice_name));
+    std::ignore = nv_event_declaration_set_nice_names(declaration, row.key, row.key_nice_name,
+                                                      c_str_or_null(value_nice_name));
   }
   if (row.name_space != nullptr) {
-    nv_event_declaration_set_name_space(declaration, row.key, row.name_space);
+    std::ignore = nv_event_declaration_set_name_space(declaration, row.key, row.name_space);
   }
   if (row.tag != nullptr) {
-    nv_event_declaration_tag_key(declaration, row.key, row.tag);
+    std::ignore = nv_event_declaration_tag_key(declaration, row.key, row.tag);
   }
 }
 
@@ -175,9 +177,9 @@ NvEventDeclaration* event_builtin_declaration(IoPort* port, const char* type_nam
   }
   // The any-port declaration belongs to no port.
   const bool any = table->fill == fill_port_any;
-  nv_event_declaration_set_property(declaration, table->property,
-                                    initial_state == InitialState::Sent ? table->fill : nullptr,
-                                    any ? nullptr : GINT_TO_POINTER(port->number));
+  std::ignore = nv_event_declaration_set_property(
+      declaration, table->property, initial_state == InitialState::Sent ? table->fill : nullptr,
+      any ? nullptr : GINT_TO_POINTER(port->number));
   return declaration;
 }
 

@@ -8,7 +8,7 @@
 
 /// The type word of a key value as the event library's code, a string without a word; an unknown
 /// word is a programming error.
-NvEventType event_value_type(const EventKeyValue& key_value);
+[[nodiscard]] NvEventType event_value_type(const EventKeyValue& key_value);
 
 /// The text that fills the key: the placeholder's meaning for this port now, or the value itself.
 /// A placeholder for a double is a programming error.

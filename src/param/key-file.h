@@ -16,14 +16,14 @@ struct KeyFileFree {
 using KeyFilePtr = std::unique_ptr<GKeyFile, KeyFileFree>;
 
 /// An empty one.
-KeyFilePtr key_file_make();
+[[nodiscard]] KeyFilePtr key_file_make();
 
 /// Parses with comments kept; nullptr with `error` set when that fails.
-KeyFilePtr key_file_parse(std::string_view text, GError** error);
+[[nodiscard]] KeyFilePtr key_file_parse(std::string_view text, GError** error);
 
 /// Reads and parses a regular file. A link is none: its folder may belong to somebody who is not to
 /// choose what we read. nullptr with `error` set when that fails.
-KeyFilePtr key_file_load(const char* path, GError** error);
+[[nodiscard]] KeyFilePtr key_file_load(const char* path, GError** error);
 
 /// A text, decoded. False with `error` set when it is missing or malformed; `text` is untouched
 /// then.

@@ -42,6 +42,6 @@ struct FailedSave {
   bool made_good;
 };
 /// The last save that failed, if one did.
-std::optional<FailedSave> param_last_failed_save();
+[[nodiscard]] std::optional<FailedSave> param_last_failed_save();
 /// Hands the file to the user and group `wxd`, unless it is a link or has a second name.
 void param_set_owner_group(const char* file);

@@ -12,11 +12,11 @@
 /// The connection over which other services are reached: until bus_connection_share() the start's
 /// own, opened when first asked for, then the shared one. Owned by this module; NULL with `error`
 /// without a bus.
-GDBusConnection* bus_connection(GError** error);
+[[nodiscard]] GDBusConnection* bus_connection(GError** error);
 
 /// What proxies on bus_connection() are to be made in: signals that come over the start's
 /// connection wait in this context, all others in the default one (NULL).
-GMainContext* bus_connection_context();
+[[nodiscard]] GMainContext* bus_connection_context();
 
 /// From here on the shared connection is the one. To be called by the user that is to own the
 /// daemon's names. `lost` is called from the main loop when the bus has closed the connection; the
@@ -25,7 +25,7 @@ GMainContext* bus_connection_context();
 [[nodiscard]] bool bus_connection_share(std::function<void()> lost);
 
 /// The shared connection, whatever bus_connection() is at the moment.
-GDBusConnection* bus_connection_shared(GError** error);
+[[nodiscard]] GDBusConnection* bus_connection_shared(GError** error);
 
 /// Dispatches what came over the start's connection until now.
 void bus_connection_serve_start();

@@ -23,19 +23,19 @@ void nv_config_event_free(NvConfigEvent* handle);
 
 /// Declares that the object at `path` has configuration of interface `interface_name`, grouped
 /// under `group`; false with `error` when it is declared already.
-bool nv_config_event_declare(NvConfigEvent* handle, const char* interface_name, const char* path,
-                             const char* group, GError** error);
+[[nodiscard]] bool nv_config_event_declare(NvConfigEvent* handle, const char* interface_name,
+                                           const char* path, const char* group, GError** error);
 /// Withdraws that; false when it was not declared.
-bool nv_config_event_undeclare(NvConfigEvent* handle, const char* interface_name, const char* path,
-                               const char* group);
+[[nodiscard]] bool nv_config_event_undeclare(NvConfigEvent* handle, const char* interface_name,
+                                             const char* path, const char* group);
 
 /// An empty change text; freed with g_string_free.
-GString* nv_config_event_change_new();
+[[nodiscard]] GString* nv_config_event_change_new();
 /// Appends one name=value pair, escaped so that it can be told apart from its neighbours.
 void nv_config_event_change_append(GString* change, const char* name, const char* value);
 
 /// Sends a change of a declared object; the meaning of `kind` is the library's. False with `error`
 /// when the object was not declared.
-bool nv_config_event_send(NvConfigEvent* handle, const char* interface_name, const char* path,
-                          const char* group, const char* object, guint kind, const GString* change,
-                          GError** error);
+[[nodiscard]] bool nv_config_event_send(NvConfigEvent* handle, const char* interface_name,
+                                        const char* path, const char* group, const char* object,
+                                        guint kind, const GString* change, GError** error);

@@ -52,31 +52,36 @@ void nv_event_producer_free(NvEventProducer* producer);
 [[nodiscard]] NvEventDeclaration* nv_event_declaration_new_from_type(const char* type_name);
 void nv_event_declaration_free(NvEventDeclaration* declaration);
 /// Adds a key with a fixed value, written as text in the form of its type.
-bool nv_event_declaration_add_key_value(NvEventDeclaration* declaration, const char* key,
-                                        const char* value, NvEventType type);
+[[nodiscard]] bool nv_event_declaration_add_key_value(NvEventDeclaration* declaration,
+                                                      const char* key, const char* value,
+                                                      NvEventType type);
 /// Adds a key whose value each event brings.
-bool nv_event_declaration_add_key(NvEventDeclaration* declaration, const char* key,
-                                  NvEventType type);
+[[nodiscard]] bool nv_event_declaration_add_key(NvEventDeclaration* declaration, const char* key,
+                                                NvEventType type);
 /// Display names of a key and of its value; either may be NULL.
-bool nv_event_declaration_set_nice_names(NvEventDeclaration* declaration, const char* key,
-                                         const char* key_nice_name, const char* value_nice_name);
-bool nv_event_declaration_set_name_space(NvEventDeclaration* declaration, const char* key,
-                                         const char* name_space);
-bool nv_event_declaration_tag_key(NvEventDeclaration* declaration, const char* key,
-                                  const char* tag);
+[[nodiscard]] bool nv_event_declaration_set_nice_names(NvEventDeclaration* declaration,
+                                                       const char* key, const char* key_nice_name,
+                                                       const char* value_nice_name);
+[[nodiscard]] bool nv_event_declaration_set_name_space(NvEventDeclaration* declaration,
+                                                       const char* key, const char* name_space);
+[[nodiscard]] bool nv_event_declaration_tag_key(NvEventDeclaration* declaration, const char* key,
+                                                const char* tag);
 /// Makes the key the event's property (a state rather than an occurrence). `fill` may be NULL.
-bool nv_event_declaration_set_property(NvEventDeclaration* declaration, const char* key,
-                                       NvEventFill fill, gpointer user_data);
+[[nodiscard]] bool nv_event_declaration_set_property(NvEventDeclaration* declaration,
+                                                     const char* key, NvEventFill fill,
+                                                     gpointer user_data);
 [[nodiscard]] bool nv_event_declaration_is_property(const NvEventDeclaration* declaration);
-NvEventInspectable* nv_event_declaration_get_inspectable(NvEventDeclaration* declaration);
+[[nodiscard]] NvEventInspectable*
+nv_event_declaration_get_inspectable(NvEventDeclaration* declaration);
 
 /// Sets display names on a key; false when the key is unknown.
-bool nv_event_inspectable_set_nice_names(NvEventInspectable* inspectable, const char* key,
-                                         const char* key_nice_name, const char* value_nice_name);
+[[nodiscard]] bool nv_event_inspectable_set_nice_names(NvEventInspectable* inspectable,
+                                                       const char* key, const char* key_nice_name,
+                                                       const char* value_nice_name);
 /// Sets a value given as text; false when the key is unknown, of another type, or the text is not
 /// of that type.
-bool nv_event_inspectable_set_value(NvEventInspectable* inspectable, const char* key,
-                                    const char* value, NvEventType type);
+[[nodiscard]] bool nv_event_inspectable_set_value(NvEventInspectable* inspectable, const char* key,
+                                                  const char* value, NvEventType type);
 
 /// Declares and returns an id above 0; 0 on failure. Takes no ownership.
 guint nv_event_producer_declare(NvEventProducer* producer, const NvEventDeclaration* declaration,
@@ -91,7 +96,7 @@ guint nv_event_producer_declare(NvEventProducer* producer, const NvEventDeclarat
                                           GError** error);
 
 void nv_event_free(NvEvent* event);
-NvEventInspectable* nv_event_get_inspectable(NvEvent* event);
-bool nv_event_set_bool(NvEvent* event, const char* key, bool value);
-bool nv_event_set_int(NvEvent* event, const char* key, gint value);
-bool nv_event_set_string(NvEvent* event, const char* key, const char* value);
+[[nodiscard]] NvEventInspectable* nv_event_get_inspectable(NvEvent* event);
+[[nodiscard]] bool nv_event_set_bool(NvEvent* event, const char* key, bool value);
+[[nodiscard]] bool nv_event_set_int(NvEvent* event, const char* key, gint value);
+[[nodiscard]] bool nv_event_set_string(NvEvent* event, const char* key, const char* value);

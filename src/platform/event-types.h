@@ -17,4 +17,4 @@ struct EventType {
 };
 
 /// The type of that name, or nullptr.
-const EventType* event_types_find(const char* name);
+[[nodiscard]] const EventType* event_types_find(const char* name);

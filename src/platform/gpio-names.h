@@ -39,7 +39,7 @@ std::set<guint> gpio_numbers_of_name(const std::string& name);
 std::set<std::string> gpio_names_of_number(guint number);
 
 /// Every line of that name, over all chips.
-std::vector<GpioLine> gpio_lines_of_name(const std::string& name);
+[[nodiscard]] std::vector<GpioLine> gpio_lines_of_name(const std::string& name);
 
 /// Every line that may have that number; none where no sysfs folder tells the chips' numbers.
-std::vector<GpioLine> gpio_lines_of_number(guint number);
+[[nodiscard]] std::vector<GpioLine> gpio_lines_of_number(guint number);

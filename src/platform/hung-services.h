@@ -28,7 +28,7 @@ void hung_service_follow(GDBusConnection* connection, const char* name);
 void hung_service_call_failed(const char* name, guint64 begun, bool owned, const GError* error);
 
 /// Whether the service is left alone at the moment.
-bool hung_service_is_left_alone(const char* name);
+[[nodiscard]] bool hung_service_is_left_alone(const char* name);
 
 /// The error of a call that was not made.
 void hung_service_set_error(GError** error);

@@ -6,12 +6,12 @@
 /// The number that the text begins with, 0 where there is none; errno tells one beyond 64 bits.
 /// Base 0 takes decimal, 0x-hexadecimal and octal numbers. What is beyond the type wraps.
 template <typename Number>
-Number number_of(const char* text, guint base = 10) {
+[[nodiscard]] Number number_of(const char* text, guint base = 10) {
   return static_cast<Number>(g_ascii_strtoll(text, nullptr, base));
 }
 
 /// The same for numbers that are never negative and may need 64 bits.
 template <typename Number>
-Number unsigned_of(const char* text) {
+[[nodiscard]] Number unsigned_of(const char* text) {
   return static_cast<Number>(g_ascii_strtoull(text, nullptr, 10));
 }

@@ -7,10 +7,10 @@
 #include <ugpio/ugpio.h>
 
 /// As ugpio_request; NULL with errno set when no line has that name.
-ugpio_t* ugpio_request_named(const char* name);
+[[nodiscard]] ugpio_t* ugpio_request_named(const char* name);
 
 /// As ugpio_request_one; NULL with errno set when no line has that name.
-ugpio_t* ugpio_request_one_named(const char* name, unsigned int flags);
+[[nodiscard]] ugpio_t* ugpio_request_one_named(const char* name, unsigned int flags);
 
 /// Whether the pin of that name, or of that number where the name is NULL, is taken through the
 /// kernel's sysfs files.

@@ -20,7 +20,7 @@ Word(const char*, Value) -> Word<Value>;
 
 /// What the word stands for in a table of words; nothing for any other text.
 template <typename Table>
-constexpr auto find_word(const Table& table, std::string_view text) {
+[[nodiscard]] constexpr auto find_word(const Table& table, std::string_view text) {
   using Value = decltype(table.front().value);
   const auto found =
       std::ranges::find_if(table, [text](const auto& entry) { return text == entry.word; });
@@ -29,7 +29,7 @@ constexpr auto find_word(const Table& table, std::string_view text) {
 
 /// The same for a word in whatever letter case.
 template <typename Table>
-auto find_word_in_any_case(const Table& table, const char* text) {
+[[nodiscard]] auto find_word_in_any_case(const Table& table, const char* text) {
   using Value = decltype(table.front().value);
   const auto found = std::ranges::find_if(
       table, [text](const auto& entry) { return g_ascii_strcasecmp(entry.word, text) == 0; });
@@ -38,8 +38,8 @@ auto find_word_in_any_case(const Table& table, const char* text) {
 
 /// The enumerator whose number is the place of the word in an array of all of them.
 template <typename Enumeration, std::size_t count>
-constexpr std::optional<Enumeration> enumerator_of(const std::array<const char*, count>& words,
-                                                   std::string_view text) {
+[[nodiscard]] constexpr std::optional<Enumeration>
+enumerator_of(const std::array<const char*, count>& words, std::string_view text) {
   for (std::size_t i = 0; i < count; i++) {
     if (text == words[i]) {
       return static_cast<Enumeration>(i);

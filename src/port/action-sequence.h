@@ -34,14 +34,14 @@ enum class [[nodiscard]] SequenceStart{
 /// Runs `steps` on the port in a detached thread of its own, which owns `steps` and a reference of
 /// the port from then on. Anything but Started has been logged as a warning. `steps` must not be
 /// empty and the port not be busy (io_port_lock_taken).
-SequenceStart io_port_run_action_sequence(IoPort* ioport, ActionSequence steps);
+[[nodiscard]] SequenceStart io_port_run_action_sequence(IoPort* ioport, ActionSequence steps);
 
 /// Ends the sequence that runs on the port, if one does, after the step under way, whose state the
 /// port keeps; returns when it has ended.
 void io_port_stop_action_sequence(IoPort* ioport);
 
 /// Numbers of the ports on which sequences run, in ascending order.
-std::vector<gint> action_sequences_running();
+[[nodiscard]] std::vector<gint> action_sequences_running();
 
 /// Cancels whatever sequence still runs, on any port, and waits until all have ended.
 void action_sequences_stop();

@@ -24,7 +24,7 @@ struct BackendEntry {
 std::span<const BackendEntry> backend_registry();
 
 /// The entry of that kind, or nullptr.
-const BackendEntry* backend_registry_find(guint kind);
+[[nodiscard]] const BackendEntry* backend_registry_find(guint kind);
 
 /// The entry of that description name (exact comparison), or nullptr.
-const BackendEntry* backend_registry_find(const char* name);
+[[nodiscard]] const BackendEntry* backend_registry_find(const char* name);

@@ -26,7 +26,7 @@ struct PortCensus {
 };
 
 /// Takes the port list's mutex.
-PortCensus io_port_list_census();
+[[nodiscard]] PortCensus io_port_list_census();
 
 /// "14 of 16 ports in service; missing: loop, siren", in one line.
-std::string port_census_text(const PortCensus& census);
+[[nodiscard]] std::string port_census_text(const PortCensus& census);

@@ -25,7 +25,7 @@ struct Lists {
 extern Lists& lists;
 
 /// The port as one that is not in service.
-MissingPort missing_port(const IoPort* port, const std::string& reason);
+[[nodiscard]] MissingPort missing_port(const IoPort* port, const std::string& reason);
 /// Whether the port can be found by its number.
 [[nodiscard]] bool addressable(IoPort* port);
 /// Tells the observer whether there is an output-capable port.

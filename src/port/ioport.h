@@ -56,7 +56,7 @@ enum class PortSide { Input, Output, Port };
 enum class Trigger { Hardware, Virtual };
 
 /// The word for an inversion: an inverted contact is active while it is open.
-constexpr const char* open_or_closed(bool activelow) {
+[[nodiscard]] constexpr const char* open_or_closed(bool activelow) {
   return activelow ? "open" : "closed";
 }
 
@@ -104,7 +104,7 @@ struct IoEventDeleter {
 using OptionalText = std::optional<std::string>;
 
 /// The text, or NULL when there is none. Valid as long as `text` is unchanged.
-inline const char* c_str_or_null(const OptionalText& text) {
+[[nodiscard]] inline const char* c_str_or_null(const OptionalText& text) {
   return text ? text->c_str() : nullptr;
 }
 
@@ -180,7 +180,7 @@ void io_port_unref(IoPort* ioport);
 void io_port_free(IoPort* ioport);
 /// Stores the kind, attaches its backend and returns the table; nullptr (kind stored, table
 /// unchanged) when no backend is of that kind.
-const PortFunctions* io_port_set_backend(IoPort* ioport, BackendKind kind);
+[[nodiscard]] const PortFunctions* io_port_set_backend(IoPort* ioport, BackendKind kind);
 /// Takes the port's hardware into use. False when the backend refuses.
 [[nodiscard]] bool io_port_setup(IoPort* ioport);
 /// Ends a running sequence and releases the hardware; the port can be set up again later.
@@ -279,7 +279,7 @@ void io_port_add_property(IoPort* ioport, const char* key, const char* value);
 [[nodiscard]] std::optional<SupervisedReadout> io_port_get_supervised_readout(IoPort* port,
                                                                               GError** error);
 /// Never fails: a failed readout is logged and reads SUPERVISED_UNDEFINED.
-SupervisedState io_port_get_supervised_state(IoPort* ioport);
+[[nodiscard]] SupervisedState io_port_get_supervised_state(IoPort* ioport);
 /// The states that a supervised port can report, by name.
 [[nodiscard]] std::span<const char* const> io_port_get_supported_states(IoPort* port);
 
@@ -295,7 +295,7 @@ void io_port_reset_event_filters(IoPort* ioport);
 /// Accepts 1 and 2 only.
 [[nodiscard]] bool io_port_set_mode(IoPort* ioport, PortMode mode);
 /// PORT_MODE_NONE for NULL.
-PortMode io_port_get_mode(IoPort* ioport);
+[[nodiscard]] PortMode io_port_get_mode(IoPort* ioport);
 void io_port_set_delay_time(IoPort* ioport, gint32 delay_time);
 /// -1 for NULL.
 gint32 io_port_get_delay_time(IoPort* ioport);

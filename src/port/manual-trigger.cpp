@@ -48,7 +48,7 @@ IoPortRef io_port_create_manual_trigger(gint channel) {
   port->name = "manualtrigger" + std::to_string(channel);
   port->is_setup = true;
   port->enabled = false;
-  io_port_set_backend(port.get(), BACKEND_VIRTUAL);
+  std::ignore = io_port_set_backend(port.get(), BACKEND_VIRTUAL);
   io_port_add_property(port.get(), "virtual", "true");
   port->events.push_front(manual_trigger_event(channel));
   std::ignore = io_port_setup(port.get());

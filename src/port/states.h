@@ -12,12 +12,12 @@
 /// The raw level of a line, as its hardware has it; a port's logical state is a bool.
 enum class Level : guint { Low, High, Unknown };
 
-constexpr Level level_of(bool high) {
+[[nodiscard]] constexpr Level level_of(bool high) {
   return high ? Level::High : Level::Low;
 }
 
 /// What the state of a measured line is as a level: open is low, closed is high.
-constexpr Level supervised_level_of(SupervisedState state) {
+[[nodiscard]] constexpr Level supervised_level_of(SupervisedState state) {
   switch (state) {
   case SUPERVISED_OPEN:
     return Level::Low;
@@ -38,7 +38,7 @@ enum class Direction { Output, Input };
 inline constexpr std::array direction_words{Word{"input", Direction::Input},
                                             Word{"output", Direction::Output}};
 
-constexpr const char* direction_word(Direction direction) {
+[[nodiscard]] constexpr const char* direction_word(Direction direction) {
   return direction == Direction::Input ? "input" : "output";
 }
 

@@ -47,10 +47,10 @@ enum IoSupervisedError {
 GQuark io_supervised_error_quark();
 
 /// Exact, case-sensitive; anything unknown, NULL included, is SUPERVISED_UNDEFINED.
-SupervisedState supervised_range_string2state(const char* name);
+[[nodiscard]] SupervisedState supervised_range_string2state(const char* name);
 
 /// Static text of a state; a value outside the enumeration is a programming error.
-const char* supervised_range_state2string(SupervisedState state);
+[[nodiscard]] const char* supervised_range_state2string(SupervisedState state);
 
 /// New floating `a(suu)` variant of (state, lower, upper), in the order of the ranges.
 [[nodiscard]] GVariant* supervised_ranges2gvariant(std::span<const SupervisedRange> ranges);
