@@ -110,7 +110,7 @@ class AnInstallation(unittest.TestCase):
             with self.subTest(prefix):
                 self.install(prefix)
                 unit = (self.root / prefix[1:] / "lib/systemd/system/wexd.service").read_text()
-                self.assertIn(f"\nExecStart={prefix}/sbin/wexd\n", unit)
+                self.assertIn(f"\nExecStart=!{prefix}/sbin/wexd\n", unit)
                 self.assertIn(f"\nExecStartPre=-{prefix}/bin/wexctl check\n", unit)
 
     def test_has_every_bus_interface(self):
