@@ -1,7 +1,8 @@
 """Builds of the daemon with one fault each.
 
 The tree is copied to build/torture/source, the fault is put there, and the daemon is built as it
-ships, but for the optimisation as a whole. What comes of it is kept under build/torture/seeded for as long as the sources stay the same.
+ships, but for the optimisation as a whole. What comes of it is kept under build/torture/seeded for as
+long as the sources stay the same.
 """
 
 import contextlib
