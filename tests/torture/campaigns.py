@@ -1,5 +1,9 @@
 """All campaigns, in the order in which they are run."""
 
+import clients
 import durability
+import limits
+import size
+import soak
 
-CAMPAIGNS = (durability.CAMPAIGN,)
+CAMPAIGNS = (durability.CAMPAIGN, soak.CAMPAIGN, clients.CAMPAIGN, limits.CAMPAIGN, size.CAMPAIGN)
