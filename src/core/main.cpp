@@ -189,6 +189,8 @@ LegacyInterface legacy_interface_of(int argc, char* argv[]) {
 } // namespace
 
 int main(int argc, char* argv[]) {
+  // A file that must not grow any more is a write that failed.
+  std::ignore = signal(SIGXFSZ, SIG_IGN);
   memory_share_one_arena();
   const LegacyInterface legacy = legacy_interface_of(argc, argv);
   nv_log_stdout();

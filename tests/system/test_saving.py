@@ -115,6 +115,20 @@ def test_what_could_not_be_saved_is_saved_later(device, healed_by):
     assert device.saved["other"]["usage"] == ("new" if healed_by == "another port" else "")
 
 
+def test_settings_that_outgrow_the_limit_on_files_are_a_save_that_failed(make_device):
+    device = make_device(wrapper=("prlimit", "--fsize=20000"))
+    device.describe(port("out", 0, usage="old"))
+    device.start()
+    device.state.SetUsage(0, "x" * 30_000)
+    device.sync()
+    assert device.stderr.count(f"Failed to store key file {KEY_FILE}: ") == 1
+    assert device.saved["out"]["usage"] == "old"
+    device.state.SetUsage(0, "short")
+    device.sync()
+    assert device.saved["out"]["usage"] == "short"
+    assert entries(device) == {"wexd.conf"}
+
+
 def killed_at(call, when):
     """A command that runs the daemon and kills it as it begins its when-th system call of a kind."""
     return (
