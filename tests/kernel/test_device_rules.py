@@ -42,8 +42,9 @@ def rules(device):
     others = [*pathlib.Path("/usr/lib/udev/rules.d").glob("*.rules")]
     for other in others:
         (folder / other.name).symlink_to("/dev/null")
-    # Returns once it listens.
-    subprocess.run(["/usr/lib/systemd/systemd-udevd", "--daemon"], check=True)
+    # Returns once it listens. What a rule runs for longer than the limit is killed: see settle().
+    udevd = "/usr/lib/systemd/systemd-udevd"
+    subprocess.run([udevd, "--daemon", "--event-timeout=600"], check=True)
     try:
         matches = (f"--subsystem-match={name}" for name in ("gpio", "iio", "spidev"))
         manage("trigger", "--action=add", *matches)
