@@ -236,7 +236,8 @@ bool on_device_event(IoPort* port, gint channel) {
     return false;
   }
   const bool news = report_level(port, *level);
-  update_thresholds(port);
+  // Around what was reported: whatever the level has become since is found behind the arming.
+  await_change(port, *level);
   return news;
 }
 

@@ -3,6 +3,7 @@
 import errno
 import itertools
 import os
+import re
 import time
 
 import pytest
@@ -102,6 +103,12 @@ def test_a_level_within_the_hysteresis_wakes_nobody(device):
     )
 
 
+def reported(device):
+    """The state that the last event of the log tells."""
+    events = [line for line in device.log if "event send" in line and "SupervisedPort" in line]
+    return re.search(r" state=(\w+)", events[-1])[1] if events else None
+
+
 def test_a_change_between_a_reading_and_the_arming_is_noticed(device):
     """The converter tells crossings only, so nobody would tell of it afterwards."""
     IIO_INTERRUPT.show("closed")
@@ -114,6 +121,10 @@ def test_a_change_between_a_reading_and_the_arming_is_noticed(device):
         wait_until(
             lambda: armed() == (*thresholds, ["rising", "falling"]),
             lambda: f"thresholds around {state} after {changes} changes, not {armed()}",
+        )
+        wait_until(
+            lambda: reported(device) == state,
+            lambda: f"{state} to be reported after {changes} changes, not {reported(device)}",
         )
 
 
@@ -411,7 +422,7 @@ def test_the_polling_beyond_a_limit_ends_with_the_watch(root_device, end):
     root_device.start()
     supervision = Supervision(root_device)
     supervision.SetSupervised(0, True)
-    assert not root_device.passes_a_second_at_rest
+    wait_until(lambda: not root_device.passes_a_second_at_rest, "polling")
     if end == "supervision off":
         supervision.SetSupervised(0, False)
     elif end == "turned to output":
