@@ -169,6 +169,16 @@ def test_busctl_reads_and_writes_it(device):
 def test_gdbus_monitors_it(device, tmp_path):
     start(device)
     seen = tmp_path / "seen"
+
+    def told():
+        # It says that it listens before it asks the bus for signals.
+        for usage in ("unseen", "seen"):
+            device.state.SetUsage(0, usage)
+        return any(
+            "PropertiesChanged" in line and path(0) in line and "'Usage': <b'seen'>" in line
+            for line in seen.read_text().splitlines()
+        )
+
     with seen.open("w") as output, subprocess.Popen(
         ["gdbus", "monitor", "--system", "--dest", NAME],
         env={"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": device.bus_address},
@@ -176,13 +186,6 @@ def test_gdbus_monitors_it(device, tmp_path):
     ) as monitor:  # fmt: skip
         try:
             wait_until(lambda: "is owned by" in seen.read_text(), "the monitor to listen")
-            device.state.SetUsage(0, "seen")
-            wait_until(
-                lambda: any(
-                    "PropertiesChanged" in line and path(0) in line and "'Usage': <b'seen'>" in line
-                    for line in seen.read_text().splitlines()
-                ),
-                lambda: f"the change among {seen.read_text()}",
-            )
+            wait_until(told, lambda: f"the change among {seen.read_text()}")
         finally:
             monitor.terminate()
