@@ -10,6 +10,7 @@
 #include <mutex>
 #include <random>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -67,7 +68,7 @@ void run_sequence(const std::vector<gint32>& durations) {
   const IoPortRef port = io_port_new();
   port->type = PORT_OUTPUT;
   port->number = 1;
-  io_port_set_backend(port.get(), BACKEND_CHECK);
+  std::ignore = io_port_set_backend(port.get(), BACKEND_CHECK);
   g_assert_true(io_port_setup(port.get()));
   ActionSequence sequence;
   bool value = false;

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <iostream>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -22,7 +23,7 @@ IoPortRef make_port(gint number) {
   port->number = number;
   port->name = "port" + std::to_string(number);
   io_port_add_property(port.get(), "ioport", "true");
-  io_port_set_backend(port.get(), BACKEND_CHECK);
+  std::ignore = io_port_set_backend(port.get(), BACKEND_CHECK);
   g_assert_true(io_port_setup(port.get()));
   return port;
 }

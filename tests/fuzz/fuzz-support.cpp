@@ -27,7 +27,7 @@ void add_port(gint number, PortType type, const char* name, BackendKind backend,
   if (property != nullptr) {
     io_port_add_property(port.get(), property, "true");
   }
-  io_port_set_backend(port.get(), backend);
+  std::ignore = io_port_set_backend(port.get(), backend);
   fuzz_require(io_port_setup(port.get()));
   io_port_list_add(port.get());
 }

@@ -140,7 +140,10 @@ class GuestDevice(device.Device):
         """How often the daemon's threads have run so far, as {thread: times}."""
         counts = {}
         for thread in pathlib.Path(f"/proc/{self.pid}/task").iterdir():
-            text = (thread / "status").read_text()
+            try:
+                text = (thread / "status").read_text()
+            except (FileNotFoundError, ProcessLookupError):
+                continue  # has ended
             counts[thread.name] = sum(map(int, re.findall(r"ctxt_switches:\t(\d+)", text)))
         return counts
 

@@ -20,7 +20,7 @@ LINES = range(4, 8)
 CALLS, CHANGES, SEQUENCES = 250, 25, 5
 SAVES = 2
 # In its first rounds the daemon takes what it needs from then on.
-WARM_UP, LOOK_EVERY = 25, 25  # rounds
+WARM_UP, LOOK_EVERY = 100, 25  # rounds
 # What a series of samples may rise by before that is called growth: kilobytes for memory.
 ALLOWED = {"memory": 128, "descriptors": 0.5, "threads": 0.5}
 
