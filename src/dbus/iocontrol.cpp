@@ -5,6 +5,7 @@
 #include "dbus/connector.h"
 #include "dbus/iocontrol-state-gen.h"
 #include "dbus/manager.h"
+#include "dbus/signal-flush.h"
 #include "param/param.h"
 #include "platform/log.h"
 #include "platform/memory.h"
@@ -14,8 +15,6 @@
 #include "port/port-observer.h"
 
 #include <array>
-#include <chrono>
-#include <condition_variable>
 #include <memory>
 #include <optional>
 
@@ -75,7 +74,7 @@ IoPortRef any_port(GDBusMethodInvocation* invocation, guint number) {
   return port;
 }
 
-// As before, for a port that must be published here.
+// The same for a port that must be published here.
 IoPortRef published_port(GDBusMethodInvocation* invocation, guint number) {
   auto port = dbus_port_of_number(number);
   if (port == nullptr || !io_port_get_property(port.get(), "ioport")) {
@@ -349,74 +348,18 @@ gboolean on_handle_refresh_io_ports(IOControlState* object, GDBusMethodInvocatio
   return TRUE;
 }
 
-// A wait, by one thread, for another to have flushed the connection.
-class Flush {
-public:
-  void done() {
-    {
-      const std::lock_guard guard(mutex_);
-      done_ = true;
-    }
-    changed_.notify_one();
-  }
-
-  void wait() {
-    std::unique_lock guard(mutex_);
-    changed_.wait_for(guard, longest_wait, [this] { return done_; });
-  }
-
-private:
-  /// A bus that stands still must not hold up a sequence.
-  static constexpr std::chrono::milliseconds longest_wait{100};
-
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool done_ = false;
-};
-
-using SharedFlush = std::shared_ptr<Flush>;
-
-/// Held while a flush goes from one thread to another; what the library does about that is out of
-/// the thread sanitizer's sight.
-Mutex handover_mutex;
-
-gpointer hand_over(const SharedFlush& flush) {
-  const MutexLock guard(handover_mutex);
-  return new SharedFlush(flush);
-}
-
-SharedFlush handed_over(gpointer data) {
-  const MutexLock guard(handover_mutex);
-  return *static_cast<SharedFlush*>(data);
-}
-
-void drop_handed_over(gpointer data) {
-  const MutexLock guard(handover_mutex);
-  delete static_cast<SharedFlush*>(data);
-}
-
-void flush_in_thread(GTask* task, gpointer connection, gpointer data, GCancellable* /*unused*/) {
-  g_dbus_connection_flush_sync(static_cast<GDBusConnection*>(connection), nullptr, nullptr);
-  handed_over(data)->done();
-  g_task_return_boolean(task, TRUE);
-}
-
-// Waits a moment until the bus has taken the signals so far. GLib's flush cannot be interrupted, so
-// a thread of its pool does it.
+// The service may go meanwhile, so nothing of it is held on to but its connection.
 void wait_for_signals_to_leave(const State& state) {
-  const auto flush = std::make_shared<Flush>();
+  ObjectRef<GDBusConnection> connection;
   state->with([&](IOControlState* skeleton) {
-    auto* const connection =
-        g_dbus_interface_skeleton_get_connection(G_DBUS_INTERFACE_SKELETON(skeleton));
-    if (connection == nullptr) {
-      flush->done();
-      return;
+    auto* const skeleton_base = G_DBUS_INTERFACE_SKELETON(skeleton);
+    if (auto* const used = g_dbus_interface_skeleton_get_connection(skeleton_base)) {
+      connection.reset(G_DBUS_CONNECTION(g_object_ref(used)));
     }
-    g_autoptr(GTask) task = g_task_new(connection, nullptr, nullptr, nullptr);
-    g_task_set_task_data(task, hand_over(flush), drop_handed_over);
-    g_task_run_in_thread(task, flush_in_thread);
   });
-  flush->wait();
+  if (connection != nullptr) {
+    signal_flush(connection.get());
+  }
 }
 
 template <auto Answer>

@@ -87,7 +87,7 @@ IoPortRef supervisable_port(GDBusMethodInvocation* invocation, guint number) {
   return supervisable(invocation, number, not_supervisable);
 }
 
-// As before. This one message has always lacked its full stop.
+// The same for a method whose refusal has always lacked its full stop.
 IoPortRef port_with_states(GDBusMethodInvocation* invocation, guint number) {
   return supervisable(invocation, number, "Port is not supervisable");
 }
