@@ -13,37 +13,32 @@ namespace {
 /// Those with a proxy. Main thread only.
 std::vector<BusPort*> open_ports;
 
-void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* signal,
-               GVariant* arguments, gpointer user_data) {
-  auto* bus = static_cast<BusPort*>(user_data);
-  if (!bus_signal_is(signal, arguments, bus->followed->name, bus->followed->type)) {
-    return;
-  }
+void on_state(BusPort& bus, GVariant* arguments) {
   g_autoptr(GVariant) number = g_variant_get_child_value(arguments, 0);
-  if (g_variant_get_int32(number) != bus->port->number) {
+  if (g_variant_get_int32(number) != bus.port->number) {
     return;
   }
-  const PortPlace place(bus->port);
+  const PortPlace place(bus.port);
   g_autoptr(GVariant) told = g_variant_get_child_value(arguments, 1);
-  const SupervisedState state = bus->followed->state_of(told);
-  if (state != bus->state) {
-    bus->state = state;
-    bus_port_report(*bus);
+  const SupervisedState state = bus.followed->state_of(told);
+  if (state != bus.state) {
+    bus.state = state;
+    bus_port_report(bus);
   }
+}
+
+SignalHandler follow_state(BusPort& bus, const BusPortSignal& signal) {
+  return bus_proxy_hear(bus.proxy.get(), signal.signal,
+                        [&bus](GVariant* arguments) { on_state(bus, arguments); });
 }
 
 void connect_handlers(BusPort& bus) {
   if (bus.service->owner_changed != nullptr) {
-    bus.owner_watch.start(bus.proxy, [&bus] { bus.service->owner_changed(bus); });
+    bus.owner_watch.start(bus.proxy.get(), [&bus] { bus.service->owner_changed(bus); });
   }
   if (bus.followed != nullptr) {
-    g_signal_connect(bus.proxy, "g-signal", G_CALLBACK(on_signal), &bus);
+    bus.state_handler = follow_state(bus, *bus.followed);
   }
-}
-
-void release_proxy(GDBusProxy* proxy, BusPort* bus) {
-  g_signal_handlers_disconnect_matched(proxy, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr, bus);
-  g_object_unref(proxy);
 }
 
 bool same_owner(GDBusProxy* one, GDBusProxy* other) {
@@ -52,23 +47,30 @@ bool same_owner(GDBusProxy* one, GDBusProxy* other) {
   return g_strcmp0(owner, other_owner) == 0;
 }
 
-// Returns the proxy that the port had. It still tells of states, but not of owners: the service
-// would be asked over the connection that is left, so that is the new one's.
-GDBusProxy* renew(BusPort& bus) {
+/// The proxy that a port had, and what it still tells.
+struct Left {
+  ObjectRef<GDBusProxy> proxy;
+  SignalHandler state_handler;
+};
+
+// What is left still tells of states, but not of owners: the service would be asked over the
+// connection that is left, so that is the new one's.
+Left renew(BusPort& bus) {
   g_autoptr(GError) error = nullptr;
   const BusService& service = bus.service->at;
-  GDBusProxy* const old = std::exchange(bus.proxy, bus_proxy_renew(service, &error));
+  Left left{.proxy = std::move(bus.proxy), .state_handler = std::move(bus.state_handler)};
+  bus.proxy.reset(bus_proxy_renew(service, &error));
   bus.owner_watch.stop();
   if (bus.proxy == nullptr) {
     g_warning("%sError creating proxy to %s: %s\n", log_prefix, service.name, error->message);
     bus.connected = false;
-    return old;
+    return left;
   }
   connect_handlers(bus);
-  if (bus.service->owner_changed != nullptr && !same_owner(old, bus.proxy)) {
+  if (bus.service->owner_changed != nullptr && !same_owner(left.proxy.get(), bus.proxy.get())) {
     bus.owner_watch.note_change();
   }
-  return old;
+  return left;
 }
 
 } // namespace
@@ -76,16 +78,13 @@ GDBusProxy* renew(BusPort& bus) {
 BusPort::~BusPort() {
   std::erase(open_ports, this);
   owner_watch.stop();
-  if (proxy != nullptr) {
-    release_proxy(proxy, this);
-  }
 }
 
 bool bus_port_open(BusPort& bus, IoPort* port, const BusPortService& service, GError** error) {
   if (bus.proxy != nullptr) {
     return true;
   }
-  bus.proxy = bus_proxy_new(service.at, error);
+  bus.proxy.reset(bus_proxy_new(service.at, error));
   if (bus.proxy == nullptr) {
     return false;
   }
@@ -98,15 +97,13 @@ bool bus_port_open(BusPort& bus, IoPort* port, const BusPortService& service, GE
 
 // For a moment a state is told over both connections, which is harmless; over none would not be.
 void bus_ports_change_connection() {
-  std::vector<std::pair<BusPort*, GDBusProxy*>> left;
+  std::vector<Left> left;
   left.reserve(open_ports.size());
   for (BusPort* bus : open_ports) {
-    left.emplace_back(bus, renew(*bus));
+    left.push_back(renew(*bus));
   }
   bus_connection_serve_start();
-  for (const auto& [bus, proxy] : left) {
-    release_proxy(proxy, bus);
-  }
+  left.clear();
   bus_connection_leave_start();
   std::erase_if(open_ports, [](const BusPort* bus) { return bus->proxy == nullptr; });
 }
@@ -119,7 +116,7 @@ GVariant* bus_port_call(BusPort& bus, const char* method, GVariant* arguments,
     return nullptr;
   }
   g_autoptr(GError) error = nullptr;
-  GVariant* const reply = bus_call(bus.proxy, method, arguments, reply_type, &error);
+  GVariant* const reply = bus_call(bus.proxy.get(), method, arguments, reply_type, &error);
   if (reply == nullptr) {
     tell(method, error);
   }
@@ -127,9 +124,9 @@ GVariant* bus_port_call(BusPort& bus, const char* method, GVariant* arguments,
 }
 
 bool bus_port_follow(BusPort& bus, const BusPortSignal& signal) {
-  if (bus.followed == nullptr
-      && g_signal_connect(bus.proxy, "g-signal", G_CALLBACK(on_signal), &bus) != 0) {
-    bus.followed = &signal;
+  if (bus.followed == nullptr) {
+    bus.state_handler = follow_state(bus, signal);
+    bus.followed = bus.state_handler ? &signal : nullptr;
   }
   return bus.followed != nullptr;
 }

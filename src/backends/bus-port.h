@@ -11,9 +11,7 @@
 
 /// The signal of a service that tells a port's new state: (number, state).
 struct BusPortSignal {
-  const char* name;
-  /// "(i" and the type of the state.
-  const char* type;
+  BusSignal signal;
   SupervisedState (*state_of)(GVariant* state);
 };
 
@@ -26,13 +24,13 @@ struct BusPortService {
   void (*owner_changed)(BusPort& bus) = nullptr;
 };
 
-/// Part of the port's record. Handlers on the proxy are connected with this as their data and end
-/// with it.
+/// Part of the port's record.
 struct BusPort {
-  GDBusProxy* proxy = nullptr;
+  ObjectRef<GDBusProxy> proxy;
   /// Whose proxy it is; set with it.
   const BusPortService* service = nullptr;
   BusOwnerWatch owner_watch;
+  SignalHandler state_handler;
   /// Whom the handlers serve; set with the proxy.
   IoPort* port = nullptr;
   bool watching = false;

@@ -157,9 +157,8 @@ Found judge(const std::string& path, bool news) {
   if (news || was_calm) {
     calm_down(*device);
   }
-  device->calm_timer.reset(news ? 0
-                                : g_timeout_add_full(G_PRIORITY_LOW, calm_ms,
-                                                     source_callback<on_calm>, device, nullptr));
+  device->calm_timer.reset(
+      news ? 0 : g_timeout_add_full(G_PRIORITY_LOW, calm_ms, callback<on_calm>, device, nullptr));
   if (news) {
     return Found::Sense;
   }
@@ -176,8 +175,7 @@ Found judge(const std::string& path, bool news) {
 }
 
 // The path is the record's own, which outlives its watch.
-Found on_event(gpointer user_data) {
-  const auto& path = *static_cast<const std::string*>(user_data);
+Found on_event(const std::string& path) {
   const auto event = take_event(path);
   if (!event) {
     return Found::Trouble;
@@ -217,7 +215,8 @@ void iio_event_device_watch(IoPort* port, const std::string& path, IioEventHandl
   }
   insert_once(device->watchers, port);
   device->handler = handler;
-  device->watch.start(device->event_fd.get(), device->path.c_str(), on_event, &device->path);
+  device->watch.start(device->event_fd.get(), device->path.c_str(),
+                      [&path = device->path] { return on_event(path); });
 }
 
 bool iio_event_device_unwatch(IoPort* port, const std::string& path) {

@@ -73,12 +73,13 @@ bool open_event_file(const Channel& channel, const char* attribute, UniqueFd& fd
 
 // 0, or the reason of a failure. The kernel takes each write as the whole value. A plain file or a
 // pipe in the place of the attribute shows the same: no tail of a longer number, and no complaint
-// about where to write.
-int write_number(const UniqueFd& fd, gint number) {
+// about where to write. What is beyond 32 bits wraps, as the kernel is
+// told "%d".
+int write_number(const UniqueFd& fd, gint64 number) {
   if (!fd) {
     return 0;
   }
-  const std::string text = std::to_string(number);
+  const std::string text = std::to_string(static_cast<gint>(number));
   lseek(fd.get(), 0, SEEK_SET);
   const int reason = write(fd.get(), text.data(), text.size()) < 0 ? errno : 0;
   [[maybe_unused]] const int cut = ftruncate(fd.get(), static_cast<off_t>(text.size()));
@@ -134,15 +135,15 @@ bool means_off_scale(int reason) {
 gint nearest_taken(const UniqueFd& file, gint64 taken, gint64 refused) {
   while (std::abs(refused - taken) > 1) {
     const gint64 middle = taken + (refused - taken) / 2;
-    (write_number(file, static_cast<gint>(middle)) == 0 ? taken : refused) = middle;
+    (write_number(file, middle) == 0 ? taken : refused) = middle;
   }
-  write_number(file, static_cast<gint>(taken));
+  write_number(file, taken);
   return static_cast<gint>(taken);
 }
 
 // Finds the end of the scale, between the level and what was refused.
 int place_at_end(const Channel& channel, const Threshold& threshold, gint64 wanted, gint64 level) {
-  if (write_number(threshold.file, static_cast<gint>(level)) != 0) {
+  if (write_number(threshold.file, level) != 0) {
     return ERANGE;
   }
   const gint64 farthest = std::clamp<gint64>(wanted, G_MININT, G_MAXINT);
@@ -157,8 +158,7 @@ int place_at_end(const Channel& channel, const Threshold& threshold, gint64 want
 // that. 0, or the reason of a failure: ERANGE when the level is beyond that end as well.
 int place(const Channel& channel, const Threshold& threshold, gint64 wanted, gint64 level) {
   if (!threshold.end) {
-    // What is beyond 32 bits wraps, as the kernel is told "%d".
-    const int reason = write_number(threshold.file, static_cast<gint>(wanted));
+    const int reason = write_number(threshold.file, wanted);
     return means_off_scale(reason) ? place_at_end(channel, threshold, wanted, level) : reason;
   }
   const gint64 end = *threshold.end;
@@ -166,7 +166,7 @@ int place(const Channel& channel, const Threshold& threshold, gint64 wanted, gin
   if (threshold.rising ? value < level : value > level) {
     return ERANGE;
   }
-  const int reason = write_number(threshold.file, static_cast<gint>(value));
+  const int reason = write_number(threshold.file, value);
   if (means_off_scale(reason)) {
     // The scale has changed; it is measured anew next time.
     threshold.end.reset();

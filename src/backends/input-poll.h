@@ -39,8 +39,7 @@ template <typename Data>
   InputPoll& poll = data->poll;
   if (!poll.source) {
     poll.unreported = data->look();
-    poll.source.reset(
-        g_timeout_add(poll.interval_ms, source_callback<input_poll_on_time<Data>>, port));
+    poll.source.reset(g_timeout_add(poll.interval_ms, callback<input_poll_on_time<Data>>, port));
   }
   return true;
 }

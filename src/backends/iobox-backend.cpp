@@ -104,7 +104,7 @@ SupervisedState visible_state(IoPort* port, const IoboxPortData* data) {
 }
 
 constexpr BusPortSignal state_changed{
-    .name = "IOStateChanged", .type = "(is)", .state_of = [](GVariant* text) {
+    .signal = {.name = "IOStateChanged", .type = "(is)"}, .state_of = [](GVariant* text) {
       return iobox_state_to_wexd_state(g_variant_get_string(text, nullptr));
     }};
 

@@ -196,7 +196,7 @@ void LogicWatch::stop() {
 }
 
 void LogicWatch::look() {
-  source_.reset(g_io_add_watch(channel_, condition_, on_edge, this));
+  source_.reset(g_io_add_watch(channel_, condition_, callback<&LogicWatch::on_edge>, this));
 }
 
 // The descriptor of a pin that is gone would report an error for ever.
@@ -213,7 +213,7 @@ void LogicWatch::rest(int reason) {
     g_warning("%sPin of port %d cannot be read, trying again every %u ms: %s", log_prefix,
               port_->number, shortest_rest_ms, g_strerror(reason));
   }
-  rest_.reset(g_timeout_add(shortest_rest_ms, source_callback<on_rested>, this));
+  rest_.reset(g_timeout_add(shortest_rest_ms, callback<&LogicWatch::on_rested>, this));
 }
 
 // Whether to go on looking for edges: not while the pin rests, nor when it is gone.
@@ -236,21 +236,19 @@ bool LogicWatch::serve() {
   return false;
 }
 
-gboolean LogicWatch::on_edge(GIOChannel* /*channel*/, GIOCondition /*condition*/,
-                             gpointer user_data) {
-  auto* watch = static_cast<LogicWatch*>(user_data);
-  if (watch->serve()) {
+gboolean LogicWatch::on_edge() {
+  if (serve()) {
     return G_SOURCE_CONTINUE;
   }
-  watch->source_.forget();
+  source_.forget();
   return G_SOURCE_REMOVE;
 }
 
 // An edge since the reading still shows, so none is missed.
-gboolean LogicWatch::on_rested(LogicWatch* watch) {
-  watch->rest_.forget();
-  if (watch->serve()) {
-    watch->look();
+gboolean LogicWatch::on_rested() {
+  rest_.forget();
+  if (serve()) {
+    look();
   }
   return G_SOURCE_REMOVE;
 }

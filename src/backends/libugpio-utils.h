@@ -113,8 +113,8 @@ public:
   explicit operator bool() const { return source_ || rest_; }
 
 private:
-  static gboolean on_edge(GIOChannel* channel, GIOCondition condition, gpointer user_data);
-  static gboolean on_rested(LogicWatch* watch);
+  gboolean on_edge();
+  gboolean on_rested();
   void look();
   [[nodiscard]] bool serve();
   void give_up(int reason);

@@ -9,6 +9,7 @@
 #include "backends/trouble.h"
 #include "platform/handles.h"
 
+#include <functional>
 #include <string>
 
 class ReadableWatch {
@@ -22,7 +23,7 @@ public:
     /// A reason to leave the device alone for a while, each time for longer until it makes sense.
     Trouble,
   };
-  using Handler = Found (*)(gpointer user_data);
+  using Handler = std::function<Found()>;
 
   ReadableWatch() = default;
   ~ReadableWatch() { stop(); }
@@ -30,22 +31,22 @@ public:
   ReadableWatch& operator=(const ReadableWatch&) = delete;
 
   /// Calls `handler` whenever the descriptor, which must outlive the watch, is readable; a running
-  /// watch stays as it is. The handler may stop the watch. `name` is the device's in messages.
-  void start(int fd, const char* name, Handler handler, gpointer user_data);
+  /// watch stays as it is. The handler may stop the watch, but not start it anew. `name` is the
+  /// device's in messages.
+  void start(int fd, const char* name, Handler handler);
   void stop();
   explicit operator bool() const { return source_ || rest_timer_; }
 
 private:
-  static gboolean on_condition(gint fd, GIOCondition condition, gpointer user_data);
-  static gboolean on_rested(ReadableWatch* watch);
+  gboolean on_condition(gint fd, GIOCondition condition);
+  gboolean on_rested();
   void look();
   void hang_up();
   void rest(guint duration_ms);
 
   int fd_ = -1;
   std::string name_;
-  Handler handler_ = nullptr;
-  gpointer user_data_ = nullptr;
+  Handler handler_;
   Trouble hung_up_;
   Rest rest_;
   SourceId source_;

@@ -292,8 +292,7 @@ ReadableWatch::Found on_unreadable_sample(IoPort* port, IioPortData* data, const
   return ReadableWatch::Found::Trouble;
 }
 
-ReadableWatch::Found on_sample(gpointer user_data) {
-  auto* port = static_cast<IoPort*>(user_data);
+ReadableWatch::Found on_sample(IoPort* port) {
   const PortPlace place(port);
   auto* data = backend_data<IioPortData>(port);
   const char* reason = nullptr;
@@ -333,7 +332,8 @@ void start_sample_watch(IoPort* port, IioPortData* data) {
   }
   data->last_reported = SUPERVISED_UNDEFINED;
   data->unreadable = Trouble();
-  data->sample_watch.start(data->fd.get(), text_or_empty(data->device), on_sample, port);
+  data->sample_watch.start(data->fd.get(), text_or_empty(data->device),
+                           [port] { return on_sample(port); });
 }
 
 void apply_watches(IoPort* port) {

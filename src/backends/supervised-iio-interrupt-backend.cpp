@@ -102,7 +102,7 @@ gboolean on_look_timer(IoPort* port);
 
 void look_again(IoPort* port, guint delay_ms) {
   backend_data<IioIntPortData>(port)->look_timer.reset(
-      g_timeout_add(delay_ms, source_callback<on_look_timer>, port));
+      g_timeout_add(delay_ms, callback<on_look_timer>, port));
 }
 
 /// What a level is read for.

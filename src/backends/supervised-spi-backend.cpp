@@ -146,7 +146,7 @@ bool spi_set_watch(IoPort* port) {
   data->pins.logic_watch.stop();
   if (!data->poll_timer) {
     last_reported_of(port) = SUPERVISED_UNDEFINED;
-    data->poll_timer.reset(g_timeout_add(poll_interval_ms, source_callback<spi_poll>, port));
+    data->poll_timer.reset(g_timeout_add(poll_interval_ms, callback<spi_poll>, port));
   }
   return true;
 }

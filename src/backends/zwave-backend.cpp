@@ -20,7 +20,7 @@ struct ZwavePortData {
 };
 
 constexpr BusPortSignal state_changed{
-    .name = "StateChangedByPort", .type = "(ib)", .state_of = [](GVariant* active) {
+    .signal = {.name = "StateChangedByPort", .type = "(ib)"}, .state_of = [](GVariant* active) {
       return g_variant_get_boolean(active) ? SUPERVISED_CLOSED : SUPERVISED_OPEN;
     }};
 
@@ -66,7 +66,7 @@ void synchronise(IoPort* port, ZwavePortData* data) {
 }
 
 void on_owner_changed(BusPort& bus) {
-  if (bus_has_owner(bus.proxy)) {
+  if (bus_has_owner(bus.proxy.get())) {
     synchronise(bus.port, backend_data<ZwavePortData>(bus.port));
   } else {
     bus.connected = false;

@@ -75,8 +75,8 @@ private:
   std::unique_ptr<GMainLoop, FreeWith<g_main_loop_unref>> loop_{g_main_loop_new(nullptr, FALSE)};
   bool told_to_end_ = false;
   int exit_status_ = EXIT_SUCCESS;
-  SourceId term_{g_unix_signal_add(SIGTERM, source_callback<got_sigterm>, this)};
-  SourceId hup_{g_unix_signal_add(SIGHUP, source_callback<got_sighup>, this)};
+  SourceId term_{g_unix_signal_add(SIGTERM, callback<got_sigterm>, this)};
+  SourceId hup_{g_unix_signal_add(SIGHUP, callback<got_sighup>, this)};
 };
 
 void read_hardware_description() {

@@ -7,6 +7,7 @@
 #include "dbus/manager.h"
 #include "dbus/signal-flush.h"
 #include "param/param.h"
+#include "platform/callbacks.h"
 #include "platform/log.h"
 #include "platform/memory.h"
 #include "port/action-sequence.h"
@@ -396,9 +397,8 @@ const std::array<MethodHandler, 17> handlers{{
     {"handle-get-port-props", G_CALLBACK(on_handle_get_port_props)},
 }};
 
-void iocontrol_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*/,
-                               gpointer user_data) {
-  auto* const service = static_cast<IoControl*>(user_data);
+void iocontrol_on_bus_acquired(IoControl* service, GDBusConnection* connection,
+                               const gchar* /*name*/) {
   IOControlState* const skeleton = iocontrol_state_skeleton_new();
   service->state->reset(skeleton);
   if (!export_skeleton(skeleton, handlers, service, connection, state_path)) {
@@ -407,9 +407,9 @@ void iocontrol_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*
   service->manager.emplace(connection, service->legacy);
 }
 
-void connector_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*/,
-                               gpointer user_data) {
-  static_cast<IoControl*>(user_data)->connector = connector_publish(connection);
+void connector_on_bus_acquired(IoControl* service, GDBusConnection* connection,
+                               const gchar* /*name*/) {
+  service->connector = connector_publish(connection);
 }
 
 void iocontrol_emit_port_changed(const State& state, const PortChange& change) {
@@ -443,12 +443,12 @@ IoControlOwner iocontrol_init_dbus(LegacyInterface legacy) {
   register_errors();
   IoControlOwner service(new IoControl{.legacy = legacy});
   listen(service->state);
-  service->state_name.reset(g_bus_own_name(G_BUS_TYPE_SYSTEM, state_name,
-                                           G_BUS_NAME_OWNER_FLAGS_NONE, iocontrol_on_bus_acquired,
-                                           nullptr, nullptr, service.get(), nullptr));
-  service->connector_name.reset(
-      g_bus_own_name(G_BUS_TYPE_SYSTEM, connector_name, G_BUS_NAME_OWNER_FLAGS_NONE,
-                     connector_on_bus_acquired, nullptr, nullptr, service.get(), nullptr));
+  service->state_name.reset(g_bus_own_name(
+      G_BUS_TYPE_SYSTEM, state_name, G_BUS_NAME_OWNER_FLAGS_NONE,
+      callback<iocontrol_on_bus_acquired>, nullptr, nullptr, service.get(), nullptr));
+  service->connector_name.reset(g_bus_own_name(
+      G_BUS_TYPE_SYSTEM, connector_name, G_BUS_NAME_OWNER_FLAGS_NONE,
+      callback<connector_on_bus_acquired>, nullptr, nullptr, service.get(), nullptr));
   return service;
 }
 

@@ -4,6 +4,7 @@
 #include "dbus/iosupervised-supervised-gen.h"
 #include "event/event.h"
 #include "param/param.h"
+#include "platform/callbacks.h"
 #include "platform/log.h"
 #include "port/ioport-list.h"
 
@@ -204,10 +205,10 @@ const std::array<MethodHandler, 9> handlers{{
     {"handle-get-supervised-port-numbers", G_CALLBACK(on_handle_get_supervised_port_numbers)},
 }};
 
-void iosupervised_on_bus_acquired(GDBusConnection* connection, const gchar* /*name*/,
-                                  gpointer user_data) {
+void iosupervised_on_bus_acquired(IoSupervised* service, GDBusConnection* connection,
+                                  const gchar* /*name*/) {
   IOSupervisedSupervised* const skeleton = iosupervised_supervised_skeleton_new();
-  static_cast<IoSupervised*>(user_data)->skeleton.reset(skeleton);
+  service->skeleton.reset(skeleton);
   if (!export_skeleton(skeleton, handlers, nullptr, connection, supervised_path)) {
     g_warning("%sFailed to register supervised dbus interface", log_prefix);
   }
@@ -218,9 +219,9 @@ void iosupervised_on_bus_acquired(GDBusConnection* connection, const gchar* /*na
 IoSupervisedOwner iosupervised_init_dbus() {
   register_errors();
   IoSupervisedOwner service(new IoSupervised);
-  service->name.reset(g_bus_own_name(G_BUS_TYPE_SYSTEM, supervised_name,
-                                     G_BUS_NAME_OWNER_FLAGS_NONE, iosupervised_on_bus_acquired,
-                                     nullptr, nullptr, service.get(), nullptr));
+  service->name.reset(g_bus_own_name(
+      G_BUS_TYPE_SYSTEM, supervised_name, G_BUS_NAME_OWNER_FLAGS_NONE,
+      callback<iosupervised_on_bus_acquired>, nullptr, nullptr, service.get(), nullptr));
   return service;
 }
 

@@ -3,6 +3,7 @@
 #include "dbus/legacy-names.h"
 #include "param/param.h"
 #include "platform/log.h"
+#include "platform/numbers.h"
 #include "platform/words.h"
 #include "port/action-sequence.h"
 #include "port/errors.h"
@@ -76,8 +77,7 @@ GVariant* read_nbr_outputs() {
 
 GVariant* read_manual_trigger_nbr() {
   // Wraps at the greatest first number.
-  return g_variant_new_int32(
-      static_cast<gint32>(static_cast<guint32>(virtual_input_get_first_port_no()) + 1));
+  return g_variant_new_int32(wrapping_sum(virtual_input_get_first_port_no(), 1));
 }
 
 GVariant* read_nbr_ports(const IoPort* /*port*/) {

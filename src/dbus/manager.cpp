@@ -5,6 +5,7 @@
 #include "dbus/legacy-names.h"
 #include "param/param.h"
 #include "platform/boot-time.h"
+#include "platform/callbacks.h"
 #include "platform/hung-services.h"
 #include "platform/log.h"
 #include "platform/service-manager.h"
@@ -63,8 +64,7 @@ gboolean on_handle_get_running_sequences(IOControlManager1* object,
 }
 
 // The bus knows who is there; it answers without holding anybody up.
-void on_names_listed(GObject* connection, GAsyncResult* result, gpointer invocation_data) {
-  auto* const invocation = static_cast<GDBusMethodInvocation*>(invocation_data);
+void on_names_listed(GDBusMethodInvocation* invocation, GObject* connection, GAsyncResult* result) {
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariant) reply =
       g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error);
@@ -88,7 +88,7 @@ gboolean on_handle_get_services(IOControlManager1* /*object*/, GDBusMethodInvoca
   g_dbus_connection_call(g_dbus_method_invocation_get_connection(invocation),
                          "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                          "ListNames", nullptr, G_VARIANT_TYPE("(as)"), G_DBUS_CALL_FLAGS_NONE, -1,
-                         nullptr, on_names_listed, invocation);
+                         nullptr, callback<on_names_listed>, invocation);
   return TRUE;
 }
 
@@ -155,16 +155,15 @@ void Manager::tell_ports() {
   service_manager_tell(port_census_text(census));
 }
 
+gboolean Manager::on_telling() {
+  telling_.forget();
+  tell_ports();
+  return G_SOURCE_REMOVE;
+}
+
 // Told by a backend, which may hold locks that a look at the list needs.
 void Manager::tell_ports_soon() {
   if (!telling_) {
-    telling_.reset(g_idle_add(
-        [](gpointer user_data) -> gboolean {
-          auto* const manager = static_cast<Manager*>(user_data);
-          manager->telling_.forget();
-          manager->tell_ports();
-          return G_SOURCE_REMOVE;
-        },
-        this));
+    telling_.reset(g_idle_add(callback<&Manager::on_telling>, this));
   }
 }

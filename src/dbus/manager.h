@@ -18,6 +18,7 @@ public:
 
 private:
   void tell_ports_soon();
+  gboolean on_telling();
 
   ObjectRef<IOControlManager1> skeleton_;
   SourceId telling_;

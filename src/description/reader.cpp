@@ -43,7 +43,7 @@ constexpr GMarkupParser parser{
 
 Reading description_read(const std::string& text, DescriptionHandler handler, GError** error) {
   g_autoptr(GMarkupParseContext) context =
-      g_markup_parse_context_new(&parser, static_cast<GMarkupParseFlags>(0), &handler, nullptr);
+      g_markup_parse_context_new(&parser, G_MARKUP_DEFAULT_FLAGS, &handler, nullptr);
   if (!g_markup_parse_context_parse(context, text.data(), static_cast<gssize>(text.size()),
                                     error)) {
     return Reading::Broken;

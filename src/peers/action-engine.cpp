@@ -2,6 +2,7 @@
 
 #include "platform/bus-call.h"
 #include "platform/bus-proxy.h"
+#include "platform/callbacks.h"
 #include "platform/log.h"
 #include "port/ioport-list.h"
 #include "port/port-observer.h"
@@ -84,15 +85,9 @@ bool remove_template(GDBusProxy* proxy, const ActionTemplate& entry) {
 ActionengineDbus::ActionengineDbus() {
   port_observer.outputs_wanted = [this](bool wanted) { update_action_registration(wanted); };
   io_port_list_update_action_registration();
-  watch_.reset(g_bus_watch_name(
-      G_BUS_TYPE_SYSTEM, service.name, G_BUS_NAME_WATCHER_FLAGS_NONE,
-      [](GDBusConnection*, const gchar*, const gchar*, gpointer user_data) {
-        static_cast<ActionengineDbus*>(user_data)->on_name_appeared();
-      },
-      [](GDBusConnection*, const gchar*, gpointer user_data) {
-        static_cast<ActionengineDbus*>(user_data)->proxy_.reset();
-      },
-      this, nullptr));
+  watch_.reset(g_bus_watch_name(G_BUS_TYPE_SYSTEM, service.name, G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                callback<&ActionengineDbus::on_name_appeared>,
+                                callback<&ActionengineDbus::on_name_vanished>, this, nullptr));
 }
 
 ActionengineDbus::~ActionengineDbus() {
@@ -103,6 +98,10 @@ void ActionengineDbus::on_name_appeared() {
   proxy_.reset();
   proxy_.reset(bus_proxy_new(service, nullptr));
   apply_wish();
+}
+
+void ActionengineDbus::on_name_vanished() {
+  proxy_.reset();
 }
 
 void ActionengineDbus::update_action_registration(bool wanted) {

@@ -15,6 +15,7 @@ public:
 
 private:
   void on_name_appeared();
+  void on_name_vanished();
   /// Whether the templates are wanted; brings the engine in line, if it is there.
   void update_action_registration(bool wanted);
   void apply_wish();

@@ -2,12 +2,12 @@
 
 #include "peers/virtual-input.h"
 #include "platform/bus-call.h"
-#include "platform/log.h"
 
 #include <utility>
 
 namespace {
 
+constexpr BusSignal ptz_enabled_changed{.name = "PtzEnabledChanged", .type = "(ib)"};
 constexpr BusService service{.name = "com.norv.PTZ.Coordinator",
                              .path = "/com/norv/PTZ/Coordinator/1",
                              .interface_name = "com.norv.PTZ.Coordinator",
@@ -17,41 +17,29 @@ PtzState state_of(bool enabled) {
   return enabled ? PtzState::Enabled : PtzState::Disabled;
 }
 
-void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* signal,
-               GVariant* arguments, gpointer user_data) {
-  if (!bus_signal_is(signal, arguments, "PtzEnabledChanged", "(ib)")) {
-    return;
-  }
-  gboolean enabled = FALSE;
-  g_variant_get(arguments, "(ib)", nullptr, &enabled);
-  static_cast<VirtualInput*>(user_data)->set_ptz_enabled(state_of(enabled != FALSE));
-}
-
 } // namespace
 
 void CoordinatorDbus::init(std::function<void()> met) {
   met_ = std::move(met);
-  bus_proxy_make(
-      service, making_.begin(),
-      [](GDBusProxy* proxy, const GError* error, gpointer user_data) {
-        auto* const coordinator = static_cast<CoordinatorDbus*>(user_data);
-        if (proxy == nullptr) {
-          g_warning("%sError creating proxy: %s\n", log_prefix, error->message);
-          coordinator->tell_met();
-          return;
-        }
-        coordinator->on_made(proxy);
-      },
-      this);
+  bus_proxy_make(service, making_.begin(),
+                 [this](ObjectRef<GDBusProxy> proxy) { on_made(std::move(proxy)); });
 }
 
-void CoordinatorDbus::on_made(GDBusProxy* proxy) {
-  coordinator_.reset(proxy);
-  owner_watch_.start(proxy, [this] {
+void CoordinatorDbus::on_made(ObjectRef<GDBusProxy> proxy) {
+  if (proxy == nullptr) {
+    tell_met();
+    return;
+  }
+  coordinator_ = std::move(proxy);
+  owner_watch_.start(coordinator_.get(), [this] {
     apply_current_state();
     tell_met();
   });
-  handler_ = SignalHandler(proxy, "g-signal", G_CALLBACK(on_signal), &input_);
+  handler_ = bus_proxy_hear(coordinator_.get(), ptz_enabled_changed, [this](GVariant* arguments) {
+    gboolean enabled = FALSE;
+    g_variant_get(arguments, "(ib)", nullptr, &enabled);
+    input_.set_ptz_enabled(state_of(enabled != FALSE));
+  });
   owner_watch_.note_change();
 }
 

@@ -18,7 +18,7 @@ public:
   void init(std::function<void()> met);
 
 private:
-  void on_made(GDBusProxy* proxy);
+  void on_made(ObjectRef<GDBusProxy> proxy);
   void apply_current_state();
   void tell_met();
 

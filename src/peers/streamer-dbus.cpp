@@ -11,6 +11,7 @@ namespace {
 constexpr const char* bus_name = "com.norv.Streamer";
 constexpr const char* base_path = "/com/norv/Streamer/Video/Channel";
 constexpr const char* interface_name = "com.norv.Streamer.Video.Channel";
+constexpr BusSignal enabled_changed{.name = "EnabledChanged", .type = "(b)"};
 
 /// A streamer that has more is broken, and asking on would never end.
 constexpr int most_channels = 1024;
@@ -25,24 +26,12 @@ bool is_channel(GDBusProxy* proxy) {
 
 /// A channel that is followed.
 struct StreamerDbus::Channel {
-  VirtualInput& input;
   int number;
   SignalHandler handler;
 
   /// The port that goes with the channel is the one of the number above.
   [[nodiscard]] std::string port_to_free() const {
     return "manualtrigger" + std::to_string(number + 1);
-  }
-
-  static void on_signal(GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* signal,
-                        GVariant* arguments, gpointer user_data) {
-    if (!bus_signal_is(signal, arguments, "EnabledChanged", "(b)")) {
-      return;
-    }
-    gboolean enabled = FALSE;
-    g_variant_get(arguments, "(b)", &enabled);
-    const auto* channel = static_cast<Channel*>(user_data);
-    channel->input.set_channel_enabled(channel->number, enabled != FALSE);
   }
 };
 
@@ -54,10 +43,8 @@ StreamerDbus::~StreamerDbus() {
 }
 
 void StreamerDbus::init(std::function<void()> met) {
-  constexpr auto flags = static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES
-                                                      | G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START);
   channels_met_ = std::move(met);
-  make_proxy(base_path, flags, &StreamerDbus::on_watch_made);
+  make_proxy(base_path, G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START, &StreamerDbus::on_watch_made);
 }
 
 void StreamerDbus::follow() {
@@ -72,23 +59,17 @@ void StreamerDbus::give_up() {
   asked_.reset();
 }
 
-void StreamerDbus::make_proxy(const std::string& path, GDBusProxyFlags flags,
-                              void (StreamerDbus::*made)(ObjectRef<GDBusProxy> proxy)) {
+void StreamerDbus::make_proxy(const std::string& path, GDBusProxyFlags flags, Made made) {
   give_up();
-  made_ = made;
   bus_proxy_make(
       {.name = bus_name, .path = path.c_str(), .interface_name = interface_name, .flags = flags},
-      under_way_.begin(),
-      [](GDBusProxy* proxy, const GError* error, gpointer user_data) {
-        auto* const streamer = static_cast<StreamerDbus*>(user_data);
+      under_way_.begin(), [this, made](ObjectRef<GDBusProxy> proxy) {
         if (proxy == nullptr) {
-          g_warning("%sError creating proxy: %s\n", log_prefix, error->message);
-          streamer->tell_channels_met();
-          return;
+          tell_channels_met();
+        } else {
+          (this->*made)(std::move(proxy));
         }
-        (streamer->*streamer->made_)(ObjectRef<GDBusProxy>(proxy));
-      },
-      this);
+      });
 }
 
 void StreamerDbus::tell_channels_met() {
@@ -98,10 +79,14 @@ void StreamerDbus::tell_channels_met() {
 }
 
 void StreamerDbus::follow_channel(GDBusProxy* proxy, int number) {
-  auto& channel = channels_.emplace_back(Channel{.input = input_, .number = number, .handler = {}});
+  auto& channel = channels_.emplace_back(Channel{.number = number, .handler = {}});
   bool enabled = true;
   if (bus_cached_boolean(proxy, "Enabled", &enabled)) {
-    channel.handler = SignalHandler(proxy, "g-signal", G_CALLBACK(Channel::on_signal), &channel);
+    channel.handler = bus_proxy_hear(proxy, enabled_changed, [this, number](GVariant* arguments) {
+      gboolean now_enabled = FALSE;
+      g_variant_get(arguments, "(b)", &now_enabled);
+      input_.set_channel_enabled(number, now_enabled != FALSE);
+    });
   }
   input_.set_channel_enabled(number, enabled);
 }
@@ -118,10 +103,7 @@ void StreamerDbus::on_channel_answered() {
 
 void StreamerDbus::on_channel_made(ObjectRef<GDBusProxy> proxy) {
   asked_ = std::move(proxy);
-  bus_proxy_ask(
-      asked_.get(), under_way_.cancellable(),
-      [](gpointer user_data) { static_cast<StreamerDbus*>(user_data)->on_channel_answered(); },
-      this);
+  bus_proxy_ask(asked_.get(), under_way_.cancellable(), [this] { on_channel_answered(); });
 }
 
 // One after the other, as the first that is none is the end.
@@ -169,10 +151,6 @@ void StreamerDbus::on_owner_changed() {
 
 void StreamerDbus::on_watch_made(ObjectRef<GDBusProxy> proxy) {
   owner_watch_ = std::move(proxy);
-  owner_handler_ = SignalHandler(owner_watch_.get(), "notify::g-name-owner",
-                                 G_CALLBACK(+[](GDBusProxy*, GParamSpec*, gpointer user_data) {
-                                   static_cast<StreamerDbus*>(user_data)->on_owner_changed();
-                                 }),
-                                 this);
+  owner_handler_ = bus_proxy_follow_owner(owner_watch_.get(), [this] { on_owner_changed(); });
   meet_channels();
 }

@@ -28,8 +28,9 @@ public:
 private:
   struct Channel;
 
-  void make_proxy(const std::string& path, GDBusProxyFlags flags,
-                  void (StreamerDbus::*made)(ObjectRef<GDBusProxy> proxy));
+  using Made = void (StreamerDbus::*)(ObjectRef<GDBusProxy> proxy);
+
+  void make_proxy(const std::string& path, GDBusProxyFlags flags, Made made);
   void give_up();
   void tell_channels_met();
   void meet_channels();
@@ -50,8 +51,6 @@ private:
   /// A proxy that is made, or a channel that is asked. Given up when the streamer goes, because all
   /// of it belongs to that one.
   UnderWay under_way_;
-  /// What becomes of the proxy that is made.
-  void (StreamerDbus::*made_)(ObjectRef<GDBusProxy> proxy) = nullptr;
   /// The channel that is asked, and its number.
   ObjectRef<GDBusProxy> asked_;
   int asked_channel_ = 0;

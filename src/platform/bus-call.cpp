@@ -50,10 +50,6 @@ bool bus_cached_boolean(GDBusProxy* proxy, const char* property, bool* value) {
   return true;
 }
 
-bool bus_signal_is(const char* signal, GVariant* arguments, const char* name, const char* type) {
-  return g_str_equal(signal, name) && g_variant_is_of_type(arguments, G_VARIANT_TYPE(type));
-}
-
 bool bus_has_owner(GDBusProxy* proxy) {
   g_autofree gchar* owner = g_dbus_proxy_get_name_owner(proxy);
   return owner != nullptr;

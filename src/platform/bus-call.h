@@ -13,9 +13,5 @@
 /// The proxy's cached boolean property, into `value`; false when it is missing or no boolean.
 [[nodiscard]] bool bus_cached_boolean(GDBusProxy* proxy, const char* property, bool* value);
 
-/// Whether a signal is the one of that name, with arguments of that type.
-[[nodiscard]] bool bus_signal_is(const char* signal, GVariant* arguments, const char* name,
-                                 const char* type);
-
 /// Whether somebody owns the proxy's name.
 [[nodiscard]] bool bus_has_owner(GDBusProxy* proxy);

@@ -1,5 +1,6 @@
 #include "platform/bus-connection.h"
 
+#include "platform/flags.h"
 #include "platform/hung-services.h"
 #include "platform/log.h"
 
@@ -26,15 +27,15 @@ Connections& connections() {
 // As GLib opens the shared one. Its function for private ones refuses the last of these flags, by
 // which users of another name space are let in.
 GDBusConnection* open_for_start(GError** error) {
-  constexpr auto flags = static_cast<GDBusConnectionFlags>(
-      G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION
-      | G_DBUS_CONNECTION_FLAGS_CROSS_NAMESPACE);
+  constexpr auto how = flags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT,
+                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION,
+                             G_DBUS_CONNECTION_FLAGS_CROSS_NAMESPACE);
   g_autofree gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error);
   if (address == nullptr) {
     return nullptr;
   }
   return G_DBUS_CONNECTION(g_initable_new(G_TYPE_DBUS_CONNECTION, nullptr, error, "address",
-                                          address, "flags", flags, nullptr));
+                                          address, "flags", how, nullptr));
 }
 
 GDBusConnection* connection_of_start(GError** error) {

@@ -2,7 +2,10 @@
 
 #include "platform/bus-call.h"
 #include "platform/bus-connection.h"
+#include "platform/callbacks.h"
+#include "platform/flags.h"
 #include "platform/hung-services.h"
+#include "platform/log.h"
 
 #include <memory>
 #include <optional>
@@ -13,10 +16,6 @@ namespace {
 
 constexpr const char* get_all = "org.freedesktop.DBus.Properties.GetAll";
 constexpr const char* all_type = "(a{sv})";
-
-GDBusProxyFlags operator|(GDBusProxyFlags one, GDBusProxyFlags other) {
-  return static_cast<GDBusProxyFlags>(static_cast<guint>(one) | static_cast<guint>(other));
-}
 
 GVariant* get_all_arguments(GDBusProxy* proxy) {
   return g_variant_new("(s)", g_dbus_proxy_get_interface_name(proxy));
@@ -49,31 +48,38 @@ struct Making {
   /// None when the service is left alone.
   std::optional<guint64> begun;
   BusProxyMade made;
-  gpointer user_data;
 };
 
-void on_made(GObject* /*source*/, GAsyncResult* result, gpointer user_data) {
-  const std::unique_ptr<Making> making(static_cast<Making*>(user_data));
+void none_made(const BusProxyMade& made, const GError* error) {
+  g_warning("%sError creating proxy: %s\n", log_prefix, error->message);
+  made(nullptr);
+}
+
+void on_made(Making* data, GObject* /*source*/, GAsyncResult* result) {
+  const std::unique_ptr<Making> making(data);
   g_autoptr(GError) error = nullptr;
-  GDBusProxy* const proxy = g_dbus_proxy_new_finish(result, &error);
+  ObjectRef<GDBusProxy> proxy(g_dbus_proxy_new_finish(result, &error));
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
     return;
   }
-  if (proxy == nullptr && making->begun) {
+  if (proxy != nullptr) {
+    making->made(std::move(proxy));
+    return;
+  }
+  if (making->begun) {
     hung_service_call_failed(making->name.c_str(), *making->begun, false, error);
   }
-  making->made(proxy, error, making->user_data);
+  none_made(making->made, error);
 }
 
 struct Question {
   guint64 begun;
-  BusProxyAnswered answered;
-  gpointer user_data;
+  std::function<void()> answered;
 };
 
 // A question that was given up ends here, too, perhaps after whoever had asked it.
-void on_properties(GObject* source, GAsyncResult* result, gpointer user_data) {
-  const std::unique_ptr<Question> question(static_cast<Question*>(user_data));
+void on_properties(Question* data, GObject* source, GAsyncResult* result) {
+  const std::unique_ptr<Question> question(data);
   GDBusProxy* const proxy = G_DBUS_PROXY(source);
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariant) reply = g_dbus_proxy_call_finish(proxy, result, &error);
@@ -84,11 +90,11 @@ void on_properties(GObject* source, GAsyncResult* result, gpointer user_data) {
     hung_service_call_failed(g_dbus_proxy_get_name(proxy), question->begun, true, error);
   }
   keep_properties(proxy, reply);
-  question->answered(question->user_data);
+  question->answered();
 }
 
 // Makes a proxy that asks nothing by itself but, perhaps, to have the service started.
-GDBusProxy* new_proxy(const BusService& service, GDBusProxyFlags flags, GError** error) {
+GDBusProxy* new_proxy(const BusService& service, GDBusProxyFlags start, GError** error) {
   GDBusConnection* const connection = bus_connection(error);
   if (connection == nullptr) {
     return nullptr;
@@ -97,7 +103,7 @@ GDBusProxy* new_proxy(const BusService& service, GDBusProxyFlags flags, GError**
   GMainContext* const context = bus_connection_context();
   g_main_context_push_thread_default(context);
   GDBusProxy* const proxy = g_dbus_proxy_new_sync(
-      connection, service.flags | flags | G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES, nullptr,
+      connection, flags(service.flags, start, G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES), nullptr,
       service.name, service.path, service.interface_name, nullptr, error);
   g_main_context_pop_thread_default(context);
   return proxy;
@@ -112,6 +118,36 @@ GDBusProxy* new_starting_proxy(const BusService& service, guint64 begun, GError*
     g_propagate_error(error, g_steal_pointer(&failure));
   }
   return proxy;
+}
+
+struct Hearing {
+  BusSignal signal;
+  std::function<void(GVariant* arguments)> heard;
+};
+
+void on_signal(Hearing* hearing, GDBusProxy* /*proxy*/, const gchar* /*sender*/, const gchar* name,
+               GVariant* arguments) {
+  if (g_str_equal(name, hearing->signal.name)
+      && g_variant_is_of_type(arguments, G_VARIANT_TYPE(hearing->signal.type))) {
+    hearing->heard(arguments);
+  }
+}
+
+struct Following {
+  std::function<void()> changed;
+};
+
+void on_owner(Following* following) {
+  following->changed();
+}
+
+// The connection owns the data: a handler may disconnect itself while it runs.
+template <typename Data>
+SignalHandler connect(GDBusProxy* proxy, const char* signal, GCallback called, Data* data) {
+  return {proxy,
+          g_signal_connect_data(
+              proxy, signal, called, data,
+              [](gpointer owned, GClosure*) { delete_data<Data>(owned); }, G_CONNECT_DEFAULT)};
 }
 
 } // namespace
@@ -135,50 +171,58 @@ GDBusProxy* bus_proxy_renew(const BusService& service, GError** error) {
   return new_proxy(service, G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START_AT_CONSTRUCTION, error);
 }
 
-void bus_proxy_make(const BusService& service, GCancellable* cancellable, BusProxyMade made,
-                    gpointer user_data) {
+void bus_proxy_make(const BusService& service, GCancellable* cancellable, BusProxyMade made) {
   g_autoptr(GError) error = nullptr;
   GDBusConnection* const connection = bus_connection(&error);
   if (connection == nullptr) {
-    made(nullptr, error, user_data);
+    none_made(made, error);
     return;
   }
   hung_service_follow(connection, service.name);
   auto making = std::make_unique<Making>(Making{.name = service.name,
                                                 .begun = hung_service_begin_call(service.name),
-                                                .made = made,
-                                                .user_data = user_data});
+                                                .made = std::move(made)});
   const auto start = making->begun ? G_DBUS_PROXY_FLAGS_NONE
                                    : G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START_AT_CONSTRUCTION;
-  g_dbus_proxy_new(connection, service.flags | start | G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES,
-                   nullptr, service.name, service.path, service.interface_name, cancellable,
-                   on_made, making.release());
+  g_dbus_proxy_new(connection,
+                   flags(service.flags, start, G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES), nullptr,
+                   service.name, service.path, service.interface_name, cancellable,
+                   callback<on_made>, making.release());
 }
 
-void bus_proxy_ask(GDBusProxy* proxy, GCancellable* cancellable, BusProxyAnswered answered,
-                   gpointer user_data) {
+void bus_proxy_ask(GDBusProxy* proxy, GCancellable* cancellable, std::function<void()> answered) {
   constexpr gint default_timeout = -1;
   const auto begun =
       bus_has_owner(proxy) ? hung_service_begin_call(g_dbus_proxy_get_name(proxy)) : std::nullopt;
   if (!begun) {
-    answered(user_data);
+    answered();
     return;
   }
-  auto question = std::make_unique<Question>(
-      Question{.begun = *begun, .answered = answered, .user_data = user_data});
+  auto question =
+      std::make_unique<Question>(Question{.begun = *begun, .answered = std::move(answered)});
   g_dbus_proxy_call(proxy, get_all, get_all_arguments(proxy), G_DBUS_CALL_FLAGS_NONE,
-                    default_timeout, cancellable, on_properties, question.release());
+                    default_timeout, cancellable, callback<on_properties>, question.release());
+}
+
+SignalHandler bus_proxy_hear(GDBusProxy* proxy, const BusSignal& signal,
+                             std::function<void(GVariant* arguments)> heard) {
+  void (*const called)(GDBusProxy*, const gchar*, const gchar*, GVariant*, gpointer) =
+      callback<on_signal>;
+  return connect(proxy, "g-signal", G_CALLBACK(called),
+                 new Hearing{.signal = signal, .heard = std::move(heard)});
+}
+
+SignalHandler bus_proxy_follow_owner(GDBusProxy* proxy, std::function<void()> changed) {
+  void (*const called)(GDBusProxy*, GParamSpec*, gpointer) = callback<on_owner>;
+  return connect(proxy, "notify::g-name-owner", G_CALLBACK(called),
+                 new Following{.changed = std::move(changed)});
 }
 
 void BusOwnerWatch::start(GDBusProxy* proxy, std::function<void()> changed) {
   stop();
   proxy_ = proxy;
   changed_ = std::move(changed);
-  handler_ = SignalHandler(proxy, "notify::g-name-owner",
-                           G_CALLBACK(+[](GDBusProxy*, GParamSpec*, gpointer user_data) {
-                             static_cast<BusOwnerWatch*>(user_data)->note_change();
-                           }),
-                           this);
+  handler_ = bus_proxy_follow_owner(proxy, [this] { note_change(); });
 }
 
 void BusOwnerWatch::stop() {
@@ -188,7 +232,5 @@ void BusOwnerWatch::stop() {
 
 void BusOwnerWatch::note_change() {
   forget_properties(proxy_);
-  bus_proxy_ask(
-      proxy_, question_.begin(),
-      [](gpointer user_data) { static_cast<BusOwnerWatch*>(user_data)->changed_(); }, this);
+  bus_proxy_ask(proxy_, question_.begin(), [this] { changed_(); });
 }

@@ -26,21 +26,34 @@ struct BusService {
 /// anything.
 [[nodiscard]] GDBusProxy* bus_proxy_renew(const BusService& service, GError** error);
 
-/// Called from the main loop with a new proxy that the callee owns, or with NULL and the reason.
-using BusProxyMade = void (*)(GDBusProxy* proxy, const GError* error, gpointer user_data);
+/// Called from the main loop with a new proxy, or with none after a warning.
+using BusProxyMade = std::function<void(ObjectRef<GDBusProxy> proxy)>;
 
 /// Makes a proxy without its properties, and waits for nobody. `made` is not called any more once
 /// `cancellable` is cancelled. Without a connection it is called at once.
-void bus_proxy_make(const BusService& service, GCancellable* cancellable, BusProxyMade made,
-                    gpointer user_data);
-
-using BusProxyAnswered = void (*)(gpointer user_data);
+void bus_proxy_make(const BusService& service, GCancellable* cancellable, BusProxyMade made);
 
 /// Asks the proxy's service for its properties, and waits for nobody. `answered` is called from the
 /// main loop when the proxy has what there is to have, or at once when there is nobody to ask; not
 /// any more once `cancellable` is cancelled.
-void bus_proxy_ask(GDBusProxy* proxy, GCancellable* cancellable, BusProxyAnswered answered,
-                   gpointer user_data);
+void bus_proxy_ask(GDBusProxy* proxy, GCancellable* cancellable, std::function<void()> answered);
+
+/// A signal of a service.
+struct BusSignal {
+  const char* name;
+  /// Of all its arguments; one with others is not heard.
+  const char* type;
+};
+
+/// Has `heard` called from the main loop with the arguments of each such signal, until the handler
+/// goes.
+[[nodiscard]] SignalHandler bus_proxy_hear(GDBusProxy* proxy, const BusSignal& signal,
+                                           std::function<void(GVariant* arguments)> heard);
+
+/// Has `changed` called from the main loop whenever the proxy's service comes or goes, until the
+/// handler goes.
+[[nodiscard]] SignalHandler bus_proxy_follow_owner(GDBusProxy* proxy,
+                                                   std::function<void()> changed);
 
 /// Follows the coming and going of a proxy's service. When it comes, its properties are asked for
 /// first; nobody waits for that.

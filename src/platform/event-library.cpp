@@ -2,6 +2,7 @@
 // refused, when a present state is asked for. Where the events go is the outlet's business.
 #include "platform/event-library.h"
 
+#include "platform/callbacks.h"
 #include "platform/event-outlet.h"
 #include "platform/event-records.h"
 #include "platform/event-types.h"
@@ -92,8 +93,7 @@ std::unique_ptr<NvEvent> prepare_locked(NvEventProducer* producer, guint id) {
       .id = id, .type_name = found->second.type_name, .contents = found->second.contents});
 }
 
-gboolean run_fill(gpointer data) {
-  const auto* pending = static_cast<PendingFill*>(data);
+gboolean run_fill(const PendingFill* pending) {
   NvEventProducer* const producer = pending->producer;
   std::unique_ptr<NvEvent> event;
   NvEventFill fill = nullptr;
@@ -120,8 +120,8 @@ gboolean run_fill(gpointer data) {
 
 void schedule_fill_locked(NvEventProducer* producer, guint id) {
   producer->pending_fills[id] =
-      g_idle_add_full(G_PRIORITY_DEFAULT_IDLE, run_fill, new PendingFill{producer, id},
-                      [](gpointer data) { delete static_cast<PendingFill*>(data); });
+      g_idle_add_full(G_PRIORITY_DEFAULT_IDLE, callback<run_fill>, new PendingFill{producer, id},
+                      delete_data<PendingFill>);
 }
 
 // Withdrawing from inside a fill must not remove the running source, whose entry is gone by then.

@@ -1,5 +1,6 @@
 #include "platform/line-pin.h"
 
+#include "platform/flags.h"
 #include "platform/gpio-names.h"
 #include "platform/handles.h"
 #include "platform/log.h"
@@ -82,7 +83,7 @@ public:
   int set_active_low(bool active_low) override;
   // A chip that is gone is told as an error and a hang-up.
   [[nodiscard]] GIOCondition edge_condition(GIOCondition /*of_value_file*/) const override {
-    return static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP);
+    return flags(G_IO_IN, G_IO_ERR, G_IO_HUP);
   }
   int take_edges() override;
 

@@ -16,9 +16,8 @@ using ObjectRef = std::unique_ptr<Object, FreeWith<g_object_unref>>;
 class SignalHandler {
 public:
   SignalHandler() = default;
-  SignalHandler(GDBusProxy* instance, const char* signal, GCallback callback, gpointer data)
-      : instance_(G_DBUS_PROXY(g_object_ref(instance))),
-        id_(g_signal_connect(instance, signal, callback, data)) {}
+  SignalHandler(GDBusProxy* instance, gulong id)
+      : instance_(G_DBUS_PROXY(g_object_ref(instance))), id_(id) {}
   ~SignalHandler() { reset(); }
   SignalHandler(SignalHandler&& other) noexcept
       : instance_(std::move(other.instance_)), id_(std::exchange(other.id_, 0)) {}
@@ -30,6 +29,8 @@ public:
   }
   SignalHandler(const SignalHandler&) = delete;
   SignalHandler& operator=(const SignalHandler&) = delete;
+
+  explicit operator bool() const { return id_ != 0; }
 
   void reset() {
     if (const gulong id = std::exchange(id_, 0); id != 0) {

@@ -6,6 +6,7 @@
 #include "platform/log.h"
 #include "platform/memory.h"
 #include "platform/mutex.h"
+#include "platform/numbers.h"
 #include "port/port-observer.h"
 #include "port/port-place.h"
 
@@ -33,12 +34,11 @@ struct Running {
 
 Running running;
 
-constexpr guint32 us_per_ms = 1000;
+constexpr gint32 us_per_ms = 1000;
 
 // The product is formed in 32 bits on purpose: a duration above 2,147,483 ms wraps and is not held.
 std::chrono::microseconds hold_time(gint32 duration_ms) {
-  return std::chrono::microseconds(
-      static_cast<gint32>(static_cast<guint32>(duration_ms) * us_per_ms));
+  return std::chrono::microseconds(wrapping_product(duration_ms, us_per_ms));
 }
 
 void apply_step(IoPort* port, const ActionStep& step) WEXD_REQUIRES(port->gate) {

@@ -1,5 +1,6 @@
 // Manual-trigger ports: virtual outputs that let a client raise an event for a video channel.
 #include "event/event.h"
+#include "platform/numbers.h"
 #include "port/action-sequence.h"
 
 #include <optional>
@@ -11,11 +12,6 @@ constexpr gint default_first_port_no = 5;
 
 /// As the hardware description has it, if it does.
 std::optional<gint> first_port_no;
-
-// The first number is whatever the hardware description says, up to the greatest there is.
-gint wrapping_sum(gint a, gint b) {
-  return static_cast<gint>(static_cast<guint>(a) + static_cast<guint>(b));
-}
 
 std::unique_ptr<IoEvent, IoEventDeleter> manual_trigger_event(gint channel) {
   std::unique_ptr<IoEvent, IoEventDeleter> event(new IoEvent);
@@ -44,6 +40,7 @@ bool virtual_input_in_use() {
 IoPortRef io_port_create_manual_trigger(gint channel) {
   IoPortRef port = io_port_new();
   port->type = PORT_OUTPUT;
+  // The first number is whatever the hardware description says, up to the greatest there is.
   port->number = wrapping_sum(virtual_input_get_first_port_no(), channel - 1);
   port->name = "manualtrigger" + std::to_string(channel);
   port->is_setup = true;

@@ -195,18 +195,18 @@ def no_descriptor_for_a_save(binary, _budget):
 
 DEAF_AT_FIRST = Fault(
     "SIGTERM is not listened to before the main loop runs", "src/core/main.cpp",
-    "  SourceId term_{g_unix_signal_add(SIGTERM, source_callback<got_sigterm>, this)};\n",
+    "  SourceId term_{g_unix_signal_add(SIGTERM, callback<got_sigterm>, this)};\n",
     """  static gboolean listen(MainLoop* main_loop) {
-    g_unix_signal_add(SIGTERM, source_callback<got_sigterm>, main_loop);
+    g_unix_signal_add(SIGTERM, callback<got_sigterm>, main_loop);
     return G_SOURCE_REMOVE;
   }
   bool deaf_ = signal(SIGTERM, SIG_IGN) != SIG_ERR;
-  SourceId term_{g_idle_add(source_callback<listen>, this)};
+  SourceId term_{g_idle_add(callback<listen>, this)};
 """,
 )  # fmt: skip
 HANGS_UP = Fault(
     "SIGHUP is not handled", "src/core/main.cpp",
-    "  SourceId hup_{g_unix_signal_add(SIGHUP, source_callback<got_sighup>, this)};\n",
+    "  SourceId hup_{g_unix_signal_add(SIGHUP, callback<got_sighup>, this)};\n",
     "  SourceId hup_;\n",
 )  # fmt: skip
 STAYS_BUSY = Fault(
