@@ -5,6 +5,8 @@ that waits, by running that context until a condition holds or a deadline passes
 """
 
 import collections
+import functools
+import math
 import os
 import subprocess
 import time
@@ -120,28 +122,55 @@ def wait_until(condition, what, deadline=None):
     """Runs the main context until the condition returns something true, and returns that.
 
     deadline is in seconds. Conditions that watch a file or a process are looked at every few
-    milliseconds, all others as soon as something arrives from the bus.
+    milliseconds, less often the longer it takes; all others as soon as something arrives from the
+    bus.
     """
-    context = GLib.MainContext.default()
-    end = time.monotonic() + (DEADLINE if deadline is None else deadline)
-    tick = GLib.timeout_source_new(3)
-    tick.set_callback(lambda *_: True)
-    tick.attach(context)
+    start = time.monotonic()
+    end = start + (DEADLINE if deadline is None else deadline)
+    paces = iter(PACES)
+    until, tick = start, None
+    run_loop(wait=False)
     try:
-        while True:
-            # An exception that a signal raises in a callback would end in GLib, printed and forgotten.
-            with undisturbed():
-                while context.iteration(False):
-                    pass
-            result = condition()
-            if result:
-                return result
-            if time.monotonic() > end:
+        while not (result := condition()):
+            now = time.monotonic()
+            if now > end:
                 raise Timeout(f"waited in vain: {what() if callable(what) else what}")
-            with undisturbed():
-                context.iteration(True)
+            if now >= until:
+                stop_ticking(tick)
+                seconds, tick_ms = next(paces)
+                until, tick = start + seconds, start_ticking(tick_ms)
+            run_loop()
+        return result
     finally:
+        stop_ticking(tick)
+
+
+# While somebody waits, up to so many seconds, the condition is looked at every so many milliseconds.
+PACES = ((0.03, 3), (0.2, 10), (math.inf, 30))
+
+
+def start_ticking(tick_ms):
+    """Has the main context wake up at least that often."""
+    tick = GLib.timeout_source_new(tick_ms)
+    tick.set_callback(lambda *_: True)
+    tick.attach(GLib.MainContext.default())
+    return tick
+
+
+def stop_ticking(tick):
+    if tick is not None:
         tick.destroy()
+
+
+def run_loop(wait=True):
+    """Does what there is to do on the main context, if need be once there is something."""
+    context = GLib.MainContext.default()
+    # An exception that a signal raises in a callback would end in GLib, printed and forgotten.
+    with undisturbed():
+        if wait:
+            context.iteration(True)
+        while context.iteration(False):
+            pass
 
 
 class BusError(Exception):
@@ -245,9 +274,37 @@ class Client:
             None, interface, member, path, None, Gio.DBusSignalFlags.NONE, arrived
         )
 
+    @functools.cached_property
+    def services(self):
+        """The owners of the daemon's services, followed from the first use on."""
+        return Owners(self, SERVICE_NAMES)
+
     def close(self):
         if not self.connection.is_closed():  # as it is when the bus has ended
             self.connection.close_sync(None)
+
+
+class Owners:
+    """Who owns each of these names, as the bus tells it from the moment of construction."""
+
+    def __init__(self, client, names):
+        self._owners = {}
+        for name in names:
+            client.connection.signal_subscribe(
+                "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
+                "/org/freedesktop/DBus", name, Gio.DBusSignalFlags.NONE, self._changed,
+            )  # fmt: skip
+        for name in names:
+            # What the bus told meanwhile is news; what it told before says the same.
+            self._owners.setdefault(name, client.owner(name))
+
+    def _changed(self, _connection, _sender, _path, _interface, _member, parameters):
+        name, _, owner = parameters.unpack()
+        self._owners[name] = owner or None
+
+    def __call__(self):
+        """The unique names of all owners; None stands for a name that nobody owns."""
+        return set(self._owners.values())
 
 
 class Call:

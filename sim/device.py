@@ -213,7 +213,7 @@ class Device:
             )
             # Right after a restart the bus may still hold a name for the life before; names come
             # in any order.
-            owners = {self._client.owner(name) for name in bus.SERVICE_NAMES}
+            owners = self._client.services()
             return len(owners) == 1 and owners != {self._owner} and owners.pop()
 
         self._owner = wait_until(ready, "the daemon's services on the bus", self._deadline())
