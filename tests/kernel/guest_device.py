@@ -25,31 +25,6 @@ LEFTOVERS = (
 )
 
 UNIT = pathlib.Path("/bench/wexd.service.in")
-# Runs a program with the file system as systemd shows it to a service that is strictly protected and
-# kept from the kernel's tunables: read-only but for the places before the "--".
-CONFINE = r"""
-set -e
-writable='/dev /proc'
-while [ "$1" != -- ]; do
-  if [ -e "$1" ]; then
-    mount --rbind "$1" "$1"
-    writable="$writable $1"
-  fi
-  shift
-done
-shift
-is_writable() {
-  for place in $writable; do
-    case $1 in "$place" | "$place"/*) return 0 ;; esac
-  done
-  return 1
-}
-mounts=$(cut -d ' ' -f 2 /proc/self/mounts)
-for mount in $mounts; do
-  is_writable "$mount" || mount -o remount,bind,ro "$mount"
-done
-exec "$@"
-"""
 
 
 def writable_places():
@@ -65,7 +40,7 @@ class Guest(sandbox.Sandbox):
     def __init__(self, confined=False):
         self.prefix = ()
         if confined:
-            self.prefix = ("unshare", "--mount", "sh", "-c", CONFINE, "sh", *writable_places(), "--")
+            self.prefix = ("/bench/confine", *writable_places(), "--")
         for leftover in map(pathlib.Path, LEFTOVERS):
             if leftover.is_dir():
                 shutil.rmtree(leftover)

@@ -48,7 +48,7 @@ def test_both_edges_are_reported(device):
 def test_whoever_asks_for_the_state_takes_no_edge_away(device):
     """Between an edge and its report the state is asked for, many times in one turn of the loop."""
     signals = start(device, gpio_input("door", 0, PLAIN[0]))
-    for level in (1, 0) * 5:
+    for level in (1, 0, 1, 0):
         device.signal(signal.SIGSTOP)
         asked = [device.state.begin("GetState", 0) for _ in range(300)]
         device.signal(signal.SIGCONT)
@@ -239,7 +239,7 @@ def test_a_reading_that_fails_delays_a_report_and_no_more(device, level, failing
     assert_pull_is_reported(signals, line, level, 0, bool(level))
     assert line.failing_readings == 0
     assert device.log_count(UNREADABLE) == 1
-    assert device.log_count("Pin of port 0 can be read again$") == 1
+    device.wait_for_log("Pin of port 0 can be read again$")  # which comes behind the report
     for again in (1 - level, level):
         assert_pull_is_reported(signals, line, again, 0, bool(again))
     # What could not be read was never reported as a state.

@@ -166,7 +166,7 @@ def test_modes_back_and_forth_leak_nothing(device, kind):
     supervision.SetSupervised(0, True)
     wait_for_state(supervision, "open")
     before = device.descriptors
-    for _ in range(200):
+    for _ in range(30):
         supervision.SetSupervised(0, False)
         supervision.SetSupervised(0, True)
         device.state.SetDirection(0, "output")
