@@ -147,7 +147,8 @@ void calm_down(IntDevice& device) {
 }
 
 // One event that changes nothing is no trouble; a device that sends nothing else is.
-Found judge(const std::string& path, bool news) {
+Found judge(const std::string& path, Found found) {
+  const bool news = found == Found::Sense;
   const MutexLock guard(devices_mutex);
   IntDevice* const device = find_device(path);
   if (device == nullptr) {
@@ -180,7 +181,8 @@ Found on_event(const std::string& path) {
   if (!event) {
     return Found::Trouble;
   }
-  return judge(path, event->port != nullptr && event->handler(event->port, event->channel));
+  const bool news = event->port != nullptr && event->handler(event->port, event->channel);
+  return judge(path, news ? Found::Sense : Found::Nothing);
 }
 
 } // namespace

@@ -278,12 +278,13 @@ void iio_threshold_prepare(const IioThresholdChannel& channel) {
   iio_threshold_disarm(channel);
 }
 
-std::optional<guint32> iio_threshold_read(IioThresholdChannel& channel, bool tell, GError** error) {
+std::optional<guint32> iio_threshold_read(IioThresholdChannel& channel, Failure failure,
+                                          GError** error) {
   const std::string path = channel_path(channel, "raw");
   g_autofree char* text = nullptr;
   g_autoptr(GError) reason = nullptr;
   if (!g_file_get_contents(path.c_str(), &text, nullptr, &reason)) {
-    if (tell) {
+    if (failure == Failure::Reported) {
       g_warning("%sFailed to read sysfs path '%s': %s", log_prefix, path.c_str(), reason->message);
     }
     g_set_error(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_GENERIC,

@@ -56,10 +56,12 @@ void iio_threshold_parse(IioThresholdChannel& channel, const char* key, const ch
 /// only.
 void iio_threshold_prepare(const IioThresholdChannel& channel);
 
-/// The level now; nothing, with `error`, on failure. `tell`: whether that is logged, with its
-/// reason.
-[[nodiscard]] std::optional<guint32> iio_threshold_read(IioThresholdChannel& channel, bool tell,
-                                                        GError** error);
+/// Whether a failed reading is logged, with its reason, or was before.
+enum class Failure { Reported, Known };
+
+/// The level now; nothing, with `error`, on failure.
+[[nodiscard]] std::optional<guint32> iio_threshold_read(IioThresholdChannel& channel,
+                                                        Failure failure, GError** error);
 
 /// Has an event raised when the level, which was read last, leaves the range. A threshold that the
 /// converter refuses becomes the nearest one that it takes, which is logged when it is found. 0, or

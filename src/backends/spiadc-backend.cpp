@@ -50,15 +50,15 @@ struct SpiadcPortData {
 
 // A band widens while the state is on its side and narrows otherwise, so that the level must cross
 // an edge by more than the hysteresis. 64 bits: the description may hold any number.
-bool in_band(const Band& band, gint64 level, bool widened) {
-  const gint64 margin = widened ? band.hysteresis : -gint64{band.hysteresis};
+bool in_band(const Band& band, gint64 level, gint64 margin) {
   return band.active_min - margin <= level && level <= band.active_max + margin;
 }
 
 bool level_active(const SpiadcPortData* data, gint level) {
   const bool widened = data->active != data->inverted;
-  const bool inside = std::ranges::any_of(
-      data->bands, [=](const Band& band) { return in_band(band, level, widened); });
+  const bool inside = std::ranges::any_of(data->bands, [=](const Band& band) {
+    return in_band(band, level, widened ? band.hysteresis : -gint64{band.hysteresis});
+  });
   return inside != data->inverted;
 }
 

@@ -56,8 +56,8 @@ bool measured(IoPort* port, const IioIntPortData* data) {
 
 // Reading
 
-bool read_level(IioIntPortData* data, bool tell, GError** error) {
-  const auto level = iio_threshold_read(data->channel, tell, error);
+bool read_level(IioIntPortData* data, Failure failure, GError** error) {
+  const auto level = iio_threshold_read(data->channel, failure, error);
   if (level) {
     data->cached_level = *level;
     data->awaits_reading = false;
@@ -76,7 +76,8 @@ std::optional<SupervisedReadout> classify(IoPort* port, guint level, GError** er
 
 std::optional<SupervisedReadout> measure(IoPort* port, GError** error) {
   auto* data = backend_data_ensure<IioIntPortData>(port);
-  return read_level(data, true, error) ? classify(port, data->cached_level, error) : std::nullopt;
+  return read_level(data, Failure::Reported, error) ? classify(port, data->cached_level, error)
+                                                    : std::nullopt;
 }
 
 std::optional<SupervisedReadout> iio_int_get_supervised_readout(IoPort* port, GError** error) {
@@ -126,7 +127,7 @@ void tell_unreadable(const IoPort* port, Occasion occasion, const char* reason) 
 std::optional<guint> watched_level(IoPort* port, Occasion occasion) {
   auto* data = backend_data<IioIntPortData>(port);
   g_autoptr(GError) error = nullptr;
-  if (read_level(data, data->unreadable.due(), &error)) {
+  if (read_level(data, data->unreadable.due() ? Failure::Reported : Failure::Known, &error)) {
     if (data->unreadable.end()) {
       g_message("%sConverter of port %d can be read again", log_prefix, port->number);
     }

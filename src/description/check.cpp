@@ -92,7 +92,7 @@ private:
 
   void start(const DescribedElement& element);
   void start_port(const DescribedElement& element);
-  void name_port(PortSketch& port, const std::string& name, bool replaces);
+  void name_port(PortSketch& port, const std::string& name, gsize position);
   void start_backend(const DescribedElement& element);
   const ElementWord* words_for(const char* element) const;
   void check_words(const DescribedElement& element);
@@ -121,14 +121,14 @@ void Checker::report(Severity severity, const std::string& text) {
   report_at(place_, severity, text);
 }
 
-void Checker::name_port(PortSketch& port, const std::string& name, bool replaces) {
+void Checker::name_port(PortSketch& port, const std::string& name, gsize position) {
   port.name = name;
   const auto same = std::ranges::find(ports_, name, &PortSketch::name);
   if (same == ports_.end()) {
     return;
   }
   const auto where = fmt::format("{}:{}", same->place.file, same->place.line);
-  if (replaces) {
+  if (position == (port.has_hwid ? 1 : 0)) {
     report(Severity::Warning, fmt::format("port '{}' replaces the one of {}", name, where));
     ports_.erase(same);
   } else {
@@ -148,7 +148,7 @@ void Checker::start_port(const DescribedElement& element) {
         report(Severity::Warning, "'hwid' is no filter here: it must be the first attribute");
       }
     } else if (g_str_equal(name, "name") && std::string_view(value).size() <= io_port_text_limit) {
-      name_port(port, value, i == (port.has_hwid ? 1 : 0));
+      name_port(port, value, i);
     } else if (g_str_equal(name, "optional")) {
       port.optional = g_str_equal(value, "true");
     }

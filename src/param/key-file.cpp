@@ -8,8 +8,8 @@ constexpr std::string_view form_feed_sign = "\\f";
 constexpr std::string_view blanks = " \t\n\r";
 
 // What stands behind a backslash for a character that would be read as something else; '\0':
-// nothing does. Blanks would be lost at the start only.
-char sign_of(char c, bool leading) {
+// nothing does.
+char sign_of(char c) {
   switch (c) {
   case '\n':
     return 'n';
@@ -17,12 +17,20 @@ char sign_of(char c, bool leading) {
     return 'r';
   case '\\':
     return '\\';
-  case ' ':
-    return leading ? 's' : '\0';
-  case '\t':
-    return leading ? 't' : '\0';
   default:
     return '\0';
+  }
+}
+
+// The same for a character of the start, where blanks would be lost.
+char sign_of_first(char c) {
+  switch (c) {
+  case ' ':
+    return 's';
+  case '\t':
+    return 't';
+  default:
+    return sign_of(c);
   }
 }
 
@@ -86,7 +94,7 @@ std::string key_file_raw_text(std::string_view text) {
   bool leading = true;
   for (const char c : text) {
     leading = leading && blanks.find(c) != std::string_view::npos;
-    const char sign = sign_of(c, leading);
+    const char sign = leading ? sign_of_first(c) : sign_of(c);
     if (sign != '\0') {
       raw += '\\';
     }

@@ -17,7 +17,8 @@ GVariant* call_unless_hung(GDBusProxy* proxy, const char* method, GVariant* argu
   GVariant* const reply = g_dbus_proxy_call_sync(proxy, method, arguments, G_DBUS_CALL_FLAGS_NONE,
                                                  default_timeout, nullptr, &failure);
   if (reply == nullptr) {
-    hung_service_call_failed(service, *begun, bus_has_owner(proxy), failure);
+    hung_service_call_failed(
+        service, *begun, bus_has_owner(proxy) ? ServiceName::Owned : ServiceName::Unowned, failure);
     g_propagate_error(error, g_steal_pointer(&failure));
   }
   return reply;

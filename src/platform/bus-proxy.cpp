@@ -67,7 +67,7 @@ void on_made(Making* data, GObject* /*source*/, GAsyncResult* result) {
     return;
   }
   if (making->begun) {
-    hung_service_call_failed(making->name.c_str(), *making->begun, false, error);
+    hung_service_call_failed(making->name.c_str(), *making->begun, ServiceName::Unowned, error);
   }
   none_made(making->made, error);
 }
@@ -87,7 +87,8 @@ void on_properties(Question* data, GObject* source, GAsyncResult* result) {
     return;
   }
   if (error != nullptr) {
-    hung_service_call_failed(g_dbus_proxy_get_name(proxy), question->begun, true, error);
+    hung_service_call_failed(g_dbus_proxy_get_name(proxy), question->begun, ServiceName::Owned,
+                             error);
   }
   keep_properties(proxy, reply);
   question->answered();
@@ -114,7 +115,7 @@ GDBusProxy* new_starting_proxy(const BusService& service, guint64 begun, GError*
   g_autoptr(GError) failure = nullptr;
   GDBusProxy* const proxy = new_proxy(service, G_DBUS_PROXY_FLAGS_NONE, &failure);
   if (proxy == nullptr) {
-    hung_service_call_failed(service.name, begun, false, failure);
+    hung_service_call_failed(service.name, begun, ServiceName::Unowned, failure);
     g_propagate_error(error, g_steal_pointer(&failure));
   }
   return proxy;

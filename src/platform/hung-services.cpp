@@ -84,8 +84,9 @@ GDBusMessage* on_message(GDBusConnection* /*connection*/, GDBusMessage* message,
 
 // A service may answer with a time-out of its own, and has answered then. One that cannot be
 // started lets the bus's time run out at the same moment as ours.
-bool timed_out(const GError* error, bool owned) {
-  if (!owned && g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_TIMED_OUT)) {
+bool timed_out(const GError* error, ServiceName state) {
+  if (state == ServiceName::Unowned
+      && g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_TIMED_OUT)) {
     return true;
   }
   return g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)
@@ -123,10 +124,11 @@ std::optional<guint64> hung_service_begin_call(const char* name) {
   return service.owners;
 }
 
-void hung_service_call_failed(const char* name, guint64 begun, bool owned, const GError* error) {
+void hung_service_call_failed(const char* name, guint64 begun, ServiceName state,
+                              const GError* error) {
   const MutexLock guard(mutex);
   Service& service = service_called(name);
-  if (timed_out(error, owned) && service.owners == begun) {
+  if (timed_out(error, state) && service.owners == begun) {
     leave_alone(name, service);
   }
 }

@@ -22,10 +22,13 @@ void hung_service_follow(GDBusConnection* connection, const char* name);
 /// hung_service_call_failed() wants to know.
 [[nodiscard]] std::optional<guint64> hung_service_begin_call(const char* name);
 
+/// Whether anyone has a service's name, or the bus had to start the service.
+enum class ServiceName { Unowned, Owned };
+
 /// Leaves the service alone from now on, if it let the call time out and its name was not taken
-/// anew since the call began. `owned`: whether anyone has the name, or the bus had to start the
-/// service.
-void hung_service_call_failed(const char* name, guint64 begun, bool owned, const GError* error);
+/// anew since the call began.
+void hung_service_call_failed(const char* name, guint64 begun, ServiceName state,
+                              const GError* error);
 
 /// Whether the service is left alone at the moment.
 [[nodiscard]] bool hung_service_is_left_alone(const char* name);

@@ -54,15 +54,20 @@ bool is_active_low(guint64 flags) {
   return (flags & GPIO_V2_LINE_FLAG_ACTIVE_LOW) != 0;
 }
 
+// What a level of the wire means, and the other way round.
+PinLevel turned(PinLevel level, guint64 flags) {
+  return (level == PinLevel::High) != is_active_low(flags) ? PinLevel::High : PinLevel::Low;
+}
+
 // An output is told its level together with all else, as it reads by its active-low setting.
-gpio_v2_line_config line_config(guint64 flags, bool raw_level) {
+gpio_v2_line_config line_config(guint64 flags, PinLevel raw_level) {
   gpio_v2_line_config config{};
   config.flags = flags;
   if (is_output(flags)) {
     config.num_attrs = 1;
     config.attrs[0].mask = 1;
     config.attrs[0].attr.id = GPIO_V2_LINE_ATTR_ID_OUTPUT_VALUES;
-    config.attrs[0].attr.values = raw_level != is_active_low(flags) ? 1 : 0;
+    config.attrs[0].attr.values = turned(raw_level, flags) == PinLevel::High ? 1 : 0;
   }
   return config;
 }
@@ -77,10 +82,10 @@ public:
   void close_value() override { request_.reset(); }
   [[nodiscard]] int fd() const override { return request_.get(); }
   int value() override;
-  int set_value(bool value) override;
+  int set_value(PinLevel value) override;
   int direction() override { return is_output(flags_) ? 1 : 0; }
-  int make_output(bool raw_level) override;
-  int set_active_low(bool active_low) override;
+  int make_output(PinLevel raw_level) override;
+  int set_polarity(PinPolarity polarity) override;
   // A chip that is gone is told as an error and a hang-up.
   [[nodiscard]] GIOCondition edge_condition(GIOCondition /*of_value_file*/) const override {
     return flags(G_IO_IN, G_IO_ERR, G_IO_HUP);
@@ -89,13 +94,13 @@ public:
 
 private:
   [[nodiscard]] bool look_how_it_stands(int chip, guint32 offset);
-  int configure(guint64 flags, bool raw_level);
+  int configure(guint64 flags, PinLevel raw_level);
 
   UniqueFd request_;
   /// As the kernel has them; nobody else can change them while the request lasts.
   guint64 flags_ = 0;
   /// What an output was driven to last, on the wire.
-  bool raw_level_ = false;
+  PinLevel raw_level_ = PinLevel::Low;
 };
 
 bool LinePin::request(const GpioLine& line, unsigned int flags) {
@@ -105,7 +110,7 @@ bool LinePin::request(const GpioLine& line, unsigned int flags) {
   wish.offsets[0] = line.offset;
   g_strlcpy(wish.consumer, consumer, sizeof wish.consumer);
   flags_ = line_flags(flags);
-  raw_level_ = (flags & UGPIOF_INIT_HIGH) != 0;
+  raw_level_ = (flags & UGPIOF_INIT_HIGH) != 0 ? PinLevel::High : PinLevel::Low;
   wish.config = line_config(flags_, raw_level_);
   if (!chip || ioctl(chip.get(), GPIO_V2_GET_LINE_IOCTL, &wish) != 0) {
     return false;
@@ -127,11 +132,11 @@ bool LinePin::look_how_it_stands(int chip, guint32 offset) {
   }
   flags_ = info.flags & (GPIO_V2_LINE_FLAG_INPUT | GPIO_V2_LINE_FLAG_OUTPUT);
   const int level = is_output(flags_) ? value() : 0;
-  raw_level_ = level == 1;
+  raw_level_ = level == 1 ? PinLevel::High : PinLevel::Low;
   return level != -1;
 }
 
-int LinePin::configure(guint64 flags, bool raw_level) {
+int LinePin::configure(guint64 flags, PinLevel raw_level) {
   auto config = line_config(flags, raw_level);
   if (ioctl(request_.get(), GPIO_V2_LINE_SET_CONFIG_IOCTL, &config) != 0) {
     return -1;
@@ -149,23 +154,23 @@ int LinePin::value() {
   return (values.bits & 1) != 0 ? 1 : 0;
 }
 
-int LinePin::set_value(bool value) {
-  gpio_v2_line_values values{.bits = value ? 1U : 0U, .mask = 1};
+int LinePin::set_value(PinLevel value) {
+  gpio_v2_line_values values{.bits = value == PinLevel::High ? 1U : 0U, .mask = 1};
   if (ioctl(request_.get(), GPIO_V2_LINE_SET_VALUES_IOCTL, &values) != 0) {
     return -1;
   }
-  raw_level_ = value != is_active_low(flags_);
+  raw_level_ = turned(value, flags_);
   return 0;
 }
 
-int LinePin::make_output(bool raw_level) {
+int LinePin::make_output(PinLevel raw_level) {
   return configure(GPIO_V2_LINE_FLAG_OUTPUT | (flags_ & GPIO_V2_LINE_FLAG_ACTIVE_LOW), raw_level);
 }
 
 // The wire keeps its level: only what it means changes.
-int LinePin::set_active_low(bool active_low) {
-  const guint64 others = flags_ & ~guint64{GPIO_V2_LINE_FLAG_ACTIVE_LOW};
-  return configure(others | (active_low ? guint64{GPIO_V2_LINE_FLAG_ACTIVE_LOW} : 0), raw_level_);
+int LinePin::set_polarity(PinPolarity polarity) {
+  constexpr guint64 flag = GPIO_V2_LINE_FLAG_ACTIVE_LOW;
+  return configure(polarity == PinPolarity::ActiveLow ? flags_ | flag : flags_ & ~flag, raw_level_);
 }
 
 // One call takes all that the queue can hold. What was too much for it is not missed: the level is

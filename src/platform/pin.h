@@ -7,6 +7,11 @@
 
 #include <memory>
 
+/// What a wire carries, or what that means.
+enum class PinLevel { Low, High };
+/// Which of them means 1.
+enum class PinPolarity { ActiveHigh, ActiveLow };
+
 /// A pin that was taken; given back when it goes. Functions that can fail return -1, with errno
 /// set.
 struct ugpio {
@@ -22,11 +27,11 @@ struct ugpio {
   [[nodiscard]] virtual int fd() const = 0;
 
   virtual int value() = 0;
-  virtual int set_value(bool value) = 0;
+  virtual int set_value(PinLevel value) = 0;
   /// 1: output, 0: input.
   virtual int direction() = 0;
-  virtual int make_output(bool raw_level) = 0;
-  virtual int set_active_low(bool active_low) = 0;
+  virtual int make_output(PinLevel raw_level) = 0;
+  virtual int set_polarity(PinPolarity polarity) = 0;
 
   /// See platform/ugpio-extras.h.
   [[nodiscard]] virtual GIOCondition edge_condition(GIOCondition of_value_file) const = 0;

@@ -111,10 +111,10 @@ public:
   void close_value() override;
   [[nodiscard]] int fd() const override { return value_.get(); }
   int value() override;
-  int set_value(bool value) override;
+  int set_value(PinLevel value) override;
   int direction() override;
-  int make_output(bool raw_level) override;
-  int set_active_low(bool active_low) override;
+  int make_output(PinLevel raw_level) override;
+  int set_polarity(PinPolarity polarity) override;
   [[nodiscard]] GIOCondition edge_condition(GIOCondition of_value_file) const override {
     return of_value_file;
   }
@@ -202,8 +202,8 @@ int SysfsPin::value() {
   }
 }
 
-int SysfsPin::set_value(bool value) {
-  return pwrite(value_.get(), value ? "1" : "0", 1, 0) == 1 ? 0 : -1;
+int SysfsPin::set_value(PinLevel value) {
+  return pwrite(value_.get(), value == PinLevel::High ? "1" : "0", 1, 0) == 1 ? 0 : -1;
 }
 
 int SysfsPin::direction() {
@@ -218,12 +218,13 @@ int SysfsPin::direction() {
   }
 }
 
-int SysfsPin::make_output(bool raw_level) {
-  return write_text(folder_ + "/direction", raw_level ? "high" : "low") ? 0 : -1;
+int SysfsPin::make_output(PinLevel raw_level) {
+  return write_text(folder_ + "/direction", raw_level == PinLevel::High ? "high" : "low") ? 0 : -1;
 }
 
-int SysfsPin::set_active_low(bool active_low) {
-  return write_text(folder_ + "/active_low", active_low ? "1" : "0") ? 0 : -1;
+int SysfsPin::set_polarity(PinPolarity polarity) {
+  const char* const active_low = polarity == PinPolarity::ActiveLow ? "1" : "0";
+  return write_text(folder_ + "/active_low", active_low) ? 0 : -1;
 }
 
 using SysfsPinPtr = std::unique_ptr<SysfsPin>;

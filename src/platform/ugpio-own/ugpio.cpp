@@ -6,6 +6,14 @@
 
 #include <cerrno>
 
+namespace {
+
+PinLevel pin_level(int value) {
+  return value != 0 ? PinLevel::High : PinLevel::Low;
+}
+
+} // namespace
+
 ugpio_t* ugpio_request(unsigned int number, const char* label) {
   return ugpio_request_one(number, UGPIOF_DIR_UNKNOWN, label);
 }
@@ -57,7 +65,7 @@ int ugpio_set_value(ugpio_t* pin, int value) {
     errno = EBADF;
     return -1;
   }
-  return pin->set_value(value != 0);
+  return pin->set_value(pin_level(value));
 }
 
 int ugpio_get_direction(ugpio_t* pin) {
@@ -65,11 +73,11 @@ int ugpio_get_direction(ugpio_t* pin) {
 }
 
 int ugpio_direction_output(ugpio_t* pin, int value) {
-  return pin->make_output(value != 0);
+  return pin->make_output(pin_level(value));
 }
 
 int ugpio_set_activelow(ugpio_t* pin, int active_low) {
-  return pin->set_active_low(active_low != 0);
+  return pin->set_polarity(active_low != 0 ? PinPolarity::ActiveLow : PinPolarity::ActiveHigh);
 }
 
 GIOCondition ugpio_edge_condition(const ugpio_t* pin, GIOCondition of_value_file) {
