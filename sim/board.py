@@ -22,6 +22,8 @@ import termios
 import threading
 from xml.etree import ElementTree
 
+from sim.endings import undisturbed
+
 INPUTS = "/sys/devices/inputs"
 PINS = "/sys/class/gpio"
 IIO = "/sys/bus/iio/devices"
@@ -374,7 +376,9 @@ class Board:
                 furnish_one(self, device, port)
         for converter in self._converters:
             converter.sample()
-        Sampling(device, self._converters).start()
+        # Whoever ends the device waits for the thread, so it has to have begun by then.
+        with undisturbed():
+            Sampling(device, self._converters).start()
 
     def box_lines(self):
         """The ports that an IO box has, by their numbers as it knows them, and its model."""
