@@ -89,8 +89,8 @@ PICTURES = {
 def svg(lines, columns, title):
     """Lines with terminal colours as a picture; fonts are those of whoever looks at it."""
     console = Console(
-        record=True, width=columns, file=io.StringIO(), force_terminal=True, legacy_windows=False,
-        color_system="truecolor",
+        record=True, width=columns, height=len(lines), file=io.StringIO(), force_terminal=True,
+        legacy_windows=False, color_system="truecolor",
     )  # fmt: skip
     # All at once, for colours last from one line to the next.
     console.print(Text.from_ansi("\n".join(lines)), no_wrap=True, overflow="crop", soft_wrap=True)

@@ -14,6 +14,7 @@ user's identity, and the change fails as it does for any ordinary user.
 import contextlib
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 
@@ -92,7 +93,9 @@ class Sandbox:
         are to lie beside the binary keep their names.
         """
         programs = {BINARY: binary, **{f"{PROGRAMS}/{other.name}": other for other in beside}}
-        binds = (("--ro-bind", str(program), inside) for inside, program in programs.items())
+        binds = (
+            ("--ro-bind", str(self._reachable(program)), inside) for inside, program in programs.items()
+        )
         bwrap = self._bwrap([word for bind in binds for word in bind])
         if info_fd is not None:
             bwrap += ["--info-fd", str(info_fd)]
@@ -109,6 +112,15 @@ class Sandbox:
         inherited = "--inh-caps=" + ",".join(["-all", *(f"+{name}" for name in self.inheritable)])
         plain_root = ["setpriv", "--ambient-caps=-all", inherited, *bounds]
         return [*bwrap, "--cap-add", "ALL", "--", *plain_root, *argv]
+
+    def _reachable(self, program):
+        """The program, or a copy of it: the user may not get into the folder where it was built."""
+        if self.user is None:
+            return program
+        copy = self.path(f"{PROGRAMS}/{program.name}")
+        copy.parent.mkdir(exist_ok=True)
+        shutil.copy2(program, copy)
+        return copy
 
     def bus_command(self, argv):
         """The command line that runs a message bus inside, as the caller.

@@ -3,6 +3,7 @@
 import contextlib
 import os
 import pathlib
+import shutil
 
 import pytest
 from client import Client
@@ -68,9 +69,13 @@ def device(make_device):
 
 
 @pytest.fixture
-def ordinary_device(make_device):
-    """A device whose daemon starts as an ordinary user."""
-    return make_device(user=ORDINARY_UID if os.getuid() == 0 else None)
+def ordinary_device(make_device, binary, tmp_path):
+    """A device whose daemon starts as an ordinary user, wherever it was built."""
+    if os.getuid() != 0:
+        return make_device()
+    closed = tmp_path / "closed"
+    closed.mkdir(mode=0o700)
+    return make_device(user=ORDINARY_UID, binary=pathlib.Path(shutil.copy2(binary, closed)))
 
 
 @pytest.fixture

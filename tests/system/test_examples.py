@@ -77,7 +77,7 @@ def test_a_script(device, binary, script):
 
 def test_the_client_in_node(device, binary, tmp_path):
     folder = shutil.copytree(EXAMPLES / "node", tmp_path / "node", ignore=shutil.ignore_patterns("node_modules"))
-    subprocess.run(["npm", "ci", "--prefer-offline"], cwd=folder, check=True, capture_output=True, timeout=600)
+    subprocess.run(["npm", "ci", "--prefer-offline"], cwd=folder, check=True, timeout=600)
     assert_said(run(device, binary, folder / "ports.js"), WORDS)
 
 

@@ -1,6 +1,7 @@
 """The pictures of the documentation: well-formed, and what the simulated device shows now."""
 
 import json
+import os
 import re
 import subprocess
 import sys
@@ -22,7 +23,7 @@ NAMES = ("live-view.svg", "shell.svg", "scenario.cast")
 def test_a_picture_shows_what_is_seen_now(binary, tmp_path):
     subprocess.run(
         [sys.executable, TOP / "scripts/pictures.py", "--binary", binary, "--into", tmp_path],
-        check=True, timeout=100,
+        check=True, timeout=100, env={**os.environ, "TERM": "dumb"},  # as where nobody looks
     )  # fmt: skip
     for name in NAMES:
         kept, now = ((folder / name).read_text() for folder in (KEPT, tmp_path))
