@@ -13,7 +13,7 @@ TOOLS = ("bash", "cat", "dirname", "env", "grep", "id", "sed")
 SCRIPTS = sorted(
     path.name
     for path in (TOP / "scripts").iterdir()
-    if path.suffix == "" and path.read_text().startswith("#!/usr/bin/env bash")
+    if path.is_file() and path.suffix == "" and path.read_text().startswith("#!/usr/bin/env bash")
 )
 
 
