@@ -4,8 +4,10 @@
 
 #include <glib.h>
 #include <grp.h>
+#include <linux/capability.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -45,6 +47,18 @@ bool enter_mount_namespace() {
   return true;
 }
 
+bool become_nobody() {
+  return setgroups(0, nullptr) == 0 && setresgid(nobody, nobody, nobody) == 0
+         && setresuid(nobody, nobody, nobody) == 0;
+}
+
+// What is left to the root of a user namespace that has no other user.
+bool lose_privileges() {
+  __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+  const std::array<__user_cap_data_struct, 2> none{};
+  return syscall(SYS_capset, &header, none.data()) == 0;
+}
+
 } // namespace
 
 std::string in_child(const std::function<std::string()>& body) {
@@ -67,9 +81,7 @@ std::string in_child(const std::function<std::string()>& body) {
 
 std::string as_ordinary_user(const std::function<std::string()>& body) {
   return in_child([&]() -> std::string {
-    if (geteuid() == 0
-        && (setgroups(0, nullptr) != 0 || setresgid(nobody, nobody, nobody) != 0
-            || setresuid(nobody, nobody, nobody) != 0)) {
+    if (geteuid() == 0 && !become_nobody() && !lose_privileges()) {
       return "(could not become an ordinary user)";
     }
     return body();
