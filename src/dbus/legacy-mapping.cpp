@@ -13,62 +13,14 @@
 
 namespace {
 
-using Attributes = std::initializer_list<std::pair<const char*, std::string_view>>;
+constexpr std::string_view xml_head = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
 
-// Stands in XML for itself.
-bool is_plain(char c) {
-  return c >= ' ' && c <= '~' && c != '&' && c != '<' && c != '>' && c != '"' && c != '\'';
+// Everything that goes into these texts stands for itself in XML: our own names, and numbers.
+void append(std::string& text, std::initializer_list<std::string_view> pieces) {
+  for (const auto piece : pieces) {
+    text += piece;
+  }
 }
-
-// Builds indented XML, one element a line, two blanks a level; values are escaped.
-class XmlWriter {
-public:
-  void open(const char* element, Attributes attributes = {}) {
-    start(element, attributes);
-    text_ += ">\n";
-    level_++;
-  }
-
-  void close(const char* element) {
-    level_--;
-    indent();
-    text_.append("</").append(element).append(">\n");
-  }
-
-  void leaf(const char* element, Attributes attributes) {
-    start(element, attributes);
-    text_ += "/>\n";
-  }
-
-  [[nodiscard]] std::string text() && { return std::move(text_); }
-
-private:
-  void indent() { text_.append(level_ * 2, ' '); }
-
-  void start(const char* element, Attributes attributes) {
-    indent();
-    text_.append("<").append(element);
-    for (const auto& [name, value] : attributes) {
-      text_.append(" ").append(name).append("=\"");
-      append_escaped(value);
-      text_ += '"';
-    }
-  }
-
-  // Nearly all values are plain, and the library would copy each of them.
-  void append_escaped(std::string_view value) {
-    if (std::ranges::all_of(value, is_plain)) {
-      text_.append(value);
-      return;
-    }
-    g_autofree gchar* escaped =
-        g_markup_escape_text(value.data(), static_cast<gssize>(value.size()));
-    text_ += escaped;
-  }
-
-  std::string text_ = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
-  gsize level_ = 0;
-};
 
 // When a parameter is marked read-only.
 enum class ReadOnly {
@@ -80,15 +32,15 @@ enum class ReadOnly {
 };
 
 struct Option {
-  const char* name;
-  const char* value;
+  std::string_view name;
+  std::string_view value;
 };
 
 struct Parameter {
-  const char* name;
-  const char* type;
-  const char* legacy_type;
-  const char* access;
+  std::string_view name;
+  std::string_view type;
+  std::string_view legacy_type;
+  std::string_view access;
   ReadOnly read_only = ReadOnly::Never;
   const char* read_only_property = nullptr;
   std::span<const Option> more_options = {};
@@ -96,19 +48,19 @@ struct Parameter {
 
 struct GroupKind {
   /// Follows "root.IOPort.I<number>".
-  const char* suffix;
-  const char* interface_name;
+  std::string_view suffix;
+  std::string_view interface_name;
   /// Whether a port has such a group; nullptr: every port has.
   bool (*applies)(const IoPort* port);
   std::span<const Parameter> parameters;
 };
 
 struct FixedGroup {
-  const char* name;
-  const char* parameter;
+  std::string_view name;
+  std::string_view parameter;
 };
 
-constexpr const char* user_access = "admin:3;operator:1";
+constexpr std::string_view user_access = "admin:3;operator:1";
 
 constexpr std::array fixed_groups{
     FixedGroup{"root.Input", "NbrOfInputs"},
@@ -171,18 +123,17 @@ void for_each_ioport(Use use) {
 }
 
 // All three interfaces are listed whatever the port's kind.
-void write_object(XmlWriter& xml, const std::string& path) {
-  xml.open("object", {{"name", path}});
-  xml.open("interfaces");
-  for (const char* interface_name :
+void write_object(std::string& text, const std::string& path) {
+  append(text, {"    <object name=\"", path, "\">\n      <interfaces>\n"});
+  for (const std::string_view interface_name :
        {legacy_ioport_interface, legacy_input_interface, legacy_output_interface}) {
-    xml.leaf("interface", {{"name", interface_name}, {"emitspropertieschanged", "true"}});
+    append(text, {"        <interface name=\"", interface_name,
+                  "\" emitspropertieschanged=\"true\"/>\n"});
   }
-  xml.close("interfaces");
-  xml.close("object");
+  text += "      </interfaces>\n    </object>\n";
 }
 
-std::string read_only_prefix(IoPort* port, const Parameter& parameter) {
+std::string_view read_only_prefix(IoPort* port, const Parameter& parameter) {
   bool read_only = false;
   switch (parameter.read_only) {
   case ReadOnly::Never:
@@ -198,86 +149,75 @@ std::string read_only_prefix(IoPort* port, const Parameter& parameter) {
   return read_only ? "readonly:" : "";
 }
 
-void write_type(XmlWriter& xml, const char* type) {
-  if (g_str_equal(type, "bool")) {
-    xml.leaf("type", {{"type", type}, {"truevalue", "yes"}, {"falsevalue", "no"}});
-  } else {
-    xml.leaf("type", {{"type", type}});
-  }
+void write_option(std::string& text, std::string_view name, std::string_view prefix,
+                  std::string_view value) {
+  append(text, {"        <legacyoption name=\"", name, "\" value=\"", prefix, value, "\"/>\n"});
 }
 
-void write_option(XmlWriter& xml, const char* name, std::string_view value) {
-  xml.leaf("legacyoption", {{"name", name}, {"value", value}});
-}
-
-void write_parameter(XmlWriter& xml, const char* name, const Parameter& parameter,
-                     const char* interface_name, const std::string& object,
-                     const std::string& prefix) {
-  xml.open("parameter", {{"name", name}});
-  xml.open("property", {{"dbus", legacy_ioport_interface},
-                        {"object", object},
-                        {"interface", interface_name},
-                        {"name", name}});
-  write_type(xml, parameter.type);
-  xml.close("property");
-  xml.open("legacyoptions");
-  write_option(xml, "type", prefix + parameter.legacy_type);
-  write_option(xml, "accessControl", parameter.access);
+void write_parameter(std::string& text, std::string_view name, const Parameter& parameter,
+                     std::string_view interface_name, std::string_view object,
+                     std::string_view prefix) {
+  append(text, {"    <parameter name=\"", name, "\">\n      <property dbus=\"",
+                legacy_ioport_interface, "\" object=\"", object, "\" interface=\"", interface_name,
+                "\" name=\"", name, "\">\n        <type type=\"", parameter.type,
+                parameter.type == "bool" ? "\" truevalue=\"yes\" falsevalue=\"no" : "",
+                "\"/>\n      </property>\n      <legacyoptions>\n"});
+  write_option(text, "type", prefix, parameter.legacy_type);
+  write_option(text, "accessControl", "", parameter.access);
   for (const auto& option : parameter.more_options) {
-    write_option(xml, option.name, option.value);
+    write_option(text, option.name, "", option.value);
   }
-  xml.close("legacyoptions");
-  xml.close("parameter");
+  text += "      </legacyoptions>\n    </parameter>\n";
 }
 
-void write_fixed_groups(XmlWriter& xml) {
+void write_fixed_groups(std::string& text) {
   for (const auto& group : fixed_groups) {
-    xml.open("group", {{"name", group.name}});
-    write_parameter(xml, group.parameter, fixed_parameter.front(), legacy_ioport_interface,
+    append(text, {"  <group name=\"", group.name, "\">\n"});
+    write_parameter(text, group.parameter, fixed_parameter.front(), legacy_ioport_interface,
                     legacy_port_0_path, "");
-    xml.close("group");
+    text += "  </group>\n";
   }
 }
 
-void write_port_group(XmlWriter& xml, const GroupKind& kind, IoPort* port) {
-  xml.open("group", {{"name", "root.IOPort.I" + std::to_string(port->number) + kind.suffix}});
+void write_port_group(std::string& text, const GroupKind& kind, IoPort* port) {
+  const std::string object = object_path(port);
+  append(text,
+         {"  <group name=\"root.IOPort.I", std::to_string(port->number), kind.suffix, "\">\n"});
   for (const auto& parameter : kind.parameters) {
-    write_parameter(xml, parameter.name, parameter, kind.interface_name, object_path(port),
+    write_parameter(text, parameter.name, parameter, kind.interface_name, object,
                     read_only_prefix(port, parameter));
   }
-  xml.close("group");
+  text += "  </group>\n";
 }
 
 } // namespace
 
 std::string legacy_registry_text() {
-  XmlWriter xml;
-  xml.open("service", {{"name", legacy_ioport_interface}});
-  xml.open("objects");
+  std::string text(xml_head);
+  append(text, {"<service name=\"", legacy_ioport_interface, "\">\n  <objects>\n"});
   bool any = false;
   for_each_ioport([&](const IoPort* port) {
-    write_object(xml, object_path(port));
+    write_object(text, object_path(port));
     any = true;
   });
   if (!any) {
-    write_object(xml, legacy_port_0_path);
+    write_object(text, legacy_port_0_path);
   }
-  xml.close("objects");
-  xml.close("service");
-  return std::move(xml).text();
+  text += "  </objects>\n</service>\n";
+  return text;
 }
 
 std::string legacy_mapping_text() {
-  XmlWriter xml;
-  xml.open("mapping");
-  write_fixed_groups(xml);
+  std::string text(xml_head);
+  text += "<mapping>\n";
+  write_fixed_groups(text);
   for (const auto& kind : group_kinds) {
     for_each_ioport([&](IoPort* port) {
       if (kind.applies == nullptr || kind.applies(port)) {
-        write_port_group(xml, kind, port);
+        write_port_group(text, kind, port);
       }
     });
   }
-  xml.close("mapping");
-  return std::move(xml).text();
+  text += "</mapping>\n";
+  return text;
 }
