@@ -107,6 +107,7 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC
     <allow receive_type="signal"/>
   </policy>
   <limit name="max_replies_per_connection">10000</limit>
+  <limit name="max_connections_per_user">2000</limit>
 </busconfig>
 """
 

@@ -256,7 +256,7 @@ def test_the_end_of_the_bus_ends_the_daemon_in_order_and_with_a_failure(device, 
     told = [line for line in device.log[before:] if not line.startswith("MESSAGE: ")]
     assert len(told) == 1, told
     assert re.match(LOST, told[0])
-    assert device.stderr == ""
+    assert device.complaints == ""
     # The end of an orderly shutdown: the ports are freed and their events withdrawn.
     assert any("undeclare" in line for line in device.log[before:]), device.log[before:]
 
@@ -278,7 +278,7 @@ def test_the_end_of_the_bus_amid_the_start_ends_the_daemon_in_order(device, argv
     os.kill(pid, signal.SIGCONT)
     device.wait_exit(status=1)
     assert device.log_count(LOST) == 1
-    assert device.stderr == ""
+    assert device.complaints == ""
 
 
 def test_the_end_of_the_bus_amid_a_refresh_ends_the_daemon_in_order(device):
@@ -301,7 +301,7 @@ def test_the_end_of_the_bus_amid_a_refresh_ends_the_daemon_in_order(device):
     device.end_bus()
     device.wait_exit(status=1)
     assert device.log_count(LOST) == 1
-    assert device.stderr == ""
+    assert device.complaints == ""
 
 
 def test_sigterm_beside_the_end_of_the_bus_is_told_as_what_it_is(device):
