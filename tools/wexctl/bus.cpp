@@ -28,6 +28,11 @@ Owned<Proxy> service(Proxy* (*create)(GDBusConnection*, GDBusProxyFlags, const g
   return proxy;
 }
 
+bool has_owner(gpointer proxy) {
+  g_autofree gchar* owner = g_dbus_proxy_get_name_owner(G_DBUS_PROXY(proxy));
+  return owner != nullptr;
+}
+
 // A daemon has its objects for a shorter time than its names.
 bool lacks_its_objects(const GError* error) {
   return g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD)
@@ -201,8 +206,11 @@ Daemon::Daemon() {
 }
 
 bool Daemon::present() const {
-  g_autofree gchar* owner = g_dbus_proxy_get_name_owner(G_DBUS_PROXY(state()));
-  return owner != nullptr;
+  return has_owner(state());
+}
+
+bool Daemon::supervises() const {
+  return has_owner(supervised());
 }
 
 std::vector<PortInfo> Daemon::ports() const {

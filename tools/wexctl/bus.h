@@ -93,6 +93,8 @@ public:
 
   /// Whether somebody serves the ports, as far as the bus has told.
   [[nodiscard]] bool present() const;
+  /// Whether its supervision is served as well; its names come and go one by one.
+  [[nodiscard]] bool supervises() const;
 
   /// Every port in service, by number.
   [[nodiscard]] std::vector<PortInfo> ports() const;

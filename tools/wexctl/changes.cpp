@@ -46,15 +46,21 @@ Changes::~Changes() {
   g_dbus_connection_signal_unsubscribe(daemon_.connection(), settings_);
 }
 
-// A daemon that is not there has no ports to name; its return will tell them.
+// A daemon that is not there, or not whole, has no ports to name; its return will tell them. It is
+// not called: the bus library loses the arguments of calls to names that nobody owns.
 void Changes::learn() {
   names_.clear();
+  if (!daemon_.present()) {
+    return;
+  }
   try {
     for (const auto& port : daemon_.ports()) {
       names_[port.number] = port.name;
     }
-    const auto numbers = supervisable_numbers(daemon_);
-    supervisable_ = {numbers.begin(), numbers.end()};
+    if (daemon_.supervises()) {
+      const auto numbers = supervisable_numbers(daemon_);
+      supervisable_ = {numbers.begin(), numbers.end()};
+    }
   } catch (const CommandError&) {
     return;
   }
