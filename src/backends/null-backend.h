@@ -1,6 +1,4 @@
 // Hardware: none. Kernel interface: none. Limits: always reads low.
-//
-// The smallest complete backend: the one to copy for a new kind of hardware.
 #pragma once
 
 #include "description/vocabulary.h"
@@ -11,5 +9,5 @@ struct PortFunctions;
 inline constexpr BackendVocabulary null_vocabulary{
     .name = "null", .meaning = "A port that does nothing and reads low."};
 
-/// The operation table of ports of kind "null", which need no record.
+/// The operation table of ports of kind "null", which need no instance.
 [[nodiscard]] const PortFunctions* null_setup_functions(IoPort* port = nullptr);
