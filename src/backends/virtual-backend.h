@@ -10,5 +10,5 @@ struct PortFunctions;
 inline constexpr BackendVocabulary virtual_vocabulary{
     .name = "virtual", .meaning = "A port without a line; its state is kept in memory."};
 
-/// The operation table of ports of kind "virtual"; gives the port a state if it has none.
+/// The operation table of ports of kind "virtual"; gives the port an instance if it has none.
 [[nodiscard]] const PortFunctions* virtual_setup_functions(IoPort* port);
