@@ -1,5 +1,7 @@
 // Hardware: none; the state lives in memory. Kernel interface: none.
 // Limits: none. Made for trying out descriptions and for tests.
+//
+// Small, but with a state and a vocabulary: the one to copy for a new kind of hardware.
 #pragma once
 
 #include "description/vocabulary.h"
@@ -16,5 +18,5 @@ inline constexpr BackendVocabulary check_vocabulary{
     .attributes = check_attributes,
     .takes_all = true};
 
-/// The operation table of ports of kind "check"; gives the port a record if it has none.
+/// The operation table of ports of kind "check"; gives the port an instance if it has none.
 [[nodiscard]] const PortFunctions* check_setup_functions(IoPort* port);
