@@ -43,5 +43,5 @@ inline constexpr BackendVocabulary spiadc_vocabulary{
     .only_inputs = true,
     .is_polled = true};
 
-/// The operation table of ports of kind "spiadc"; gives the port a record if it has none.
+/// The operation table of ports of kind "spiadc"; gives the port an instance if it has none.
 [[nodiscard]] const PortFunctions* spiadc_setup_functions(IoPort* port);

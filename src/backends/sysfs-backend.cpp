@@ -1,8 +1,7 @@
 #include "backends/sysfs-backend.h"
 
-#include "backends/backend-data.h"
 #include "backends/description-keys.h"
-#include "backends/empty-slots.h"
+#include "backends/hardware.h"
 #include "backends/input-poll.h"
 #include "platform/handles.h"
 #include "platform/log.h"
@@ -11,108 +10,106 @@
 #include <fcntl.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <utility>
 
 namespace {
 
-struct SysfsPortData {
-  OptionalText path;
-  UniqueFd fd;
-  bool value = false;
-  bool clear_flag = false;
-  bool inverted = false;
-  InputPoll poll;
+constexpr gsize max_text = 63;
 
-  bool refresh();
-  bool look();
+enum class Flag { Clear, Leave };
+
+class SysfsPort final : public InputPoll {
+public:
+  using InputPoll::InputPoll;
+
+  bool setup(Level start);
+  [[nodiscard]] Level get_state() const { return level_of(value_); }
+  void parse_data(const char* element, const char* key, const char* value);
+
+private:
+  bool refresh() override { return take_value(Flag::Clear); }
+  bool look() override { return take_value(Flag::Leave); }
+  bool take_value(Flag flag);
+  [[nodiscard]] bool read_value(Flag flag) const;
+  [[nodiscard]] gint parse_number(const char* text) const;
+  void clear_latched_flag() const;
+  void rewind_file() const { lseek(fd_.get(), 0, SEEK_SET); }
+
+  OptionalText path_;
+  UniqueFd fd_;
+  bool value_ = false;
+  bool clear_flag_ = false;
+  bool inverted_ = false;
 };
 
-constexpr std::array device_keys{
-    DescriptionKey<SysfsPortData>{"path", take_text<&SysfsPortData::path>},
-    DescriptionKey<SysfsPortData>{"timeout", take_interval<SysfsPortData>},
-    DescriptionKey<SysfsPortData>{"clear_flag", take_switch<&SysfsPortData::clear_flag>},
-    DescriptionKey<SysfsPortData>{"inverted", take_switch<&SysfsPortData::inverted>},
-};
-static_assert(same_keys(sysfs_device_attributes, device_keys));
-
-void sysfs_port_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
-  auto* data = backend_data_ensure<SysfsPortData>(port);
+void SysfsPort::parse_data(const char* element, const char* key, const char* value) {
+  static constexpr std::array device_keys{
+      DescriptionKey<SysfsPort>{"path", take_text<&SysfsPort::path_>},
+      DescriptionKey<SysfsPort>{"timeout", take_number<&SysfsPort::interval_ms_, 0>},
+      DescriptionKey<SysfsPort>{"clear_flag", take_switch<&SysfsPort::clear_flag_>},
+      DescriptionKey<SysfsPort>{"inverted", take_switch<&SysfsPort::inverted_>},
+  };
+  static_assert(same_keys(sysfs_device_attributes, device_keys));
   if (!g_str_equal(element, "device")) {
     g_warning("%sCould not parse backend data!\n", log_prefix);
     return;
   }
-  take_described(device_keys, *data, key, value);
+  take_described(device_keys, *this, key, value);
 }
 
-constexpr gsize max_text = 63;
-
-void rewind_file(const SysfsPortData* data) {
-  lseek(data->fd.get(), 0, SEEK_SET);
-}
-
-void clear_latched_flag(const SysfsPortData* data) {
-  if (write(data->fd.get(), "0", 1) != 1) {
+void SysfsPort::clear_latched_flag() const {
+  if (write(fd_.get(), "0", 1) != 1) {
     g_warning("%sSysfs write failed: %s", log_prefix, g_strerror(errno));
   }
-  rewind_file(data);
+  rewind_file();
 }
 
-gint parse_number(const SysfsPortData* data, const char* text) {
+gint SysfsPort::parse_number(const char* text) const {
   errno = 0;
   const auto number = number_of<gint>(text);
   if (errno != 0) {
     g_warning("%sUnexpected format when parsing input when reading: %s! : %s", log_prefix,
-              c_str_or_null(data->path), g_strerror(errno));
+              c_str_or_null(path_), g_strerror(errno));
   }
   return number;
 }
 
-enum class Flag { Clear, Leave };
-
-bool read_value(const SysfsPortData* data, Flag flag) {
-  if (!data->fd) {
-    return data->inverted;
+bool SysfsPort::read_value(Flag flag) const {
+  if (!fd_) {
+    return inverted_;
   }
   std::array<char, max_text + 1> text{};
-  if (read(data->fd.get(), text.data(), max_text) < 0) {
+  if (read(fd_.get(), text.data(), max_text) < 0) {
     // What could not be read is inactive, whatever the inversion.
-    g_warning("%sError failed to read %s! : %s", log_prefix, c_str_or_null(data->path),
+    g_warning("%sError failed to read %s! : %s", log_prefix, c_str_or_null(path_),
               g_strerror(errno));
     return false;
   }
-  rewind_file(data);
+  rewind_file();
 
-  const gint number = parse_number(data, text.data());
+  const gint number = parse_number(text.data());
   if (number == 1) {
-    if (data->clear_flag && flag == Flag::Clear) {
-      clear_latched_flag(data);
+    if (clear_flag_ && flag == Flag::Clear) {
+      clear_latched_flag();
     }
   } else if (number != 0) {
-    g_warning("%sUnexpected value: %d when reading: %s", log_prefix, number,
-              c_str_or_null(data->path));
+    g_warning("%sUnexpected value: %d when reading: %s", log_prefix, number, c_str_or_null(path_));
   }
-  return (number == 1) != data->inverted;
+  return (number == 1) != inverted_;
 }
 
-bool SysfsPortData::refresh() {
-  const bool before = std::exchange(value, read_value(this, Flag::Clear));
-  return value != before;
+bool SysfsPort::take_value(Flag flag) {
+  const bool before = std::exchange(value_, read_value(flag));
+  return value_ != before;
 }
 
-bool SysfsPortData::look() {
-  const bool before = std::exchange(value, read_value(this, Flag::Leave));
-  return value != before;
-}
-
-bool sysfs_port_setup(IoPort* port, Level /*start*/) {
-  auto* data = backend_data<SysfsPortData>(port);
-  g_assert(data != NULL);
+bool SysfsPort::setup(Level /*start*/) {
+  const IoPort* const port = &port_;
   g_assert(port->type == PORT_INPUT);
 
-  const char* const path = data->path ? data->path->c_str() : "";
-  data->fd.reset(open(path, (data->clear_flag ? O_RDWR : O_RDONLY) | O_CLOEXEC));
-  if (data->fd) {
+  const char* const path = path_ ? path_->c_str() : "";
+  fd_.reset(open(path, (clear_flag_ ? O_RDWR : O_RDONLY) | O_CLOEXEC));
+  if (fd_) {
     return true;
   }
   if (!port->optional) {
@@ -121,22 +118,8 @@ bool sysfs_port_setup(IoPort* port, Level /*start*/) {
   return false;
 }
 
-Level sysfs_port_get_state(IoPort* port) {
-  const auto* data = backend_data<SysfsPortData>(port);
-  return level_of(data != nullptr && data->value);
-}
-
-constexpr PortFunctions functions = input_poll_table<SysfsPortData>({
-    .setup = sysfs_port_setup,
-    .get_state = sysfs_port_get_state,
-    .set_state = ignore_state,
-    .set_direction = ignore_direction,
-    .parse_data = sysfs_port_parse_data,
-});
-static_assert(port_functions_valid(functions));
-
 } // namespace
 
 const PortFunctions* sysfs_setup_functions(IoPort* port) {
-  return backend_attach<SysfsPortData>(port, functions);
+  return hardware_attach<SysfsPort>(port);
 }

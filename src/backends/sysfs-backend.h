@@ -28,5 +28,5 @@ inline constexpr BackendVocabulary sysfs_vocabulary{
     .only_inputs = true,
     .is_polled = true};
 
-/// The operation table of ports of kind "sysfs"; gives the port a record if it has none.
+/// The operation table of ports of kind "sysfs"; gives the port an instance if it has none.
 [[nodiscard]] const PortFunctions* sysfs_setup_functions(IoPort* port);
