@@ -1,8 +1,7 @@
 #include "backends/zwave-backend.h"
 
-#include "backends/backend-data.h"
 #include "backends/bus-port.h"
-#include "backends/empty-slots.h"
+#include "backends/hardware.h"
 #include "platform/bus-call.h"
 #include "platform/log.h"
 
@@ -12,11 +11,29 @@
 
 namespace {
 
-struct ZwavePortData {
-  BusPort bus;
+class ZwavePort {
+public:
+  explicit ZwavePort(IoPort& port) : port_(port) {}
+
+  bool setup(Level start);
+  [[nodiscard]] Level get_state() const;
+  void set_state(Level level);
+  bool set_watch();
+
+private:
+  static void on_owner_changed(BusPort& bus);
+
+  GVariant* call(const char* method, GVariant* arguments, const GVariantType* reply_type);
+  void send_state();
+  void ask_state();
+  void synchronise();
+  void reach_service();
+
+  IoPort& port_;
+  BusPort bus_;
   /// Held from reading the output value until the service has it: the service ends up with the
   /// value that was set last, whichever thread sends first.
-  std::mutex send_lock;
+  std::mutex send_lock_;
 };
 
 constexpr BusPortSignal state_changed{
@@ -24,105 +41,90 @@ constexpr BusPortSignal state_changed{
       return g_variant_get_boolean(active) ? SUPERVISED_CLOSED : SUPERVISED_OPEN;
     }};
 
-GVariant* call(ZwavePortData* data, const char* method, GVariant* arguments,
-               const GVariantType* reply_type) {
-  return bus_port_call(data->bus, method, arguments, reply_type,
+GVariant* ZwavePort::call(const char* method, GVariant* arguments, const GVariantType* reply_type) {
+  return bus_port_call(bus_, method, arguments, reply_type,
                        [](const char* failed, const GError* error) {
                          syslog(LOG_ERR, "Failed to call method %s: %s", failed, error->message);
                        });
 }
 
-void send_state(IoPort* port, ZwavePortData* data) {
-  const std::lock_guard guard(data->send_lock);
-  const gboolean active = bus_port_show_output(data->bus);
+void ZwavePort::send_state() {
+  const std::lock_guard guard(send_lock_);
+  const gboolean active = bus_port_show_output(bus_);
   [[maybe_unused]] g_autoptr(GVariant) reply =
-      call(data, "SetStateByPort", g_variant_new("(ib)", port->number, active), nullptr);
+      call("SetStateByPort", g_variant_new("(ib)", port_.number, active), nullptr);
 }
 
-void ask_state(IoPort* port, ZwavePortData* data) {
+void ZwavePort::ask_state() {
   g_autoptr(GVariant) reply =
-      call(data, "GetStateByPort", g_variant_new("(i)", port->number), G_VARIANT_TYPE("(b)"));
+      call("GetStateByPort", g_variant_new("(i)", port_.number), G_VARIANT_TYPE("(b)"));
   if (reply == nullptr) {
     return;
   }
   gboolean active = FALSE;
   g_variant_get(reply, "(b)", &active);
-  data->bus.state = active ? SUPERVISED_CLOSED : SUPERVISED_OPEN;
-  bus_port_report(data->bus);
+  bus_.state = active ? SUPERVISED_CLOSED : SUPERVISED_OPEN;
+  bus_port_report(bus_);
 }
 
 // Brings port and service to the same state: an input takes the service's, an output gives its own.
-void synchronise(IoPort* port, ZwavePortData* data) {
-  data->bus.connected = true;
-  if (io_port_input(port)) {
-    data->bus.state = SUPERVISED_UNDEFINED;
-    ask_state(port, data);
+void ZwavePort::synchronise() {
+  bus_.connected = true;
+  if (io_port_input(&port_)) {
+    bus_.state = SUPERVISED_UNDEFINED;
+    ask_state();
   } else {
-    send_state(port, data);
+    send_state();
   }
-  if (data->bus.proxy != nullptr && !bus_port_follow(data->bus, state_changed)) {
+  if (bus_.proxy != nullptr && !bus_port_follow(bus_, state_changed)) {
     syslog(LOG_ERR, "Failed to setup signal handler");
   }
 }
 
-void on_owner_changed(BusPort& bus) {
+void ZwavePort::on_owner_changed(BusPort& bus) {
   if (bus_has_owner(bus.proxy.get())) {
-    synchronise(bus.port, backend_data<ZwavePortData>(bus.port));
+    hardware_of<ZwavePort>(bus.port)->synchronise();
   } else {
     bus.connected = false;
   }
 }
 
-constexpr BusPortService service{.at = {.name = "com.norv.ZWave.IO",
-                                        .path = "/com/norv/ZWave",
-                                        .interface_name = "com.norv.ZWave.IO",
-                                        .flags = G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START},
-                                 .owner_changed = on_owner_changed};
-
-void reach_service(IoPort* port, BusPort& bus) {
+void ZwavePort::reach_service() {
+  static constexpr BusPortService service{.at = {.name = "com.norv.ZWave.IO",
+                                                 .path = "/com/norv/ZWave",
+                                                 .interface_name = "com.norv.ZWave.IO",
+                                                 .flags = G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START},
+                                          .owner_changed = on_owner_changed};
   g_autoptr(GError) error = nullptr;
-  if (!bus_port_open(bus, port, service, &error)) {
+  if (!bus_port_open(bus_, &port_, service, &error)) {
     g_warning("%sError creating proxy to %s: %s\n", log_prefix, service.at.name, error->message);
   }
 }
 
-bool zwave_setup(IoPort* port, Level start) {
-  auto* data = backend_data_ensure<ZwavePortData>(port);
-  io_port_set_enabled(port, true);
-  reach_service(port, data->bus);
-  data->bus.output_level = start;
-  synchronise(port, data);
+bool ZwavePort::setup(Level start) {
+  io_port_set_enabled(&port_, true);
+  reach_service();
+  bus_.output_level = start;
+  synchronise();
   return true;
 }
 
-Level zwave_get_state(IoPort* port) {
-  const auto* data = backend_data<ZwavePortData>(port);
-  return data != nullptr && data->bus.connected ? supervised_level_of(data->bus.state) : Level::Low;
+Level ZwavePort::get_state() const {
+  return bus_.connected ? supervised_level_of(bus_.state) : Level::Low;
 }
 
-void zwave_set_state(IoPort* port, Level level) {
-  auto* data = backend_data_ensure<ZwavePortData>(port);
-  data->bus.output_level = level;
-  send_state(port, data);
+void ZwavePort::set_state(Level level) {
+  bus_.output_level = level;
+  send_state();
 }
 
-bool zwave_set_watch(IoPort* port) {
-  backend_data_ensure<ZwavePortData>(port)->bus.watching = true;
+bool ZwavePort::set_watch() {
+  bus_.watching = true;
   return true;
 }
-
-constexpr PortFunctions functions = backend_table<ZwavePortData>({
-    .setup = zwave_setup,
-    .get_state = zwave_get_state,
-    .set_state = zwave_set_state,
-    .set_watch = zwave_set_watch,
-    .set_direction = ignore_direction,
-    .parse_data = ignore_description,
-});
-static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* zwave_setup_functions(IoPort* port) {
-  return backend_attach<ZwavePortData>(port, functions);
+  return hardware_attach<ZwavePort>(port);
 }

@@ -11,5 +11,5 @@ struct PortFunctions;
 inline constexpr BackendVocabulary zwave_vocabulary{
     .name = "zwave", .meaning = "A Z-Wave device of the port's number."};
 
-/// The operation table of ports of kind "zwave"; gives the port a record if it has none.
+/// The operation table of ports of kind "zwave"; gives the port an instance if it has none.
 [[nodiscard]] const PortFunctions* zwave_setup_functions(IoPort* port);
