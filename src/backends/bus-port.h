@@ -24,7 +24,7 @@ struct BusPortService {
   void (*owner_changed)(BusPort& bus) = nullptr;
 };
 
-/// Part of the port's record.
+/// Part of the instance of a port.
 struct BusPort {
   ObjectRef<GDBusProxy> proxy;
   /// Whose proxy it is; set with it.

@@ -20,5 +20,5 @@ inline constexpr std::array iobox_elements{
 inline constexpr BackendVocabulary iobox_vocabulary{
     .name = "iobox", .meaning = "A port of an external IO box.", .elements = iobox_elements};
 
-/// The operation table of ports of kind "iobox"; gives the port a record if it has none.
+/// The operation table of ports of kind "iobox"; gives the port an instance if it has none.
 [[nodiscard]] const PortFunctions* iobox_setup_functions(IoPort* port);
