@@ -1,131 +1,125 @@
 #include "backends/libugpio-backend.h"
 
-#include "backends/backend-data.h"
+#include "backends/hardware.h"
 #include "backends/libugpio-utils.h"
 #include "platform/checks.h"
 #include "platform/log.h"
 
 namespace {
 
-struct LibugpioPortData {
-  GpioPinPtr input;
-  GpioPinPtr output;
-  GpioPinPtr io_ctrl;
+class LibugpioPort {
+public:
+  explicit LibugpioPort(IoPort& port) : port_(port) {}
+
+  bool setup(Level start);
+  [[nodiscard]] Level get_state() const;
+  void set_state(Level level);
+  bool set_watch() { return watch_.start(&port_, current_pin()); }
+  void set_direction(Direction direction);
+  void parse_data(const char* element, const char* key, const char* value);
+
+private:
+  [[nodiscard]] const GpioPin* current_pin() const {
+    return io_port_input(&port_) ? input_.get() : output_.get();
+  }
+  [[nodiscard]] bool init_pins(Level start);
+  [[nodiscard]] bool init_pin(GpioPin* pin, const char* element, PinUse use) const;
+  void switch_line_driver(Direction direction) const;
+
+  IoPort& port_;
+  GpioPinPtr input_;
+  GpioPinPtr output_;
+  GpioPinPtr io_ctrl_;
   // Last, so that the watch goes before the pin whose descriptor it polls.
-  LogicWatch watch;
+  LogicWatch watch_;
 };
 
-constexpr std::array pin_elements{
-    PinElement<LibugpioPortData>{.element = "input", .pin = &LibugpioPortData::input},
-    PinElement<LibugpioPortData>{.element = "output", .pin = &LibugpioPortData::output},
-    PinElement<LibugpioPortData>{.element = "io_ctrl", .pin = &LibugpioPortData::io_ctrl},
-};
-
-void libugpio_port_parse_data(IoPort* port, const char* element, const char* key,
-                              const char* value) {
-  auto* data = backend_data_ensure<LibugpioPortData>(port);
-  if (!libugpio_parse_pin_element(pin_elements, *data, element, key, value)) {
+void LibugpioPort::parse_data(const char* element, const char* key, const char* value) {
+  static constexpr std::array pin_elements{
+      PinElement<LibugpioPort>{.element = "input", .pin = &LibugpioPort::input_},
+      PinElement<LibugpioPort>{.element = "output", .pin = &LibugpioPort::output_},
+      PinElement<LibugpioPort>{.element = "io_ctrl", .pin = &LibugpioPort::io_ctrl_},
+  };
+  if (!libugpio_parse_pin_element(pin_elements, *this, element, key, value)) {
     g_warning("%sCould not parse backend data!\n", log_prefix);
   }
 }
 
-GpioPin* current_pin(IoPort* port) {
-  const auto* data = backend_data<LibugpioPortData>(port);
-  return io_port_input(port) ? data->input.get() : data->output.get();
-}
-
-bool init_pin(IoPort* port, GpioPin* pin, const char* element, PinUse use) {
+bool LibugpioPort::init_pin(GpioPin* pin, const char* element, PinUse use) const {
   if (pin == nullptr) {
-    g_warning("%sPort %d has no '%s' pin", log_prefix, port->number, element);
+    g_warning("%sPort %d has no '%s' pin", log_prefix, port_.number, element);
     return false;
   }
   return libugpio_port_init_gpio_pin(pin, use);
 }
 
-bool init_pins(IoPort* port, LibugpioPortData* data, Level start) {
-  const bool output = port->direction == Direction::Output;
-  switch (port->type) {
+bool LibugpioPort::init_pins(Level start) {
+  const bool output = port_.direction == Direction::Output;
+  switch (port_.type) {
   case PORT_INPUT:
-    return init_pin(port, data->input.get(), "input", PinUse::Input);
+    return init_pin(input_.get(), "input", PinUse::Input);
   case PORT_OUTPUT:
-    return init_pin(port, data->output.get(), "output", output_at(start));
+    return init_pin(output_.get(), "output", output_at(start));
   case PORT_IO_CTRL:
-    return init_pin(port, data->input.get(), "input", PinUse::Input)
-           && init_pin(port, data->output.get(), "output",
-                       output ? output_at(start) : PinUse::LowOutput)
-           && init_pin(port, data->io_ctrl.get(), "io_ctrl", output_at(level_of(output)));
+    return init_pin(input_.get(), "input", PinUse::Input)
+           && init_pin(output_.get(), "output", output ? output_at(start) : PinUse::LowOutput)
+           && init_pin(io_ctrl_.get(), "io_ctrl", output_at(level_of(output)));
   default:
     return false;
   }
 }
 
-// A port that failed must not keep others from its pins.
-void release_pins(LibugpioPortData* data) {
-  for (const auto* pin : {&data->input, &data->output, &data->io_ctrl}) {
-    libugpio_close_gpio_pin(pin->get());
-  }
-}
-
-bool libugpio_port_setup(IoPort* port, Level start) {
-  auto* data = backend_data<LibugpioPortData>(port);
-  g_assert(data != NULL);
-  if (init_pins(port, data, start)) {
-    return true;
-  }
-  release_pins(data);
+// The critical message names the step as operators know it.
+bool libugpio_port_setup(const IoPort* port) {
   WEXD_RETURN_VAL_IF_FAIL(port->optional, false);
   return false;
 }
 
-Level libugpio_port_get_state(IoPort* port) {
-  const GpioPin* const pin = current_pin(port);
+bool LibugpioPort::setup(Level start) {
+  if (init_pins(start)) {
+    return true;
+  }
+  // A port that failed must not keep others from its pins.
+  for (const auto* pin : {&input_, &output_, &io_ctrl_}) {
+    libugpio_close_gpio_pin(pin->get());
+  }
+  return libugpio_port_setup(&port_);
+}
+
+Level LibugpioPort::get_state() const {
+  const GpioPin* const pin = current_pin();
   return level_of(pin != nullptr && libugpio_get_gpio_pin(pin) != Level::Low);
 }
 
-void libugpio_port_set_state(IoPort* port, Level level) {
-  const GpioPin* const pin = backend_data<LibugpioPortData>(port)->output.get();
+void LibugpioPort::set_state(Level level) {
+  const GpioPin* const pin = output_.get();
   g_assert(pin != NULL);
   if (ugpio_set_value(pin->handle, level == Level::High) == -1) {
     g_warning("%sFailed to set state on port!\n", log_prefix);
   }
 }
 
-bool libugpio_port_set_watch(IoPort* port) {
-  auto* data = backend_data<LibugpioPortData>(port);
-  return data != nullptr && data->watch.start(port, current_pin(port));
-}
-
-void switch_line_driver(IoPort* port, Direction direction) {
-  const GpioPin* const pin = backend_data<LibugpioPortData>(port)->io_ctrl.get();
-  if (pin == nullptr || ugpio_set_value(pin->handle, direction == Direction::Output) == -1) {
+void LibugpioPort::switch_line_driver(Direction direction) const {
+  if (io_ctrl_ == nullptr
+      || ugpio_set_value(io_ctrl_->handle, direction == Direction::Output) == -1) {
     g_warning("%sCouldn't change direction on port!\n", log_prefix);
   }
 }
 
 // The output pin is quiet whenever the line driver points the other way.
-void libugpio_port_set_direction(IoPort* port, Direction direction) {
-  backend_data<LibugpioPortData>(port)->watch.stop();
+void LibugpioPort::set_direction(Direction direction) {
+  watch_.stop();
   if (direction == Direction::Input) {
-    libugpio_port_set_state(port, Level::Low);
-    switch_line_driver(port, direction);
+    set_state(Level::Low);
+    switch_line_driver(direction);
   } else {
-    switch_line_driver(port, direction);
-    libugpio_port_set_state(port, level_of(port->activelow_output));
+    switch_line_driver(direction);
+    set_state(level_of(port_.activelow_output));
   }
 }
-
-constexpr PortFunctions functions = backend_table<LibugpioPortData>({
-    .setup = libugpio_port_setup,
-    .get_state = libugpio_port_get_state,
-    .set_state = libugpio_port_set_state,
-    .set_watch = libugpio_port_set_watch,
-    .set_direction = libugpio_port_set_direction,
-    .parse_data = libugpio_port_parse_data,
-});
-static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* libugpio_setup_functions(IoPort* port) {
-  return backend_attach<LibugpioPortData>(port, functions);
+  return hardware_attach<LibugpioPort>(port);
 }

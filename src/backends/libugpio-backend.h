@@ -24,5 +24,5 @@ inline constexpr std::array gpio_pin_needs{
 inline constexpr BackendVocabulary gpio_vocabulary{
     .name = "gpio", .meaning = "GPIO pins.", .elements = gpio_elements, .pins = gpio_pin_needs};
 
-/// The operation table of ports of kind "gpio"; gives the port a record if it has none.
+/// The operation table of ports of kind "gpio"; gives the port an instance if it has none.
 [[nodiscard]] const PortFunctions* libugpio_setup_functions(IoPort* port);
