@@ -1,7 +1,7 @@
 #include "backends/supervised-iio-backend.h"
 
-#include "backends/backend-data.h"
 #include "backends/description-keys.h"
+#include "backends/hardware.h"
 #include "backends/iio-utils.h"
 #include "backends/readable-watch.h"
 #include "backends/supervised-pins.h"
@@ -20,84 +20,70 @@
 
 namespace {
 
-enum class Mode { GpioSupervised, Adc };
-
-struct IioPortData {
+/// The converter: what is described, and what its set-up finds and opens.
+struct Converter {
   /// IIO name of the converter whose buffer is read.
   OptionalText device;
   /// IIO name of the device whose current trigger is set.
   OptionalText trigger_consumer;
   OptionalText trigger;
   OptionalText frequency;
-  UniqueFd fd;
-  IioScanType iio_type;
-  Mode mode = Mode::GpioSupervised;
-  SupervisedPins pins;
-  // Also looked at by action-sequence threads.
-  std::atomic<guint32> cached_level{0};
-  /// No sample has come since the line was led to the converter.
-  std::atomic<bool> awaits_sample{false};
-  bool led_to_converter = false;
   guint extra_shift = 0;
   gint channel = 0;
-  SupervisedState last_reported = SUPERVISED_OPEN;
-  /// Samples cannot be read.
-  Trouble unreadable;
-  // Last, so that it goes before the descriptor that it polls.
-  ReadableWatch sample_watch;
+  /// No pins; the port is read through the converter only.
+  bool alone = false;
+  UniqueFd fd;
+  IioScanType iio_type;
 
   [[nodiscard]] gsize storage_bytes() const { return iio_type.size / 8; }
-
-  void take(const char* element, const char* key, const char* value);
 };
 
 constexpr const char* trigger_folder = "/sys/kernel/config/iio/triggers/hrtimer/";
 constexpr int trigger_folder_mode = 0775;
 constexpr int trigger_type = 1;
 
-constexpr PinSetup pin_setup{.function = "iio_setup_gpio", .tells_calls = true};
-
 const char* text_or_empty(const OptionalText& text) {
   return text ? text->c_str() : "";
 }
 
 // Making the folder is what makes the trigger.
-int make_trigger(const IioPortData* data) {
-  const std::string folder = std::string(trigger_folder) + text_or_empty(data->trigger);
+int make_trigger(const Converter& converter) {
+  const std::string folder = std::string(trigger_folder) + text_or_empty(converter.trigger);
   if (!g_file_test(folder.c_str(), G_FILE_TEST_IS_DIR)
       && g_mkdir_with_parents(folder.c_str(), trigger_folder_mode) != 0) {
     remark_missing_kernel_part(iio_trigger_kernel_parts);
     g_warning("%sFailed to create sysfs directory '%s': %s", log_prefix, folder.c_str(),
               g_strerror(errno));
   }
-  const int number = iio_get_device_number_with_type(text_or_empty(data->trigger), trigger_type);
+  const int number =
+      iio_get_device_number_with_type(text_or_empty(converter.trigger), trigger_type);
   if (number == -1) {
     g_warning("%sFailed to find trigger", log_prefix);
   }
   return number;
 }
 
-void bind_trigger(const IioPortData* data, int consumer, int trigger) {
+void bind_trigger(const Converter& converter, int consumer, int trigger) {
   iio_write_sysfs("/sys/bus/iio/devices/trigger" + std::to_string(trigger) + "/sampling_frequency",
-                  text_or_empty(data->frequency));
+                  text_or_empty(converter.frequency));
   const std::string current = iio_device_folder(consumer) + "trigger/current_trigger";
   g_autofree char* bound = nullptr;
   iio_read_sysfs(current.c_str(), &bound);
-  if (g_strcmp0(bound, text_or_empty(data->trigger)) != 0) {
-    iio_write_sysfs(current, text_or_empty(data->trigger));
+  if (g_strcmp0(bound, text_or_empty(converter.trigger)) != 0) {
+    iio_write_sysfs(current, text_or_empty(converter.trigger));
   }
 }
 
 // A converter with a single channel leaves its number out of the file names.
-std::string channel_files(const IioPortData* data, int device) {
+std::string channel_files(const Converter& converter, int device) {
   std::string scan_elements = iio_device_folder(device) + "scan_elements/in_voltage";
   if (g_file_test((scan_elements + "_en").c_str(), G_FILE_TEST_EXISTS)) {
     return scan_elements;
   }
-  return scan_elements + std::to_string(data->channel);
+  return scan_elements + std::to_string(converter.channel);
 }
 
-bool read_scan_type(IioPortData* backend, const std::string& channel) {
+bool read_scan_type(Converter& converter, const std::string& channel) {
   g_autofree char* text = nullptr;
   errno = 0;
   iio_read_sysfs((channel + "_type").c_str(), &text);
@@ -106,12 +92,13 @@ bool read_scan_type(IioPortData* backend, const std::string& channel) {
     g_warning("%sFailed to find device type: %s", log_prefix, g_strerror(errno));
     return false;
   }
-  backend->iio_type = *type;
+  converter.iio_type = *type;
+  const Converter* const backend = &converter;
   g_assert(backend->iio_type.sign == 'u');
   g_assert(backend->iio_type.bits <= 32);
   g_assert(backend->iio_type.size <= 32);
   g_assert(backend->iio_type.size % 8 == 0);
-  if (backend->storage_bytes() == 0) {
+  if (converter.storage_bytes() == 0) {
     // Reading nothing would leave the device readable for ever.
     g_warning("%sFailed to find device type: samples of no size", log_prefix);
     return false;
@@ -140,30 +127,30 @@ std::vector<std::string> others_in_scan(int device, const std::string& own) {
 
 // A scan is laid out as it should be when it holds the port's channel alone: with another one, or a
 // time, in it, no sample would be short enough to be read.
-bool scan_is_own(const IioPortData* data, int device, const std::string& own) {
+bool scan_is_own(const Converter& converter, int device, const std::string& own) {
   for (const auto& other : others_in_scan(device, own)) {
     g_autofree gchar* name = g_path_get_basename(other.c_str());
     g_warning("%sThe scan of %s holds %s besides the port's channel", log_prefix,
-              text_or_empty(data->device), name);
+              text_or_empty(converter.device), name);
     return false;
   }
   if (!switched_on(own)) {
     g_warning("%sThe scan of %s does not take the port's channel", log_prefix,
-              text_or_empty(data->device));
+              text_or_empty(converter.device));
     return false;
   }
   return true;
 }
 
 // The buffer takes no change of its channels while it runs.
-bool take_scan(const IioPortData* data, int device, const std::string& own) {
+bool take_scan(const Converter& converter, int device, const std::string& own) {
   const std::string buffer_switch = iio_device_folder(device) + "buffer/enable";
   iio_write_sysfs(buffer_switch, "0");
   for (const auto& other : others_in_scan(device, own)) {
     iio_write_sysfs(other, "0");
   }
   iio_write_sysfs(own, "1");
-  if (!scan_is_own(data, device, own)) {
+  if (!scan_is_own(converter, device, own)) {
     return false;
   }
   iio_write_sysfs(buffer_switch, "1");
@@ -171,9 +158,9 @@ bool take_scan(const IioPortData* data, int device, const std::string& own) {
 }
 
 // 0, or the reason of a failure. Reading never waits: what polling saw may be gone.
-int open_node(IioPortData* data, int device) {
-  data->fd.reset(open(iio_device_node(device).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  return data->fd ? 0 : errno;
+int open_node(Converter& converter, int device) {
+  converter.fd.reset(open(iio_device_node(device).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  return converter.fd ? 0 : errno;
 }
 
 bool told_open(int reason) {
@@ -185,83 +172,118 @@ bool told_open(int reason) {
 
 // What the buffer holds is from before, and it keeps the oldest until somebody reads them. Bounded,
 // for a converter that is faster than its reader.
-void drop_samples(const IioPortData* data) {
+void drop_samples(const Converter& converter) {
   constexpr int most_reads = 64;
   constexpr gsize whole_samples = 4092; // of any size from 1 to 4
   std::array<guint8, whole_samples> samples{};
   for (int i = 0; i < most_reads; i++) {
-    if (read(data->fd.get(), samples.data(), samples.size()) != whole_samples) {
+    if (read(converter.fd.get(), samples.data(), samples.size()) != whole_samples) {
       return;
     }
   }
 }
 
-bool iio_setup_sysfs(IioPortData* data) {
-  const int device = iio_get_device_number(text_or_empty(data->device));
-  const int consumer = iio_get_device_number(text_or_empty(data->trigger_consumer));
+bool iio_setup_sysfs(Converter& converter) {
+  const int device = iio_get_device_number(text_or_empty(converter.device));
+  const int consumer = iio_get_device_number(text_or_empty(converter.trigger_consumer));
   if (device == -1 || consumer == -1) {
     g_warning("%sFailed to find device name: %d %d", log_prefix, device, consumer);
     return false;
   }
   // A node opens once. Whoever has it is being served, so nothing may be changed then.
-  if (const int reason = open_node(data, device); reason == EBUSY) {
+  if (const int reason = open_node(converter, device); reason == EBUSY) {
     return told_open(reason);
   }
-  const int trigger = make_trigger(data);
+  const int trigger = make_trigger(converter);
   if (trigger == -1) {
     return false;
   }
-  bind_trigger(data, consumer, trigger);
-  const std::string channel = channel_files(data, device);
-  if (!read_scan_type(data, channel) || !take_scan(data, device, channel + "_en")) {
+  bind_trigger(converter, consumer, trigger);
+  const std::string channel = channel_files(converter, device);
+  if (!read_scan_type(converter, channel) || !take_scan(converter, device, channel + "_en")) {
     return false;
   }
-  if (!data->fd && !told_open(open_node(data, device))) {
+  if (!converter.fd && !told_open(open_node(converter, device))) {
     return false;
   }
-  drop_samples(data);
+  drop_samples(converter);
   return true;
 }
 
-bool setup_converter(IioPortData* data) {
+bool setup_converter(Converter& converter) {
   // A node opens once; the one of an earlier attempt would be in the way.
-  data->fd.reset();
-  if (iio_setup_sysfs(data)) {
+  converter.fd.reset();
+  if (iio_setup_sysfs(converter)) {
     return true;
   }
   g_warning("%sFailed to setup iio device.", log_prefix);
   return false;
 }
 
-bool iio_setup(IoPort* port, Level start) {
-  auto* data = backend_data_ensure<IioPortData>(port);
-  const bool pins_ready =
-      data->mode == Mode::Adc || supervised_setup_pins(port, data->pins, start, pin_setup);
-  if (pins_ready && (port->type == PORT_OUTPUT || setup_converter(data))) {
+enum class Sample { Taken, None, Failed };
+
+class IioBufferedPort : public SupervisedPort {
+public:
+  explicit IioBufferedPort(IoPort& port)
+      : port_(port), line_(port, {.function = "iio_setup_gpio", .tells_calls = true}) {}
+
+  bool setup(Level start);
+  [[nodiscard]] bool is_supervisable() const;
+  bool set_supervised();
+  [[nodiscard]] std::optional<SupervisedReadout> get_supervised_readout(GError** error) const;
+  [[nodiscard]] Level get_state() const;
+  void set_state(Level level) { line_.drive(level); }
+  bool set_watch();
+  void set_direction(Direction direction);
+  void parse_data(const char* element, const char* key, const char* value);
+
+private:
+  Sample read_sample(const char** reason);
+  void report_if_changed(SupervisedState state);
+  ReadableWatch::Found on_unreadable_sample(const char* reason);
+  ReadableWatch::Found on_sample();
+  void forget_samples();
+  void start_sample_watch();
+
+  IoPort& port_;
+  Converter converter_;
+  SupervisedLine line_;
+  // Also looked at by action-sequence threads.
+  std::atomic<guint32> cached_level_{0};
+  /// No sample has come since the line was led to the converter.
+  std::atomic<bool> awaits_sample_{false};
+  bool led_to_converter_ = false;
+  SupervisedState last_reported_ = SUPERVISED_OPEN;
+  /// Samples cannot be read.
+  Trouble unreadable_;
+  // Last, so that it goes before the descriptor that it polls.
+  ReadableWatch sample_watch_;
+};
+
+bool IioBufferedPort::setup(Level start) {
+  const bool pins_ready = converter_.alone || line_.setup(start);
+  if (pins_ready && (port_.type == PORT_OUTPUT || setup_converter(converter_))) {
     return true;
   }
-  data->fd.reset();
-  supervised_close_pins(data->pins);
+  converter_.fd.reset();
+  line_.close();
   return false;
 }
 
 // A level of before tells nothing of the line as it is now.
-std::optional<SupervisedReadout> classify_cached(IoPort* port, GError** error) {
-  const auto* data = backend_data_ensure<IioPortData>(port);
-  auto readout = supervised_readout_of(port, data->cached_level, error);
-  if (readout && data->awaits_sample) {
+std::optional<SupervisedReadout> IioBufferedPort::get_supervised_readout(GError** error) const {
+  auto readout = supervised_readout_of(&port_, cached_level_, error);
+  if (readout && awaits_sample_) {
     readout->state = SUPERVISED_UNDEFINED;
   }
   return readout;
 }
 
-enum class Sample { Taken, None, Failed };
-
 // Takes the next sample into the cache; `reason` is that of a failure.
-Sample read_sample(IioPortData* data, const char** reason) {
+Sample IioBufferedPort::read_sample(const char** reason) {
   std::array<guint8, 4> sample{};
-  const gsize bytes = std::min(data->storage_bytes(), sample.size());
-  const ssize_t got = read(data->fd.get(), sample.data(), bytes);
+  const gsize bytes = std::min(converter_.storage_bytes(), sample.size());
+  const ssize_t got = read(converter_.fd.get(), sample.data(), bytes);
   if (got < 0 && errno == EAGAIN) {
     return Sample::None;
   }
@@ -269,118 +291,108 @@ Sample read_sample(IioPortData* data, const char** reason) {
     *reason = got < 0 ? g_strerror(errno) : "sample cut short";
     return Sample::Failed;
   }
-  const guint32 value = iio_decode_sample(data->iio_type, std::span(sample).first(bytes));
-  data->cached_level = iio_shift_right(value, data->extra_shift);
-  data->awaits_sample = false;
+  const guint32 value = iio_decode_sample(converter_.iio_type, std::span(sample).first(bytes));
+  cached_level_ = iio_shift_right(value, converter_.extra_shift);
+  awaits_sample_ = false;
   return Sample::Taken;
 }
 
-void report_if_changed(IoPort* port, IioPortData* data, SupervisedState state) {
-  if (state != data->last_reported) {
-    io_port_trigger(port, ReportedState(state));
-    data->last_reported = state;
+void IioBufferedPort::report_if_changed(SupervisedState state) {
+  if (state != last_reported_) {
+    io_port_trigger(&port_, ReportedState(state));
+    last_reported_ = state;
   }
 }
 
 // What cannot be read stays in the buffer, which goes on showing that it has something.
-ReadableWatch::Found on_unreadable_sample(IoPort* port, IioPortData* data, const char* reason) {
-  if (data->unreadable.tell()) {
+ReadableWatch::Found IioBufferedPort::on_unreadable_sample(const char* reason) {
+  if (unreadable_.tell()) {
     g_warning("%sread Error: %s", log_prefix, reason);
     g_warning("%sReadout failed: %s", log_prefix, reason);
   }
-  report_if_changed(port, data, SUPERVISED_UNDEFINED);
+  report_if_changed(SUPERVISED_UNDEFINED);
   return ReadableWatch::Found::Trouble;
 }
 
-ReadableWatch::Found on_sample(IoPort* port) {
-  const PortPlace place(port);
-  auto* data = backend_data<IioPortData>(port);
+ReadableWatch::Found IioBufferedPort::on_sample() {
+  const PortPlace place(&port_);
   const char* reason = nullptr;
-  const Sample sample = read_sample(data, &reason);
+  const Sample sample = read_sample(&reason);
   if (sample == Sample::None) {
     return ReadableWatch::Found::Trouble;
   }
   if (sample == Sample::Failed) {
-    return on_unreadable_sample(port, data, reason);
+    return on_unreadable_sample(reason);
   }
-  if (data->unreadable.end()) {
-    g_message("%sConverter of port %d can be read again", log_prefix, port->number);
+  if (unreadable_.end()) {
+    g_message("%sConverter of port %d can be read again", log_prefix, port_.number);
   }
   g_autoptr(GError) error = nullptr;
-  const auto readout = classify_cached(port, &error);
+  const auto readout = get_supervised_readout(&error);
   if (!readout) {
     g_warning("%sReadout failed: %s", log_prefix, error->message);
   }
-  report_if_changed(port, data, readout ? readout->state : SUPERVISED_UNDEFINED);
+  report_if_changed(readout ? readout->state : SUPERVISED_UNDEFINED);
   return ReadableWatch::Found::Sense;
 }
 
 // Whatever the converter has measured so far was not this line, or not now.
-void forget_samples(IioPortData* data) {
-  drop_samples(data);
-  data->awaits_sample = true;
+void IioBufferedPort::forget_samples() {
+  drop_samples(converter_);
+  awaits_sample_ = true;
 }
 
-void start_sample_watch(IoPort* port, IioPortData* data) {
-  if (data->sample_watch || !data->fd) {
+void IioBufferedPort::start_sample_watch() {
+  if (sample_watch_ || !converter_.fd) {
     return;
   }
-  if (std::exchange(data->led_to_converter, true)) {
-    drop_samples(data);
+  if (std::exchange(led_to_converter_, true)) {
+    drop_samples(converter_);
   } else {
-    forget_samples(data);
+    forget_samples();
   }
-  data->last_reported = SUPERVISED_UNDEFINED;
-  data->unreadable = Trouble();
-  data->sample_watch.start(data->fd.get(), text_or_empty(data->device),
-                           [port] { return on_sample(port); });
+  last_reported_ = SUPERVISED_UNDEFINED;
+  unreadable_ = Trouble();
+  sample_watch_.start(converter_.fd.get(), text_or_empty(converter_.device),
+                      [this] { return on_sample(); });
 }
 
-void apply_watches(IoPort* port) {
-  auto* data = backend_data_ensure<IioPortData>(port);
-  const bool sampled = data->mode == Mode::Adc || io_port_supervised_input(port);
-  if (sampled) {
-    data->pins.logic_watch.stop();
-    start_sample_watch(port, data);
+bool IioBufferedPort::set_watch() {
+  if (converter_.alone || io_port_supervised_input(&port_)) {
+    line_.unwatch();
+    start_sample_watch();
   } else {
-    data->sample_watch.stop();
-    data->led_to_converter = false;
-    std::ignore = data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins));
+    sample_watch_.stop();
+    led_to_converter_ = false;
+    line_.watch();
   }
-}
-
-bool iio_set_watch(IoPort* port) {
-  apply_watches(port);
   return true;
 }
 
-bool iio_is_supervisable(IoPort* port) {
-  const auto* data = backend_data<IioPortData>(port);
-  return data != nullptr && data->mode != Mode::Adc && supervised_is_supervisable(port);
+bool IioBufferedPort::is_supervisable() const {
+  return !converter_.alone && supervised_is_supervisable(&port_);
 }
 
-bool iio_set_supervised(IoPort* port) {
-  auto* data = backend_data_ensure<IioPortData>(port);
-  const bool sampled_before{data->sample_watch};
-  apply_watches(port);
-  if (!io_port_input(port) && !io_port_set_direction(port, Direction::Input)) {
+bool IioBufferedPort::set_supervised() {
+  const bool sampled_before{sample_watch_};
+  set_watch();
+  if (!io_port_input(&port_) && !io_port_set_direction(&port_, Direction::Input)) {
     return false;
   }
-  std::ignore = supervised_set_control_pins(port, data->pins, pin_setup);
-  if (data->sample_watch && !sampled_before) {
+  std::ignore = line_.set_control_pins();
+  if (sample_watch_ && !sampled_before) {
     // Taken before the line was led to the converter.
-    forget_samples(data);
+    forget_samples();
   }
   return true;
 }
 
-Level iio_get_state(IoPort* port) {
-  const auto* data = backend_data_ensure<IioPortData>(port);
-  if (data->mode == Mode::GpioSupervised && !io_port_supervised_input(port)) {
-    return supervised_pin_level(port, data->pins);
+Level IioBufferedPort::get_state() const {
+  if (!converter_.alone && !io_port_supervised_input(&port_)) {
+    return line_.level();
   }
   g_autoptr(GError) error = nullptr;
-  const auto readout = classify_cached(port, &error);
+  const auto readout = get_supervised_readout(&error);
   if (!readout) {
     g_warning("%sGet state failed: %s", log_prefix, error->message);
     return Level::Unknown;
@@ -388,48 +400,37 @@ Level iio_get_state(IoPort* port) {
   return supervised_level_of(readout->state);
 }
 
-void iio_set_direction(IoPort* port, Direction direction) {
-  auto* data = backend_data_ensure<IioPortData>(port);
-  data->sample_watch.stop();
-  data->led_to_converter = data->led_to_converter && direction == Direction::Input;
-  supervised_turn_pins(port, data->pins, direction, pin_setup);
+void IioBufferedPort::set_direction(Direction direction) {
+  sample_watch_.stop();
+  led_to_converter_ = led_to_converter_ && direction == Direction::Input;
+  line_.turn(direction);
 }
 
-constexpr std::array device_keys{
-    DescriptionKey<IioPortData>{"name", take_text<&IioPortData::device>},
-    DescriptionKey<IioPortData>{"adc", take_text<&IioPortData::trigger_consumer>},
-    DescriptionKey<IioPortData>{"hrtimer", take_text<&IioPortData::trigger>},
-    DescriptionKey<IioPortData>{"freq", take_text<&IioPortData::frequency>},
-    DescriptionKey<IioPortData>{"shift", take_number<&IioPortData::extra_shift>},
-    DescriptionKey<IioPortData>{"channel", take_number<&IioPortData::channel>},
-    DescriptionKey<IioPortData>{"mode",
-                                [](IioPortData& data, const char* value) {
-                                  if (g_str_equal(value, "adc")) {
-                                    data.mode = Mode::Adc;
-                                  }
-                                }},
+constexpr std::array converter_keys{
+    DescriptionKey<Converter>{"name", take_text<&Converter::device>},
+    DescriptionKey<Converter>{"adc", take_text<&Converter::trigger_consumer>},
+    DescriptionKey<Converter>{"hrtimer", take_text<&Converter::trigger>},
+    DescriptionKey<Converter>{"freq", take_text<&Converter::frequency>},
+    DescriptionKey<Converter>{"shift", take_number<&Converter::extra_shift>},
+    DescriptionKey<Converter>{"channel", take_number<&Converter::channel>},
+    DescriptionKey<Converter>{"mode",
+                              [](Converter& converter, const char* value) {
+                                if (g_str_equal(value, "adc")) {
+                                  converter.alone = true;
+                                }
+                              }},
 };
-static_assert(same_keys(iio_device_attributes, device_keys));
+static_assert(same_keys(iio_device_attributes, converter_keys));
 
-void IioPortData::take(const char* element, const char* key, const char* value) {
-  if (g_str_equal(element, "device")) {
-    take_described(device_keys, *this, key, value);
+void IioBufferedPort::parse_data(const char* element, const char* key, const char* value) {
+  static PendingRange pending; // One for all ports.
+  if (!line_.parse(pending, element, key, value) && g_str_equal(element, "device")) {
+    take_described(converter_keys, converter_, key, value);
   }
 }
-
-constexpr PortFunctions functions = supervised_table<IioPortData>({
-    .setup = iio_setup,
-    .is_supervisable = iio_is_supervisable,
-    .set_supervised = iio_set_supervised,
-    .get_supervised_readout = classify_cached,
-    .get_state = iio_get_state,
-    .set_watch = iio_set_watch,
-    .set_direction = iio_set_direction,
-});
-static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* iio_setup_functions(IoPort* port) {
-  return backend_attach<IioPortData>(port, functions);
+  return hardware_attach<IioBufferedPort>(port);
 }

@@ -44,5 +44,5 @@ inline constexpr BackendVocabulary iio_vocabulary{
     .pins = supervised_pin_needs,
     .refuses_other_pin = true};
 
-/// The operation table of ports of kind "iio"; gives the port a record if it has none.
+/// The operation table of ports of kind "iio"; gives the port an instance if it has none.
 [[nodiscard]] const PortFunctions* iio_setup_functions(IoPort* port);

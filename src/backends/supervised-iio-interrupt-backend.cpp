@@ -1,7 +1,7 @@
 #include "backends/supervised-iio-interrupt-backend.h"
 
-#include "backends/backend-data.h"
 #include "backends/description-keys.h"
+#include "backends/hardware.h"
 #include "backends/iio-event-device.h"
 #include "backends/iio-threshold-channel.h"
 #include "backends/supervised-pins.h"
@@ -19,74 +19,105 @@ namespace {
 constexpr guint32 limit_unset = G_MAXUINT32;
 constexpr guint default_limit_timeout_ms = 1000;
 
-struct IioIntPortData {
+/// What a level is read for.
+enum class Occasion { Event, Arming, Look };
+
+class IioInterruptPort : public SupervisedPort {
+public:
+  explicit IioInterruptPort(IoPort& port)
+      : port_(port), line_(port, {.function = "iio_int_setup_gpio", .sioctrl_optional = true}) {}
+  ~IioInterruptPort() { close(); }
+  IioInterruptPort(const IioInterruptPort&) = delete;
+  IioInterruptPort& operator=(const IioInterruptPort&) = delete;
+
+  bool setup(Level start);
+  void close();
+  [[nodiscard]] bool is_supervisable() const;
+  bool set_supervised();
+  std::optional<SupervisedReadout> get_supervised_readout(GError** error);
+  [[nodiscard]] Level get_state();
+  void set_state(Level level) { line_.drive(level); }
+  bool set_watch();
+  void set_direction(Direction direction);
+  void parse_data(const char* element, const char* key, const char* value);
+
+private:
+  [[nodiscard]] bool measured() const { return adc_only_ || io_port_supervised_input(&port_); }
+  [[nodiscard]] bool setup_converter();
+
+  [[nodiscard]] bool read_level(Failure failure, GError** error);
+  [[nodiscard]] std::optional<SupervisedReadout> classify(guint level, GError** error) const;
+  [[nodiscard]] std::optional<SupervisedReadout> measure(GError** error);
+
+  [[nodiscard]] bool beyond_limits(guint32 level) const;
+  void tell_unreadable(Occasion occasion, const char* reason) const;
+  std::optional<guint> watched_level(Occasion occasion);
+  bool report_level(guint level);
+  [[nodiscard]] bool arm(const SupervisedRange& range);
+  void look_again(guint delay_ms);
+  void look_behind(const SupervisedRange* range);
+  void await_change(guint level);
+  void update_thresholds();
+  gboolean on_look_timer();
+  bool on_device_event(gint channel);
+  void stop_interrupts();
+
+  static void take_mode(IioInterruptPort& port, const char* value);
+  static void take_cache(IioInterruptPort& port, const char* value);
+  static void take_pullup(IioInterruptPort& port, const char* value);
+
+  IoPort& port_;
   /// No pins; the port is read through the converter only.
-  bool adc_only = false;
-  IioThresholdChannel channel;
-  guint32 lower_limit = limit_unset;
-  guint32 upper_limit = limit_unset;
-  guint limit_timeout_ms = default_limit_timeout_ms;
+  bool adc_only_ = false;
+  IioThresholdChannel channel_;
+  guint32 lower_limit_ = limit_unset;
+  guint32 upper_limit_ = limit_unset;
+  guint limit_timeout_ms_ = default_limit_timeout_ms;
   /// Looks at the level where no event would tell of it.
-  SourceId look_timer;
+  SourceId look_timer_;
   /// Readings fail.
-  Trouble unreadable;
+  Trouble unreadable_;
   /// Events cannot be armed.
-  Trouble unarmed;
-  bool use_cached_level = true;
-  bool pullup_when_supervised = false;
+  Trouble unarmed_;
+  bool use_cached_level_ = true;
   // Also looked at by action-sequence threads.
-  std::atomic<guint32> cached_level{0};
+  std::atomic<guint32> cached_level_{0};
   /// No reading has worked since the watch began.
-  std::atomic<bool> awaits_reading{false};
-  SupervisedState last_reported = SUPERVISED_OPEN;
-  SupervisedPins pins;
-
-  void take(const char* element, const char* key, const char* value);
+  std::atomic<bool> awaits_reading_{false};
+  SupervisedState last_reported_ = SUPERVISED_OPEN;
+  SupervisedLine line_;
 };
-
-PinSetup pin_setup(const IioIntPortData* data) {
-  return {.function = "iio_int_setup_gpio",
-          .sioctrl_optional = true,
-          .ioctrl_always_on = data->pullup_when_supervised};
-}
-
-bool measured(IoPort* port, const IioIntPortData* data) {
-  return data->adc_only || io_port_supervised_input(port);
-}
 
 // Reading
 
-bool read_level(IioIntPortData* data, Failure failure, GError** error) {
-  const auto level = iio_threshold_read(data->channel, failure, error);
+bool IioInterruptPort::read_level(Failure failure, GError** error) {
+  const auto level = iio_threshold_read(channel_, failure, error);
   if (level) {
-    data->cached_level = *level;
-    data->awaits_reading = false;
+    cached_level_ = *level;
+    awaits_reading_ = false;
   }
   return level.has_value();
 }
 
-std::optional<SupervisedReadout> classify(IoPort* port, guint level, GError** error) {
-  if (port->ranges.empty()) {
+std::optional<SupervisedReadout> IioInterruptPort::classify(guint level, GError** error) const {
+  if (port_.ranges.empty()) {
     g_set_error(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_NOT_SUPERVISED,
-                "Failed to get ranges from port %s", c_str_or_null(port->name));
+                "Failed to get ranges from port %s", c_str_or_null(port_.name));
     return std::nullopt;
   }
-  return supervised_readout_of(port, level, error);
+  return supervised_readout_of(&port_, level, error);
 }
 
-std::optional<SupervisedReadout> measure(IoPort* port, GError** error) {
-  auto* data = backend_data_ensure<IioIntPortData>(port);
-  return read_level(data, Failure::Reported, error) ? classify(port, data->cached_level, error)
-                                                    : std::nullopt;
+std::optional<SupervisedReadout> IioInterruptPort::measure(GError** error) {
+  return read_level(Failure::Reported, error) ? classify(cached_level_, error) : std::nullopt;
 }
 
-std::optional<SupervisedReadout> iio_int_get_supervised_readout(IoPort* port, GError** error) {
-  const auto* data = backend_data_ensure<IioIntPortData>(port);
-  if (!data->use_cached_level) {
-    return measure(port, error);
+std::optional<SupervisedReadout> IioInterruptPort::get_supervised_readout(GError** error) {
+  if (!use_cached_level_) {
+    return measure(error);
   }
-  auto readout = classify(port, data->cached_level, error);
-  if (readout && data->awaits_reading) {
+  auto readout = classify(cached_level_, error);
+  if (readout && awaits_reading_) {
     readout->state = SUPERVISED_UNDEFINED;
   }
   return readout;
@@ -94,84 +125,75 @@ std::optional<SupervisedReadout> iio_int_get_supervised_readout(IoPort* port, GE
 
 // Watching
 
-bool beyond_limits(const IioIntPortData* data, guint32 level) {
-  return (data->lower_limit != limit_unset && level <= data->lower_limit)
-         || (data->upper_limit != limit_unset && level >= data->upper_limit);
+bool IioInterruptPort::beyond_limits(guint32 level) const {
+  return (lower_limit_ != limit_unset && level <= lower_limit_)
+         || (upper_limit_ != limit_unset && level >= upper_limit_);
 }
 
-gboolean on_look_timer(IoPort* port);
-
-void look_again(IoPort* port, guint delay_ms) {
-  backend_data<IioIntPortData>(port)->look_timer.reset(
-      g_timeout_add(delay_ms, callback<on_look_timer>, port));
+void IioInterruptPort::look_again(guint delay_ms) {
+  look_timer_.reset(g_timeout_add(delay_ms, callback<&IioInterruptPort::on_look_timer>, this));
 }
 
-/// What a level is read for.
-enum class Occasion { Event, Arming, Look };
-
-void tell_unreadable(const IoPort* port, Occasion occasion, const char* reason) {
+void IioInterruptPort::tell_unreadable(Occasion occasion, const char* reason) const {
   switch (occasion) {
   case Occasion::Event:
     g_warning("%sReadout failed: %s", log_prefix, reason);
     break;
   case Occasion::Arming:
-    g_warning("%sCouldn't read adc value for %s\n", log_prefix, c_str_or_null(port->name));
+    g_warning("%sCouldn't read adc value for %s\n", log_prefix, c_str_or_null(port_.name));
     break;
   case Occasion::Look:
-    g_warning("%sUnable to read from port %s\n", log_prefix, c_str_or_null(port->name));
+    g_warning("%sUnable to read from port %s\n", log_prefix, c_str_or_null(port_.name));
     break;
   }
 }
 
 // The level for the watch. A reading that fails leaves nothing armed, so another one follows.
-std::optional<guint> watched_level(IoPort* port, Occasion occasion) {
-  auto* data = backend_data<IioIntPortData>(port);
+std::optional<guint> IioInterruptPort::watched_level(Occasion occasion) {
   g_autoptr(GError) error = nullptr;
-  if (read_level(data, data->unreadable.due() ? Failure::Reported : Failure::Known, &error)) {
-    if (data->unreadable.end()) {
-      g_message("%sConverter of port %d can be read again", log_prefix, port->number);
+  if (read_level(unreadable_.due() ? Failure::Reported : Failure::Known, &error)) {
+    if (unreadable_.end()) {
+      g_message("%sConverter of port %d can be read again", log_prefix, port_.number);
     }
-    return data->cached_level;
+    return cached_level_;
   }
-  if (data->unreadable.tell()) {
-    tell_unreadable(port, occasion, error->message);
+  if (unreadable_.tell()) {
+    tell_unreadable(occasion, error->message);
   }
-  look_again(port, shortest_rest_ms);
+  look_again(shortest_rest_ms);
   return std::nullopt;
 }
 
 // Whether the state was a new one.
-bool report_level(IoPort* port, guint level) {
-  auto* data = backend_data<IioIntPortData>(port);
+bool IioInterruptPort::report_level(guint level) {
   g_autoptr(GError) error = nullptr;
-  const auto readout = classify(port, level, &error);
+  const auto readout = classify(level, &error);
   if (!readout) {
     g_warning("%sReadout failed: %s", log_prefix, error->message);
     return false;
   }
-  if (readout->state == data->last_reported) {
+  if (readout->state == last_reported_) {
     return false;
   }
-  io_port_trigger(port, ReportedState(readout->state));
-  data->last_reported = readout->state;
+  io_port_trigger(&port_, ReportedState(readout->state));
+  last_reported_ = readout->state;
   return true;
 }
 
-bool arm(IoPort* port, const SupervisedRange& range) {
-  auto* data = backend_data<IioIntPortData>(port);
-  const int reason = iio_threshold_arm(data->channel, range);
+bool IioInterruptPort::arm(const SupervisedRange& range) {
+  const int reason = iio_threshold_arm(channel_, range);
   if (reason == 0) {
-    if (data->unarmed.end()) {
-      g_message("%sConverter of port %d takes its thresholds again", log_prefix, port->number);
+    if (unarmed_.end()) {
+      g_message("%sConverter of port %d takes its thresholds again", log_prefix, port_.number);
     }
     return true;
   }
-  if (!data->unarmed.tell()) {
+  if (!unarmed_.tell()) {
     return false;
   }
   if (reason == ERANGE) {
     g_warning("%sThe level of port %d is beyond its converter's thresholds, polling it every %u ms",
-              log_prefix, port->number, data->limit_timeout_ms);
+              log_prefix, port_.number, limit_timeout_ms_);
   } else {
     g_warning("%sFailed to write sysfs: %s", log_prefix, g_strerror(reason));
   }
@@ -181,210 +203,180 @@ bool arm(IoPort* port, const SupervisedRange& range) {
 // A converter may tell of crossings only; one between the reading and the arming would go
 // unnoticed. What is found here is dealt with in the next turn of the main loop, which others
 // share.
-void look_behind(IoPort* port, const SupervisedRange* range) {
-  if (const auto level = watched_level(port, Occasion::Arming);
-      level && supervised_range_of(port->ranges, *level) != range) {
-    look_again(port, 0);
+void IioInterruptPort::look_behind(const SupervisedRange* range) {
+  if (const auto level = watched_level(Occasion::Arming);
+      level && supervised_range_of(port_.ranges, *level) != range) {
+    look_again(0);
   }
 }
 
 // Has the next change told: by an event that is armed around the range that holds the level. Beyond
 // a limit the converter's events cannot be trusted, between the ranges there is nothing to arm, and
 // a converter may refuse; the level is polled then.
-void await_change(IoPort* port, guint level) {
-  auto* data = backend_data<IioIntPortData>(port);
-  data->look_timer.reset();
-  if (port->ranges.empty()) {
+void IioInterruptPort::await_change(guint level) {
+  look_timer_.reset();
+  if (port_.ranges.empty()) {
     return;
   }
-  const SupervisedRange* const range = supervised_range_of(port->ranges, level);
-  if (range == nullptr || beyond_limits(data, level) || !arm(port, *range)) {
-    look_again(port, data->limit_timeout_ms);
+  const SupervisedRange* const range = supervised_range_of(port_.ranges, level);
+  if (range == nullptr || beyond_limits(level) || !arm(*range)) {
+    look_again(limit_timeout_ms_);
     return;
   }
-  look_behind(port, range);
+  look_behind(range);
 }
 
-void update_thresholds(IoPort* port) {
-  if (port->ranges.empty()) {
+void IioInterruptPort::update_thresholds() {
+  if (port_.ranges.empty()) {
     return;
   }
-  if (const auto level = watched_level(port, Occasion::Arming)) {
-    await_change(port, *level);
+  if (const auto level = watched_level(Occasion::Arming)) {
+    await_change(*level);
   }
 }
 
-gboolean on_look_timer(IoPort* port) {
-  const PortPlace place(port);
+gboolean IioInterruptPort::on_look_timer() {
+  const PortPlace place(&port_);
   // This source ends by itself; what follows may start another.
-  backend_data<IioIntPortData>(port)->look_timer.forget();
-  if (const auto level = watched_level(port, Occasion::Look)) {
-    report_level(port, *level);
-    await_change(port, *level);
+  look_timer_.forget();
+  if (const auto level = watched_level(Occasion::Look)) {
+    report_level(*level);
+    await_change(*level);
   }
   return G_SOURCE_REMOVE;
 }
 
-bool on_device_event(IoPort* port, gint channel) {
-  const PortPlace place(port);
-  auto* data = backend_data<IioIntPortData>(port);
-  if (channel != iio_every_channel && std::cmp_not_equal(channel, data->channel.channel)) {
+bool IioInterruptPort::on_device_event(gint channel) {
+  const PortPlace place(&port_);
+  if (channel != iio_every_channel && std::cmp_not_equal(channel, channel_.channel)) {
     return false;
   }
-  iio_threshold_hold(data->channel);
-  const auto level = watched_level(port, Occasion::Event);
+  iio_threshold_hold(channel_);
+  const auto level = watched_level(Occasion::Event);
   if (!level) {
     return false;
   }
-  const bool news = report_level(port, *level);
+  const bool news = report_level(*level);
   // Around what was reported: whatever the level has become since is found behind the arming.
-  await_change(port, *level);
+  await_change(*level);
   return news;
 }
 
-void stop_interrupts(IoPort* port, IioIntPortData* data) {
-  data->look_timer.reset();
-  data->unreadable = Trouble();
-  data->unarmed = Trouble();
-  iio_threshold_disarm(data->channel);
-  std::ignore = iio_event_device_unwatch(port, data->channel.device_path);
+void IioInterruptPort::stop_interrupts() {
+  look_timer_.reset();
+  unreadable_ = Trouble();
+  unarmed_ = Trouble();
+  iio_threshold_disarm(channel_);
+  std::ignore = iio_event_device_unwatch(&port_, channel_.device_path);
 }
 
-bool iio_int_set_watch(IoPort* port) {
-  auto* data = backend_data_ensure<IioIntPortData>(port);
-  if (!measured(port, data)) {
-    std::ignore =
-        data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins), G_IO_PRI);
-    stop_interrupts(port, data);
+bool IioInterruptPort::set_watch() {
+  if (!measured()) {
+    line_.watch(G_IO_PRI);
+    stop_interrupts();
     return true;
   }
-  data->pins.logic_watch.stop();
-  data->last_reported = SUPERVISED_UNDEFINED;
-  data->awaits_reading = true;
-  iio_event_device_watch(port, data->channel.device_path, on_device_event);
-  update_thresholds(port);
+  line_.unwatch();
+  last_reported_ = SUPERVISED_UNDEFINED;
+  awaits_reading_ = true;
+  iio_event_device_watch(&port_, channel_.device_path, [](IoPort* port, gint channel) {
+    return hardware_of<IioInterruptPort>(port)->on_device_event(channel);
+  });
+  update_thresholds();
   return true;
 }
 
 // Setting up
 
-bool setup_converter(IoPort* port, IioThresholdChannel& channel) {
-  if (!iio_threshold_find(channel) || !iio_event_device_join(port, channel.device_path)
-      || !iio_threshold_open(channel)) {
+bool IioInterruptPort::setup_converter() {
+  if (!iio_threshold_find(channel_) || !iio_event_device_join(&port_, channel_.device_path)
+      || !iio_threshold_open(channel_)) {
     g_warning("%sFailed to setup iio device.", log_prefix);
     return false;
   }
-  iio_threshold_prepare(channel);
+  iio_threshold_prepare(channel_);
   return true;
 }
 
-void iio_int_close(IoPort* port) {
-  auto* data = backend_data<IioIntPortData>(port);
-  if (data == nullptr) {
-    return;
-  }
-  stop_interrupts(port, data);
-  iio_event_device_leave(port, data->channel.device_path);
-  supervised_close_pins(data->pins);
-  iio_threshold_close(data->channel);
+void IioInterruptPort::close() {
+  stop_interrupts();
+  iio_event_device_leave(&port_, channel_.device_path);
+  line_.close();
+  iio_threshold_close(channel_);
 }
 
-bool iio_int_setup(IoPort* port, Level start) {
-  auto* data = backend_data_ensure<IioIntPortData>(port);
-  const bool pins_ready =
-      data->adc_only || supervised_setup_pins(port, data->pins, start, pin_setup(data));
-  if (pins_ready && (port->type == PORT_OUTPUT || setup_converter(port, data->channel))) {
+bool IioInterruptPort::setup(Level start) {
+  const bool pins_ready = adc_only_ || line_.setup(start);
+  if (pins_ready && (port_.type == PORT_OUTPUT || setup_converter())) {
     return true;
   }
-  iio_int_close(port);
+  close();
   return false;
 }
 
-bool iio_int_is_supervisable(IoPort* port) {
-  const auto* data = backend_data<IioIntPortData>(port);
-  return data != nullptr && !data->adc_only && supervised_is_supervisable(port);
+bool IioInterruptPort::is_supervisable() const {
+  return !adc_only_ && supervised_is_supervisable(&port_);
 }
 
-bool iio_int_set_supervised(IoPort* port) {
-  iio_int_set_watch(port);
-  if (!io_port_input(port) && !io_port_set_direction(port, Direction::Input)) {
+bool IioInterruptPort::set_supervised() {
+  set_watch();
+  if (!io_port_input(&port_) && !io_port_set_direction(&port_, Direction::Input)) {
     return false;
   }
-  const auto* data = backend_data<IioIntPortData>(port);
-  std::ignore = supervised_set_control_pins(port, data->pins, pin_setup(data));
+  std::ignore = line_.set_control_pins();
   return true;
 }
 
-Level iio_int_get_state(IoPort* port) {
-  const auto* data = backend_data_ensure<IioIntPortData>(port);
-  if (!measured(port, data)) {
-    return supervised_pin_level(port, data->pins);
+Level IioInterruptPort::get_state() {
+  if (!measured()) {
+    return line_.level();
   }
-  const auto readout = measure(port, nullptr);
+  const auto readout = measure(nullptr);
   return readout ? supervised_level_of(readout->state) : Level::Unknown;
 }
 
-void iio_int_set_direction(IoPort* port, Direction direction) {
-  auto* data = backend_data_ensure<IioIntPortData>(port);
-  stop_interrupts(port, data);
-  supervised_turn_pins(port, data->pins, direction, pin_setup(data));
+void IioInterruptPort::set_direction(Direction direction) {
+  stop_interrupts();
+  line_.turn(direction);
 }
 
-// Vocabulary
+// Vocabulary. Three switches are turned by one word, and turned back by no other.
 
-using Data = IioIntPortData;
-
-// Switches that one word turns, and no other word back.
-void take_mode(Data& data, const char* value) {
-  data.adc_only = data.adc_only || g_str_equal(value, "adc");
+void IioInterruptPort::take_mode(IioInterruptPort& port, const char* value) {
+  port.adc_only_ = port.adc_only_ || g_str_equal(value, "adc");
 }
 
-void take_cache(Data& data, const char* value) {
-  data.use_cached_level = data.use_cached_level && !g_str_equal(value, "false");
+void IioInterruptPort::take_cache(IioInterruptPort& port, const char* value) {
+  port.use_cached_level_ = port.use_cached_level_ && !g_str_equal(value, "false");
 }
 
-void take_pullup(Data& data, const char* value) {
-  data.pullup_when_supervised = data.pullup_when_supervised || g_str_equal(value, "true");
-}
-
-// Those of the port itself; the channel has its own.
-constexpr std::array device_keys{
-    DescriptionKey<Data>{"limit_timeout", take_unsigned<&Data::limit_timeout_ms>},
-    DescriptionKey<Data>{"lower_limit", take_number<&Data::lower_limit>},
-    DescriptionKey<Data>{"upper_limit", take_number<&Data::upper_limit>},
-    DescriptionKey<Data>{"mode", take_mode},
-    DescriptionKey<Data>{"cache_ad_value", take_cache},
-    DescriptionKey<Data>{"pullup_when_supervised", take_pullup},
-};
-static_assert(known_keys(iio_int_device_attributes, device_keys));
-
-void IioIntPortData::take(const char* element, const char* key, const char* value) {
-  if (g_str_equal(element, "device")) {
-    take_described(device_keys, *this, key, value);
-    iio_threshold_parse(channel, key, value);
+void IioInterruptPort::take_pullup(IioInterruptPort& port, const char* value) {
+  if (g_str_equal(value, "true")) {
+    port.line_.keep_ioctrl_on();
   }
 }
 
-void iio_int_free(IoPort* port) {
-  iio_int_close(port);
-  backend_data_free<IioIntPortData>(port);
+void IioInterruptPort::parse_data(const char* element, const char* key, const char* value) {
+  // Those of the port itself; the channel has its own.
+  using Key = DescriptionKey<IioInterruptPort>;
+  static constexpr std::array device_keys{
+      Key{"limit_timeout", take_unsigned<&IioInterruptPort::limit_timeout_ms_>},
+      Key{"lower_limit", take_number<&IioInterruptPort::lower_limit_>},
+      Key{"upper_limit", take_number<&IioInterruptPort::upper_limit_>},
+      Key{"mode", take_mode},
+      Key{"cache_ad_value", take_cache},
+      Key{"pullup_when_supervised", take_pullup},
+  };
+  static_assert(known_keys(iio_int_device_attributes, device_keys));
+  static PendingRange pending; // One for all ports.
+  if (!line_.parse(pending, element, key, value) && g_str_equal(element, "device")) {
+    take_described(device_keys, *this, key, value);
+    iio_threshold_parse(channel_, key, value);
+  }
 }
-
-constexpr PortFunctions functions = supervised_table<IioIntPortData>({
-    .setup = iio_int_setup,
-    .is_supervisable = iio_int_is_supervisable,
-    .set_supervised = iio_int_set_supervised,
-    .get_supervised_readout = iio_int_get_supervised_readout,
-    .get_state = iio_int_get_state,
-    .set_watch = iio_int_set_watch,
-    .set_direction = iio_int_set_direction,
-    .free = iio_int_free,
-    .close = iio_int_close,
-});
-static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* iio_int_setup_functions(IoPort* port) {
-  return backend_attach<IioIntPortData>(port, functions);
+  return hardware_attach<IioInterruptPort>(port);
 }

@@ -51,5 +51,5 @@ inline constexpr BackendVocabulary iio_int_vocabulary{
     .pins = std::span(supervised_pin_needs).first<3>(),
     .refuses_other_pin = true};
 
-/// The operation table of ports of kind "iio-interrupt"; gives the port a record if it has none.
+/// The operation table of ports of kind "iio-interrupt"; gives the port an instance if it has none.
 [[nodiscard]] const PortFunctions* iio_int_setup_functions(IoPort* port);

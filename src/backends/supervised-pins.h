@@ -2,19 +2,8 @@
 // analogue measuring circuit by two control pins, and the ranges that judge the measured level.
 #pragma once
 
-#include "backends/backend-data.h"
 #include "backends/libugpio-utils.h"
 #include "port/ioport.h"
-
-/// The pins of a supervised port; any of them may be absent.
-struct SupervisedPins {
-  GpioPinPtr ioctrl;
-  GpioPinPtr sioctrl;
-  GpioPinPtr input;
-  GpioPinPtr output;
-  // Last, so that the watch goes before the pin whose descriptor it polls.
-  LogicWatch logic_watch;
-};
 
 /// A "range" element while its attributes come in; "upper" completes it.
 struct PendingRange {
@@ -40,63 +29,75 @@ struct PinSetup {
   bool tells_calls = false;
 };
 
-/// Takes an attribute of a pin's or a "range" element; false when the element is neither. In a
-/// "range" the order of attributes matters: "upper" adds the range to the port with the state and
-/// lower limit told before. A refused range is logged.
-[[nodiscard]] bool supervised_parse_line(IoPort* port, SupervisedPins& pins, PendingRange& pending,
-                                         const char* element, const char* key, const char* value);
+/// The pins of a supervised port, of which any may be absent. The operations log what fails.
+class SupervisedLine {
+public:
+  SupervisedLine(IoPort& port, const PinSetup& how) : port_(port), how_(how) {}
 
-/// Requests the port's pins for its type and direction and sets the control pins. An output starts
-/// at `start`. False, with a warning, on failure.
-[[nodiscard]] bool supervised_setup_pins(IoPort* port, SupervisedPins& pins, Level start,
-                                         const PinSetup& how);
+  /// Takes an attribute of a pin's or a "range" element; false when the element is neither. In a
+  /// "range" the order of attributes matters: "upper" adds the range to the port with the state and
+  /// lower limit told before. A refused range is logged.
+  [[nodiscard]] bool parse(PendingRange& pending, const char* element, const char* key,
+                           const char* value);
+  /// As `PinSetup::ioctrl_always_on`.
+  void keep_ioctrl_on() { how_.ioctrl_always_on = true; }
 
-/// Routes the line: to the logic input, to the measuring circuit, or (output) to neither.
-[[nodiscard]] bool supervised_set_control_pins(IoPort* port, const SupervisedPins& pins,
-                                               const PinSetup& how);
+  /// Requests the pins for the port's type and direction and sets the control pins. An output
+  /// starts at `start`.
+  [[nodiscard]] bool setup(Level start);
 
-/// Turns the pins round; the port already has its new direction. The watch is stopped.
-void supervised_turn_pins(IoPort* port, SupervisedPins& pins, Direction direction,
-                          const PinSetup& how);
+  /// Routes the line: to the logic input, to the measuring circuit, or (output) to neither.
+  [[nodiscard]] bool set_control_pins();
 
-/// The pin that shows the port's logic level: the input pin of an input, else the output pin.
-[[nodiscard]] GpioPin* supervised_level_pin(IoPort* port, const SupervisedPins& pins);
+  /// Turns the pins round; the port already has its new direction. The watch is stopped.
+  void turn(Direction direction);
 
-/// The level of that pin; unknown when there is none.
-[[nodiscard]] Level supervised_pin_level(IoPort* port, const SupervisedPins& pins);
+  /// Watches the pin that shows the logic level, if that can be watched.
+  void watch(GIOCondition of_value_file = G_IO_ERR);
+  void unwatch() { logic_watch_.stop(); }
 
-/// Drives the output pin of an output or configurable port.
-void supervised_drive_output(IoPort* port, const SupervisedPins& pins, Level level);
+  /// The logic level, of the input pin of an input, else of the output pin; unknown when the port
+  /// has no such pin.
+  [[nodiscard]] Level level() const;
 
-// For backends whose records hold their pins as `pins` and have a function
-// `take(element, key, value)` for the rest of their description.
+  /// Drives the output pin of an output or configurable port.
+  void drive(Level level) const;
 
-/// The slot that takes the description; the record takes what tells of neither pins nor ranges.
-template <typename Data>
-void supervised_parse_data(IoPort* port, const char* element, const char* key, const char* value) {
-  static PendingRange pending; // One per kind of port.
-  auto* data = backend_data_ensure<Data>(port);
-  if (!supervised_parse_line(port, data->pins, pending, element, key, value)) {
-    data->take(element, key, value);
+  /// Releases all pins, keeping their description.
+  void close();
+
+private:
+  [[nodiscard]] const GpioPin* level_pin() const {
+    return io_port_input(&port_) ? input_.get() : output_.get();
   }
-}
+  [[nodiscard]] bool pins_complete() const;
+  [[nodiscard]] bool step_failed(const char* call) const;
+  [[nodiscard]] bool open_pin(GpioPin* pin, const char* element, PinUse use,
+                              const char* call) const;
+  [[nodiscard]] bool setup_level_pins(Level start);
+  [[nodiscard]] bool setup_control_pins();
+  [[nodiscard]] bool setup_sioctrl();
+  void parse_range(PendingRange& pending, const char* key, const char* value);
 
-/// The table of such a backend: what all of them do alike stands in it.
-template <typename Data>
-[[nodiscard]] constexpr PortFunctions supervised_table(PortFunctions slots) {
-  if (slots.is_supervisable == nullptr) {
-    slots.is_supervisable = supervised_is_supervisable;
+  static const std::array<PinElement<SupervisedLine>, 4> pin_elements;
+
+  IoPort& port_;
+  PinSetup how_;
+  GpioPinPtr ioctrl_;
+  GpioPinPtr sioctrl_;
+  GpioPinPtr input_;
+  GpioPinPtr output_;
+  // Last, so that the watch goes before the pin whose descriptor it polls.
+  LogicWatch logic_watch_;
+};
+
+/// The operations that any supervised port has, whatever its converter.
+struct SupervisedPort {
+  static bool is_supervisable(IoPort* port) { return supervised_is_supervisable(port); }
+  static const SupervisedRanges& get_supervised_ranges(IoPort* port) {
+    return supervised_get_supervised_ranges(port);
   }
-  slots.get_supervised_ranges = supervised_get_supervised_ranges;
-  slots.set_supervised_ranges = supervised_set_supervised_ranges;
-  slots.set_state = [](IoPort* port, Level level) {
-    supervised_drive_output(port, backend_data_ensure<Data>(port)->pins, level);
-  };
-  slots.parse_data = [](IoPort* port, const char* element, const char* key, const char* value) {
-    supervised_parse_data<Data>(port, element, key, value);
-  };
-  return backend_table<Data>(slots);
-}
-
-/// Releases all pins, keeping their description.
-void supervised_close_pins(SupervisedPins& pins);
+  static bool set_supervised_ranges(IoPort* port, SupervisedRanges ranges, GError** error) {
+    return supervised_set_supervised_ranges(port, std::move(ranges), error);
+  }
+};

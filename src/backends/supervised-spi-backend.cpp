@@ -1,6 +1,6 @@
 #include "backends/supervised-spi-backend.h"
 
-#include "backends/backend-data.h"
+#include "backends/hardware.h"
 #include "backends/spi-utils.h"
 #include "backends/supervised-pins.h"
 #include "platform/callbacks.h"
@@ -22,26 +22,11 @@
 
 namespace {
 
-struct SpiPortData {
-  OptionalText device;
-  guint32 speed_hz = 0;
-  guint address = 0;
-  UniqueFd fd;
-  SupervisedPins pins;
-  SourceId poll_timer;
-
-  void take(const char* element, const char* key, const char* value);
-};
-
 constexpr guint poll_interval_ms = 250;
 constexpr guint8 bits_per_word = 16;
 
 // Shared by all ports of this kind, by port number.
 std::array<SupervisedState, 6> last_reported;
-
-SupervisedState& last_reported_of(const IoPort* port) {
-  return last_reported[static_cast<gsize>(port->number)];
-}
 
 // The pin starts by its flags alone and is not written again.
 bool spi_init_pin(GpioPin* pin, PinUse use) {
@@ -56,143 +41,153 @@ constexpr PinSetup pin_setup{
     .control_failure_counts = false,
 };
 
-bool configure_device(SpiPortData* data) {
-  const char* const path = data->device ? data->device->c_str() : "";
-  data->fd.reset(open(path, O_RDWR | O_CLOEXEC));
-  if (!data->fd) {
+class SpiPort : public SupervisedPort {
+public:
+  explicit SpiPort(IoPort& port) : port_(port), line_(port, pin_setup) {}
+
+  bool setup(Level start);
+  bool set_supervised();
+  std::optional<SupervisedReadout> get_supervised_readout(GError** error);
+  [[nodiscard]] Level get_state() const { return line_.level(); }
+  void set_state(Level level) { line_.drive(level); }
+  bool set_watch();
+  void set_direction(Direction direction);
+  void parse_data(const char* element, const char* key, const char* value);
+
+private:
+  [[nodiscard]] bool number_in_range() const;
+  [[nodiscard]] bool configure_device();
+  [[nodiscard]] bool open_device();
+  gboolean poll();
+  [[nodiscard]] SupervisedState& last() const {
+    return last_reported[static_cast<gsize>(port_.number)];
+  }
+
+  IoPort& port_;
+  OptionalText device_;
+  guint32 speed_hz_ = 0;
+  guint address_ = 0;
+  UniqueFd fd_;
+  SupervisedLine line_;
+  SourceId poll_timer_;
+};
+
+bool SpiPort::configure_device() {
+  const char* const path = device_ ? device_->c_str() : "";
+  fd_.reset(open(path, O_RDWR | O_CLOEXEC));
+  if (!fd_) {
     remark_missing_kernel_part(spi_kernel_parts);
     g_warning("%sFailed to open SPI device.", log_prefix);
     return false;
   }
-  if (ioctl(data->fd.get(), SPI_IOC_WR_BITS_PER_WORD, &bits_per_word) < 0) {
+  if (ioctl(fd_.get(), SPI_IOC_WR_BITS_PER_WORD, &bits_per_word) < 0) {
     g_warning("%sFailed to set bits per word.", log_prefix);
     return false;
   }
-  if (data->speed_hz != 0 && ioctl(data->fd.get(), SPI_IOC_WR_MAX_SPEED_HZ, &data->speed_hz) < 0) {
+  if (speed_hz_ != 0 && ioctl(fd_.get(), SPI_IOC_WR_MAX_SPEED_HZ, &speed_hz_) < 0) {
     g_warning("%sFailed to set max speed.", log_prefix);
     return false;
   }
   return true;
 }
 
-bool open_device(SpiPortData* data) {
-  if (configure_device(data)) {
+bool SpiPort::open_device() {
+  if (configure_device()) {
     return true;
   }
   g_warning("%sFailed to open spi device.", log_prefix);
   return false;
 }
 
-bool number_in_range(const IoPort* port) {
-  if (port->number >= 0 && std::cmp_less(port->number, last_reported.size())) {
+bool SpiPort::number_in_range() const {
+  if (port_.number >= 0 && std::cmp_less(port_.number, last_reported.size())) {
     return true;
   }
   g_warning("%sPort %d cannot be an spi port: only numbers 0 to %zu can be supervised by it",
-            log_prefix, port->number, last_reported.size() - 1);
+            log_prefix, port_.number, last_reported.size() - 1);
   return false;
 }
 
-void release(SpiPortData* data) {
-  data->poll_timer.reset();
-  data->fd.reset();
-  supervised_close_pins(data->pins);
-}
-
-bool spi_setup(IoPort* port, Level start) {
-  auto* data = backend_data_ensure<SpiPortData>(port);
-  if (number_in_range(port) && supervised_setup_pins(port, data->pins, start, pin_setup)
-      && (port->type == PORT_OUTPUT || open_device(data))) {
+bool SpiPort::setup(Level start) {
+  if (number_in_range() && line_.setup(start) && (port_.type == PORT_OUTPUT || open_device())) {
     return true;
   }
-  release(data);
+  poll_timer_.reset();
+  fd_.reset();
+  line_.close();
   return false;
 }
 
-std::optional<SupervisedReadout> spi_readout(IoPort* port, GError** error) {
-  auto* data = backend_data_ensure<SpiPortData>(port);
+std::optional<SupervisedReadout> SpiPort::get_supervised_readout(GError** error) {
   SpiWord word{};
-  if (!spi_exchange(data->fd.get(), static_cast<guint8>(data->address), &word)) {
+  if (!spi_exchange(fd_.get(), static_cast<guint8>(address_), &word)) {
     const char* const reason = g_strerror(errno);
     g_warning("%sError: %s", log_prefix, reason);
     // Not reopened: a converter that failed once is not trusted again before the next set-up.
-    data->fd.reset();
+    fd_.reset();
     g_set_error_literal(error, io_supervised_error_quark(), IO_SUPERVISED_ERROR_GENERIC, reason);
     return std::nullopt;
   }
-  return supervised_readout_of(port, spi_level(word), error);
+  return supervised_readout_of(&port_, spi_level(word), error);
 }
 
-gboolean spi_poll(IoPort* port) {
-  const PortPlace place(port);
-  SupervisedState& last = last_reported_of(port);
+gboolean SpiPort::poll() {
+  const PortPlace place(&port_);
   g_autoptr(GError) error = nullptr;
-  const auto readout = io_port_get_supervised_readout(port, &error);
+  const auto readout = io_port_get_supervised_readout(&port_, &error);
   if (!readout) {
     g_warning("%sReadout failed: %s", log_prefix, error->message);
-  } else if (readout->state != last) {
-    io_port_trigger(port, ReportedState(readout->state));
-    last = readout->state;
+  } else if (readout->state != last()) {
+    io_port_trigger(&port_, ReportedState(readout->state));
+    last() = readout->state;
   }
   return G_SOURCE_CONTINUE;
 }
 
-bool spi_set_watch(IoPort* port) {
-  auto* data = backend_data_ensure<SpiPortData>(port);
-  if (!io_port_supervised_input(port)) {
-    std::ignore = data->pins.logic_watch.start(port, supervised_level_pin(port, data->pins));
-    data->poll_timer.reset();
+bool SpiPort::set_watch() {
+  if (!io_port_supervised_input(&port_)) {
+    line_.watch();
+    poll_timer_.reset();
     return true;
   }
-  data->pins.logic_watch.stop();
-  if (!data->poll_timer) {
-    last_reported_of(port) = SUPERVISED_UNDEFINED;
-    data->poll_timer.reset(g_timeout_add(poll_interval_ms, callback<spi_poll>, port));
+  line_.unwatch();
+  if (!poll_timer_) {
+    last() = SUPERVISED_UNDEFINED;
+    poll_timer_.reset(g_timeout_add(poll_interval_ms, callback<&SpiPort::poll>, this));
   }
   return true;
 }
 
-bool spi_set_supervised(IoPort* port) {
-  if (!io_port_input(port) && !io_port_set_direction(port, Direction::Input)) {
+bool SpiPort::set_supervised() {
+  if (!io_port_input(&port_) && !io_port_set_direction(&port_, Direction::Input)) {
     return false;
   }
-  spi_set_watch(port);
-  std::ignore = supervised_set_control_pins(port, backend_data<SpiPortData>(port)->pins, pin_setup);
+  set_watch();
+  std::ignore = line_.set_control_pins();
   return true;
 }
 
-Level spi_get_state(IoPort* port) {
-  const auto* data = backend_data<SpiPortData>(port);
-  return data != nullptr ? supervised_pin_level(port, data->pins) : Level::Low;
+void SpiPort::set_direction(Direction direction) {
+  poll_timer_.reset();
+  line_.turn(direction);
 }
 
-void spi_set_direction(IoPort* port, Direction direction) {
-  auto* data = backend_data_ensure<SpiPortData>(port);
-  data->poll_timer.reset();
-  supervised_turn_pins(port, data->pins, direction, pin_setup);
-}
-
-void SpiPortData::take(const char* element, const char* key, const char* value) {
+void SpiPort::parse_data(const char* element, const char* key, const char* value) {
+  static PendingRange pending; // One for all ports.
+  if (line_.parse(pending, element, key, value)) {
+    return;
+  }
   if (g_str_equal(element, "address")) {
-    sscanf(value, "%x", &address);
+    sscanf(value, "%x", &address_);
   } else if (g_str_equal(element, "device") && g_str_equal(key, "path")) {
-    device = value;
+    device_ = value;
   } else if (g_str_equal(element, "speed") && g_str_equal(key, "value")) {
-    speed_hz = number_of<guint32>(value, 0);
+    speed_hz_ = number_of<guint32>(value, 0);
   }
 }
-
-constexpr PortFunctions functions = supervised_table<SpiPortData>({
-    .setup = spi_setup,
-    .set_supervised = spi_set_supervised,
-    .get_supervised_readout = spi_readout,
-    .get_state = spi_get_state,
-    .set_watch = spi_set_watch,
-    .set_direction = spi_set_direction,
-});
-static_assert(port_functions_valid(functions));
 
 } // namespace
 
 const PortFunctions* spi_setup_functions(IoPort* port) {
-  return backend_attach<SpiPortData>(port, functions);
+  return hardware_attach<SpiPort>(port);
 }

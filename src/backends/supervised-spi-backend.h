@@ -48,5 +48,5 @@ inline constexpr BackendVocabulary spi_vocabulary{
     .refuses_other_pin = true,
     .number_limit = 6};
 
-/// The operation table of ports of kind "spi"; gives the port a record if it has none.
+/// The operation table of ports of kind "spi"; gives the port an instance if it has none.
 [[nodiscard]] const PortFunctions* spi_setup_functions(IoPort* port);

@@ -198,9 +198,8 @@ using ASupervisedPortDeathTest = ASupervisedPort;
 
 TEST_F(ASupervisedPortDeathTest, ends_the_process_when_an_output_is_to_be_routed) {
   const auto port = make("spi", PORT_OUTPUT);
-  SupervisedPins pins;
-  EXPECT_DEATH(supervised_set_control_pins(port.get(), pins, {}),
-               "assertion failed: \\(port->type == PORT_INPUT\\)");
+  SupervisedLine line(*port, {});
+  EXPECT_DEATH(line.set_control_pins(), "assertion failed: \\(port->type == PORT_INPUT\\)");
 }
 
 TEST_F(ASupervisedPortDeathTest, ends_the_process_without_the_second_control_pin) {
