@@ -16,7 +16,7 @@ struct BackendEntry {
   BackendKind kind;
   /// Name of the kind in the hardware description.
   const char* name;
-  /// Returns the backend's static table; allocates the port's private record if it has none.
+  /// Returns the backend's static table; makes the port's instance of it if there is none.
   const PortFunctions* (*setup_functions)(IoPort* port);
 };
 

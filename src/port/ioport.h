@@ -60,7 +60,7 @@ enum class Trigger { Hardware, Virtual };
   return activelow ? "open" : "closed";
 }
 
-/// A backend's operations. Each backend keeps one static table; empty slots hold nullptr.
+/// A backend's operations: one constant table per kind of hardware. Empty slots hold nullptr.
 struct PortFunctions {
   /// Takes the hardware into use; an output starts at the level `start`.
   bool (*setup)(IoPort* port, Level start) = nullptr;

@@ -17,5 +17,5 @@ inline constexpr std::array lamp_elements{
 inline constexpr BackendVocabulary lamp_vocabulary{
     .name = "lamp", .meaning = "A lamp that nobody sees.", .elements = lamp_elements};
 
-/// The operation table of ports of kind "lamp"; gives the port a record if it has none.
+/// The operation table of ports of kind "lamp"; gives the port an instance if it has none.
 const PortFunctions* lamp_setup_functions(IoPort* port);
