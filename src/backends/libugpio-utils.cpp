@@ -58,22 +58,6 @@ std::optional<bool> read_state_after_edges(IoPort* port, ugpio_t* pin) {
   return ugpio_take_edges(pin) != -1 ? read_state(port) : std::nullopt;
 }
 
-// Reports the state until it holds still; false, with errno set, once it cannot be read. The pin is
-// the one whose edges are watched, if any is.
-bool report_state(IoPort* port, ugpio_t* pin) {
-  g_usleep(settle_time_us);
-  auto state = read_state_after_edges(port, pin);
-  while (state) {
-    io_port_trigger(port, ReportedState(*state));
-    const auto now = read_state_after_edges(port, pin);
-    if (now == state) {
-      return true;
-    }
-    state = now;
-  }
-  return false;
-}
-
 } // namespace
 
 GpioPin::~GpioPin() {
@@ -162,13 +146,18 @@ void libugpio_close_gpio_pin(GpioPin* pin) {
   }
 }
 
-void libugpio_free_gpio_pin(GpioPin* pin) {
-  delete pin;
-}
-
-gboolean libugpio_handle_trig(GIOChannel* /*channel*/, GIOCondition /*condition*/, IoPort* port) {
-  report_state(port, nullptr);
-  return G_SOURCE_CONTINUE;
+bool libugpio_handle_trig(IoPort* port, ugpio_t* pin) {
+  g_usleep(settle_time_us);
+  auto state = read_state_after_edges(port, pin);
+  while (state) {
+    io_port_trigger(port, ReportedState(*state));
+    const auto now = read_state_after_edges(port, pin);
+    if (now == state) {
+      return true;
+    }
+    state = now;
+  }
+  return false;
 }
 
 bool LogicWatch::start(IoPort* port, const GpioPin* pin, GIOCondition of_value_file) {
@@ -221,7 +210,7 @@ bool LogicWatch::serve() {
   const PortPlace place(port_);
   errno = 0;
   if (ugpio_take_edges(pin_->handle) != -1 && ugpio_get_value(pin_->handle) != -1
-      && report_state(port_, pin_->handle)) {
+      && libugpio_handle_trig(port_, pin_->handle)) {
     if (trouble_.end()) {
       g_message("%sPin of port %d can be read again", log_prefix, port_->number);
     }

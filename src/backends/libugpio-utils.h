@@ -86,12 +86,9 @@ enum class PinUse { Input, LowOutput, HighOutput };
 /// Releases the pin, keeping its description. NULL is allowed.
 void libugpio_close_gpio_pin(GpioPin* pin);
 
-/// Releases and frees the pin. NULL is allowed.
-void libugpio_free_gpio_pin(GpioPin* pin);
-
-/// Reports the level of a port whose line has changed, until it holds still; true: keep watching.
-[[nodiscard]] gboolean libugpio_handle_trig(GIOChannel* channel, GIOCondition condition,
-                                            IoPort* port);
+/// Reports the state of a port whose line has changed, until it holds still; false, with errno set,
+/// once it cannot be read. The pin is the one whose edges are watched; nullptr where none is.
+[[nodiscard]] bool libugpio_handle_trig(IoPort* port, ugpio_t* pin);
 
 /// The watch on a pin. Main thread only.
 ///

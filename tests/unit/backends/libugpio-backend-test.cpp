@@ -161,7 +161,7 @@ TEST_F(AGpioPort, reports_a_level_that_changes_while_it_is_reported) {
   };
   fake_pins.levels["17"] = 1;
   take_calls();
-  EXPECT_TRUE(libugpio_handle_trig(nullptr, G_IO_ERR, port.get()));
+  EXPECT_TRUE(libugpio_handle_trig(port.get(), nullptr));
   EXPECT_THAT(take_calls(), ElementsAre("reported 1", "reported 0"));
 }
 
