@@ -100,11 +100,13 @@ std::vector<const UniqueFd*> switches(const Channel& channel) {
   return {&channel.rising_enable, &channel.falling_enable};
 }
 
+enum class Events { Off, On };
+
 // 0, or the reason of a failure; what follows one is switched all the same.
-int switch_events(const Channel& channel, bool enable) {
+int switch_events(const Channel& channel, Events events) {
   int reason = 0;
   for (const auto* file : switches(channel)) {
-    const int failure = write_number(*file, enable ? 1 : 0);
+    const int failure = write_number(*file, events == Events::On ? 1 : 0);
     reason = reason != 0 ? reason : failure;
   }
   return reason;
@@ -189,7 +191,7 @@ int arm_both(Channel& channel, const SupervisedRange& range) {
   if (reason == 0) {
     reason = place(channel, falling_threshold(channel), counts(channel, lower), now);
   }
-  return reason != 0 ? reason : switch_events(channel, true);
+  return reason != 0 ? reason : switch_events(channel, Events::On);
 }
 
 // Its thresholds are told as levels, without the shift.
@@ -298,13 +300,13 @@ std::optional<guint32> iio_threshold_read(IioThresholdChannel& channel, Failure 
 int iio_threshold_arm(IioThresholdChannel& channel, const SupervisedRange& range) {
   const int reason = channel.one_threshold ? arm_one(channel, range) : arm_both(channel, range);
   if (reason != 0) {
-    switch_events(channel, false);
+    switch_events(channel, Events::Off);
   }
   return reason;
 }
 
 void iio_threshold_hold(const IioThresholdChannel& channel) {
-  switch_events(channel, false);
+  switch_events(channel, Events::Off);
 }
 
 void iio_threshold_disarm(const IioThresholdChannel& channel) {
