@@ -5,6 +5,9 @@
 #include "backends/libugpio-utils.h"
 #include "port/ioport.h"
 
+#include <array>
+#include <utility>
+
 /// A "range" element while its attributes come in; "upper" completes it.
 struct PendingRange {
   OptionalText state;

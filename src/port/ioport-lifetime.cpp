@@ -8,8 +8,8 @@
 
 namespace {
 
-// Tells a fresh backend record what the hardware description said. Ranges are user settings by
-// now and must not be added once more.
+// Tells a fresh instance of a backend what the hardware description said. Ranges are user settings
+// by now and must not be added once more.
 void describe_to_backend(IoPort* ioport) {
   auto ranges = std::exchange(ioport->ranges, {});
   for (const auto& attribute : ioport->backend_description) {
@@ -19,7 +19,7 @@ void describe_to_backend(IoPort* ioport) {
   ioport->ranges = std::move(ranges);
 }
 
-void ensure_backend_record(IoPort* ioport) {
+void ensure_backend_instance(IoPort* ioport) {
   if (ioport->backend_private != nullptr) {
     return;
   }
@@ -74,7 +74,7 @@ const PortFunctions* io_port_set_backend(IoPort* ioport, BackendKind kind) {
     return nullptr;
   }
   if (ioport->functions != nullptr && replaced != kind) {
-    // The record belongs to the backend that is being replaced.
+    // The instance belongs to the backend that is being replaced.
     ioport->functions->free(ioport);
     ioport->backend_description.clear();
   }
@@ -85,7 +85,7 @@ const PortFunctions* io_port_set_backend(IoPort* ioport, BackendKind kind) {
 bool io_port_setup(IoPort* ioport) {
   WEXD_ASSERT_NONNULL(ioport);
   WEXD_ASSERT_NONNULL(ioport->functions);
-  ensure_backend_record(ioport);
+  ensure_backend_instance(ioport);
   const PortPlace place(ioport);
   if (!ioport->functions->setup(ioport, level_of(ioport->activelow_output))) {
     return false;
