@@ -64,7 +64,9 @@ bool lose_privileges() {
 std::string in_child(const std::function<std::string()>& body) {
   std::array<int, 2> ends{};
   g_assert(pipe(ends.data()) == 0);
-  const pid_t child = fork();
+  // Without the handlers of fork(): one of them starts the thread sanitizer's thread in the child
+  // again, and only a process of one thread may enter a user namespace.
+  const pid_t child = _Fork();
   g_assert(child >= 0);
   if (child == 0) {
     const std::string text = body();
