@@ -97,7 +97,7 @@ bool libugpio_open_gpio_pin(GpioPin* pin, PinUse use) {
   libugpio_close_gpio_pin(pin);
   pin->handle = request(pin, request_flags(pin, use));
   if (pin->handle == nullptr) {
-    remark_missing_kernel_part(gpio_kernel_parts);
+    remark_missing_kernel_part({&ugpio_kernel_part(), 1});
     g_warning("%sFailed to allocate pin %d/%s", log_prefix, pin->number, name_of(pin));
     return false;
   }

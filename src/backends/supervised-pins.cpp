@@ -23,7 +23,7 @@ bool open_sioctrl(GpioPin* pin) {
   libugpio_close_gpio_pin(pin);
   pin->handle = request_as_it_stands(pin);
   if (pin->handle == nullptr) {
-    remark_missing_kernel_part(gpio_kernel_parts);
+    remark_missing_kernel_part({&ugpio_kernel_part(), 1});
     g_warning("%sRequest for gpio pin %s failed.", log_prefix, name);
     return false;
   }

@@ -12,8 +12,8 @@ struct KernelPart {
   const char* instead = nullptr;
 };
 
-inline constexpr std::array gpio_kernel_parts{KernelPart{
-    .path = "/sys/class/gpio", .option = "CONFIG_GPIO_SYSFS", .instead = "/dev/gpiochip*"}};
+inline constexpr KernelPart gpio_sysfs_part{"/sys/class/gpio", "CONFIG_GPIO_SYSFS"};
+inline constexpr KernelPart gpio_chips_part{"/dev/gpiochip*", "CONFIG_GPIO_CDEV"};
 inline constexpr std::array spi_kernel_parts{KernelPart{"/sys/bus/spi", "CONFIG_SPI"},
                                              KernelPart{"/sys/class/spidev", "CONFIG_SPI_SPIDEV"}};
 inline constexpr std::array iio_kernel_parts{KernelPart{"/sys/bus/iio", "CONFIG_IIO"}};

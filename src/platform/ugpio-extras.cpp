@@ -2,6 +2,10 @@
 
 #include "platform/gpio-names.h"
 
+const KernelPart& ugpio_kernel_part() {
+  return gpio_sysfs_part;
+}
+
 ugpio_t* ugpio_request_named(const char* name) {
   if (const auto number = gpio_number_of_name(name)) {
     return ugpio_request(*number, name);

@@ -3,8 +3,13 @@
 // libugpio it is added.
 #pragma once
 
+#include "platform/kernel-parts.h"
+
 #include <glib.h>
 #include <ugpio/ugpio.h>
+
+/// What the kernel must have for any pin to be taken.
+[[nodiscard]] const KernelPart& ugpio_kernel_part();
 
 /// As ugpio_request; NULL with errno set when no line has that name.
 [[nodiscard]] ugpio_t* ugpio_request_named(const char* name);

@@ -414,6 +414,12 @@ TEST_F(AStandingLine, polls_as_readable_until_its_edges_are_taken) {
   EXPECT_FALSE(shows());
 }
 
+TEST(LinePins, miss_the_option_for_chips_only) {
+  EXPECT_STREQ("CONFIG_GPIO_CDEV", ugpio_kernel_part().option);
+  EXPECT_STREQ("/dev/gpiochip*", ugpio_kernel_part().path);
+  EXPECT_EQ(nullptr, ugpio_kernel_part().instead);
+}
+
 } // namespace
 
 // The chips of this machine are not the test's.

@@ -73,6 +73,11 @@ ugpio_t* ugpio_request_one(unsigned int number, unsigned int flags, const char* 
   return request("request_one", std::to_string(number), ' ' + std::to_string(flags));
 }
 
+const KernelPart& ugpio_kernel_part() {
+  static constexpr KernelPart always_there{"/", "CONFIG_GPIOLIB"};
+  return always_there;
+}
+
 ugpio_t* ugpio_request_named(const char* name) {
   return request("request_named", name, "");
 }
