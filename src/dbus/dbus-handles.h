@@ -9,8 +9,6 @@
 #include <mutex>
 #include <utility>
 
-using BusName = UniqueId<g_bus_unown_name>;
-
 /// Whether the legacy configuration interface is served.
 enum class LegacyInterface { Absent, Served };
 

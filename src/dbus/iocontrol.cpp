@@ -7,7 +7,7 @@
 #include "dbus/manager.h"
 #include "dbus/signal-flush.h"
 #include "param/param.h"
-#include "platform/callbacks.h"
+#include "platform/bus-name.h"
 #include "platform/log.h"
 #include "platform/memory.h"
 #include "port/action-sequence.h"
@@ -22,8 +22,8 @@
 /// What is on the bus for as long as the service is.
 struct IoControl {
   LegacyInterface legacy;
-  BusName state_name;
-  BusName connector_name;
+  std::optional<BusName> state_name;
+  std::optional<BusName> connector_name;
   /// Shared with the listeners to what ports announce.
   std::shared_ptr<SharedObject<IOControlState>> state =
       std::make_shared<SharedObject<IOControlState>>();
@@ -397,19 +397,13 @@ const std::array<MethodHandler, 17> handlers{{
     {"handle-get-port-props", G_CALLBACK(on_handle_get_port_props)},
 }};
 
-void iocontrol_on_bus_acquired(IoControl* service, GDBusConnection* connection,
-                               const gchar* /*name*/) {
+void iocontrol_on_bus_acquired(IoControl* service, GDBusConnection* connection) {
   IOControlState* const skeleton = iocontrol_state_skeleton_new();
   service->state->reset(skeleton);
   if (!export_skeleton(skeleton, handlers, service, connection, state_path)) {
     g_warning("%sFailed to register IOControl state dbus interface", log_prefix);
   }
   service->manager.emplace(connection, service->legacy);
-}
-
-void connector_on_bus_acquired(IoControl* service, GDBusConnection* connection,
-                               const gchar* /*name*/) {
-  service->connector = connector_publish(connection);
 }
 
 void iocontrol_emit_port_changed(const State& state, const PortChange& change) {
@@ -443,12 +437,13 @@ IoControlOwner iocontrol_init_dbus(LegacyInterface legacy) {
   register_errors();
   IoControlOwner service(new IoControl{.legacy = legacy});
   listen(service->state);
-  service->state_name.reset(g_bus_own_name(
-      G_BUS_TYPE_SYSTEM, state_name, G_BUS_NAME_OWNER_FLAGS_NONE,
-      callback<iocontrol_on_bus_acquired>, nullptr, nullptr, service.get(), nullptr));
-  service->connector_name.reset(g_bus_own_name(
-      G_BUS_TYPE_SYSTEM, connector_name, G_BUS_NAME_OWNER_FLAGS_NONE,
-      callback<connector_on_bus_acquired>, nullptr, nullptr, service.get(), nullptr));
+  service->state_name.emplace(state_name, [to = service.get()](GDBusConnection* connection) {
+    iocontrol_on_bus_acquired(to, connection);
+  });
+  service->connector_name.emplace(connector_name,
+                                  [to = service.get()](GDBusConnection* connection) {
+                                    to->connector = connector_publish(connection);
+                                  });
   return service;
 }
 

@@ -4,15 +4,16 @@
 #include "dbus/iosupervised-supervised-gen.h"
 #include "event/event.h"
 #include "param/param.h"
-#include "platform/callbacks.h"
+#include "platform/bus-name.h"
 #include "platform/log.h"
 #include "port/ioport-list.h"
 
 #include <array>
+#include <optional>
 
 /// What is on the bus for as long as the service is.
 struct IoSupervised {
-  BusName name;
+  std::optional<BusName> name;
   ObjectRef<IOSupervisedSupervised> skeleton;
 };
 
@@ -205,8 +206,7 @@ const std::array<MethodHandler, 9> handlers{{
     {"handle-get-supervised-port-numbers", G_CALLBACK(on_handle_get_supervised_port_numbers)},
 }};
 
-void iosupervised_on_bus_acquired(IoSupervised* service, GDBusConnection* connection,
-                                  const gchar* /*name*/) {
+void iosupervised_on_bus_acquired(IoSupervised* service, GDBusConnection* connection) {
   IOSupervisedSupervised* const skeleton = iosupervised_supervised_skeleton_new();
   service->skeleton.reset(skeleton);
   if (!export_skeleton(skeleton, handlers, nullptr, connection, supervised_path)) {
@@ -219,9 +219,9 @@ void iosupervised_on_bus_acquired(IoSupervised* service, GDBusConnection* connec
 IoSupervisedOwner iosupervised_init_dbus() {
   register_errors();
   IoSupervisedOwner service(new IoSupervised);
-  service->name.reset(g_bus_own_name(
-      G_BUS_TYPE_SYSTEM, supervised_name, G_BUS_NAME_OWNER_FLAGS_NONE,
-      callback<iosupervised_on_bus_acquired>, nullptr, nullptr, service.get(), nullptr));
+  service->name.emplace(supervised_name, [to = service.get()](GDBusConnection* connection) {
+    iosupervised_on_bus_acquired(to, connection);
+  });
   return service;
 }
 

@@ -1,6 +1,7 @@
 #include "peers/action-engine.h"
 
 #include "platform/bus-call.h"
+#include "platform/bus-connection.h"
 #include "platform/bus-proxy.h"
 #include "platform/callbacks.h"
 #include "platform/log.h"
@@ -85,13 +86,24 @@ bool remove_template(GDBusProxy* proxy, const ActionTemplate& entry) {
 ActionengineDbus::ActionengineDbus() {
   port_observer.outputs_wanted = [this](bool wanted) { update_action_registration(wanted); };
   io_port_list_update_action_registration();
-  watch_.reset(g_bus_watch_name(G_BUS_TYPE_SYSTEM, service.name, G_BUS_NAME_WATCHER_FLAGS_NONE,
-                                callback<&ActionengineDbus::on_name_appeared>,
-                                callback<&ActionengineDbus::on_name_vanished>, this, nullptr));
+  starting_.reset(
+      g_idle_add_full(G_PRIORITY_DEFAULT, callback<&ActionengineDbus::on_loop>, this, nullptr));
 }
 
 ActionengineDbus::~ActionengineDbus() {
   port_observer.outputs_wanted = nullptr;
+}
+
+// A look-up of the shared connection by GLib would take a thread, as for a BusName.
+gboolean ActionengineDbus::on_loop() {
+  starting_.forget();
+  if (GDBusConnection* const connection = bus_connection_shared(nullptr)) {
+    watch_.reset(g_bus_watch_name_on_connection(
+        connection, service.name, G_BUS_NAME_WATCHER_FLAGS_NONE,
+        callback<&ActionengineDbus::on_name_appeared>,
+        callback<&ActionengineDbus::on_name_vanished>, this, nullptr));
+  }
+  return G_SOURCE_REMOVE;
 }
 
 void ActionengineDbus::on_name_appeared() {

@@ -14,6 +14,7 @@ public:
   ActionengineDbus& operator=(const ActionengineDbus&) = delete;
 
 private:
+  gboolean on_loop();
   void on_name_appeared();
   void on_name_vanished();
   /// Whether the templates are wanted; brings the engine in line, if it is there.
@@ -23,5 +24,7 @@ private:
   /// None while the engine is absent.
   ObjectRef<GDBusProxy> proxy_;
   bool wanted_ = false;
+  /// The wait for the main loop, in which the watch begins.
+  SourceId starting_;
   UniqueId<g_bus_unwatch_name> watch_;
 };
