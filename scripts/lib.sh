@@ -50,7 +50,7 @@ test_packages=(
   "${kernel_packages[@]}" "${pack_packages[@]}"
   git ccache clang-format clang-tidy shellcheck libxml2-utils
   python3-pytest-xdist python3-pytest-timeout python3-jsonschema
-  umockdev strace debootstrap binutils zsh fish man-db lintian
+  umockdev strace libfaketime debootstrap binutils zsh fish man-db lintian
   libsdbus-c++-dev libsystemd-dev nodejs make pandoc jq libmosquitto-dev libssl-dev mosquitto mosquitto-clients openssl
 )
 # Debian's Node.js comes without npm; a Node.js from elsewhere brings its own, and refuses Debian's.

@@ -7,9 +7,16 @@ import subprocess
 import time
 
 from campaign import Broken, Campaign, Fault, Trial
-from victim import Victim
+from surroundings import (
+    BY_THE_DAY,
+    LEAVES_A_FILE,
+    NEEDS_MEMORY,
+    jumps_of_the_clock,
+    little_address_space,
+    nothing_in_run,
+)
+from victim import serves_or_ends, started
 
-from describe import port
 from sim.bus import BusError, wait_until
 from sim.device import KEY_FILE
 from sim.sandbox import child_of
@@ -18,15 +25,6 @@ STEP_MS = 5  # between the moments at which a start is told to end
 FEWEST, MOST = 5, 40  # descriptors
 HANG_UPS = 20_000
 BURST = 200  # signals between two questions
-PORTS = "".join(port(f"p{n}", n) for n in range(8))
-
-
-@contextlib.contextmanager
-def started(binary, **options):
-    with Victim(binary, **options) as device:
-        device.describe(PORTS)
-        device.start()
-        yield device
 
 
 # -- signals -------------------------------------------------------------------------------------
@@ -109,19 +107,6 @@ def few_descriptors(binary, _budget):
         if not served:
             raise Broken(f"not even {MOST - 1} descriptors are enough")
     return f"{FEWEST} to {MOST - 1} descriptors; it serves from {served[0]} on"
-
-
-def serves_or_ends(device):
-    def decided():
-        if not device.running:
-            return "ended"
-        try:
-            device.state.begin("GetNbrPorts").wait(1)
-            return "serves"
-        except (BusError, AssertionError):
-            return None
-
-    return wait_until(decided, "the daemon to serve or to end", 60) == "serves"
 
 
 def no_thread(binary, _budget):
@@ -234,5 +219,8 @@ CAMPAIGN = Campaign(
         Trial("few descriptors", few_descriptors, (WAITS_FOR_EVER,)),
         Trial("no thread for a sequence", no_thread, (STAYS_BUSY,)),
         Trial("no descriptor for a save", no_descriptor_for_a_save, (FORGETS,)),
+        Trial("little address space", little_address_space, (NEEDS_MEMORY,)),
+        Trial("jumps of the clock", jumps_of_the_clock, (BY_THE_DAY,)),
+        Trial("nothing in /run", nothing_in_run, (LEAVES_A_FILE,)),
     ),
 )  # fmt: skip

@@ -1,11 +1,13 @@
 """A device that is treated badly: its daemon dies, and its log is looked at only when asked."""
 
-import threading
+import contextlib
 import os
 import re
 import signal
+import threading
 
-from sim.bus import wait_until
+from describe import port
+from sim.bus import BusError, wait_until
 from sim.device import UNWANTED, Device
 from sim.sandbox import child_of
 
@@ -35,3 +37,27 @@ class Victim(Device):
         for line in (self.stdout + self.stderr).splitlines():
             if UNWANTED.search(line) and not any(re.search(known, line) for known in allowed):
                 raise Broken(f"the daemon said: {line}")
+
+
+@contextlib.contextmanager
+def started(binary, **options):
+    """A victim with eight ports, in service."""
+    with Victim(binary, **options) as device:
+        device.describe("".join(port(f"p{n}", n) for n in range(8)))
+        device.start()
+        yield device
+
+
+def serves_or_ends(device):
+    """Whether a daemon that has just been started comes to serve; it may end instead, and nothing else."""
+
+    def decided():
+        if not device.running:
+            return "ended"
+        try:
+            device.state.begin("GetNbrPorts").wait(1)
+            return "serves"
+        except (BusError, AssertionError):
+            return None
+
+    return wait_until(decided, "the daemon to serve or to end", 60) == "serves"
