@@ -52,7 +52,7 @@ static int open_or_die(const char* path, int flags)
 
 static void pull(int fd, int level)
 {
-  if (write(fd, level ? "1" : "0", 1) != 1)
+  if (pwrite(fd, level ? "1" : "0", 1, 0) != 1)
     die("pull");
 }
 
@@ -98,6 +98,16 @@ static void move_polled_line(struct line* line, int level)
     die("poll");
   if ((line->requested ? level_of_requested_line : level_of_value_file)(line->fd) != level)
     die("another level");
+}
+
+/* Nothing that the line did so far counts as an edge, and all that it does from now on. */
+static void begin_to_watch(struct line* line)
+{
+  struct pollfd now = {.fd = line->fd, .events = POLLPRI};
+  if (line->requested)
+    return;
+  poll(&now, 1, 0);
+  level_of_value_file(line->fd);
 }
 
 static void on_signal(GDBusConnection* bus, const char* sender, const char* path, const char* iface,
@@ -182,8 +192,7 @@ int main(int argc, char** argv)
   listen_to(receiver, FLOOR, "/bench", &floor_level);
   listen_to(receiver, STATE, STATE_PATH, &port_level);
   wait_for_the_bus(receiver);
-  if (!requested)
-    level_of_value_file(line.fd);
+  begin_to_watch(&line);
 
   const int rounds = WARM_UP + atoi(argv[2]);
   for (int i = 0; i < rounds; ++i) {
