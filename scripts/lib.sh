@@ -23,8 +23,9 @@ sandbox_packages=(
 )
 shell_packages=(libglib2.0-bin systemd)
 fuzz_packages=("${program_packages[@]}" clang libclang-rt-14-dev)
+count_packages=("${program_packages[@]}" "${sandbox_packages[@]}" valgrind libc6-dbg python3-pytest)
 bench_packages=(
-  "${program_packages[@]}" "${sandbox_packages[@]}" libbenchmark-dev valgrind libc6-dbg python3-pytest
+  "${count_packages[@]}" libbenchmark-dev libsystemd-dev binutils strace python3-matplotlib
 )
 picture_packages=(
   "${program_packages[@]}" "${sandbox_packages[@]}" "${shell_packages[@]}" tmux python3-rich
@@ -46,11 +47,11 @@ cross_tools=(
 )
 cross_libraries=(libglib2.0-dev libfmt-dev libncurses-dev libgtest-dev libgmock-dev)
 test_packages=(
-  "${build_packages[@]}" "${bench_packages[@]}" "${fuzz_packages[@]}" "${picture_packages[@]}"
+  "${build_packages[@]}" "${count_packages[@]}" "${fuzz_packages[@]}" "${picture_packages[@]}"
   "${kernel_packages[@]}" "${pack_packages[@]}"
   git ccache clang-format clang-tidy shellcheck libxml2-utils
   python3-pytest-xdist python3-pytest-timeout python3-jsonschema
-  umockdev strace libfaketime debootstrap binutils zsh fish man-db lintian
+  libbenchmark-dev umockdev strace libfaketime debootstrap binutils zsh fish man-db lintian
   libsdbus-c++-dev libsystemd-dev nodejs make pandoc jq libmosquitto-dev libssl-dev mosquitto mosquitto-clients openssl
 )
 # Debian's Node.js comes without npm; a Node.js from elsewhere brings its own, and refuses Debian's.
@@ -137,11 +138,12 @@ bootstrap() {
     apt-get install -q -y --no-install-recommends "${absent[@]}"
 }
 
-# Configures and builds one CMake preset into build/<preset>/. Configured each time: what the preset
-# says may have changed since, or have been left out (see build_only).
+# Configures and builds one CMake preset into build/<preset>/, with further options of CMake.
+# Configured each time: what the preset says may have changed since, or have been left out (see
+# build_only).
 build_preset() {
   local preset=$1
-  cmake --preset "$preset" || return
+  cmake --preset "$@" || return
   cmake --build --preset "$preset"
 }
 

@@ -1,5 +1,9 @@
 // How late the steps of an action sequence fire against their deadlines, beside a bare wait on a
 // condition variable that holds the same durations at the same time on a thread of its own.
+//
+//     lateness-bench STEPS
+//
+// prints "microseconds of the step,microseconds of the wait" for each.
 #include "platform/log.h"
 #include "port/action-sequence.h"
 #include "port/ioport.h"
@@ -7,6 +11,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -15,7 +20,6 @@
 
 namespace {
 
-constexpr int steps = 1000;
 constexpr int shortest_ms = 1;
 constexpr int longest_ms = 20;
 
@@ -25,8 +29,8 @@ std::mutex mutex;
 std::condition_variable ended;
 bool over = false;
 
-std::vector<gint32> make_durations() {
-  std::mt19937 random(steps);
+std::vector<gint32> make_durations(std::size_t steps) {
+  std::mt19937 random(1000);
   std::uniform_int_distribution<gint32> length(shortest_ms, longest_ms);
   std::vector<gint32> durations(steps);
   std::ranges::generate(durations, [&] { return length(random); });
@@ -40,7 +44,6 @@ std::vector<gint64> lateness(const std::vector<gint64>& starts,
   for (std::size_t i = 1; i < starts.size(); i++) {
     late.push_back(starts[i] - starts[i - 1] - gint64{1000} * durations[i - 1]);
   }
-  std::ranges::sort(late);
   return late;
 }
 
@@ -85,17 +88,13 @@ void run_sequence(const std::vector<gint32>& durations) {
   action_sequences_stop();
 }
 
-void print(const char* what, const std::vector<gint64>& late) {
-  const auto at = [&](double part) {
-    return static_cast<long long>(
-        late[static_cast<std::size_t>(part * static_cast<double>(late.size() - 1))]);
-  };
-  printf("%-28s %8lld %8lld %8lld %8lld %8lld\n", what, at(0), at(0.5), at(0.9), at(0.99), at(1));
-}
-
 } // namespace
 
-int main() {
+int main(int argc, char* argv[]) {
+  const int steps = argc == 2 ? atoi(argv[1]) : 0;
+  if (steps <= 0) {
+    return 2;
+  }
   port_observer.port_changed = [](const PortChange&) {
     announced.push_back(g_get_monotonic_time());
   };
@@ -105,17 +104,18 @@ int main() {
     over = true;
     ended.notify_all();
   };
-  announced.reserve(steps + 1);
-  const auto durations = make_durations();
+  const auto durations = make_durations(static_cast<std::size_t>(steps));
+  announced.reserve(durations.size() + 1);
 
   std::vector<gint64> bare;
   std::thread beside([&] { bare = bare_waits(durations); });
   run_sequence(durations);
   beside.join();
 
-  printf("microseconds late, %d steps   %8s %8s %8s %8s %8s\n", steps, "least", "median", "90 %",
-         "99 %", "most");
-  print("step of an action sequence", lateness(announced, durations));
-  print("bare g_cond_wait_until", lateness(bare, durations));
+  const auto late = lateness(announced, durations);
+  const auto bare_late = lateness(bare, durations);
+  for (std::size_t i = 0; i < late.size(); i++) {
+    printf("%lld,%lld\n", static_cast<long long>(late[i]), static_cast<long long>(bare_late[i]));
+  }
   return 0;
 }

@@ -72,9 +72,11 @@ class TheScripts(unittest.TestCase):
         for call in (
             ["run", "--scenario", "--shell"], ["run", "--binary"], ["build", "release", "debug"],
             ["build", "nothing"], ["build", "base"], ["test", "format", "nothing"],
-            ["bench", "--write"], ["cross", "arm64", "nothing"], ["fuzz", "nothing"],
+            ["bench", "--compare"], ["bench", "--output"], ["bench", "--from"], ["bench", "--instructions", "--quick"],
+            ["cross", "arm64", "nothing"], ["fuzz", "nothing"],
             ["fuzz", "-t", "soon"], ["torture", "nothing"],
             ["torture", "-t", "soon"], ["torture", "durability", "--seed"], ["kernel-bench", "-k"], ["kernel-bench", "--junitxml"],
+            ["kernel-bench", "--results"], ["kernel-bench", "--binary", "nothing"], ["kernel-bench", "--binary"],
             ["kernel-bench", "--pins"], ["kernel-bench", "--pins", "both"],
             ["reproduce", "now"], ["reproduce", "--short", "--long"],
         ):  # fmt: skip

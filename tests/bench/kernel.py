@@ -1,0 +1,63 @@
+"""Edges and samples of inputs: the benchmarks of the kernel bench, in an emulated machine."""
+
+import csv
+import subprocess
+import tempfile
+
+from harness import OURS, Samples
+from lab import TOP
+
+SETTLING_US = 500
+LOOP, SIGNAL, BOTH = "bare loop", "signal alone", "loop and signal"
+EDGE = "edge to a client, by {}"
+SHARE = "the daemon's share of an edge, by {}"
+CHANGED = "changed sample to a client"
+COST = "processor time of a sample, {} ports at {} Hz"
+LOST = "samples lost, {} ports at {} Hz"
+
+
+def rows_of(bench, name):
+    """What that benchmark leaves, as dictionaries."""
+    with tempfile.TemporaryDirectory() as folder:
+        command = ["scripts/kernel-bench", "--bench", "--binary", str(bench.binary), "--results", folder, name]
+        if bench.short:
+            command.append("--short")
+        done = subprocess.run(command, cwd=TOP, stdout=subprocess.PIPE, text=True, check=False)
+        if done.returncode != 0:
+            raise RuntimeError(f"the kernel bench failed:\n{done.stdout}")
+        with open(f"{folder}/{name}.csv", newline="") as file:
+            return list(csv.DictReader(file))
+
+
+def edges_of(rows):
+    """Microseconds; each round has one of everything."""
+    samples = Samples()
+    for row in rows:
+        loop, bus, edge = (float(row[column]) for column in ("loop_us", "bus_us", "port_us"))
+        for subject, value in (
+            (OURS, edge), (LOOP, loop), (SIGNAL, bus), (BOTH, loop + bus + SETTLING_US),
+        ):  # fmt: skip
+            samples.add(EDGE.format(row["way"]), subject, value)
+        samples.add(SHARE.format(row["way"]), OURS, edge - loop - bus - SETTLING_US)
+    return samples
+
+
+def samples_of(rows):
+    """Microseconds, and parts lost. A row is {kind, subject, ports, rate, value}."""
+    samples = Samples()
+    for row in rows:
+        subject = OURS if row["subject"] == "wexd" else row["subject"]
+        if row["kind"] == "latency":
+            samples.add(CHANGED, subject, row["value"])
+        else:
+            name = {"cost": COST, "lost": LOST}[row["kind"]]
+            samples.add(name.format(row["ports"], row["rate"]), subject, row["value"])
+    return samples
+
+
+def edges(bench):
+    return edges_of(rows_of(bench, "edge"))
+
+
+def samples(bench):
+    return samples_of(rows_of(bench, "samples"))
