@@ -70,28 +70,34 @@ def machine(short):
     }
 
 
+def chosen_parts(options):
+    """Those to be measured. All of them replace what an earlier run has left; some are put among it."""
+    if options.part:
+        return options.part
+    for path in options.output.glob("*.csv"):
+        path.unlink()
+    return [part for part in PARTS if not (options.quick and part in ON_THE_KERNEL_BENCH)]
+
+
 def measure(options):
     """({part: samples}, the machine) of a run from now on."""
     bench = Bench(options.binary.resolve(), options.short)
-    told = machine(options.short)
-    chosen = options.part or [
-        part for part in PARTS if not (options.quick and part in ON_THE_KERNEL_BENCH)
-    ]
-    parts, begun = {}, time.monotonic()
-    for part in chosen:
+    told, begun = machine(options.short), time.monotonic()
+    options.output.mkdir(parents=True, exist_ok=True)
+    for part in chosen_parts(options):
         started = time.monotonic()
         print(f"{part:14}", end="", flush=True)
-        parts[part] = PARTS[part](bench)
+        PARTS[part](bench).write(options.output / f"{part}.csv")
         print(f"{time.monotonic() - started:6.0f} s", flush=True)
     told["seconds"] = round(time.monotonic() - begun)
-    return parts, told
+    return load_parts(options.output), told
 
 
 def arguments():
     parser = argparse.ArgumentParser(description=__doc__.split("\n", maxsplit=1)[0])
     parser.add_argument("--short", action="store_true", help="every part, a tenth of the time")
     parser.add_argument("--quick", action="store_true", help="without the kernel bench")
-    parser.add_argument("--part", action="append", choices=PARTS, help="this part only")
+    parser.add_argument("--part", action="append", choices=PARTS, help="this part only, anew")
     parser.add_argument("--output", type=pathlib.Path, default=TOP / "build/bench/results")
     parser.add_argument("--from", type=pathlib.Path, dest="earlier", help="what a run left there")
     parser.add_argument("--write", action="store_true", help="keep results, page and plots in docs/")

@@ -90,10 +90,11 @@ int main() {
   if (!serve(bus, state, state_path) || !serve(bus, legacy, legacy_path)) {
     return EXIT_FAILURE;
   }
-  const guint owned = g_bus_own_name_on_connection(bus, name, G_BUS_NAME_OWNER_FLAGS_NONE, nullptr,
-                                                   nullptr, nullptr, nullptr);
+  // Whoever sees the name may end the service at once.
   g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
   g_unix_signal_add(SIGTERM, ended, loop);
+  const guint owned = g_bus_own_name_on_connection(bus, name, G_BUS_NAME_OWNER_FLAGS_NONE, nullptr,
+                                                   nullptr, nullptr, nullptr);
   g_main_loop_run(loop);
   g_bus_unown_name(owned);
   return EXIT_SUCCESS;

@@ -12,8 +12,8 @@ LOOP, SIGNAL, BOTH = "bare loop", "signal alone", "loop and signal"
 EDGE = "edge to a client, by {}"
 SHARE = "the daemon's share of an edge, by {}"
 CHANGED = "changed sample to a client"
-COST = "processor time of a sample, {} ports at {} Hz"
-LOST = "samples lost, {} ports at {} Hz"
+COST = "processor time of a sample, {} at {} Hz"
+LOST = "samples lost, {} at {} Hz"
 
 
 def rows_of(bench, name):
@@ -42,6 +42,10 @@ def edges_of(rows):
     return samples
 
 
+def ports_text(count):
+    return "1 port" if int(count) == 1 else f"{count} ports"
+
+
 def samples_of(rows):
     """Microseconds, and parts lost. A row is {kind, subject, ports, rate, value}."""
     samples = Samples()
@@ -51,7 +55,7 @@ def samples_of(rows):
             samples.add(CHANGED, subject, row["value"])
         else:
             name = {"cost": COST, "lost": LOST}[row["kind"]]
-            samples.add(name.format(row["ports"], row["rate"]), subject, row["value"])
+            samples.add(name.format(ports_text(row["ports"]), row["rate"]), subject, row["value"])
     return samples
 
 

@@ -1,5 +1,6 @@
 """What scripts/bench makes of its samples: figures, verdicts, the page, and two runs side by side."""
 
+import argparse
 import csv
 import json
 import math
@@ -14,6 +15,7 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(TOP / folder) for folder in ("tests/bench", "tests/system", ".")]
 
 import aims  # noqa: E402
+import bench  # noqa: E402
 import calls  # noqa: E402
 import footprint  # noqa: E402
 import harness  # noqa: E402
@@ -130,6 +132,31 @@ class TheHarness(unittest.TestCase):
         self.assertEqual(kept["parts"]["calls"]["a, b"]["values"]["wexd"]["median"], 1.75)
 
 
+class TheParts(unittest.TestCase):
+    def test_are_those_that_the_script_knows(self):
+        self.assertIn(f"\nparts=({' '.join(bench.PARTS)})\n", (TOP / "scripts/bench").read_text())
+
+    def test_are_told_of(self):
+        readme = (TOP / "tests/bench/README.md").read_text()
+        for part in bench.PARTS:
+            with self.subTest(part):
+                self.assertIn(f"`{part}`", readme)
+                self.assertIn(part, tables.UNITS)
+
+    def test_that_are_measured_again_leave_the_others_there(self):
+        with tempfile.TemporaryDirectory() as folder:
+            left = pathlib.Path(folder, "writes.csv")
+            options = argparse.Namespace(part=["boots"], output=pathlib.Path(folder), quick=False)
+            left.touch()
+            self.assertEqual(bench.chosen_parts(options), ["boots"])
+            self.assertTrue(left.exists())
+            options.part = None
+            self.assertEqual(bench.chosen_parts(options), list(bench.PARTS))
+            self.assertFalse(left.exists())
+            options.quick = True
+            self.assertNotIn("edges", bench.chosen_parts(options))
+
+
 class TheSubjects(unittest.TestCase):
     def test_run_in_the_environment_of_the_unit(self):
         text = "[Service]\nEnvironment=A=b\nEnvironment=C=\n# Environment=D=e\nExecStart=x\n"
@@ -148,7 +175,7 @@ class TheKernelBench(unittest.TestCase):
         row = {"subject": "bare loop", "ports": "8", "rate": "200", "value": "0.5"}
         samples = kernel.samples_of({**row, "kind": kind} for kind in ("cost", "lost", "latency"))
         self.assertEqual(
-            samples.whats(), [kernel.COST.format(8, 200), kernel.LOST.format(8, 200), kernel.CHANGED]
+            samples.whats(), [kernel.COST.format("8 ports", 200), kernel.LOST.format("8 ports", 200), kernel.CHANGED]
         )
 
 
