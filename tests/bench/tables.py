@@ -94,7 +94,7 @@ def reasons(results):
     told = {}
     for aim in AIMS:
         if aim.met(results) is False:
-            told.setdefault(aim.reason or "not known", []).append(aim.title)
+            told.setdefault(aim.why_not(results) or "not known", []).append(aim.title)
     return "\n".join(f"- **{', '.join(titles)}**: {reason}." for reason, titles in told.items())
 
 

@@ -214,6 +214,13 @@ class TheVerdicts(unittest.TestCase):
         self.assertIsNone(self.RATIO.met(results_of()))
         self.assertIsNone(self.RATIO.met(results_of(calls={("c", "wexd"): [1]})))
 
+    def test_say_so_where_the_spread_reaches_the_aim(self):
+        for rounds, reason in (([49, 50, 52, 53, 54], aims.SPREAD_REASON), ([51, 52, 53], "")):
+            with self.subTest(rounds):
+                results = results_of(calls={("c", "wexd"): rounds})
+                self.assertIs(self.FIGURE.met(results), False)
+                self.assertEqual(self.FIGURE.why_not(results), reason)
+
     def test_come_with_a_reason_where_an_aim_is_not_met(self):
         results = results_of(writes={(aims.AIMS[2].what, "wexd"): [3]})
         self.assertEqual(aims.AIMS[2].part, "writes")
@@ -235,7 +242,7 @@ class ThePage(unittest.TestCase):
         for aim in aims.AIMS:
             if aim.met(results) is False:
                 with self.subTest(aim.title):
-                    self.assertTrue(aim.reason)
+                    self.assertTrue(aim.why_not(results))
 
     def test_has_its_pictures(self):
         pictures = re.findall(r"!\[[^]]+\]\((\S+)\)", (DOCS / page.PAGE).read_text())
