@@ -5,6 +5,7 @@ import dataclasses
 import calls
 import footprint
 import kernel
+import native_edges
 import running
 import starts
 import writes
@@ -77,7 +78,7 @@ SEQUENCES_REASON = "what was allocated after the threads' own keeps pages from b
 EDGE_REASON = (
     "one signal from connection to connection takes more than two milliseconds on the emulated machine, "
     "twenty times the aim, and the daemon's share is a third of that. It is the same for both ways to a "
-    "pin. What it is in microseconds on a device, only a device can tell"
+    "pin. The row before has the same on the machine itself, with pins that are plain files"
 )
 GROWTH_REASON = (
     "the walk that gives default names looks at every port for every number below the count, which is "
@@ -142,7 +143,7 @@ def running_by_itself():
         *(
             Aim(kernel.SHARE.format(way), "edges", kernel.SHARE.format(way), "us", 100, floor=kernel.SIGNAL,
                 reason=EDGE_REASON)
-            for way in ("sysfs", "character device")
+            for way in (native_edges.WAY, "sysfs", "character device")
         ),
     ]  # fmt: skip
 

@@ -4,6 +4,7 @@ import csv
 import subprocess
 import tempfile
 
+import native_edges
 from harness import OURS, Samples
 from lab import TOP
 
@@ -60,7 +61,7 @@ def samples_of(rows):
 
 
 def edges(bench):
-    return edges_of(rows_of(bench, "edge"))
+    return edges_of([*native_edges.rows(bench), *rows_of(bench, "edge")])
 
 
 def samples(bench):

@@ -98,7 +98,8 @@ the bus's:
 
 ## Edges
 
-On the bench kernel, in an emulated machine: from an edge to a bare loop of C that polls the line, from a
+On this machine, with pins that are plain files which tell of their changes, and on the bench kernel, in an
+emulated machine, with the kernel's own: from an edge to a bare loop of C that polls the line, from a
 signal on one connection to its arrival on another, and from an edge to `PortChanged` at a client. The
 daemon lets an edge settle for 500 us and reads again; that is no part of its share. Exported pins and
 requested lines take turns in one run:

@@ -137,7 +137,7 @@ def changes(samples, axes):
 PICTURES = {
     "boots": (boots, (7, 4.2), 1),
     "latencies": (latencies, (10, 3.6), 3),
-    "edges": (edges, (9, 3.6), 2),
+    "edges": (edges, (12, 3.6), 3),
     "lateness": (lateness, (7, 3.6), 1),
     "footprint": (memory, (8, 4.2), 1),
     "changes": (changes, (7, 4.2), 1),
