@@ -21,6 +21,7 @@
 #include "port/port-observer.h"
 
 #include <glib-unix.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -78,6 +79,13 @@ private:
   SourceId term_{g_unix_signal_add(SIGTERM, callback<got_sigterm>, this)};
   SourceId hup_{g_unix_signal_add(SIGHUP, callback<got_sighup>, this)};
 };
+
+// Edges settle for half a millisecond, and steps of sequences count in milliseconds. Unasked, the
+// kernel adds up to 50 us to every wait, to wake the processor less often.
+void wait_exactly() {
+  constexpr unsigned long slack_ns = 1000;
+  std::ignore = prctl(PR_SET_TIMERSLACK, slack_ns);
+}
 
 void read_hardware_description() {
   ConfReader reader;
@@ -192,6 +200,7 @@ int main(int argc, char* argv[]) {
   // A file that must not grow any more is a write that failed.
   std::ignore = signal(SIGXFSZ, SIG_IGN);
   memory_share_one_arena();
+  wait_exactly();
   const LegacyInterface legacy = legacy_interface_of(argc, argv);
   nv_log_stdout();
   drop_inheritable_capabilities();

@@ -27,6 +27,7 @@ def renamed(file):
 
 
 START = {
+    "waits become exact": r"prctl\(PR_SET_TIMERSLACK, 1000\)",
     "the description is read": r'openat\(.*"/usr/share/wexd/conf\.xml"',
     "the hardware id is asked for": sent("ReadBootblockParam"),
     "a drop-in is read": r'openat\(.*"(?:/etc/wexd\.d/+)?addition", O_RDONLY',
@@ -56,8 +57,7 @@ PEERS = {
     "the coordinator is followed": sent("AddMatch", "arg0='com.norv.PTZ.Coordinator'"),
     "the coordinator is met": sent("/com/norv/PTZ/Coordinator/1", "GetAll"),
 }
-# What is begun before the watches and comes about once the main loop runs; which of these comes
-# first is up to the bus library's threads.
+# What is begun before the watches and comes about once the main loop runs.
 ONCE_RUNNING = {
     "the action engine is followed": sent("AddMatch", "arg0='com.norv.Event.ActionEngine.User'"),
     "the state service gets its name": sent("RequestName", STATE_NAME),
@@ -146,7 +146,7 @@ def in_order(trace, steps):
 
 def test_everything_has_its_turn(life):
     start = in_order(life, START)
-    assert max(start.values()) < min(places(life, ONCE_RUNNING).values())
+    assert max(start.values()) < min(in_order(life, ONCE_RUNNING).values())
     assert max(start.values()) < min(in_order(life, PEERS).values())
     in_order(life, END_OF_MESSAGES)
     in_order(life, END_OF_CALLS)
