@@ -14,8 +14,8 @@ TEXT = """\
 
     scripts/bench            # measures all of this anew, in about ten minutes on two processors
 
-Measured {date} at {commit} on {processors} processors ({processor}), Linux {kernel}, load {load} before,
-in {seconds:.0f} seconds{short}. Absolute figures belong to that machine. What means something elsewhere is what
+Measured {date} at {commit} on {processors} processors ({processor}), Linux {kernel}, load {load} before{short}.
+Parts may have been measured anew since (`--part`). Absolute figures belong to that machine. What means something elsewhere is what
 stands side by side: all subjects of a line had their turn in each round of one run, a ratio is that of
 the two figures of one round, and its spread is that of the rounds. A figure is a median, followed by the
 quartiles where they differ from it. `scripts/bench --compare FILE` lays another machine's

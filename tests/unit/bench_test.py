@@ -65,7 +65,7 @@ def results_of(**parts):
     return {
         "machine": {
             "date": "2001-02-03", "commit": "abc", "processors": 2, "processor": "a processor",
-            "kernel": "6", "load": 0.5, "seconds": 600, "short": False,
+            "kernel": "6", "load": 0.5, "short": False,
         },
         "parts": {part: harness.summary(samples_of(told)) for part, told in parts.items()},
     }  # fmt: skip
