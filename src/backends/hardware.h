@@ -3,7 +3,8 @@
 //
 // An instance is made when a port gets its backend, and anew before a closed port is set up again;
 // then it is told what the description says, one attribute at a time. It goes when the port is
-// closed, and takes along whatever its members own.
+// closed, unless its class has a `close` that leaves it there, and takes along whatever its members
+// own.
 #pragma once
 
 #include "port/ioport.h"

@@ -7,13 +7,21 @@
 
 namespace {
 
+// The fatal message names the step as operators know it.
+void libugpio_port_set_state(const GpioPin* pin, Level level) {
+  g_assert(pin != NULL);
+  if (ugpio_set_value(pin->handle, level == Level::High) == -1) {
+    g_warning("%sFailed to set state on port!\n", log_prefix);
+  }
+}
+
 class LibugpioPort {
 public:
   explicit LibugpioPort(IoPort& port) : port_(port) {}
 
   bool setup(Level start);
   [[nodiscard]] Level get_state() const;
-  void set_state(Level level);
+  void set_state(Level level) const { libugpio_port_set_state(output_.get(), level); }
   bool set_watch() { return watch_.start(&port_, current_pin()); }
   void set_direction(Direction direction);
   void parse_data(const char* element, const char* key, const char* value);
@@ -89,14 +97,6 @@ bool LibugpioPort::setup(Level start) {
 Level LibugpioPort::get_state() const {
   const GpioPin* const pin = current_pin();
   return level_of(pin != nullptr && libugpio_get_gpio_pin(pin) != Level::Low);
-}
-
-void LibugpioPort::set_state(Level level) {
-  const GpioPin* const pin = output_.get();
-  g_assert(pin != NULL);
-  if (ugpio_set_value(pin->handle, level == Level::High) == -1) {
-    g_warning("%sFailed to set state on port!\n", log_prefix);
-  }
 }
 
 void LibugpioPort::switch_line_driver(Direction direction) const {

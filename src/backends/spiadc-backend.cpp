@@ -90,9 +90,13 @@ bool SpiadcPort::refresh() {
   return active_ != before;
 }
 
-bool SpiadcPort::setup(Level /*start*/) {
-  const IoPort* const port = &port_;
+// The fatal message names the step as operators know it.
+void spiadc_port_setup(const IoPort* port) {
   g_assert(port->type == PORT_INPUT);
+}
+
+bool SpiadcPort::setup(Level /*start*/) {
+  spiadc_port_setup(&port_);
 
   close_device();
   const char* const device = device_ ? device_->c_str() : "";

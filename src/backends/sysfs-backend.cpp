@@ -103,16 +103,20 @@ bool SysfsPort::take_value(Flag flag) {
   return value_ != before;
 }
 
-bool SysfsPort::setup(Level /*start*/) {
-  const IoPort* const port = &port_;
+// The fatal message names the step as operators know it.
+void sysfs_port_setup(const IoPort* port) {
   g_assert(port->type == PORT_INPUT);
+}
+
+bool SysfsPort::setup(Level /*start*/) {
+  sysfs_port_setup(&port_);
 
   const char* const path = path_ ? path_->c_str() : "";
   fd_.reset(open(path, (clear_flag_ ? O_RDWR : O_RDONLY) | O_CLOEXEC));
   if (fd_) {
     return true;
   }
-  if (!port->optional) {
+  if (!port_.optional) {
     g_warning("%sFailed to open %s: %s", log_prefix, path, g_strerror(errno));
   }
   return false;

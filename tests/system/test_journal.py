@@ -103,3 +103,12 @@ def test_the_bus_library_talks_when_it_is_asked_to(device):
     device.describe(port("a", 0))
     device.start(environment={"G_MESSAGES_DEBUG": "GLib-GIO"})
     assert device.log_count("^GLib-GIO-DEBUG: ") >= 1
+
+
+@pytest.mark.parametrize("kind, step", [("sysfs", "sysfs_port_setup"), ("spiadc", "spiadc_port_setup")])
+def test_a_failed_assertion_names_the_step(device, kind, step):
+    device.expect("assertion failed")
+    device.describe(port("wrong", 0, "output", kind))
+    device.start(ready=False)
+    device.wait_exit(128 + signal.SIGABRT)
+    assert re.search(rf"ERROR:.*{step}\(.*assertion failed: \(port->type == PORT_INPUT\)", device.stderr)
