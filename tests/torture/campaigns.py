@@ -5,5 +5,9 @@ import durability
 import limits
 import size
 import soak
+import threads
 
-CAMPAIGNS = (durability.CAMPAIGN, soak.CAMPAIGN, clients.CAMPAIGN, limits.CAMPAIGN, size.CAMPAIGN)
+CAMPAIGNS = (
+    durability.CAMPAIGN, soak.CAMPAIGN, clients.CAMPAIGN, limits.CAMPAIGN, size.CAMPAIGN,
+    threads.CAMPAIGN,
+)  # fmt: skip
