@@ -60,8 +60,8 @@ START_REASON = (
     "inside GLib: 0.4 M are the daemon's own code"
 )
 SIZE_REASON = (
-    "337 kB are code, of which 60 kB are instances of templates of the C++ library, 78 kB tables for "
-    "exceptions and 29 kB constants. It has eleven kinds of hardware, pins by two kernel interfaces and the "
+    "about 330 kB are code (60 kB of it instances of the C++ library's templates), 78 kB tables for "
+    "exceptions, 29 kB constants. It has eleven kinds of hardware, pins by two kernel interfaces and the "
     "legacy interface, and is built for speed: `MinSizeRel` makes 374 kB, and a start that takes 0.9 M "
     "instructions more. Nothing of the command line client, and no other library, is linked in"
 )
@@ -76,8 +76,8 @@ MEMORY_REASON = (
 )
 SEQUENCES_REASON = "what was allocated after the threads' own keeps pages from being given back"
 EDGE_REASON = (
-    "one signal from connection to connection takes more than two milliseconds on the emulated machine, "
-    "twenty times the aim, and the daemon's share is a third of that. It is the same for both ways to a "
+    "one signal from connection to connection takes nearly two milliseconds on the emulated machine, almost "
+    "twenty times the aim, and the daemon's share is half of that. It is the same for both ways to a "
     "pin. The row before has the same on the machine itself, with pins that are plain files"
 )
 GROWTH_REASON = (

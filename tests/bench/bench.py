@@ -83,6 +83,9 @@ def measure(options):
     """({part: samples}, the machine) of a run from now on."""
     bench = Bench(options.binary.resolve(), options.short)
     told = machine(options.short)
+    kept = options.output / "results.json"
+    if options.part and kept.exists():  # most of what will be told of is of that run
+        told = json.loads(kept.read_text())["machine"]
     options.output.mkdir(parents=True, exist_ok=True)
     for part in chosen_parts(options):
         started = time.monotonic()

@@ -27,7 +27,7 @@ def latencies(bench):
     """Microseconds from a call to its answer, at a client in C."""
     samples = Samples()
     with lab.device_of(bench, OURS) as device:
-        device.start(environment=lab.AS_SHIPPED)
+        lab.start_as_shipped(device)
         with lab.floors_beside(bench, device) as services:
             rounds = bench.rounds(3000, 200)
             named = (f"{subject}={name}" for subject, (name, _) in services.items())

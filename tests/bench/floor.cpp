@@ -1,6 +1,6 @@
-// A trivial service with the daemon's interfaces, generated from the same XML, built with the same
-// flags on the same bus library: states in an array, constants for the rest. What it takes is the
-// floor of what the daemon can take.
+// A trivial service with two of the daemon's interfaces, generated from the same XML, built with
+// the same flags on the same bus library: states in an array, constants for the rest. What it takes
+// is the floor of what the daemon can take.
 #include "bench-ports.h"
 #include "dbus/iocontrol-state-gen.h"
 #include "floor-legacy-gen.h"

@@ -17,6 +17,7 @@ sys.path[:0] = [str(TOP), str(TOP / "tests/system")]
 
 from describe import port  # noqa: E402
 from harness import OURS  # noqa: E402
+from instructions import settled  # noqa: E402
 
 from sim import bus, sandbox  # noqa: E402
 from sim.bus import wait_until  # noqa: E402
@@ -106,6 +107,12 @@ def device_of(bench, subject, **more):
     if subject == OURS:
         return DaemonDevice(bench.binary, patience=PATIENCE, quiet=True, **more)
     return FloorDevice(subject, bench.floors()[subject], patience=PATIENCE, quiet=True, **more)
+
+
+def start_as_shipped(device):
+    """Starts the daemon, and waits until it reads settings that changed no more before each save."""
+    device.start(environment=AS_SHIPPED)
+    wait_until(lambda: settled(device), "settings that have settled")
 
 
 @contextlib.contextmanager

@@ -9,6 +9,8 @@
 #include "port/ioport.h"
 #include "port/port-observer.h"
 
+#include <sys/prctl.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -91,6 +93,9 @@ void run_sequence(const std::vector<gint32>& durations) {
 } // namespace
 
 int main(int argc, char* argv[]) {
+  // As the daemon does.
+  constexpr unsigned long slack_ns = 1000;
+  std::ignore = prctl(PR_SET_TIMERSLACK, slack_ns);
   const int steps = argc == 2 ? atoi(argv[1]) : 0;
   if (steps <= 0) {
     return 2;

@@ -37,7 +37,7 @@ def changes(bench):
     """Microseconds of processor time of a SetState that toggles, of the service and of the bus."""
     samples = Samples()
     with lab.device_of(bench, OURS) as device:
-        device.start(environment=lab.AS_SHIPPED)
+        lab.start_as_shipped(device)
         with lab.floors_beside(bench, device) as services:
             told = [f"{subject}={name}={pid}" for subject, (name, pid) in services.items()]
             for count in SUBSCRIBERS:

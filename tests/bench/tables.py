@@ -23,8 +23,18 @@ SCALES = {
     "kB": ((1, "kB"),),
     "calls": ((1, ""),),
     "exponent": ((1, ""),),
+    "part": ((0.01, "%"),),
 }
 NONE = "-"
+
+
+def unit_of(part, what):
+    """What a figure is counted in: mostly one unit for a part."""
+    if what == footprint.BINARY:
+        return "kB"
+    if what.startswith("growth"):
+        return "exponent"
+    return "part" if what.startswith("samples lost") else UNITS[part]
 
 
 def digits(value):
@@ -183,7 +193,7 @@ def size_table(results):
     whats = (footprint.BINARY, footprint.AT_REST, footprint.BEFORE, footprint.AFTER)
     rows = []
     for what, values, ratios in entries(results, "footprint", whats):
-        unit = "kB" if what == footprint.BINARY else "KiB"
+        unit = unit_of("footprint", what)
         cells = [spread(unit, values.get(s)) for s in (OURS, FLOOR, SD_BUS_FLOOR, NEIGHBOUR)]
         rows.append((what, *cells, ratio(ratios.get(FLOOR))))
     heads = ("", OURS, FLOOR, SD_BUS_FLOOR, NEIGHBOUR, "ratio to the floor")

@@ -164,6 +164,20 @@ class TheSubjects(unittest.TestCase):
         self.assertEqual(lab.unit_environment("Environment=G_SLICE=all\n"), {"G_SLICE": "all"})
 
 
+class TheUnits(unittest.TestCase):
+    def test_are_those_of_the_figure_where_a_part_has_several(self):
+        for part, what, unit in (
+            ("footprint", footprint.BINARY, "kB"), ("footprint", footprint.AFTER, "KiB"),
+            ("boots", "growth of a second boot, on disk", "exponent"), ("boots", "second boot", "us"),
+            ("samples", kernel.LOST.format("1 port", 8000), "part"), ("samples", kernel.CHANGED, "us"),
+        ):  # fmt: skip
+            with self.subTest(what):
+                self.assertEqual(tables.unit_of(part, what), unit)
+
+    def test_of_a_part_is_a_percentage(self):
+        self.assertEqual(tables.number("part", 0.0071), "0.71 %")
+
+
 class TheKernelBench(unittest.TestCase):
     def test_has_the_settling_taken_off_the_daemons_share(self):
         rows = [{"way": "sysfs", "loop_us": "10", "bus_us": "200", "port_us": "800"}]

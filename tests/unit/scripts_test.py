@@ -72,7 +72,7 @@ class TheScripts(unittest.TestCase):
         for call in (
             ["run", "--scenario", "--shell"], ["run", "--binary"], ["build", "release", "debug"],
             ["build", "nothing"], ["build", "base"], ["test", "format", "nothing"],
-            ["bench", "--part"], ["bench", "--part", "nothing"], ["bench", "--compare"], ["bench", "--output"], ["bench", "--from"], ["bench", "--instructions", "--quick"],
+            ["bench", "--part"], ["bench", "--part", "nothing"], ["bench", "--compare"], ["bench", "--output"], ["bench", "--from"], ["bench", "--compare", "nowhere"], ["bench", "--from", "nowhere"], ["bench", "--instructions", "--quick"],
             ["cross", "arm64", "nothing"], ["fuzz", "nothing"],
             ["fuzz", "-t", "soon"], ["torture", "nothing"],
             ["torture", "-t", "soon"], ["torture", "durability", "--seed"], ["kernel-bench", "-k"], ["kernel-bench", "--junitxml"],
