@@ -84,8 +84,11 @@ def stop_and_continue(device):
     device.signal(signal.SIGSTOP)
     calls = [device.state.begin("GetState", n % 8) for n in range(100)]
     device.signal(signal.SIGCONT)
-    for call in calls:
-        call.wait()
+    try:
+        for call in calls:
+            call.wait()
+    except BusError as error:
+        raise Broken(f"a question while it stood still is not answered: {error.message}") from error
 
 
 # -- scarcity ------------------------------------------------------------------------------------

@@ -1,4 +1,4 @@
-"""Threads that meet: the system tests, with the daemon under the thread sanitizer."""
+"""Threads that meet: the tests of sequences, with the daemon under the thread sanitizer."""
 
 import os
 import pathlib
@@ -37,10 +37,6 @@ def those_of_sequences(binary, _budget):
     return tests(binary, "test_sequences.py", "test_stress.py")
 
 
-def all_of_them(binary, _budget):
-    return tests(binary, "")
-
-
 RACE = Fault(
     "a port's level is no atomic", "src/backends/virtual-backend.cpp",
     "  std::atomic<Level> level_{Level::Low};\n", "  Level level_ = Level::Low;\n",
@@ -51,6 +47,5 @@ CAMPAIGN = Campaign(
     "whatever threads meet where, none reads what another writes, and none waits for another's lock",
     (
         Trial("sequences and stress", those_of_sequences, (RACE,), "tsan"),
-        Trial("all system tests", all_of_them, (), "tsan"),
     ),
 )  # fmt: skip
