@@ -15,7 +15,7 @@ from surroundings import (
     little_address_space,
     nothing_in_run,
 )
-from victim import serves_or_ends, started
+from victim import served_with, started
 
 from sim.bus import BusError, wait_until
 from sim.device import KEY_FILE
@@ -95,21 +95,7 @@ def stop_and_continue(device):
 
 
 def few_descriptors(binary, _budget):
-    """With too few it ends, with enough it serves; it never hangs, and the settings stay."""
-    with started(binary) as device:
-        device.stop()
-        settings, served = device.read(KEY_FILE), []
-        for count in range(FEWEST, MOST):
-            device.wrapper = ("prlimit", f"--nofile={count}")
-            device.start(ready=False)
-            if serves_or_ends(device):
-                served.append(count)
-            device.kill()
-            if device.read(KEY_FILE) != settings:
-                raise Broken(f"{count} descriptors cost settings")
-        if not served:
-            raise Broken(f"not even {MOST - 1} descriptors are enough")
-    return f"{FEWEST} to {MOST - 1} descriptors; it serves from {served[0]} on"
+    return served_with(binary, range(FEWEST, MOST), "--nofile={}", "descriptors")
 
 
 def no_thread(binary, _budget):

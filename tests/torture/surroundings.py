@@ -6,7 +6,7 @@ import re
 import signal
 
 from campaign import Broken, Fault
-from victim import serves_or_ends, started
+from victim import served_with, started
 
 from sim.bus import PortChanged, wait_until
 from sim.device import KEY_FILE
@@ -23,21 +23,8 @@ READS_ONLY = re.compile(r"\bO_RDONLY\b(?!.*O_CREAT)|\bO_PATH\b")
 
 
 def little_address_space(binary, _budget):
-    """With too little it ends, with enough it serves; it never hangs, and the settings stay."""
-    with started(binary) as device:
-        device.stop()
-        settings, served = device.read(KEY_FILE), []
-        for mib in ADDRESS_SPACE_MIB:
-            device.wrapper = ("prlimit", f"--as={mib << 20}")
-            device.start(ready=False)
-            if serves_or_ends(device):
-                served.append(mib)
-            device.kill()
-            if device.read(KEY_FILE) != settings:
-                raise Broken(f"{mib} MiB of address space cost settings")
-        if not served:
-            raise Broken(f"not even {ADDRESS_SPACE_MIB[-1]} MiB are enough")
-    return f"{ADDRESS_SPACE_MIB[0]} to {ADDRESS_SPACE_MIB[-1]} MiB; it serves from {served[0]} on"
+    amounts = [mib << 20 for mib in ADDRESS_SPACE_MIB]
+    return served_with(binary, amounts, "--as={}", "bytes of address space")
 
 
 def jumps_of_the_clock(binary, _budget):

@@ -8,7 +8,7 @@ import threading
 
 from describe import port
 from sim.bus import BusError, wait_until
-from sim.device import UNWANTED, Device
+from sim.device import KEY_FILE, UNWANTED, Device
 from sim.sandbox import child_of
 
 from campaign import Broken
@@ -61,3 +61,22 @@ def serves_or_ends(device):
             return None
 
     return wait_until(decided, "the daemon to serve or to end", 60) == "serves"
+
+
+def served_with(binary, amounts, limit, what):
+    """With too little of something it ends, with enough it serves; it never hangs, and the settings stay.
+    The limit is an option of prlimit's."""
+    with started(binary) as device:
+        device.stop()
+        settings, served = device.read(KEY_FILE), []
+        for amount in amounts:
+            device.wrapper = ("prlimit", limit.format(amount))
+            device.start(ready=False)
+            if serves_or_ends(device):
+                served.append(amount)
+            device.kill()
+            if device.read(KEY_FILE) != settings:
+                raise Broken(f"{amount} {what} cost settings")
+        if not served:
+            raise Broken(f"not even {amounts[-1]} {what} are enough")
+    return f"{amounts[0]:,} to {amounts[-1]:,} {what}; it serves from {served[0]:,} on"
