@@ -1,4 +1,4 @@
-"""What a device does besides: it runs out of memory, its clock is set, its temporary folders are full."""
+"""What a device does besides: it runs out of memory, its clock is set, its /run is full."""
 
 import glob
 import os
