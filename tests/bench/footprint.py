@@ -17,6 +17,7 @@ STEPS = [(True, 20), (False, 20)]
 AT_REST = f"{DIRTY}, {lab.PORTS} ports"
 BEFORE = f"{DIRTY}, {SEQUENCES} ports"
 AFTER = f"{DIRTY}, after {SEQUENCES} sequences at once"
+BEFORE_THEM = "before them"
 
 
 def stripped_kb(program):
@@ -59,7 +60,9 @@ def at_rest(bench, samples):
 def after_sequences(bench, samples):
     with lab.DaemonDevice(bench.binary, SEQUENCES, patience=lab.PATIENCE, quiet=True) as device:
         device.start(environment=lab.AS_SHIPPED)
-        samples.add(BEFORE, OURS, total(memory_of(device.pid), DIRTY))
+        before = total(memory_of(device.pid), DIRTY)
+        samples.add(BEFORE, OURS, before)
+        samples.add(AFTER, BEFORE_THEM, before)
         signals = device.signals()
         begun = [
             device.state.begin("StartActionSequence", number, False, STEPS) for number in range(SEQUENCES)

@@ -13,6 +13,7 @@ LOOP, SIGNAL, BOTH = "bare loop", "signal alone", "loop and signal"
 EDGE = "edge to a client, by {}"
 SHARE = "the daemon's share of an edge, by {}"
 CHANGED = "changed sample to a client"
+SAMPLE_SHARE = "the daemon's share of a changed sample"
 COST = "processor time of a sample, {} at {} Hz"
 LOST = "samples lost, {} at {} Hz"
 
@@ -47,6 +48,14 @@ def ports_text(count):
     return "1 port" if int(count) == 1 else f"{count} ports"
 
 
+def add_sums(samples):
+    """What a changed sample takes without the daemon, and what it takes besides, round by round."""
+    rounds = zip(*(samples[CHANGED, subject] for subject in (LOOP, SIGNAL, OURS)))
+    for loop, bus, change in list(rounds):
+        samples.add(CHANGED, BOTH, loop + bus)
+        samples.add(SAMPLE_SHARE, OURS, change - loop - bus)
+
+
 def samples_of(rows):
     """Microseconds, and parts lost. A row is {kind, subject, ports, rate, value}."""
     samples = Samples()
@@ -57,6 +66,7 @@ def samples_of(rows):
         else:
             name = {"cost": COST, "lost": LOST}[row["kind"]]
             samples.add(name.format(ports_text(row["ports"]), row["rate"]), subject, row["value"])
+    add_sums(samples)
     return samples
 
 

@@ -44,13 +44,14 @@ def boots(samples, axes):
                 starts.COUNTS, [one["q1"] / 1e3 for one in told], [one["q3"] / 1e3 for one in told],
                 color=colour, alpha=0.2, linewidth=0,
             )  # fmt: skip
-    floor = samples[starts.boot_name("second", starts.FEW, "on disk"), FLOOR]
-    axes.axhline(quartiles(floor)["median"] / 1e3, color=INK, linestyle=":", label="floor")
+    floor = quartiles(samples[starts.boot_name("second", starts.FEW, "on disk"), FLOOR])
+    axes.axhline(floor["median"] / 1e3, color=INK, linestyle=":", label="floor")
+    axes.axhspan(floor["q1"] / 1e3, floor["q3"] / 1e3, color=INK, alpha=0.2, linewidth=0)
     axes.set(xscale="log", yscale="log", xlabel="ports", ylabel="ms from exec to names")
     axes.set_xticks(starts.COUNTS, [f"{count:,}" for count in starts.COUNTS])
     axes.set_yticks([5, 10, 20, 50, 100, 200, 500], ["5", "10", "20", "50", "100", "200", "500"])
     axes.minorticks_off()
-    axes.legend()
+    axes.legend(handlelength=3.5)
 
 
 def distribution(axes, values, label):
@@ -130,7 +131,7 @@ def changes(samples, axes):
             )  # fmt: skip
     axes.set_xticks(positions, [str(count) for count in running.SUBSCRIBERS])
     axes.set(xlabel="connections that are told", ylabel="us of processor time for a change", ylim=(0, None))
-    axes.legend(fontsize=8)
+    axes.legend(fontsize=8, handlelength=3.5)  # room for the dashes to be seen
 
 
 # The picture of each part: how it is drawn, its size in inches, and how many drawings stand in it.

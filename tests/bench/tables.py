@@ -195,8 +195,8 @@ def size_table(results):
     for what, values, ratios in entries(results, "footprint", whats):
         unit = unit_of("footprint", what)
         cells = [spread(unit, values.get(s)) for s in (OURS, FLOOR, SD_BUS_FLOOR, NEIGHBOUR)]
-        rows.append((what, *cells, ratio(ratios.get(FLOOR))))
-    heads = ("", OURS, FLOOR, SD_BUS_FLOOR, NEIGHBOUR, "ratio to the floor")
+        rows.append((what, *cells, ratio(ratios.get(FLOOR)), ratio(ratios.get(footprint.BEFORE_THEM))))
+    heads = ("", OURS, FLOOR, SD_BUS_FLOOR, NEIGHBOUR, "ratio to the floor", "to what was before")
     return table(heads, rows) if rows else "Not measured in this run."
 
 
@@ -223,13 +223,20 @@ def edge_table(results):
 
 def sample_tables(results):
     found = results["parts"].get("samples", {})
-    times = [what for what in found if not what.startswith("samples lost")]
+    costs = [what for what in found if what.startswith("processor time")]
     lost = [
         (what, *(f"{values[s]['median']:.2%}" if s in values else NONE for s in (OURS, kernel.LOOP)))
-        for what, values, _ in entries(results, "samples", [what for what in found if what not in times])
+        for what, values, _ in entries(
+            results, "samples", [what for what in found if what.startswith("samples lost")]
+        )
     ]
-    told = beside(results, "samples", times, (kernel.LOOP, kernel.SIGNAL))
-    return told + ("\n\n" + table(("", OURS, kernel.LOOP), lost) if lost else "")
+    told = [
+        beside(results, "samples", (kernel.CHANGED,), (kernel.LOOP, kernel.SIGNAL, kernel.BOTH)),
+        beside(results, "samples", (kernel.SAMPLE_SHARE,), ()),
+        beside(results, "samples", costs, (kernel.LOOP,)),
+        table(("", OURS, kernel.LOOP), lost),
+    ]
+    return "\n\n".join(told) if found else "Not measured in this run."
 
 
 def whole_part(results, part, floors):

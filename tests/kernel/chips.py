@@ -341,8 +341,12 @@ class Adc:
     def folder(self):
         return next(f for f in IIO_DEVICES.glob("iio:device*") if (f / "name").read_text().strip() == self.name)
 
+    def value_file(self, channel=0):
+        """Sets what is sampled."""
+        return self._files / str(channel) / "value"
+
     def set_value(self, value, channel=0):
-        (self._files / str(channel) / "value").write_text(str(value))
+        self.value_file(channel).write_text(str(value))
 
     def events(self, channel=0):
         """How many threshold events a channel has sent."""
@@ -359,9 +363,9 @@ class Adc:
         return int((self._files / "lost").read_text())
 
     @property
-    def changed_ns(self):
-        """When the last changed value went to the buffer, on the clock of time.monotonic_ns."""
-        return int((self._files / "changed_ns").read_text())
+    def changed_file(self):
+        """Has when the last changed value went to the buffer, in ns of the monotonic clock."""
+        return self._files / "changed_ns"
 
     def fail_readings(self, error):
         (self._files / "raw_error").write_text(str(error))
@@ -431,7 +435,7 @@ ADC_BE24 = Adc(3, "bench-adc-be24")
 ADC_BE32 = Adc(4, "bench-adc-be32")
 ADC_U8 = Adc(5, "bench-adc-u8")
 ADC_SINGLE = Adc(6, "bench-adc-single")
-ADC_ROW = tuple(Adc(7 + i, f"bench-adc-row{i}") for i in range(8))
+ADC_ROW = tuple(Adc(7 + i, f"bench-adc-row{i}") for i in range(16))
 ADCS = (ADC_LE12, ADC_BE12, ADC_LE24, ADC_BE24, ADC_BE32, ADC_U8, ADC_SINGLE)
 
 HRTIMER_TRIGGERS = pathlib.Path("/sys/kernel/config/iio/triggers/hrtimer")

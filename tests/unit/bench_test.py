@@ -22,6 +22,7 @@ import harness  # noqa: E402
 import kernel  # noqa: E402
 import lab  # noqa: E402
 import page  # noqa: E402
+import running  # noqa: E402
 import tables  # noqa: E402
 from harness import Samples  # noqa: E402
 
@@ -191,6 +192,28 @@ class TheKernelBench(unittest.TestCase):
         self.assertEqual(
             samples.whats(), [kernel.COST.format("8 ports", 200), kernel.LOST.format("8 ports", 200), kernel.CHANGED]
         )
+
+    def test_has_the_daemons_share_of_a_changed_sample(self):
+        row = {"kind": "latency", "ports": "1", "rate": "200"}
+        values = {"bare loop": "10", "signal alone": "200", "wexd": "300"}
+        samples = kernel.samples_of({**row, "subject": subject, "value": us} for subject, us in values.items())
+        self.assertEqual(samples[kernel.SAMPLE_SHARE, "wexd"], [90])
+        self.assertEqual(samples[kernel.CHANGED, kernel.BOTH], [210])
+
+
+class TheModel(unittest.TestCase):
+    def test_has_the_first_of_a_kind_beside_each_of_the_same_round(self):
+        def run(instance, repetition, us):
+            return {
+                "family_index": 0, "per_family_instance_index": instance, "repetition_index": repetition,
+                "run_name": f"save/ports:{instance}", "cpu_time": us, "time_unit": "us",
+            }  # fmt: skip
+
+        samples = harness.Samples()
+        running.add_runs(samples, [run(1, 1, 60), run(0, 0, 2), run(1, 0, 8), run(0, 1, 6)])
+        told = harness.summary(samples)["save/ports:1"]
+        self.assertEqual(samples["save/ports:1", running.FEWEST], [2, 6])
+        self.assertEqual(told["ratios"][running.FEWEST]["median"], 7)
 
 
 class TheTables(unittest.TestCase):

@@ -11,44 +11,18 @@
  * edges chosen, or is requested on its chip; PORT-PULL moves the line of port
  * 0. Each round prints "LOOP BUS PORT" in microseconds.
  */
-#include <fcntl.h>
-#include <gio/gio.h>
+#include "bus-rounds.h"
+
 #include <linux/gpio.h>
 #include <poll.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
-
-#define STATE "com.norv.IOControl.State"
-#define STATE_PATH "/com/norv/IOControl/State"
-#define FLOOR "bench.Floor"
-#define WARM_UP 20
 
 struct line {
   int fd;
   int pull;
   gboolean requested;
 };
-
-/* What the floor's signal and the port's told last; each round tells another level than the last. */
-static int floor_level = -1;
-static int port_level = -1;
-
-static void die(const char* what)
-{
-  perror(what);
-  exit(1);
-}
-
-static int open_or_die(const char* path, int flags)
-{
-  int fd = open(path, flags);
-  if (fd == -1)
-    die(path);
-  return fd;
-}
 
 static void pull(int fd, int level)
 {
@@ -111,72 +85,15 @@ static void begin_to_watch(struct line* line)
   level_of_value_file(line->fd);
 }
 
-static void on_signal(GDBusConnection* bus, const char* sender, const char* path, const char* iface,
-                      const char* name, GVariant* values, gpointer data)
-{
-  gboolean state = FALSE;
-  (void)bus, (void)sender, (void)path, (void)iface, (void)name;
-  g_variant_get_child(values, 5, "b", &state);
-  *(int*)data = state;
-}
-
-static GDBusConnection* connect_to(const char* address)
-{
-  return g_dbus_connection_new_for_address_sync(
-      address,
-      G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION,
-      NULL, NULL, NULL);
-}
-
-static void listen_to(GDBusConnection* bus, const char* iface, const char* path, int* told)
-{
-  g_dbus_connection_signal_subscribe(bus, NULL, iface, "PortChanged", path, NULL, 0, on_signal, told,
-                                     NULL);
-}
-
-/* What is answered after the wishes to listen was granted after them. */
-static void wait_for_the_bus(GDBusConnection* bus)
-{
-  GVariant* answer = g_dbus_connection_call_sync(
-      bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId", NULL,
-      NULL, G_DBUS_CALL_FLAGS_NONE, -1, NULL, NULL);
-  if (answer == NULL)
-    exit(1);
-  g_variant_unref(answer);
-}
-
-static void wait_until_told(const int* told, int level)
-{
-  while (*told != level)
-    g_main_context_iteration(NULL, TRUE);
-}
-
-static void send_signal(GDBusConnection* sender, int level)
-{
-  g_dbus_connection_emit_signal(
-      sender, NULL, "/bench", FLOOR, "PortChanged",
-      g_variant_new("(ibbbbbb)", 0, FALSE, FALSE, TRUE, FALSE, level, FALSE), NULL);
-  wait_until_told(&floor_level, level);
-}
-
-static void move_port(int fd, int level)
+static void move_port(const struct bus* bus, int fd, int level)
 {
   pull(fd, level);
-  wait_until_told(&port_level, level);
-}
-
-static double us_since(gint64* started)
-{
-  struct timespec now;
-  gint64 before = *started;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  *started = now.tv_sec * G_GINT64_CONSTANT(1000000000) + now.tv_nsec;
-  return (double)(*started - before) / 1000;
+  wait_until_told(&bus->port_state, level);
 }
 
 int main(int argc, char** argv)
 {
+  struct bus bus;
   if (argc != 7)
     return 2;
   const gboolean requested = strcmp(argv[5], "-") != 0;
@@ -186,24 +103,18 @@ int main(int argc, char** argv)
       .requested = requested,
   };
   const int port_pull = open_or_die(argv[6], O_WRONLY);
-  GDBusConnection* sender = connect_to(argv[1]);
-  GDBusConnection* receiver = connect_to(argv[1]);
-  if (sender == NULL || receiver == NULL)
-    return 1;
-  listen_to(receiver, FLOOR, "/bench", &floor_level);
-  listen_to(receiver, STATE, STATE_PATH, &port_level);
-  wait_for_the_bus(receiver);
+  join_bus(&bus, argv[1]);
   begin_to_watch(&line);
 
   const int rounds = WARM_UP + atoi(argv[2]);
   for (int i = 0; i < rounds; ++i) {
-    gint64 moment = 0;
-    us_since(&moment);
-    move_polled_line(&line, 1 - i % 2);
+    const int level = 1 - i % 2;
+    gint64 moment = now_ns();
+    move_polled_line(&line, level);
     const double loop_us = us_since(&moment);
-    send_signal(sender, 1 - i % 2);
+    send_signal(&bus, level);
     const double bus_us = us_since(&moment);
-    move_port(port_pull, 1 - i % 2);
+    move_port(&bus, port_pull, level);
     const double port_us = us_since(&moment);
     if (i >= WARM_UP)
       printf("%.1f %.1f %.1f\n", loop_us, bus_us, port_us);

@@ -47,7 +47,7 @@ static const struct adc_plan plans[] = {
 	{ "bench-adc-u8", { IIO_LE, 8, 8, 0 }, EVENTS_NONE },
 	{ "bench-adc-single", { IIO_LE, 10, 16, 6 }, EVENTS_NONE,
 	  .single = true },
-	/* Eight of a kind, to be sampled at the same time. */
+	/* Sixteen of a kind, to be sampled at the same time. */
 	{ "bench-adc-row0", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
 	{ "bench-adc-row1", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
 	{ "bench-adc-row2", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
@@ -56,6 +56,14 @@ static const struct adc_plan plans[] = {
 	{ "bench-adc-row5", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
 	{ "bench-adc-row6", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
 	{ "bench-adc-row7", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row8", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row9", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row10", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row11", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row12", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row13", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row14", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
+	{ "bench-adc-row15", { IIO_LE, 12, 16, 0 }, EVENTS_NONE },
 };
 
 struct adc_channel {
