@@ -20,11 +20,14 @@ AFTER = f"{DIRTY}, after {SEQUENCES} sequences at once"
 BEFORE_THEM = "before them"
 
 
-def stripped_kb(program):
-    """Of the program as a package has it."""
-    with tempfile.NamedTemporaryFile() as stripped:
-        subprocess.run(["strip", "-o", stripped.name, program], check=True)
-        return pathlib.Path(stripped.name).stat().st_size / 1000
+def stripped_kb(*files):
+    """Of programs and libraries as a package has them."""
+    size = 0
+    for file in files:
+        with tempfile.NamedTemporaryFile() as stripped:
+            subprocess.run(["strip", "-o", stripped.name, file], check=True)
+            size += pathlib.Path(stripped.name).stat().st_size
+    return size / 1000
 
 
 def memory_of(pid):
@@ -77,11 +80,11 @@ def after_sequences(bench, samples):
 def footprint(bench):
     """KiB, but kB for the programs."""
     samples = Samples()
-    programs = {OURS: bench.binary, **bench.floors()}
+    programs = {OURS: [bench.binary], **{subject: [floor] for subject, floor in bench.floors().items()}}
     if lab.neighbour():
-        programs[NEIGHBOUR] = lab.neighbour()
-    for subject, program in programs.items():
-        samples.add(BINARY, subject, stripped_kb(program))
+        programs[NEIGHBOUR] = lab.neighbours_files()
+    for subject, files in programs.items():
+        samples.add(BINARY, subject, stripped_kb(*files))
     for _ in range(bench.rounds(5, 1)):
         at_rest(bench, samples)
         after_sequences(bench, samples)

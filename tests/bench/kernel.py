@@ -6,7 +6,7 @@ import tempfile
 
 import native_edges
 from harness import OURS, Samples
-from lab import TOP
+from lab import NEIGHBOUR, TOP
 
 SETTLING_US = 500
 LOOP, SIGNAL, BOTH = "bare loop", "signal alone", "loop and signal"
@@ -32,7 +32,7 @@ def rows_of(bench, name):
 
 
 def edges_of(rows):
-    """Microseconds; each round has one of everything."""
+    """Microseconds; each round has one of everything. The neighbour lets nothing settle."""
     samples = Samples()
     for row in rows:
         loop, bus, edge = (float(row[column]) for column in ("loop_us", "bus_us", "port_us"))
@@ -41,6 +41,9 @@ def edges_of(rows):
         ):  # fmt: skip
             samples.add(EDGE.format(row["way"]), subject, value)
         samples.add(SHARE.format(row["way"]), OURS, edge - loop - bus - SETTLING_US)
+        if managed := row.get("managed_us"):
+            samples.add(EDGE.format(row["way"]), NEIGHBOUR, managed)
+            samples.add(SHARE.format(row["way"]), NEIGHBOUR, float(managed) - loop - bus)
     return samples
 
 

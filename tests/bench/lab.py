@@ -168,6 +168,12 @@ def neighbour():
     return shutil.which(NEIGHBOUR)
 
 
+def neighbours_files():
+    """The program and libgpiod's own libraries, without which it does nothing."""
+    linked = subprocess.run(["ldd", neighbour()], stdout=subprocess.PIPE, text=True, check=True).stdout
+    return [neighbour(), *re.findall(r"=> (\S*/libgpiod\S*)", linked)]
+
+
 def bus_pid(device):
     """The process id of a device's bus, which runs in a sandbox as well."""
     return sandbox.child_of(sandbox.child_of(device._bus.process.pid))

@@ -18,7 +18,7 @@ INK = "#7d7d7d"
 COLOURS = {
     OURS: "#2f81d6", FLOOR: "#d9822b", SD_BUS_FLOOR: "#2e9e5b", NEIGHBOUR: "#a05fc4",
     calls.PING: "#c0504d", running.BARE_WAIT: "#d9822b", kernel.LOOP: "#2e9e5b",
-    kernel.SIGNAL: "#d9822b", kernel.BOTH: "#a05fc4",
+    kernel.SIGNAL: "#d9822b", kernel.BOTH: "#c0504d",
 }  # fmt: skip
 STYLE = {
     "text.color": INK, "axes.edgecolor": INK, "axes.labelcolor": INK, "xtick.color": INK,
@@ -83,9 +83,9 @@ def latencies(samples, rows):
 def edges(samples, rows):
     whats = [what for what in samples.whats() if what.startswith("edge")]
     for axes, what in zip(rows, whats):
-        distributions(samples, what, axes, (OURS, kernel.LOOP, kernel.SIGNAL, kernel.BOTH))
+        distributions(samples, what, axes, (OURS, kernel.LOOP, kernel.SIGNAL, kernel.BOTH, NEIGHBOUR))
     rows[0].set_ylabel("part that had arrived")
-    rows[0].legend(fontsize=8, loc="center left", bbox_to_anchor=(0.12, 0.5))
+    rows[-1].legend(fontsize=8, loc="center left", bbox_to_anchor=(0.12, 0.5))
 
 
 def lateness(samples, axes):

@@ -215,10 +215,10 @@ def edge_table(results):
     found = results["parts"].get("edges", {})
     lines = beside(
         results, "edges", [what for what in found if what.startswith("edge")],
-        (kernel.LOOP, kernel.SIGNAL, kernel.BOTH),
+        (kernel.LOOP, kernel.SIGNAL, kernel.BOTH, NEIGHBOUR),
     )  # fmt: skip
     shares = [what for what in found if what.startswith("the daemon's share")]
-    return lines + ("\n\n" + beside(results, "edges", shares, ()) if shares else "")
+    return lines + ("\n\n" + beside(results, "edges", shares, (NEIGHBOUR,)) if shares else "")
 
 
 def sample_tables(results):

@@ -14,6 +14,7 @@ import collections
 import contextlib
 import csv
 import pathlib
+import shutil
 import statistics
 import subprocess
 import sys
@@ -39,7 +40,12 @@ EDGE_BENCH = pathlib.Path("/bench/edge-bench")
 WITHOUT_SYSFS = """#!/bin/sh
 exec unshare --mount sh -c 'mount -t tmpfs none /sys/class/gpio && exec /bench/wexd "$@"' wexd "$@"
 """
-ROWS = ("edge to a bare poll loop", "signal from connection to connection", "edge to PortChanged at a client")
+# libgpiod's D-Bus manager of lines, where the host has it.
+MANAGER = shutil.which("gpio-manager", path="/usr/bin:/host/local/bin")
+MANAGER_NAME = "io.gpiod1"
+ROWS = ("edge to a bare poll loop", "signal from connection to connection", "edge to PortChanged at a client",
+        "edge to the manager's EdgeEvent at a client")  # fmt: skip
+COLUMNS = ("way", "loop_us", "bus_us", "port_us", "managed_us")
 
 
 def leave(name, columns, rows):
@@ -71,16 +77,31 @@ def left_to_be_requested(line):
     yield line.chip.node, line.offset
 
 
+@contextlib.contextmanager
+def managed(device, line):
+    """The line in the hands of the manager, as edge-bench is told of it; nothing where there is none."""
+    if MANAGER is None:
+        yield ()
+        return
+    environment = {"DBUS_SYSTEM_BUS_ADDRESS": device.bus_address, "LD_LIBRARY_PATH": "/host/local/lib"}
+    with subprocess.Popen([MANAGER], env=environment) as process:
+        try:
+            wait_until(lambda: device.first_client.owner(MANAGER_NAME), MANAGER_NAME)
+            yield line.pull_file, f"/io/gpiod1/chips/{line.chip.node.name}", line.offset
+        finally:
+            process.terminate()
+
+
 def block_of_rounds(binary, polled):
-    """(loop, bus, port) in us, with a daemon of its own and no line that another left exported."""
+    """(loop, bus, port, managed) in us, with a daemon of its own and no line that another left exported."""
     LABELLED.reset()
     with GuestDevice(binary) as device:
         device.quiet = True
         device.describe(gpio_input("door", 0, LABELLED[1], by="alias"))
         device.start()
-        with polled(LABELLED[0]) as place:
+        with polled(LABELLED[0]) as place, managed(device, LABELLED[2]) as neighbour:
             command = [EDGE_BENCH, device.bus_address, ROUNDS, LABELLED[0].pull_file, *place,
-                       LABELLED[1].pull_file]  # fmt: skip
+                       LABELLED[1].pull_file, *neighbour]  # fmt: skip
             done = subprocess.run(map(str, command), stdout=subprocess.PIPE, text=True, check=True,
                                   timeout=DEADLINE_S)  # fmt: skip
         device.stop()
@@ -106,13 +127,13 @@ def edges():
         for name, way in ways_to_a_pin().items():
             taken[name] += block_of_rounds(*way)
     leave(
-        "edge", ("way", "loop_us", "bus_us", "port_us"),
+        "edge", COLUMNS,
         ((name, *figures) for name, rounds in taken.items() for figures in rounds),
     )  # fmt: skip
     for name, rounds in taken.items():
         print(f"\n{name + ', us':<44}{'min':>8}{'median':>8}{'p90':>8}{'p99':>8}{'max':>8}")
-        loop, bus, edge = (show(row, samples) for row, samples in zip(ROWS, zip(*rounds)))
-        own = statistics.median(edge_us - loop_us - bus_us for loop_us, bus_us, edge_us in rounds)
+        loop, bus, edge, *_ = (show(row, samples) for row, samples in zip(ROWS, zip(*rounds)))
+        own = statistics.median(edge_us - loop_us - bus_us for loop_us, bus_us, edge_us, *_ in rounds)
         print(
             f"the daemon's share: {edge - loop - bus - SETTLING_US:.0f} us between the medians, "
             f"{own - SETTLING_US:.0f} us in the median round, besides {SETTLING_US} us of settling"

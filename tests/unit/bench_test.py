@@ -186,6 +186,12 @@ class TheKernelBench(unittest.TestCase):
         self.assertEqual(samples[kernel.SHARE.format("sysfs"), "wexd"], [90])
         self.assertEqual(samples[kernel.EDGE.format("sysfs"), kernel.BOTH], [710])
 
+    def test_has_the_neighbours_edges_where_there_are_any(self):
+        rows = [{"way": "sysfs", "loop_us": "10", "bus_us": "200", "port_us": "800", "managed_us": "300"}]
+        samples = kernel.edges_of(rows)
+        self.assertEqual(samples[kernel.EDGE.format("sysfs"), lab.NEIGHBOUR], [300])
+        self.assertEqual(samples[kernel.SHARE.format("sysfs"), lab.NEIGHBOUR], [90])
+
     def test_tells_costs_losses_and_latencies_apart(self):
         row = {"subject": "bare loop", "ports": "8", "rate": "200", "value": "0.5"}
         samples = kernel.samples_of({**row, "kind": kind} for kind in ("cost", "lost", "latency"))

@@ -4,12 +4,13 @@
  * another. It sends and receives by itself: each round takes one sample of
  * each, so that all meet the same moments of a busy machine.
  *
- *     edge-bench BUS ROUNDS PULL VALUE-FILE - PORT-PULL
- *     edge-bench BUS ROUNDS PULL CHIP OFFSET  PORT-PULL
+ *     edge-bench BUS ROUNDS PULL VALUE-FILE - PORT-PULL [MANAGED-PULL CHIP-OBJECT OFFSET]
+ *     edge-bench BUS ROUNDS PULL CHIP OFFSET  PORT-PULL [MANAGED-PULL CHIP-OBJECT OFFSET]
  *
  * PULL is the file that moves the polled line, which is an exported one with
  * edges chosen, or is requested on its chip; PORT-PULL moves the line of port
- * 0. Each round prints "LOOP BUS PORT" in microseconds.
+ * 0, and MANAGED-PULL one that libgpiod's manager is asked to watch. Each
+ * round prints "LOOP BUS PORT [MANAGED]" in microseconds.
  */
 #include "bus-rounds.h"
 
@@ -17,6 +18,8 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/ioctl.h>
+
+#define MANAGER "io.gpiod1"
 
 struct line {
   int fd;
@@ -85,16 +88,45 @@ static void begin_to_watch(struct line* line)
   level_of_value_file(line->fd);
 }
 
-static void move_port(const struct bus* bus, int fd, int level)
+static void move_and_wait(int fd, const int* told, int level)
 {
   pull(fd, level);
-  wait_until_told(&bus->port_state, level);
+  wait_until_told(told, level);
+}
+
+static void on_edge(GDBusConnection* bus, const char* sender, const char* path, const char* iface,
+                    const char* name, GVariant* values, gpointer data)
+{
+  (void)bus, (void)sender, (void)path, (void)iface, (void)name;
+  g_variant_get(values, "((ittt))", data, NULL, NULL, NULL);
+}
+
+/* Has the manager watch a line, and is told of its edges from now on. */
+static void have_managed(GDBusConnection* bus, const char* chip, const char* offset, int* told)
+{
+  GError* error = NULL;
+  char* line = g_strdup_printf("%s/line%s", chip, offset);
+  g_dbus_connection_signal_subscribe(bus, NULL, MANAGER ".Line", "EdgeEvent", line, NULL, 0, on_edge,
+                                     told, NULL);
+  GVariant* answer = g_dbus_connection_call_sync(
+      bus, MANAGER, chip, MANAGER ".Chip", "RequestLines",
+      g_variant_new_parsed(
+          "(([([%u], {'direction': <'input'>, 'edge': <'both'>})], @ai []), @a{sv} {})",
+          (guint32)atoi(offset)),
+      NULL, G_DBUS_CALL_FLAGS_NONE, -1, NULL, &error);
+  if (answer == NULL) {
+    fprintf(stderr, "%s: %s\n", line, error->message);
+    exit(1);
+  }
+  g_variant_unref(answer);
+  g_free(line);
 }
 
 int main(int argc, char** argv)
 {
   struct bus bus;
-  if (argc != 7)
+  int managed_state = -1;
+  if (argc != 7 && argc != 10)
     return 2;
   const gboolean requested = strcmp(argv[5], "-") != 0;
   struct line line = {
@@ -103,7 +135,10 @@ int main(int argc, char** argv)
       .requested = requested,
   };
   const int port_pull = open_or_die(argv[6], O_WRONLY);
+  const int managed_pull = argc == 10 ? open_or_die(argv[7], O_WRONLY) : -1;
   join_bus(&bus, argv[1]);
+  if (managed_pull != -1)
+    have_managed(bus.receiver, argv[8], argv[9], &managed_state);
   begin_to_watch(&line);
 
   const int rounds = WARM_UP + atoi(argv[2]);
@@ -114,10 +149,14 @@ int main(int argc, char** argv)
     const double loop_us = us_since(&moment);
     send_signal(&bus, level);
     const double bus_us = us_since(&moment);
-    move_port(&bus, port_pull, level);
+    move_and_wait(port_pull, &bus.port_state, level);
     const double port_us = us_since(&moment);
+    if (managed_pull != -1)
+      move_and_wait(managed_pull, &managed_state, level);
+    const double managed_us = us_since(&moment);
     if (i >= WARM_UP)
-      printf("%.1f %.1f %.1f\n", loop_us, bus_us, port_us);
+      printf(managed_pull == -1 ? "%.1f %.1f %.1f\n" : "%.1f %.1f %.1f %.1f\n", loop_us, bus_us,
+             port_us, managed_us);
   }
   return 0;
 }
