@@ -22,7 +22,7 @@ sandbox_packages=(
   python3 python3-gi gir1.2-glib-2.0 python3-dbusmock
 )
 shell_packages=(libglib2.0-bin systemd)
-fuzz_packages=("${program_packages[@]}" clang libclang-rt-14-dev)
+fuzz_packages=("${program_packages[@]}" clang libclang-rt-14-dev dbus-daemon)
 count_packages=("${program_packages[@]}" "${sandbox_packages[@]}" valgrind libc6-dbg python3-pytest)
 bench_packages=(
   "${count_packages[@]}" libbenchmark-dev libsystemd-dev binutils strace python3-matplotlib

@@ -48,5 +48,8 @@ Number fuzz_take(FuzzInput& input) {
 /// configurable one (2), a read-only one (3) and a supervised input (4).
 void fuzz_add_ports();
 
+/// Whether a complaint of GLib's ends the process, as it does unless told otherwise.
+void fuzz_judge_glib(bool judge);
+
 /// What must be true of every port, whatever was read into it: its texts can go over the bus.
 void fuzz_check_ports();

@@ -72,19 +72,19 @@ def build(chosen, arguments):
     for campaign in chosen:
         for trial in trials_of(campaign, arguments):
             for fault in faults_of(trial, arguments):
-                binary_with(fault, trial.preset)
+                binary_with(fault, trial.preset, trial.program)
 
 
 def run(campaign, arguments):
     """Each trial: first the faults that it has to catch, then the daemon as it is."""
     for trial in trials_of(campaign, arguments):
         for fault in faults_of(trial, arguments):
-            binary = binary_with(fault, trial.preset)
+            binary = binary_with(fault, trial.preset, trial.program)
             held, text = attempt(trial, binary, Budget(PROOF_S, arguments.seed))
             # A trial that lets a broken daemon pass proves nothing.
             verdict = "NOT CAUGHT" if held else "caught"
             yield Result(f"{trial.claim}, when {fault.what}", not held, verdict, text)
-        binary = TOP / "build" / trial.preset / "wexd"
+        binary = TOP / "build" / trial.preset / trial.program
         held, text = attempt(trial, binary, Budget(arguments.seconds, arguments.seed))
         yield Result(trial.claim, held, "held" if held else "BROKEN", text)
 

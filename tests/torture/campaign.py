@@ -30,6 +30,7 @@ class Trial:
     run: Callable
     faults: tuple = ()
     preset: str = "release"
+    program: str = "wexd"  # in the preset's build folder
 
 
 @dataclasses.dataclass(frozen=True)

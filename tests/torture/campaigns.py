@@ -2,6 +2,7 @@
 
 import clients
 import durability
+import fuzz
 import limits
 import size
 import soak
@@ -9,5 +10,5 @@ import threads
 
 CAMPAIGNS = (
     durability.CAMPAIGN, soak.CAMPAIGN, clients.CAMPAIGN, limits.CAMPAIGN, size.CAMPAIGN,
-    threads.CAMPAIGN,
+    threads.CAMPAIGN, fuzz.CAMPAIGN,
 )  # fmt: skip

@@ -1,4 +1,4 @@
-"""Builds of the daemon with one fault each.
+"""Builds with one fault each, mostly of the daemon.
 
 The tree is copied to build/torture/source, the fault is put there, and the daemon is built as it
 ships, but for the optimisation as a whole. What comes of it is kept under build/torture/seeded for as
@@ -18,16 +18,16 @@ COPY = SPACE / "source"
 KEPT = SPACE / "seeded"
 
 
-def binary_with(fault, preset):
-    """The path of a daemon with this fault."""
-    text = "\0".join((sources_digest(), preset, fault.file, fault.old, fault.new))
-    kept = KEPT / hashlib.sha256(text.encode()).hexdigest()[:16] / "wexd"
+def binary_with(fault, preset, program):
+    """The path of a program of that preset's build folder, with this fault."""
+    text = "\0".join((sources_digest(), preset, program, fault.file, fault.old, fault.new))
+    kept = KEPT / hashlib.sha256(text.encode()).hexdigest()[:16] / pathlib.Path(program).name
     if not kept.exists():
         refresh_copy()
         with seeded(fault):
-            build(preset)
+            build(preset, pathlib.Path(program).name)
         kept.parent.mkdir(parents=True, exist_ok=True)
-        shutil.copy2(COPY / "build" / preset / "wexd", kept.parent / "new")
+        shutil.copy2(COPY / "build" / preset / program, kept.parent / "new")
         (kept.parent / "new").rename(kept)
     return kept
 
@@ -46,7 +46,7 @@ def listed():
 def sources_digest():
     digest = hashlib.sha256()
     for name in listed():
-        if name.startswith(("src/", "cmake/", "CMake")):
+        if name.startswith(("src/", "cmake/", "CMake", "tests/fuzz/")):
             digest.update(name.encode() + b"\0" + (TOP / name).read_bytes())
     return digest.hexdigest()
 
@@ -82,11 +82,11 @@ def seeded(fault):
         path.write_text(whole)
 
 
-def build(preset):
+def build(preset, target):
     for command in (
         # Optimised as a whole, the daemon takes a minute to link, and breaks in the same way.
         ["cmake", "--preset", preset, "-DWEXD_TESTS=OFF", "-DCMAKE_EXE_LINKER_FLAGS=-fno-lto"],
-        ["cmake", "--build", "--preset", preset, "--target", "wexd"],
+        ["cmake", "--build", "--preset", preset, "--target", target],
     ):
         done = subprocess.run(
             command, cwd=COPY, capture_output=True, text=True, check=False
