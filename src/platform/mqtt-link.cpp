@@ -107,14 +107,17 @@ struct MqttLink::Outbox {
     ring();
   }
 
-  void set_connected(bool now) {
+  void begin() {
     const std::lock_guard guard(mutex);
-    connected = now;
+    connected = true;
     fell_behind = false;
+    tell_everything_locked();
+  }
+
+  void break_off() {
+    const std::lock_guard guard(mutex);
+    connected = false;
     waiting.clear();
-    if (now) {
-      tell_everything_locked();
-    }
   }
 
   std::optional<Message> next() {
@@ -166,7 +169,7 @@ public:
     }
     do {
       meet_broker();
-      outbox_.set_connected(false);
+      outbox_.break_off();
     } while (outbox_.rest(std::exchange(rest_, std::min(2 * rest_, longest_rest))));
   }
 
@@ -292,7 +295,7 @@ private:
     }
     self->answered_ = true;
     self->rest_ = first_rest;
-    self->outbox_.set_connected(true);
+    self->outbox_.begin();
     g_message("%sTelling the broker at %s of events, as %s", log_prefix,
               self->outbox_.place.c_str(), self->outbox_.settings.prefix.c_str());
   }
