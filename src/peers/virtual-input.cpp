@@ -4,11 +4,12 @@
 #include "port/ioport-list.h"
 
 #include <algorithm>
+#include <utility>
 
 // The channels' peers go after this, and with them the ports.
 VirtualInput::~VirtualInput() {
-  for (const int channel : enabled_channels_) {
-    update_trigger(channel, false);
+  for (const int channel : std::exchange(enabled_channels_, {})) {
+    update_trigger(channel);
   }
 }
 
@@ -20,36 +21,32 @@ void VirtualInput::init() {
   }
 }
 
-// An existing port is left as it is while PTZ is disabled.
-void VirtualInput::update_trigger(int channel, bool enabled) const {
+bool VirtualInput::is_listed(int channel) const {
+  return std::ranges::find(enabled_channels_, channel) != enabled_channels_.end();
+}
+
+// Without PTZ the device is seen as one channel, and an existing port is left as it is.
+void VirtualInput::update_trigger(int channel) const {
+  const bool ptz = ptz_state_ != PtzState::Disabled;
+  const bool enabled = ptz ? is_listed(channel) : channel == 1;
   const std::string name = "manualtrigger" + std::to_string(channel);
   IoPortRef port = io_port_list_get_by_name(name.c_str());
   if (port == nullptr) {
     port = io_port_create_manual_trigger(channel);
     io_port_set_enabled(port.get(), enabled);
     io_port_list_add(port.get());
-  } else if (ptz_state_ != PtzState::Disabled) {
+  } else if (ptz) {
     io_port_set_enabled(port.get(), enabled);
   }
 }
 
-void VirtualInput::note_channel(int channel, bool enabled) {
-  const bool listed = std::ranges::find(enabled_channels_, channel) != enabled_channels_.end();
+void VirtualInput::set_channel_enabled(int channel, bool enabled) {
   if (!enabled) {
     std::erase(enabled_channels_, channel);
-  } else if (!listed) {
+  } else if (!is_listed(channel)) {
     enabled_channels_.push_back(channel);
   }
-}
-
-void VirtualInput::set_channel_enabled(int channel, bool enabled) {
-  note_channel(channel, enabled);
-  if (ptz_state_ != PtzState::Disabled) {
-    update_trigger(channel, enabled);
-  } else {
-    // Without PTZ the device is seen as one channel.
-    update_trigger(channel, channel == 1);
-  }
+  update_trigger(channel);
 }
 
 void VirtualInput::set_ptz_enabled(PtzState state) {
@@ -59,6 +56,6 @@ void VirtualInput::set_ptz_enabled(PtzState state) {
     return;
   }
   for (const int channel : enabled_channels_) {
-    update_trigger(channel, true);
+    update_trigger(channel);
   }
 }

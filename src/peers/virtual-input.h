@@ -32,8 +32,8 @@ public:
   void set_ptz_enabled(PtzState state);
 
 private:
-  void update_trigger(int channel, bool enabled) const;
-  void note_channel(int channel, bool enabled);
+  [[nodiscard]] bool is_listed(int channel) const;
+  void update_trigger(int channel) const;
 
   /// In the order in which they were enabled; each at most once.
   std::vector<int> enabled_channels_;
