@@ -84,7 +84,10 @@ bool remove_template(GDBusProxy* proxy, const ActionTemplate& entry) {
 } // namespace
 
 ActionengineDbus::ActionengineDbus() {
-  port_observer.outputs_wanted = [this](bool wanted) { update_action_registration(wanted); };
+  port_observer.outputs_wanted = [this](bool wanted) {
+    wanted_ = wanted;
+    apply_wish();
+  };
   io_port_list_update_action_registration();
   starting_.reset(
       g_idle_add_full(G_PRIORITY_DEFAULT, callback<&ActionengineDbus::on_loop>, this, nullptr));
@@ -114,11 +117,6 @@ void ActionengineDbus::on_name_appeared() {
 
 void ActionengineDbus::on_name_vanished() {
   proxy_.reset();
-}
-
-void ActionengineDbus::update_action_registration(bool wanted) {
-  wanted_ = wanted;
-  apply_wish();
 }
 
 void ActionengineDbus::apply_wish() {

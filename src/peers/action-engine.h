@@ -17,12 +17,12 @@ private:
   gboolean on_loop();
   void on_name_appeared();
   void on_name_vanished();
-  /// Whether the templates are wanted; brings the engine in line, if it is there.
-  void update_action_registration(bool wanted);
+  /// Brings the engine in line, if it is there.
   void apply_wish();
 
   /// None while the engine is absent.
   ObjectRef<GDBusProxy> proxy_;
+  /// Whether the templates are to be registered.
   bool wanted_ = false;
   /// The wait for the main loop, in which the watch begins.
   SourceId starting_;
