@@ -197,13 +197,13 @@ void undeclare(IoEvent* event) WEXD_REQUIRES(events.event_mutex) {
   event->stale = false;
 }
 
-bool send_state(guint id, bool state, GError** error) WEXD_REQUIRES(events.event_mutex) {
+bool send_state(guint id, ReportedState state, GError** error) WEXD_REQUIRES(events.event_mutex) {
   const EventHandle handle(nv_event_producer_prepare(events.producer.get(), id, error));
-  return handle != nullptr && nv_event_set_bool(handle.get(), "state", state)
+  return handle != nullptr && nv_event_set_bool(handle.get(), "state", state.active())
          && nv_event_producer_send(events.producer.get(), handle.get(), error);
 }
 
-bool send_port_any(bool state, GError** error) WEXD_REQUIRES(events.event_mutex) {
+bool send_port_any(ReportedState state, GError** error) WEXD_REQUIRES(events.event_mutex) {
   if (events.port_any_id == 0) {
     g_warning("%sPortAny event not declared", log_prefix);
     return false;
@@ -222,10 +222,10 @@ bool send_supervised_port(const IoEvent* event, SupervisedState state, GError** 
 bool dispatch(IoPort* port, const IoEvent* event, ReportedState value, GError** error)
     WEXD_REQUIRES(events.event_mutex) {
   if (is_type(event, event_io_port)) {
-    return send_state(event->id, value.active(), error);
+    return send_state(event->id, value, error);
   }
   if (is_type(event, event_port_any)) {
-    return send_port_any(value.active(), error);
+    return send_port_any(value, error);
   }
   if (is_type(event, event_supervised_port)) {
     return send_supervised_port(event, value.supervised(), error);
@@ -264,7 +264,7 @@ void refresh_state(IoPort* port, IoEvent* event) WEXD_REQUIRES(events.event_mute
 }
 
 void send_present_port_any(gpointer /*unused*/) {
-  const bool state = io_port_list_get_port_any_value();
+  const ReportedState state(io_port_list_get_port_any_value());
   const MutexLock guard(events.event_mutex);
   send_port_any(state, nullptr);
 }

@@ -37,7 +37,7 @@ bool activelow_of_current_side(IoPort* port) {
 void announce_state(IoPort* ioport, ReportedState state, Trigger trigger) {
   if (ioport->enabled) {
     io_port_send_events(ioport, state);
-    io_port_send_signal(ioport, trigger, state.active());
+    io_port_send_signal(ioport, trigger, state);
   }
 }
 
@@ -50,11 +50,11 @@ void apply_input_activelow(IoPort* ioport) {
   port_observer.setting_changed(*ioport, Setting::InputSense);
 }
 
-void apply_output_activelow(IoPort* ioport, bool value) WEXD_REQUIRES(ioport->gate) {
+void apply_output_activelow(IoPort* ioport) WEXD_REQUIRES(ioport->gate) {
   // With the new sense stored, the unflipped line reads as the opposite logical state; flipping it
   // restores the old one, which the state setter announces once.
   const bool high = ioport->functions->get_state(ioport) != Level::Low;
-  io_port_set_state_internal(ioport, value ? high : !high);
+  io_port_set_state_internal(ioport, high == ioport->activelow_output);
   port_observer.setting_changed(*ioport, Setting::OutputSense);
 }
 
@@ -181,7 +181,7 @@ void io_port_send_events_if_enabled(IoPort* ioport, ReportedState state) {
   }
 }
 
-void io_port_send_signal(IoPort* port, Trigger trigger, bool state) {
+void io_port_send_signal(IoPort* port, Trigger trigger, ReportedState state) {
   g_assert(port->functions != NULL);
   if (!port->enabled) {
     return;
@@ -191,7 +191,7 @@ void io_port_send_signal(IoPort* port, Trigger trigger, bool state) {
                                         .hidden = io_port_get_property(port, "hidden"),
                                         .input = io_port_input(port),
                                         .trigger = trigger,
-                                        .state = state,
+                                        .state = state.active(),
                                         .activelow = activelow_of_current_side(port)});
 }
 
@@ -224,7 +224,7 @@ bool io_port_set_activelow(IoPort* ioport, bool value, PortSide side) {
     if (input_side) {
       apply_input_activelow(ioport);
     } else {
-      apply_output_activelow(ioport, value);
+      apply_output_activelow(ioport);
     }
   }
   return true;

@@ -225,7 +225,7 @@ void io_port_send_events(IoPort* ioport, ReportedState state);
 /// Sends the port's applicable events if the port is enabled.
 void io_port_send_events_if_enabled(IoPort* ioport, ReportedState state);
 /// Announces PortChanged for an enabled port.
-void io_port_send_signal(IoPort* port, Trigger trigger, bool state);
+void io_port_send_signal(IoPort* port, Trigger trigger, ReportedState state);
 /// The inversion of one side; `side` is Input or Output.
 [[nodiscard]] bool io_port_get_activelow(IoPort* ioport, PortSide side);
 /// Sets the inversion of one side. On a set-up output the physical line flips so that the logical

@@ -224,7 +224,7 @@ TEST_F(AnIoPort, ignores_virtual_states_and_triggers_while_disabled) {
   port->enabled = false;
   EXPECT_TRUE(io_port_set_virtual(port.get(), true));
   io_port_trigger(port.get(), ReportedState(true));
-  io_port_send_signal(port.get(), Trigger::Hardware, true);
+  io_port_send_signal(port.get(), Trigger::Hardware, ReportedState(true));
   io_port_send_events_if_enabled(port.get(), ReportedState(true));
   EXPECT_THAT(fake_backend::take_calls(), IsEmpty());
   EXPECT_THAT(take_changes(), IsEmpty());
@@ -262,7 +262,7 @@ TEST_F(AnIoPort, shows_its_properties_and_its_side_in_the_announcement) {
     const auto port = make(row.port);
     port->activelow_input = row.activelow_input;
     port->activelow_output = row.activelow_output;
-    io_port_send_signal(port.get(), Trigger::Hardware, true);
+    io_port_send_signal(port.get(), Trigger::Hardware, ReportedState(true));
     EXPECT_THAT(take_changes(), ElementsAre(row.announced));
   }
 }
@@ -769,7 +769,8 @@ TEST_F(AnIoPortDeathTest, ends_the_process_when_misused) {
 TEST_F(AnIoPortDeathTest, ends_the_process_without_an_operation_table) {
   const IoPortRef port = io_port_new();
   EXPECT_DEATH(io_port_input(port.get()), "port->functions != NULL");
-  EXPECT_DEATH(io_port_send_signal(port.get(), Trigger::Hardware, true), "port->functions != NULL");
+  EXPECT_DEATH(io_port_send_signal(port.get(), Trigger::Hardware, ReportedState(true)),
+               "port->functions != NULL");
   EXPECT_DEATH(io_port_setup(port.get()), "'ioport->functions' should not be NULL");
   EXPECT_DEATH(io_port_is_supervisable(port.get()), "'port->functions' should not be NULL");
 }
