@@ -261,17 +261,15 @@ gboolean on_handle_get_port_props(IOControlState* object, GDBusMethodInvocation*
 /// From here on a call is so large that its memory is worth giving back.
 constexpr gsize many_steps = 1000;
 
-ActionSequence action_steps(IoPort* port, gboolean is_virtual, GVariant* seq) {
+ActionSequence action_steps(IoPort* port, Trigger trigger, GVariant* seq) {
   ActionSequence steps;
   GVariantIter iter;
   g_variant_iter_init(&iter, seq);
   gboolean state = FALSE;
   gint32 duration_ms = 0;
   while (g_variant_iter_next(&iter, "(bi)", &state, &duration_ms)) {
-    steps.push_back({.port = port,
-                     .is_virtual = is_virtual != FALSE,
-                     .state = state != FALSE,
-                     .duration_ms = duration_ms});
+    steps.push_back(
+        {.port = port, .trigger = trigger, .state = state != FALSE, .duration_ms = duration_ms});
   }
   return steps;
 }
@@ -293,7 +291,7 @@ void answer_sequence_start(IOControlState* object, GDBusMethodInvocation* invoca
 
 void start_action_sequence(IOControlState* object, GDBusMethodInvocation* invocation, IoPort* port,
                            gboolean is_virtual, GVariant* seq) {
-  auto steps = action_steps(port, is_virtual, seq);
+  auto steps = action_steps(port, is_virtual ? Trigger::Virtual : Trigger::Hardware, seq);
   if (steps.size() >= many_steps) {
     memory_give_back_soon();
   }

@@ -42,7 +42,7 @@ std::chrono::microseconds hold_time(gint32 duration_ms) {
 }
 
 void apply_step(IoPort* port, const ActionStep& step) WEXD_REQUIRES(port->gate) {
-  if (step.is_virtual) {
+  if (step.trigger == Trigger::Virtual) {
     std::ignore = io_port_set_virtual(port, step.state);
   } else {
     io_port_set_state_internal(port, step.state);
@@ -156,7 +156,7 @@ SequenceStart io_port_run_action_sequence(IoPort* ioport, ActionSequence steps) 
   WEXD_ASSERT_NONNULL(ioport);
   g_assert(!steps.empty());
 
-  const bool hardware_step = !steps.front().is_virtual;
+  const bool hardware_step = steps.front().trigger == Trigger::Hardware;
   if ((hardware_step && (io_port_input(ioport) || ioport->backend == BACKEND_VIRTUAL))
       || !ioport->is_setup) {
     const PortPlace place(ioport);

@@ -12,8 +12,8 @@
 struct ActionStep {
   /// Borrowed from the sequence's own reference; the same port in every step.
   IoPort* port;
-  /// Announce as a virtual state instead of writing the hardware; the same in every step.
-  bool is_virtual;
+  /// Virtual: announced only, instead of writing the hardware. The same in every step.
+  Trigger trigger;
   bool state;
   gint32 duration_ms;
 };

@@ -79,8 +79,10 @@ void run_sequence(const std::vector<gint32>& durations) {
   bool value = false;
   for (const gint32 duration_ms : durations) {
     value = !value;
-    sequence.push_back(
-        {.port = port.get(), .is_virtual = false, .state = value, .duration_ms = duration_ms});
+    sequence.push_back({.port = port.get(),
+                        .trigger = Trigger::Hardware,
+                        .state = value,
+                        .duration_ms = duration_ms});
   }
   const auto started = io_port_run_action_sequence(port.get(), std::move(sequence));
   g_assert(started == SequenceStart::Started);

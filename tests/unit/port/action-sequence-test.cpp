@@ -27,19 +27,18 @@ struct AnActionSequence : PortTest {
   }
 
   static ActionSequence sequence(IoPort* port, const std::vector<Step>& steps,
-                                 bool is_virtual = false) {
+                                 Trigger trigger = Trigger::Hardware) {
     ActionSequence made;
     for (const auto& step : steps) {
-      made.push_back({.port = port,
-                      .is_virtual = is_virtual,
-                      .state = step.state,
-                      .duration_ms = step.duration_ms});
+      made.push_back(
+          {.port = port, .trigger = trigger, .state = step.state, .duration_ms = step.duration_ms});
     }
     return made;
   }
 
-  static bool start(IoPort* port, const std::vector<Step>& steps, bool is_virtual = false) {
-    return io_port_run_action_sequence(port, sequence(port, steps, is_virtual))
+  static bool start(IoPort* port, const std::vector<Step>& steps,
+                    Trigger trigger = Trigger::Hardware) {
+    return io_port_run_action_sequence(port, sequence(port, steps, trigger))
            == SequenceStart::Started;
   }
 
@@ -109,7 +108,7 @@ TEST_F(AnActionSequence, inverts_by_the_output_sense) {
 
 TEST_F(AnActionSequence, announces_every_virtual_step) {
   const auto port = make({.type = PORT_INPUT, .number = 5});
-  ASSERT_TRUE(start(port.get(), {{true, 0}, {true, 0}, {false, 0}}, true));
+  ASSERT_TRUE(start(port.get(), {{true, 0}, {true, 0}, {false, 0}}, Trigger::Virtual));
   ASSERT_TRUE(idle(port.get()));
   EXPECT_THAT(take_changes(),
               ElementsAre("5: state=1 input virtual_trig", "5: state=1 input virtual_trig",
@@ -131,25 +130,28 @@ TEST_F(AnActionSequence, is_accepted_by_what_the_port_is) {
   struct Row {
     const char* label;
     PortDescription port;
-    bool is_virtual;
+    Trigger trigger;
     bool accepted;
   };
   const std::vector<Row> rows{
-      {"output", {}, false, true},
-      {"configurable as output", {.type = PORT_IO_CTRL, .direction_input = false}, false, true},
-      {"configurable as input", {.type = PORT_IO_CTRL}, false, false},
-      {"input", {.type = PORT_INPUT}, false, false},
-      {"virtual output", {.backend = BACKEND_VIRTUAL}, false, false},
-      {"output not set up", {.set_up = false}, false, false},
-      {"virtual states of an output", {}, true, true},
-      {"virtual states of an input", {.type = PORT_INPUT}, true, true},
-      {"virtual states of a virtual output", {.backend = BACKEND_VIRTUAL}, true, true},
-      {"virtual states of a port not set up", {.set_up = false}, true, false},
+      {"output", {}, Trigger::Hardware, true},
+      {"configurable as output",
+       {.type = PORT_IO_CTRL, .direction_input = false},
+       Trigger::Hardware,
+       true},
+      {"configurable as input", {.type = PORT_IO_CTRL}, Trigger::Hardware, false},
+      {"input", {.type = PORT_INPUT}, Trigger::Hardware, false},
+      {"virtual output", {.backend = BACKEND_VIRTUAL}, Trigger::Hardware, false},
+      {"output not set up", {.set_up = false}, Trigger::Hardware, false},
+      {"virtual states of an output", {}, Trigger::Virtual, true},
+      {"virtual states of an input", {.type = PORT_INPUT}, Trigger::Virtual, true},
+      {"virtual states of a virtual output", {.backend = BACKEND_VIRTUAL}, Trigger::Virtual, true},
+      {"virtual states of a port not set up", {.set_up = false}, Trigger::Virtual, false},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);
     const auto port = make(row.port);
-    EXPECT_EQ(start(port.get(), {{true, 0}}, row.is_virtual), row.accepted);
+    EXPECT_EQ(start(port.get(), {{true, 0}}, row.trigger), row.accepted);
     if (!row.accepted) {
       EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "Set action seq on incorrect port"));
       EXPECT_FALSE(io_port_lock_taken(port.get()));

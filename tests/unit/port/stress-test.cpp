@@ -107,8 +107,10 @@ struct Stress : PortTest {
     const bool is_virtual = io_port_input(port) || port->backend == BACKEND_VIRTUAL || pick(4) == 0;
     ActionSequence steps;
     for (int i = 0, length = 1 + pick(4); i < length; i++) {
-      steps.push_back(
-          {.port = port, .is_virtual = is_virtual, .state = toss(), .duration_ms = pick(4)});
+      steps.push_back({.port = port,
+                       .trigger = is_virtual ? Trigger::Virtual : Trigger::Hardware,
+                       .state = toss(),
+                       .duration_ms = pick(4)});
     }
     if (io_port_run_action_sequence(port, std::move(steps)) == SequenceStart::Started) {
       starts++;
