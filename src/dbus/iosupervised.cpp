@@ -112,28 +112,21 @@ void get_supervised(IOSupervisedSupervised* object, GDBusMethodInvocation* invoc
   iosupervised_supervised_complete_get_supervised(object, invocation, port->supervised);
 }
 
-// False when the port refuses. The new mode changes which declarations apply.
-bool switch_supervision(IoPort* port, bool supervised) {
-  if (port->supervised == supervised) {
-    return true;
-  }
-  if (!io_port_set_supervised(port, supervised)) {
-    return false;
-  }
-  param_save_for_port(port, param_file);
-  for (const auto& event : port->events) {
-    io_event_redeclare_port(port, event.get());
-  }
-  return true;
-}
-
+// The new mode changes which declarations apply.
 void set_supervised(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation, IoPort* port,
                     gboolean supervised) {
-  if (switch_supervision(port, supervised != FALSE)) {
-    iosupervised_supervised_complete_set_supervised(object, invocation);
-  } else {
-    answer_error(invocation, IO_SUPERVISED_ERROR_NOT_SUPERVISABLE, not_supervisable);
+  const bool wanted = supervised != FALSE;
+  if (port->supervised != wanted) {
+    if (!io_port_set_supervised(port, wanted)) {
+      answer_error(invocation, IO_SUPERVISED_ERROR_NOT_SUPERVISABLE, not_supervisable);
+      return;
+    }
+    param_save_for_port(port, param_file);
+    for (const auto& event : port->events) {
+      io_event_redeclare_port(port, event.get());
+    }
   }
+  iosupervised_supervised_complete_set_supervised(object, invocation);
 }
 
 void set_supervised_ranges(IOSupervisedSupervised* object, GDBusMethodInvocation* invocation,
