@@ -2,14 +2,13 @@
 #include "dbus/connector.h"
 
 #include "dbus/dbus-handles.h"
-#include "platform/log.h"
 #include "port/ioport-list.h"
 
 #include <array>
 
 namespace {
 
-constexpr const char* connector_path = "/com/norv/WXD/Connector";
+constexpr ExportedObject connector_object{.path = "/com/norv/WXD/Connector", .name = "Connector"};
 
 struct ConnectorKind {
   const char* description;
@@ -73,8 +72,6 @@ const std::array<MethodHandler, 2> handlers{{
 
 ObjectRef<WXDConnector> connector_publish(GDBusConnection* connection) {
   ObjectRef<WXDConnector> skeleton(wxd_connector_skeleton_new());
-  if (!export_skeleton(skeleton.get(), handlers, nullptr, connection, connector_path)) {
-    g_warning("%sFailed to register Connector dbus interface", log_prefix);
-  }
+  export_skeleton(skeleton.get(), handlers, nullptr, connection, connector_object);
   return skeleton;
 }

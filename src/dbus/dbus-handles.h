@@ -4,10 +4,11 @@
 #include <gio/gio.h>
 
 #include "platform/object-handles.h"
+#include "port/errors.h"
 #include "port/ioport-list.h"
 
 #include <mutex>
-#include <utility>
+#include <span>
 
 /// Whether the legacy configuration interface is served.
 enum class LegacyInterface { Absent, Served };
@@ -51,23 +52,45 @@ struct MethodHandler {
   GCallback handler;
 };
 
-/// Connects every handler, with `service` as its data, and exports the skeleton; false when the bus
-/// refuses the object.
-template <typename Handlers>
-[[nodiscard]] bool export_skeleton(gpointer skeleton, const Handlers& handlers, gpointer service,
-                                   GDBusConnection* connection, const char* object_path) {
-  for (const auto& entry : handlers) {
-    g_signal_connect(skeleton, entry.signal, entry.handler, service);
+/// Where an object is on the bus, and what messages call it.
+struct ExportedObject {
+  const char* path;
+  const char* name;
+};
+
+/// Connects every handler, with `service` as its data, and exports the skeleton; a bus that refuses
+/// the object is warned of.
+void export_skeleton(gpointer skeleton, std::span<const MethodHandler> handlers, gpointer service,
+                     GDBusConnection* connection, const ExportedObject& object);
+
+/// Tells the bus library by which names clients know the codes of an error domain.
+void register_errors(GQuark domain, std::span<const GDBusErrorEntry> entries);
+
+/// Answers a call with an error of the domain that the code belongs to.
+void answer_error(GDBusMethodInvocation* invocation, IoControlError code, const char* message);
+void answer_error(GDBusMethodInvocation* invocation, IoSupervisedError code, const char* message);
+
+/// The addressable port of the number that a call gave; otherwise the call is answered with the
+/// error `no_port` and the result is empty. Callers count from 0 up; the model's numbers may be
+/// negative, which those beyond 31 bits are.
+template <auto no_port>
+[[nodiscard]] IoPortRef any_port(GDBusMethodInvocation* invocation, guint number) {
+  auto port = io_port_list_get_port(static_cast<gint>(number));
+  if (port == nullptr) {
+    answer_error(invocation, no_port, "No such port.");
   }
-  g_autoptr(GError) error = nullptr;
-  return g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton), connection,
-                                          object_path, &error);
+  return port;
 }
 
-/// The addressable port of the number that a call gave, if there is one. Callers count from 0 up;
-/// the model's numbers may be negative, which those beyond 31 bits are.
-[[nodiscard]] inline IoPortRef dbus_port_of_number(guint number) {
-  return io_port_list_get_port(static_cast<gint>(number));
+/// The same for a port that must be published here.
+template <auto no_port>
+[[nodiscard]] IoPortRef published_port(GDBusMethodInvocation* invocation, guint number) {
+  auto port = any_port<no_port>(invocation, number);
+  if (port != nullptr && !io_port_get_property(port.get(), "ioport")) {
+    answer_error(invocation, no_port, "No such port.");
+    port.reset();
+  }
+  return port;
 }
 
 /// The handler of a method whose first argument is the number of a port. `Find` (invocation,

@@ -8,10 +8,8 @@
 #include "dbus/signal-flush.h"
 #include "param/param.h"
 #include "platform/bus-name.h"
-#include "platform/log.h"
 #include "platform/memory.h"
 #include "port/action-sequence.h"
-#include "port/errors.h"
 #include "port/ioport-list.h"
 #include "port/port-observer.h"
 
@@ -37,7 +35,8 @@ namespace {
 using State = std::shared_ptr<const SharedObject<IOControlState>>;
 
 constexpr const char* state_name = "com.norv.IOControl.State";
-constexpr const char* state_path = "/com/norv/IOControl/State";
+constexpr ExportedObject state_object{.path = "/com/norv/IOControl/State",
+                                      .name = "IOControl state"};
 
 constexpr std::array error_entries{
     GDBusErrorEntry{IO_CONTROL_ERROR_GENERIC, "com.norv.IOControl.Error.Generic"},
@@ -49,41 +48,6 @@ constexpr std::array error_entries{
     GDBusErrorEntry{IO_CONTROL_ERROR_INCORRECT_PORT_TYPE,
                     "com.norv.IOControl.Error.Incorrect_Port_Type"},
 };
-
-void register_errors() {
-  for (const auto& entry : error_entries) {
-    g_dbus_error_register_error(io_control_error_quark(), entry.error_code, entry.dbus_error_name);
-  }
-}
-
-void answer_error(GDBusMethodInvocation* invocation, IoControlError code, const char* message) {
-  g_dbus_method_invocation_return_error_literal(invocation, io_control_error_quark(), code,
-                                                message);
-}
-
-void save(IoPort* port) {
-  param_save_for_port(port, param_file);
-}
-
-// The port of that number, published here or virtual; otherwise the call is answered and the result
-// is empty.
-IoPortRef any_port(GDBusMethodInvocation* invocation, guint number) {
-  auto port = dbus_port_of_number(number);
-  if (port == nullptr) {
-    answer_error(invocation, IO_CONTROL_ERROR_NO_PORT, "No such port.");
-  }
-  return port;
-}
-
-// The same for a port that must be published here.
-IoPortRef published_port(GDBusMethodInvocation* invocation, guint number) {
-  auto port = dbus_port_of_number(number);
-  if (port == nullptr || !io_port_get_property(port.get(), "ioport")) {
-    answer_error(invocation, IO_CONTROL_ERROR_NO_PORT, "No such port.");
-    return nullptr;
-  }
-  return port;
-}
 
 bool configurable(const IoPort* port) {
   return port->type == PORT_IO_CTRL;
@@ -167,7 +131,7 @@ struct Setter<Set, Complete, Saved> {
       Complete(object, invocation);
     }
     if (!refused || Saved == Save::Always) {
-      save(port);
+      param_save_for_port(port, param_file);
     }
   }
 };
@@ -363,7 +327,12 @@ void wait_for_signals_to_leave(const State& state) {
 
 template <auto Answer>
 MethodHandler of_published(const char* signal) {
-  return port_method<published_port, Answer>(signal);
+  return port_method<published_port<IO_CONTROL_ERROR_NO_PORT>, Answer>(signal);
+}
+
+template <auto Answer>
+MethodHandler of_any(const char* signal) {
+  return port_method<any_port<IO_CONTROL_ERROR_NO_PORT>, Answer>(signal);
 }
 
 template <auto Set, auto Complete, Save Saved = Save::WhenSet>
@@ -372,15 +341,14 @@ MethodHandler setter(const char* signal) {
 }
 
 const std::array<MethodHandler, 17> handlers{{
-    port_method<any_port, start_action_sequence>("handle-start-action-sequence"),
+    of_any<start_action_sequence>("handle-start-action-sequence"),
     {"handle-drop-ioports", G_CALLBACK(on_handle_drop_io_ports)},
     {"handle-refresh-ioports", G_CALLBACK(on_handle_refresh_io_ports)},
     {"handle-get-nbr-ports", G_CALLBACK(on_handle_get_nbr_ports)},
     of_published<get_state>("handle-get-state"),
     setter<set_state, iocontrol_state_complete_set_state>("handle-set-state"),
     // Whatever the look-up by number finds is an I/O port or a virtual port.
-    port_method<any_port,
-                Setter<set_virtual, iocontrol_state_complete_set_virtual, Save::WhenSet>::answer>(
+    of_any<Setter<set_virtual, iocontrol_state_complete_set_virtual, Save::WhenSet>::answer>(
         "handle-set-virtual"),
     of_published<is_configurable>("handle-is-configurable"),
     setter<set_direction, iocontrol_state_complete_set_direction, Save::Always>(
@@ -398,9 +366,7 @@ const std::array<MethodHandler, 17> handlers{{
 void iocontrol_on_bus_acquired(IoControl* service, GDBusConnection* connection) {
   IOControlState* const skeleton = iocontrol_state_skeleton_new();
   service->state->reset(skeleton);
-  if (!export_skeleton(skeleton, handlers, service, connection, state_path)) {
-    g_warning("%sFailed to register IOControl state dbus interface", log_prefix);
-  }
+  export_skeleton(skeleton, handlers, service, connection, state_object);
   service->manager.emplace(connection, service->legacy);
 }
 
@@ -432,7 +398,7 @@ void listen(const State& state) {
 } // namespace
 
 IoControlOwner iocontrol_init_dbus(LegacyInterface legacy) {
-  register_errors();
+  register_errors(io_control_error_quark(), error_entries);
   IoControlOwner service(new IoControl{.legacy = legacy});
   listen(service->state);
   service->state_name.emplace(state_name, [to = service.get()](GDBusConnection* connection) {

@@ -5,7 +5,6 @@
 #include "event/event.h"
 #include "param/param.h"
 #include "platform/bus-name.h"
-#include "platform/log.h"
 #include "port/ioport-list.h"
 
 #include <array>
@@ -20,7 +19,8 @@ struct IoSupervised {
 namespace {
 
 constexpr const char* supervised_name = "com.norv.IOSupervised.Supervised";
-constexpr const char* supervised_path = "/com/norv/IOSupervised/Supervised";
+constexpr ExportedObject supervised_object{.path = "/com/norv/IOSupervised/Supervised",
+                                           .name = "supervised"};
 
 // The later names lack the ".Error" that the first two have; clients know them so.
 constexpr std::array error_entries{
@@ -32,51 +32,20 @@ constexpr std::array error_entries{
                     "com.norv.IOSupervised.Bad_supervised_range"},
 };
 
-void register_errors() {
-  for (const auto& entry : error_entries) {
-    g_dbus_error_register_error(io_supervised_error_quark(), entry.error_code,
-                                entry.dbus_error_name);
-  }
-}
-
 constexpr const char* not_supervisable = "Port is not supervisable.";
-
-void answer_error(GDBusMethodInvocation* invocation, IoSupervisedError code, const char* message) {
-  g_dbus_method_invocation_return_error_literal(invocation, io_supervised_error_quark(), code,
-                                                message);
-}
 
 // Answers with the model's own error or, where it gave none, with `message`.
 void answer_model_error(GDBusMethodInvocation* invocation, const GError* error,
                         const char* message) {
   if (error != nullptr) {
-    g_dbus_method_invocation_return_error(invocation, error->domain, error->code, "%s",
-                                          error->message);
+    g_dbus_method_invocation_return_gerror(invocation, error);
   } else {
     answer_error(invocation, IO_SUPERVISED_ERROR_GENERIC, message);
   }
 }
 
-IoPortRef any_port(GDBusMethodInvocation* invocation, guint number) {
-  IoPortRef port = dbus_port_of_number(number);
-  if (port == nullptr) {
-    answer_error(invocation, IO_SUPERVISED_ERROR_NO_PORT, "No such port.");
-  }
-  return port;
-}
-
-// The port of that number if it is published; otherwise the call is answered.
-IoPortRef published_port(GDBusMethodInvocation* invocation, guint number) {
-  IoPortRef port = dbus_port_of_number(number);
-  if (port == nullptr || !io_port_get_property(port.get(), "ioport")) {
-    answer_error(invocation, IO_SUPERVISED_ERROR_NO_PORT, "No such port.");
-    return nullptr;
-  }
-  return port;
-}
-
 IoPortRef supervisable(GDBusMethodInvocation* invocation, guint number, const char* message) {
-  auto port = any_port(invocation, number);
+  auto port = any_port<IO_SUPERVISED_ERROR_NO_PORT>(invocation, number);
   if (port != nullptr && !io_port_is_supervisable(port.get())) {
     answer_error(invocation, IO_SUPERVISED_ERROR_NOT_SUPERVISABLE, message);
     return nullptr;
@@ -187,11 +156,13 @@ gboolean on_handle_get_supervised_port_numbers(IOSupervisedSupervised* object,
   return TRUE;
 }
 
+constexpr auto published = published_port<IO_SUPERVISED_ERROR_NO_PORT>;
+
 const std::array<MethodHandler, 9> handlers{{
     {"handle-get-number-of-ports", G_CALLBACK(on_handle_get_number_of_ports)},
-    port_method<published_port, is_supervisable>("handle-is-supervisable"),
-    port_method<published_port, get_supervised>("handle-get-supervised"),
-    port_method<published_port, set_supervised>("handle-set-supervised"),
+    port_method<published, is_supervisable>("handle-is-supervisable"),
+    port_method<published, get_supervised>("handle-get-supervised"),
+    port_method<published, set_supervised>("handle-set-supervised"),
     port_method<supervisable_port, set_supervised_ranges>("handle-set-supervised-ranges"),
     port_method<supervisable_port, get_supervised_ranges>("handle-get-supervised-ranges"),
     port_method<supervisable_port, get_supervised_readout>("handle-get-supervised-readout"),
@@ -202,15 +173,13 @@ const std::array<MethodHandler, 9> handlers{{
 void iosupervised_on_bus_acquired(IoSupervised* service, GDBusConnection* connection) {
   IOSupervisedSupervised* const skeleton = iosupervised_supervised_skeleton_new();
   service->skeleton.reset(skeleton);
-  if (!export_skeleton(skeleton, handlers, nullptr, connection, supervised_path)) {
-    g_warning("%sFailed to register supervised dbus interface", log_prefix);
-  }
+  export_skeleton(skeleton, handlers, nullptr, connection, supervised_object);
 }
 
 } // namespace
 
 IoSupervisedOwner iosupervised_init_dbus() {
-  register_errors();
+  register_errors(io_supervised_error_quark(), error_entries);
   IoSupervisedOwner service(new IoSupervised);
   service->name.emplace(supervised_name, [to = service.get()](GDBusConnection* connection) {
     iosupervised_on_bus_acquired(to, connection);

@@ -7,10 +7,8 @@
 #include "platform/boot-time.h"
 #include "platform/callbacks.h"
 #include "platform/hung-services.h"
-#include "platform/log.h"
 #include "platform/service-manager.h"
 #include "port/action-sequence.h"
-#include "port/errors.h"
 #include "port/ioport-census.h"
 #include "port/ioport-list.h"
 #include "port/port-observer.h"
@@ -20,7 +18,8 @@
 
 namespace {
 
-constexpr const char* manager_path = "/com/norv/IOControl/Manager";
+constexpr ExportedObject manager_object{.path = "/com/norv/IOControl/Manager",
+                                        .name = "IOControl manager"};
 
 const gint64 started_at_us = boot_time_us();
 
@@ -35,15 +34,6 @@ constexpr std::array called_services{"com.norv.IOBoxMonitor",
                                      "com.norv.PTZ.Coordinator",
                                      "com.norv.Event.ActionEngine.User",
                                      "com.norv.PolicyKitSystem"};
-
-IoPortRef port_of_number(GDBusMethodInvocation* invocation, guint number) {
-  IoPortRef port = dbus_port_of_number(number);
-  if (port == nullptr) {
-    g_dbus_method_invocation_return_error_literal(invocation, io_control_error_quark(),
-                                                  IO_CONTROL_ERROR_NO_PORT, "No such port.");
-  }
-  return port;
-}
 
 void stop_sequence(IOControlManager1* object, GDBusMethodInvocation* invocation, IoPort* port) {
   io_port_stop_action_sequence(port);
@@ -128,7 +118,7 @@ const std::array<MethodHandler, 4> handlers{{
     {"handle-get-running-sequences", G_CALLBACK(on_handle_get_running_sequences)},
     {"handle-get-services", G_CALLBACK(on_handle_get_services)},
     {"handle-get-last-failed-save", G_CALLBACK(on_handle_get_last_failed_save)},
-    port_method<port_of_number, stop_sequence>("handle-stop-sequence"),
+    port_method<any_port<IO_CONTROL_ERROR_NO_PORT>, stop_sequence>("handle-stop-sequence"),
 }};
 
 } // namespace
@@ -138,9 +128,7 @@ Manager::Manager(GDBusConnection* connection, LegacyInterface legacy)
   set_what_stays(skeleton_.get(), legacy);
   tell_ports();
   port_observer.hardware_gone = [this] { tell_ports_soon(); };
-  if (!export_skeleton(skeleton_.get(), handlers, nullptr, connection, manager_path)) {
-    g_warning("%sFailed to register IOControl manager dbus interface", log_prefix);
-  }
+  export_skeleton(skeleton_.get(), handlers, nullptr, connection, manager_object);
 }
 
 Manager::~Manager() {
