@@ -2,7 +2,6 @@
 
 #include "dbus/dbus-handles.h"
 #include "dbus/iosupervised-supervised-gen.h"
-#include "event/event.h"
 #include "param/param.h"
 #include "platform/bus-name.h"
 #include "port/ioport-list.h"
@@ -91,9 +90,7 @@ void set_supervised(IOSupervisedSupervised* object, GDBusMethodInvocation* invoc
       return;
     }
     param_save_for_port(port, param_file);
-    for (const auto& event : port->events) {
-      io_event_redeclare_port(port, event.get());
-    }
+    io_port_redeclare_events(port);
   }
   iosupervised_supervised_complete_set_supervised(object, invocation);
 }

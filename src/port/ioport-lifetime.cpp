@@ -31,10 +31,6 @@ void ensure_backend_instance(IoPort* ioport) {
 
 } // namespace
 
-void IoPortUnref::operator()(IoPort* port) const {
-  io_port_unref(port);
-}
-
 IoPortRef io_port_new() {
   IoPortRef port(new IoPort);
   port->properties = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, nullptr);

@@ -43,9 +43,7 @@ bool io_port_set_supervised(IoPort* port, bool supervised) {
 
 bool io_port_supervised_input(IoPort* port) {
   WEXD_ASSERT_NONNULL(port);
-  return port->supervised
-         && (port->type == PORT_INPUT
-             || (port->type == PORT_IO_CTRL && port->direction == Direction::Input));
+  return port->supervised && io_port_faces_inwards(port);
 }
 
 const SupervisedRanges* io_port_get_supervised_ranges(IoPort* port) {

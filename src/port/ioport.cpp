@@ -58,12 +58,6 @@ void apply_output_activelow(IoPort* ioport) WEXD_REQUIRES(ioport->gate) {
   port_observer.setting_changed(*ioport, Setting::OutputSense);
 }
 
-void redeclare_events(IoPort* ioport) {
-  for (const auto& event : ioport->events) {
-    io_event_redeclare_port(ioport, event.get());
-  }
-}
-
 void copy_text(const OptionalText& text, gchar** copy) {
   *copy = g_strdup(c_str_or_null(text));
 }
@@ -72,8 +66,7 @@ void copy_text(const OptionalText& text, gchar** copy) {
 
 bool io_port_input(IoPort* port) {
   g_assert(port->functions != NULL);
-  return port->type == PORT_INPUT
-         || (port->type == PORT_IO_CTRL && port->direction == Direction::Input);
+  return io_port_faces_inwards(port);
 }
 
 bool io_port_direction_input(const IoPort* ioport) {
@@ -175,12 +168,6 @@ void io_port_send_events(IoPort* ioport, ReportedState state) {
   }
 }
 
-void io_port_send_events_if_enabled(IoPort* ioport, ReportedState state) {
-  if (ioport->enabled) {
-    io_port_send_events(ioport, state);
-  }
-}
-
 void io_port_send_signal(IoPort* port, Trigger trigger, ReportedState state) {
   g_assert(port->functions != NULL);
   if (!port->enabled) {
@@ -232,16 +219,10 @@ bool io_port_set_activelow(IoPort* ioport, bool value, PortSide side) {
 
 gchar* io_port_get_name(IoPort* ioport) {
   WEXD_RETURN_VAL_IF_FAIL(ioport, nullptr);
-  switch (ioport->type) {
-  case PORT_INPUT:
+  if (io_port_faces_inwards(ioport)) {
     return g_strdup(c_str_or_null(ioport->input_name));
-  case PORT_OUTPUT:
-    return g_strdup(c_str_or_null(ioport->output_name));
-  case PORT_IO_CTRL:
-    return g_strdup(c_str_or_null(ioport->direction == Direction::Input ? ioport->input_name
-                                                                        : ioport->output_name));
   }
-  return nullptr;
+  return io_port_has_output_side(ioport) ? g_strdup(c_str_or_null(ioport->output_name)) : nullptr;
 }
 
 void io_port_get_names(IoPort* ioport, gchar** input_name, gchar** output_name) {
@@ -272,8 +253,8 @@ bool set_name(IoPort* ioport, const char* name, PortSide side) {
   port_observer.setting_changed(*ioport, input_side ? Setting::InputName : Setting::OutputName);
 
   // Declarations carry the name of the side in use only.
-  if (ioport->type != PORT_IO_CTRL || (ioport->direction == Direction::Input) == input_side) {
-    redeclare_events(ioport);
+  if (io_port_faces_inwards(ioport) == input_side) {
+    io_port_redeclare_events(ioport);
   }
   return true;
 }
@@ -363,6 +344,12 @@ bool io_port_got_port_any(IoPort* ioport) {
     }
   }
   return false;
+}
+
+void io_port_redeclare_events(IoPort* ioport) {
+  for (const auto& event : ioport->events) {
+    io_event_redeclare_port(ioport, event.get());
+  }
 }
 
 void io_port_reset_event_filters(IoPort* ioport) {

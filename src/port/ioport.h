@@ -9,6 +9,7 @@
 #include <glib.h>
 
 #include "description/limits.h"
+#include "platform/handles.h"
 #include "port/port-gate.h"
 #include "port/states.h"
 #include "port/supervised-utils.h"
@@ -17,7 +18,6 @@
 #include <atomic>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -96,9 +96,7 @@ struct PortFunctions {
 
 void io_event_free(IoEvent* event);
 
-struct IoEventDeleter {
-  void operator()(IoEvent* event) const { io_event_free(event); }
-};
+using IoEventPtr = std::unique_ptr<IoEvent, FreeWith<io_event_free>>;
 
 /// A text that may be absent; NULL and absent are the same to `c_str_or_null`.
 using OptionalText = std::optional<std::string>;
@@ -130,7 +128,7 @@ struct IoPort {
   /// Milliseconds.
   guint32 pulse_time = 0;
   /// Newest first.
-  std::list<std::unique_ptr<IoEvent, IoEventDeleter>> events;
+  std::list<IoEventPtr> events;
   SupervisedRanges ranges;
   std::atomic<bool> enabled{true};
   std::atomic<bool> is_setup{false};
@@ -162,20 +160,17 @@ struct IoPort {
   Mutex readout_lock;
 };
 
-/// Owns one reference of a port.
-struct IoPortUnref {
-  void operator()(IoPort* port) const;
-};
-using IoPortRef = std::unique_ptr<IoPort, IoPortUnref>;
-
 // Creation and lifetime
+
+/// Drops a reference (NULL is ignored); the last one frees the port. Any thread.
+void io_port_unref(IoPort* ioport);
+/// Owns one reference of a port.
+using IoPortRef = std::unique_ptr<IoPort, FreeWith<io_port_unref>>;
 
 /// A new port with one reference.
 [[nodiscard]] IoPortRef io_port_new();
 /// A further reference; none of no port. Any thread.
 [[nodiscard]] IoPortRef io_port_ref(IoPort* ioport);
-/// Drops a reference (NULL is ignored); the last one frees the port. Any thread.
-void io_port_unref(IoPort* ioport);
 /// Ends a running sequence and frees the port, whatever its reference count.
 void io_port_free(IoPort* ioport);
 /// Stores the kind, attaches its backend and returns the table; nullptr (kind stored, table
@@ -200,7 +195,12 @@ void io_port_parse_backend_data(IoPort* ioport, const char* element, const char*
 [[nodiscard]] inline bool io_port_has_output_side(const IoPort* port) {
   return port->type == PORT_OUTPUT || port->type == PORT_IO_CTRL;
 }
-/// True when the port currently is an input.
+/// Whether the port is an input, or one that was turned to be one.
+[[nodiscard]] inline bool io_port_faces_inwards(const IoPort* port) {
+  return port->type == PORT_INPUT
+         || (port->type == PORT_IO_CTRL && port->direction == Direction::Input);
+}
+/// The same for a port that must have its backend.
 [[nodiscard]] bool io_port_input(IoPort* port);
 /// As io_port_input, but an unknown type is a programming error.
 [[nodiscard]] bool io_port_direction_input(const IoPort* ioport);
@@ -222,8 +222,6 @@ void io_port_set_state_internal(IoPort* ioport, bool state) WEXD_REQUIRES(ioport
 void io_port_trigger(IoPort* ioport, ReportedState state);
 /// Sends the port's applicable events, whether or not the port is enabled.
 void io_port_send_events(IoPort* ioport, ReportedState state);
-/// Sends the port's applicable events if the port is enabled.
-void io_port_send_events_if_enabled(IoPort* ioport, ReportedState state);
 /// Announces PortChanged for an enabled port.
 void io_port_send_signal(IoPort* port, Trigger trigger, ReportedState state);
 /// The inversion of one side; `side` is Input or Output.
@@ -292,6 +290,8 @@ void io_port_set_enabled(IoPort* ioport, bool enabled);
 /// True when somebody drives the port or a sequence runs on it. Never blocks.
 [[nodiscard]] bool io_port_lock_taken(IoPort* ioport);
 void io_port_reset_event_filters(IoPort* ioport);
+/// Declares the port's events again, which tell of what it is and how it is called.
+void io_port_redeclare_events(IoPort* ioport);
 /// Accepts 1 and 2 only.
 [[nodiscard]] bool io_port_set_mode(IoPort* ioport, PortMode mode);
 /// PORT_MODE_NONE for NULL.

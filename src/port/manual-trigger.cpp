@@ -13,8 +13,8 @@ constexpr gint default_first_port_no = 5;
 /// As the hardware description has it, if it does.
 std::optional<gint> first_port_no;
 
-std::unique_ptr<IoEvent, IoEventDeleter> manual_trigger_event(gint channel) {
-  std::unique_ptr<IoEvent, IoEventDeleter> event(new IoEvent);
+IoEventPtr manual_trigger_event(gint channel) {
+  IoEventPtr event(new IoEvent);
   event->declaration = "com.norv.Event.Wxd.ManualTrigger";
   event->key_values.push_back(
       {.key = "state", .value = "PORT_STATUS", .type = "bool", .property = true});

@@ -44,7 +44,7 @@ public:
 void state_change(benchmark::State& state) {
   const auto port = make_port(1);
   for (int64_t i = 0; i < state.range(0); i++) {
-    std::unique_ptr<IoEvent, IoEventDeleter> event(new IoEvent);
+    IoEventPtr event(new IoEvent);
     event->declaration = event_io_port;
     g_assert_true(io_event_declare_event(port.get(), event.get()));
     port->events.push_front(std::move(event));

@@ -74,8 +74,8 @@ List take(List& list) {
 
 } // namespace
 
-std::unique_ptr<IoEvent, IoEventDeleter> make_event(const char* declaration) {
-  std::unique_ptr<IoEvent, IoEventDeleter> event(new IoEvent);
+IoEventPtr make_event(const char* declaration) {
+  IoEventPtr event(new IoEvent);
   event->declaration = declaration;
   return event;
 }

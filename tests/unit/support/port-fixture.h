@@ -34,7 +34,7 @@ struct PortDescription {
 };
 
 /// An event record of that declaration.
-std::unique_ptr<IoEvent, IoEventDeleter> make_event(const char* declaration);
+IoEventPtr make_event(const char* declaration);
 
 class PortTest : public testing::Test {
 public:
