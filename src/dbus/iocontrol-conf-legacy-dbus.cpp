@@ -13,7 +13,6 @@
 #include "port/ioport-list.h"
 #include "port/port-observer.h"
 
-#include <array>
 #include <cstdio>
 #include <list>
 #include <set>
@@ -82,16 +81,6 @@ GVariant* iocontrol_conf_legacy_dbus_get_property(GDBusConnection* /*connection*
   return legacy_property_get(path, interface_name, property, error);
 }
 
-bool iocontrol_conf_legacy_dbus_set_property(const LegacyCtrl& ctrl, const gchar* path,
-                                             const gchar* interface_name, const gchar* property,
-                                             GVariant* value, GError** error) {
-  return legacy_property_set(
-      path, interface_name,
-      {.name = property, .value = value, .error = error, .port_counts_changed = [&ctrl] {
-         send_port_counts_change(ctrl);
-       }});
-}
-
 // The interfaces have no methods of their own; what reaches this are the writes of properties.
 void iocontrol_conf_legacy_dbus_handle_method_call(GDBusConnection* connection,
                                                    const gchar* /*sender*/, const gchar* path,
@@ -110,9 +99,13 @@ void iocontrol_conf_legacy_dbus_handle_method_call(GDBusConnection* connection,
   const gchar* property = nullptr;
   g_autoptr(GVariant) value = nullptr;
   g_variant_get(parameters, "(&s&sv)", &interface_name, &property, &value);
+  const auto* const ctrl = static_cast<LegacyCtrl*>(user_data);
   GError* error = nullptr;
-  if (iocontrol_conf_legacy_dbus_set_property(*static_cast<LegacyCtrl*>(user_data), path,
-                                              interface_name, property, value, &error)) {
+  if (legacy_property_set(
+          path, interface_name,
+          {.name = property, .value = value, .error = &error, .port_counts_changed = [ctrl] {
+             send_port_counts_change(*ctrl);
+           }})) {
     g_dbus_method_invocation_return_value(invocation, nullptr);
   } else {
     g_dbus_method_invocation_take_error(invocation, error);
@@ -189,9 +182,6 @@ void register_ports(LegacyCtrl& ctrl) {
 
 void unreg_port_objects(const LegacyCtrl& ctrl, guint registration_id) {
   constexpr int unregistration_line = 660;
-  if (registration_id < 1) {
-    return;
-  }
   if (!g_dbus_connection_unregister_object(ctrl.connection.get(), registration_id)) {
     fprintf(stderr, "%s@%d: Failed to unregister object\n", __func__, unregistration_line);
   }

@@ -152,15 +152,15 @@ Refused set_direction(IoPort* port, const gchar* direction) {
 }
 
 Refused set_active(IoPort* port, gboolean input, const gchar* state) {
-  const bool open = g_str_equal(state, "open");
-  if (!open && !g_str_equal(state, "closed")) {
+  const auto activelow = find_word(activelow_words, state);
+  if (!activelow) {
     return Refusal{.code = IO_CONTROL_ERROR_GENERIC,
                    .message = "Incorrect input to set_active eiter use 'open' or 'closed'"};
   }
   return refused_unless(
-      io_port_set_activelow(port, open, input != FALSE ? PortSide::Input : PortSide::Output),
+      io_port_set_activelow(port, *activelow, input != FALSE ? PortSide::Input : PortSide::Output),
       IO_CONTROL_ERROR_GENERIC,
-      open ? "Could not set port to open." : "Could not set port to closed.");
+      *activelow ? "Could not set port to open." : "Could not set port to closed.");
 }
 
 Refused set_name(IoPort* port, gboolean input, const gchar* name) {

@@ -2,7 +2,6 @@
 
 #include "dbus/legacy-names.h"
 #include "param/param.h"
-#include "platform/log.h"
 #include "platform/numbers.h"
 #include "platform/words.h"
 #include "port/action-sequence.h"
@@ -22,10 +21,6 @@ constexpr const char* absent_text = "<NULL>";
 bool refuse(GError** error, const char* message) {
   g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, message);
   return false;
-}
-
-bool refuse(const LegacyWrite& write, const char* message) {
-  return refuse(write.error, message);
 }
 
 bool unsupported(const LegacyWrite& write) {
@@ -145,39 +140,22 @@ bool write_name(IoPort* port, const LegacyWrite& write) {
   return set_name(port, text->c_str()) ? save(port) : unsupported(write);
 }
 
-// "open" or "closed" as the inversion that it stands for.
-std::optional<bool> activelow_of(GVariant* value) {
-  const auto text = text_of(value);
-  if (text == "open") {
-    return true;
-  }
-  if (text == "closed") {
-    return false;
-  }
-  return std::nullopt;
+bool refuse_active(const LegacyWrite& write) {
+  return refuse(write.error, "Setting Active failed");
 }
 
-bool write_trig(IoPort* port, const LegacyWrite& write) {
-  const auto activelow = activelow_of(write.value);
+template <PortSide side, bool (*refused)(const LegacyWrite&)>
+bool write_activelow(IoPort* port, const LegacyWrite& write) {
+  const auto activelow = find_word(activelow_words, text_of(write.value).value_or(""));
   if (!activelow) {
     return incorrect(write);
   }
-  return io_port_set_activelow(port, *activelow, PortSide::Input) ? save(port) : unsupported(write);
-}
-
-bool write_active(IoPort* port, const LegacyWrite& write) {
-  const auto activelow = activelow_of(write.value);
-  if (!activelow) {
-    return incorrect(write);
-  }
-  return io_port_set_activelow(port, *activelow, PortSide::Output)
-             ? save(port)
-             : refuse(write, "Setting Active failed");
+  return io_port_set_activelow(port, *activelow, side) ? save(port) : refused(write);
 }
 
 bool turn_port(IoPort* port, Direction direction, const LegacyWrite& write) {
   if (!io_port_set_direction(port, direction)) {
-    return refuse(write, "Setting Direction failed");
+    return refuse(write.error, "Setting Direction failed");
   }
   write.port_counts_changed();
   return save(port);
@@ -194,9 +172,9 @@ bool write_direction(IoPort* port, const LegacyWrite& write) {
   }
   switch (port->type) {
   case PORT_INPUT:
-    return direction == Direction::Input || refuse(write, "Port Direction is not settable");
+    return direction == Direction::Input || refuse(write.error, "Port Direction is not settable");
   case PORT_OUTPUT:
-    return direction == Direction::Output || refuse(write, "Port Direction is not settable");
+    return direction == Direction::Output || refuse(write.error, "Port Direction is not settable");
   case PORT_IO_CTRL:
     return port->direction == direction || turn_port(port, *direction, write);
   }
@@ -240,28 +218,40 @@ bool write_usage(IoPort* port, const LegacyWrite& write) {
   return save(port);
 }
 
+/// One property of one interface.
+struct LegacyProperty {
+  const char* interface_name;
+  const char* name;
+  /// Value of the device as a whole; such a property needs no port. Else nullptr.
+  GVariant* (*read_device)();
+  /// Value of a port, or nullptr when the property has none for it.
+  GVariant* (*read)(const IoPort* port);
+  /// Writes, saves and returns true; false with the write's error when refused. nullptr: read-only.
+  bool (*write)(IoPort* port, const LegacyWrite& write);
+};
+
 constexpr const char* ioport = legacy_ioport_interface;
 constexpr const char* input = legacy_input_interface;
 constexpr const char* output = legacy_output_interface;
 
 constexpr std::array properties{
-    LegacyProperty{ioport, "NbrOfIOPorts", "i", nullptr, read_nbr_ports, nullptr},
-    LegacyProperty{ioport, "NbrOfInputs", "i", read_nbr_inputs, nullptr, nullptr},
-    LegacyProperty{ioport, "NbrOfOutputs", "i", read_nbr_outputs, nullptr, nullptr},
-    LegacyProperty{ioport, "ManualTriggerNbr", "i", read_manual_trigger_nbr, nullptr, nullptr},
-    LegacyProperty{ioport, "Configurable", "b", nullptr, read_configurable, nullptr},
-    LegacyProperty{ioport, "Direction", "ay", nullptr, read_direction, write_direction},
-    LegacyProperty{ioport, "Usage", "ay", nullptr, read_usage, write_usage},
-    LegacyProperty{input, "Name", "ay", nullptr, read_input_name,
-                   write_name<io_port_set_input_name>},
-    LegacyProperty{input, "Trig", "ay", nullptr, read_trig, write_trig},
-    LegacyProperty{output, "Name", "ay", nullptr, read_output_name,
-                   write_name<io_port_set_output_name>},
-    LegacyProperty{output, "Active", "ay", nullptr, read_active, write_active},
-    LegacyProperty{output, "Button", "ay", nullptr, read_button, write_button},
-    LegacyProperty{output, "PulseTime", "i", nullptr, read_pulse_time, write_pulse_time},
-    LegacyProperty{output, "Mode", "ay", nullptr, read_mode, write_mode},
-    LegacyProperty{output, "DelayTime", "i", nullptr, read_delay_time, write_delay_time},
+    LegacyProperty{ioport, "NbrOfIOPorts", nullptr, read_nbr_ports, nullptr},
+    LegacyProperty{ioport, "NbrOfInputs", read_nbr_inputs, nullptr, nullptr},
+    LegacyProperty{ioport, "NbrOfOutputs", read_nbr_outputs, nullptr, nullptr},
+    LegacyProperty{ioport, "ManualTriggerNbr", read_manual_trigger_nbr, nullptr, nullptr},
+    LegacyProperty{ioport, "Configurable", nullptr, read_configurable, nullptr},
+    LegacyProperty{ioport, "Direction", nullptr, read_direction, write_direction},
+    LegacyProperty{ioport, "Usage", nullptr, read_usage, write_usage},
+    LegacyProperty{input, "Name", nullptr, read_input_name, write_name<io_port_set_input_name>},
+    LegacyProperty{input, "Trig", nullptr, read_trig,
+                   write_activelow<PortSide::Input, unsupported>},
+    LegacyProperty{output, "Name", nullptr, read_output_name, write_name<io_port_set_output_name>},
+    LegacyProperty{output, "Active", nullptr, read_active,
+                   write_activelow<PortSide::Output, refuse_active>},
+    LegacyProperty{output, "Button", nullptr, read_button, write_button},
+    LegacyProperty{output, "PulseTime", nullptr, read_pulse_time, write_pulse_time},
+    LegacyProperty{output, "Mode", nullptr, read_mode, write_mode},
+    LegacyProperty{output, "DelayTime", nullptr, read_delay_time, write_delay_time},
 };
 
 const LegacyProperty* find_property(const char* interface_name, const char* name) {

@@ -18,20 +18,6 @@ struct LegacyWrite {
   const std::function<void()>& port_counts_changed;
 };
 
-/// One property of one interface.
-struct LegacyProperty {
-  const char* interface_name;
-  const char* name;
-  /// Type as declared, and as written.
-  const char* signature;
-  /// Value of the device as a whole; such a property needs no port. Else nullptr.
-  GVariant* (*read_device)();
-  /// Value of a port, or nullptr when the property has none for it.
-  GVariant* (*read)(const IoPort* port);
-  /// Writes, saves and returns true; false with the write's error when refused. nullptr: read-only.
-  bool (*write)(IoPort* port, const LegacyWrite& write);
-};
-
 /// A setting in the words of this interface. `text` is the port's, or NULL for a name that it
 /// lacks.
 struct LegacySetting {

@@ -59,6 +59,8 @@ enum class Trigger { Hardware, Virtual };
 [[nodiscard]] constexpr const char* open_or_closed(bool activelow) {
   return activelow ? "open" : "closed";
 }
+inline constexpr std::array activelow_words{Word{open_or_closed(true), true},
+                                            Word{open_or_closed(false), false}};
 
 /// A backend's operations: one constant table per kind of hardware. Empty slots hold nullptr.
 struct PortFunctions {
