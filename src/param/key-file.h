@@ -9,11 +9,7 @@
 #include <string>
 #include <string_view>
 
-struct KeyFileFree {
-  void operator()(GKeyFile* file) const { g_key_file_free(file); }
-};
-
-using KeyFilePtr = std::unique_ptr<GKeyFile, KeyFileFree>;
+using KeyFilePtr = std::unique_ptr<GKeyFile, FreeWith<g_key_file_free>>;
 
 /// An empty one.
 [[nodiscard]] KeyFilePtr key_file_make();

@@ -7,8 +7,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <tuple>
 
 namespace {
 

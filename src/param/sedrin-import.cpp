@@ -18,10 +18,10 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstring>
 #include <span>
 #include <string_view>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 
 namespace {
@@ -56,17 +56,19 @@ struct Import {
 // Why a value was not taken, or nothing.
 enum class Taken { Yes, Refused };
 
-Taken take_activelow(IoPort* port, const char* value, PortSide side) {
-  const bool open = g_str_equal(value, "open");
-  if (!open && !g_str_equal(value, "closed")) {
+template <PortSide side>
+Taken take_activelow(IoPort* port, const char* value) {
+  const auto activelow = find_word(activelow_words, value);
+  if (!activelow) {
     return Taken::Refused;
   }
-  std::ignore = io_port_set_activelow(port, open, side);
+  std::ignore = io_port_set_activelow(port, *activelow, side);
   return Taken::Yes;
 }
 
 // A value in double quotes comes without them.
-Taken take_name(IoPort* port, const char* value, bool (*set_name)(IoPort*, const char*)) {
+template <bool (*set_name)(IoPort*, const char*)>
+Taken take_name(IoPort* port, const char* value) {
   std::string_view name = value;
   if (name.starts_with('"')) {
     name.remove_prefix(1);
@@ -75,15 +77,16 @@ Taken take_name(IoPort* port, const char* value, bool (*set_name)(IoPort*, const
   if (name.size() > io_port_text_limit || !g_utf8_validate_len(name.data(), name.size(), nullptr)) {
     return Taken::Refused;
   }
-  set_name(port, std::string(name).c_str());
+  std::ignore = set_name(port, std::string(name).c_str());
   return Taken::Yes;
 }
 
 // Text that does not start with a digit is ignored.
-template <typename Number>
-Taken take_number(const char* value, Number& number) {
+template <auto member>
+Taken take_number(IoPort* port, const char* value) {
+  auto& number = port->*member;
   if (g_ascii_isdigit(*value)) {
-    number = unsigned_of<Number>(value);
+    number = unsigned_of<std::remove_reference_t<decltype(number)>>(value);
   }
   return Taken::Yes;
 }
@@ -111,36 +114,16 @@ struct KeyRow {
 constexpr const char* unknown_output_key = "Failed to read Output parameter";
 
 constexpr std::array input_keys{
-    KeyRow{"Name",
-           [](IoPort* port, const char* value) {
-             return take_name(port, value, io_port_set_input_name);
-           },
-           "Failed to read Name parameter"},
-    KeyRow{"Trig",
-           [](IoPort* port, const char* value) {
-             return take_activelow(port, value, PortSide::Input);
-           },
-           "Failed to read Trig parameter"},
+    KeyRow{"Name", take_name<io_port_set_input_name>, "Failed to read Name parameter"},
+    KeyRow{"Trig", take_activelow<PortSide::Input>, "Failed to read Trig parameter"},
 };
 
 constexpr std::array output_keys{
-    KeyRow{"Name",
-           [](IoPort* port, const char* value) {
-             return take_name(port, value, io_port_set_output_name);
-           },
-           unknown_output_key},
-    KeyRow{"Active",
-           [](IoPort* port, const char* value) {
-             return take_activelow(port, value, PortSide::Output);
-           },
-           "Failed to read Active parameter"},
+    KeyRow{"Name", take_name<io_port_set_output_name>, unknown_output_key},
+    KeyRow{"Active", take_activelow<PortSide::Output>, "Failed to read Active parameter"},
     KeyRow{"Button", take_button, nullptr},
-    KeyRow{"PulseTime",
-           [](IoPort* port, const char* value) { return take_number(value, port->pulse_time); },
-           nullptr},
-    KeyRow{"DelayTime",
-           [](IoPort* port, const char* value) { return take_number(value, port->delay_time); },
-           nullptr},
+    KeyRow{"PulseTime", take_number<&IoPort::pulse_time>, nullptr},
+    KeyRow{"DelayTime", take_number<&IoPort::delay_time>, nullptr},
     KeyRow{"Mode", take_mode, nullptr},
 };
 
@@ -335,10 +318,8 @@ void param_upgrade(const char* source, const char* target, GError** error) {
   }
   key_file_copy(source_file.get(), target_file.get());
 
-  gsize length = 0;
-  g_autofree gchar* text = g_key_file_to_data(target_file.get(), &length, nullptr);
   g_autoptr(GError) write_error = nullptr;
-  if (!file_set_contents_synced(target, {text, length}, &write_error)) {
+  if (!file_set_contents_synced(target, key_file_to_text(target_file.get()), &write_error)) {
     g_log(G_LOG_DOMAIN, log_level_user, "%s%s@%d: failed to save key file: %s, error: %s\n",
           log_prefix, __func__, write_line, target, write_error->message);
     g_log(G_LOG_DOMAIN, log_level_user, "%s%s@%d: save operation failed! [%s]\n", log_prefix,
