@@ -14,7 +14,6 @@
 #include "port/ioport-list.h"
 #include "port/port-place.h"
 
-#include <algorithm>
 #include <memory>
 #include <string_view>
 
@@ -99,12 +98,6 @@ IoEvent* current_event(IoPort* port, std::string_view element) {
   return port->events.empty() ? nullptr : port->events.front().get();
 }
 
-void hand_to_backend(IoPort* port, const Place& place, const char* key, const char* value) {
-  if (port->functions != nullptr) {
-    io_port_parse_backend_data(port, place.element, key, value);
-  }
-}
-
 bool lost_for_backend(const ConfReader& reader, const IoPort* port, std::string_view element,
                       std::string_view key) {
   const bool meant_for_backend = reader.backend_data || element == "backend";
@@ -118,8 +111,8 @@ void apply_attribute(ConfReader& reader, IoPort* port, IoEvent* event, const Pla
   if (lost_for_backend(reader, port, place.element, key)) {
     refuse(place, "has data for a backend that is not known yet; the attribute is ignored");
   }
-  if (reader.backend_data) {
-    hand_to_backend(port, place, key, value);
+  if (reader.backend_data && port->functions != nullptr) {
+    io_port_parse_backend_data(port, place.element, key, value);
   }
   if (conf_is_port_text(place.element, key) && view(value).size() > io_port_text_limit) {
     refuse(place, "has a name or usage of more bytes than a port takes; the attribute is ignored");

@@ -86,11 +86,22 @@ void select_backend(const ConfTarget& target, const char* /*key*/, const char* v
   }
 }
 
+template <auto Member>
+void set_text(const ConfTarget& target, const char* /*key*/, const char* value) {
+  target.port->*Member = value;
+}
+
 // The first value wins.
-void set_default_name(OptionalText& name, const char* value) {
-  if (!name) {
-    name = value;
+template <OptionalText IoPort::*Name>
+void set_default_name(const ConfTarget& target, const char* key, const char* value) {
+  if (!(target.port->*Name)) {
+    set_text<Name>(target, key, value);
   }
+}
+
+template <const auto& Words, auto Member>
+void set_word(const ConfTarget& target, const char* /*key*/, const char* value) {
+  set_by_word(Words, value, target.port->*Member);
 }
 
 template <OptionalText EventKeyValue::*Field>
@@ -104,41 +115,20 @@ void set_event_flag(const ConfTarget& target, const char* /*key*/, const char* v
 }
 
 constexpr std::array rows{
-    Row{"port", "name",
-        [](const ConfTarget& target, const char*, const char* value) {
-          target.port->name = value;
-        }},
+    Row{"port", "name", set_text<&IoPort::name>},
     Row{"port", "optional",
         [](const ConfTarget& target, const char*, const char* value) {
           target.port->optional = g_str_equal(value, "true");
         }},
     Row{"port_no", "nbr", set_number},
     Row{"port_type", "type", set_type},
-    Row{"param_defaults", "dir",
-        [](const ConfTarget& target, const char*, const char* value) {
-          set_by_word(direction_words, value, target.port->direction);
-        }},
-    Row{"param_defaults", "port_mode",
-        [](const ConfTarget& target, const char*, const char* value) {
-          set_by_word(mode_words, value, target.port->mode);
-        }},
-    Row{"param_defaults", "button_type",
-        [](const ConfTarget& target, const char*, const char* value) {
-          set_by_word(button_words, value, target.port->button_type);
-        }},
+    Row{"param_defaults", "dir", set_word<direction_words, &IoPort::direction>},
+    Row{"param_defaults", "port_mode", set_word<mode_words, &IoPort::mode>},
+    Row{"param_defaults", "button_type", set_word<button_words, &IoPort::button_type>},
     Row{"param_defaults", "pulse_time", set_pulse_time},
-    Row{"param_defaults", "usage",
-        [](const ConfTarget& target, const char*, const char* value) {
-          target.port->usage = value;
-        }},
-    Row{"param_default_name", "input",
-        [](const ConfTarget& target, const char*, const char* value) {
-          set_default_name(target.port->input_name, value);
-        }},
-    Row{"param_default_name", "output",
-        [](const ConfTarget& target, const char*, const char* value) {
-          set_default_name(target.port->output_name, value);
-        }},
+    Row{"param_defaults", "usage", set_text<&IoPort::usage>},
+    Row{"param_default_name", "input", set_default_name<&IoPort::input_name>},
+    Row{"param_default_name", "output", set_default_name<&IoPort::output_name>},
     Row{"properties", "",
         [](const ConfTarget& target, const char* key, const char* value) {
           io_port_add_property(target.port, key, value);

@@ -1,8 +1,6 @@
 // What each element and attribute of the hardware description does.
 #pragma once
 
-#include <glib.h>
-
 #include <string_view>
 
 struct IoEvent;

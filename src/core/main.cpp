@@ -103,10 +103,6 @@ void remove_taken_file(const char* path) {
   }
 }
 
-bool is_present_file(const char* path) {
-  return g_file_test(path, G_FILE_TEST_EXISTS) && g_file_test(path, G_FILE_TEST_IS_REGULAR);
-}
-
 void apply_loaded_params() {
   io_port_list_read_params(param_get_conf_vals);
   param_close_file();
@@ -114,7 +110,8 @@ void apply_loaded_params() {
 
 // Devices that were updated still have the settings where an older layout kept them.
 void migrate_old_params() {
-  if (!is_present_file(old_param_file) || !param_read_configuration(old_param_file)) {
+  if (!g_file_test(old_param_file, G_FILE_TEST_IS_REGULAR)
+      || !param_read_configuration(old_param_file)) {
     return;
   }
   apply_loaded_params();

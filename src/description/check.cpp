@@ -88,6 +88,10 @@ public:
 
 private:
   void report(Severity severity, const std::string& text);
+  template <typename... Arguments>
+  void warn(fmt::format_string<Arguments...> text, Arguments&&... arguments) {
+    report(Severity::Warning, fmt::format(text, std::forward<Arguments>(arguments)...));
+  }
   void report_at(const DescribedPlace& place, Severity severity, const std::string& text);
 
   void start(const DescribedElement& element);
@@ -129,12 +133,11 @@ void Checker::name_port(PortSketch& port, const std::string& name, gsize positio
   }
   const auto where = fmt::format("{}:{}", same->place.file, same->place.line);
   if (position == (port.has_hwid ? 1 : 0)) {
-    report(Severity::Warning, fmt::format("port '{}' replaces the one of {}", name, where));
+    warn("port '{}' replaces the one of {}", name, where);
     ports_.erase(same);
   } else {
-    report(Severity::Warning, fmt::format("a second port '{}' beside the one of {}: 'name' must "
-                                          "come first to replace it",
-                                          name, where));
+    warn("a second port '{}' beside the one of {}: 'name' must come first to replace it", name,
+         where);
   }
 }
 
@@ -145,7 +148,7 @@ void Checker::start_port(const DescribedElement& element) {
     if (g_str_equal(name, "hwid")) {
       port.has_hwid = port.has_hwid || i == 0;
       if (i > 0) {
-        report(Severity::Warning, "'hwid' is no filter here: it must be the first attribute");
+        warn("'hwid' is no filter here: it must be the first attribute");
       }
     } else if (g_str_equal(name, "name") && std::string_view(value).size() <= io_port_text_limit) {
       name_port(port, value, i);
@@ -158,8 +161,7 @@ void Checker::start_port(const DescribedElement& element) {
 
 void Checker::start_backend(const DescribedElement& element) {
   if (!element.attributes.empty() && !g_str_equal(element.attributes.front().name, "name")) {
-    report(Severity::Warning,
-           fmt::format("'{}' before the backend's name is lost", element.attributes.front().name));
+    warn("'{}' before the backend's name is lost", element.attributes.front().name);
   }
   const auto name = value_of(element, "name").value_or("");
   const auto* const backend = find_backend_vocabulary(name);
@@ -171,8 +173,7 @@ void Checker::start_backend(const DescribedElement& element) {
       names.emplace_back(known->name);
     }
     const auto near = meant(name, names);
-    report(Severity::Warning, fmt::format("there is no backend '{}'{}", name,
-                                          near.empty() ? ", but " + listed(names) : near));
+    warn("there is no backend '{}'{}", name, near.empty() ? ", but " + listed(names) : near);
   }
   in_backend_ = !element.attributes.empty();
 }
@@ -193,8 +194,7 @@ void Checker::report_unknown_element(const DescribedElement& element) {
   if (in_backend_ && port().backend != nullptr) {
     std::ranges::copy(names_of(port().backend->elements), std::back_inserter(names));
   }
-  report(Severity::Warning, fmt::format("unknown element '{}' is ignored{}", element.name,
-                                        meant(element.name, names)));
+  warn("unknown element '{}' is ignored{}", element.name, meant(element.name, names));
 }
 
 void Checker::check_attribute(const ElementWord& words, const DescribedAttribute& attribute) {
@@ -205,9 +205,8 @@ void Checker::check_attribute(const ElementWord& words, const DescribedAttribute
     word = &other;
   }
   if (word == nullptr) {
-    report(Severity::Warning,
-           fmt::format("unknown attribute '{}' of '{}' is ignored{}", attribute.name, words.name,
-                       meant(attribute.name, names_of(words.attributes))));
+    warn("unknown attribute '{}' of '{}' is ignored{}", attribute.name, words.name,
+         meant(attribute.name, names_of(words.attributes)));
   } else if (word->form != ValueForm::JudgedWords && !has_form(*word, attribute.value)) {
     report(Severity::Warning,
            misfit(*word, fmt::format("{} of '{}'", attribute.name, words.name), attribute.value));
@@ -236,7 +235,7 @@ void Checker::check_range(const DescribedElement& element) {
   bool complete = false;
   for (const auto& [name, value] : element.attributes) {
     if (complete && (g_str_equal(name, "state") || g_str_equal(name, "lower"))) {
-      report(Severity::Warning, fmt::format("'{}' after 'upper' belongs to the next range", name));
+      warn("'{}' after 'upper' belongs to the next range", name);
     }
     complete = complete || g_str_equal(name, "upper");
     if (!complete) {
@@ -244,12 +243,12 @@ void Checker::check_range(const DescribedElement& element) {
     }
   }
   if (!complete) {
-    report(Severity::Warning, "a range without 'upper' is not added");
+    warn("a range without 'upper' is not added");
     return;
   }
   for (const char* name : {"state", "lower"}) {
     if (!told.contains(name)) {
-      report(Severity::Warning, fmt::format("a range needs '{}' before 'upper'", name));
+      warn("a range needs '{}' before 'upper'", name);
     }
   }
   check_limits(element);
@@ -259,7 +258,7 @@ void Checker::check_limits(const DescribedElement& element) {
   const auto state = value_of(element, "state").value_or("");
   if (!state.empty()
       && std::ranges::find(supervised_state_names, state) == supervised_state_names.end()) {
-    report(Severity::Warning, fmt::format("a range of state '{}' is refused", state));
+    warn("a range of state '{}' is refused", state);
   }
   const auto number = [&](const char* name) {
     return g_ascii_strtoll(value_of(element, name).value_or("").c_str(), nullptr, 10);
@@ -267,15 +266,14 @@ void Checker::check_limits(const DescribedElement& element) {
   const auto lower = number("lower");
   const auto upper = number("upper");
   if (lower >= upper || upper > G_MAXUINT16) {
-    report(Severity::Warning, fmt::format("the range {} to {} is refused: lower must be below "
-                                          "upper, upper below 65536",
-                                          lower, upper));
+    warn("the range {} to {} is refused: lower must be below upper, upper below 65536", lower,
+         upper);
   }
 }
 
 void Checker::check_key_value(const DescribedElement& element) {
   if (!port().event) {
-    report(Severity::Warning, "a 'keyvalue' without an 'event' is ignored");
+    warn("a 'keyvalue' without an 'event' is ignored");
     return;
   }
   if (std::ranges::find(builtin_event_names, *port().event) != builtin_event_names.end()) {
@@ -304,16 +302,14 @@ void Checker::sketch_backend(const DescribedElement& element) {
   if (words != nullptr && words != current.backend->elements.data()
       && (words - 1)->occurs == Occurs::BeforeNext
       && !current.backend_elements.contains((words - 1)->name)) {
-    report(Severity::Warning,
-           fmt::format("'{}' before any '{}' is ignored", element.name, (words - 1)->name));
+    warn("'{}' before any '{}' is ignored", element.name, (words - 1)->name);
   }
   current.backend_elements.insert(element.name);
   if (words != nullptr && words->attributes.data() == range_attributes.data()) {
     check_range(element);
   } else if (words != nullptr && words->attributes.data() == pin_attributes.data()
              && !value_of(element, "pin") && !value_of(element, "alias")) {
-    report(Severity::Warning,
-           fmt::format("'{}' has neither 'alias' nor 'pin' and would be pin 0", element.name));
+    warn("'{}' has neither 'alias' nor 'pin' and would be pin 0", element.name);
   }
   if (!g_str_equal(element.name, "device")) {
     return;
@@ -355,7 +351,7 @@ void Checker::start(const DescribedElement& element) {
     start_port(element);
   } else if (ports_.empty()) {
     if (find_element(common_elements, element.name) != nullptr) {
-      report(Severity::Warning, fmt::format("'{}' before the first port is ignored", element.name));
+      warn("'{}' before the first port is ignored", element.name);
     }
     return;
   } else if (g_str_equal(element.name, "backend")) {
@@ -382,7 +378,7 @@ void Checker::read(const std::string& file) {
   case Reading::Whole:
     break;
   case Reading::CutShort:
-    report(Severity::Warning, fmt::format("the file is cut short: {}", error->message));
+    warn("the file is cut short: {}", error->message);
     break;
   case Reading::Broken:
     report(Severity::Error, error->message);
