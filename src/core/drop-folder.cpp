@@ -17,10 +17,6 @@
 
 namespace {
 
-struct CloseDir {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-
 struct Entry {
   std::string path;
   UniqueFd fd;
@@ -109,7 +105,7 @@ bool read_entry(int folder, const char* name, Entry& entry, const DropInReader& 
 
 bool drop_folder_read(const char* directory, const DropInReader& read) {
   const int folder = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const std::unique_ptr<DIR, CloseDir> entries(folder >= 0 ? fdopendir(folder) : nullptr);
+  const std::unique_ptr<DIR, FreeWith<closedir>> entries(folder >= 0 ? fdopendir(folder) : nullptr);
   if (entries == nullptr) {
     return false;
   }

@@ -134,12 +134,10 @@ void on_signal(Hearing* hearing, GDBusProxy* /*proxy*/, const gchar* /*sender*/,
   }
 }
 
-struct Following {
-  std::function<void()> changed;
-};
+using Following = std::function<void()>;
 
-void on_owner(Following* following) {
-  following->changed();
+void on_owner(Following* changed) {
+  (*changed)();
 }
 
 // The connection owns the data: a handler may disconnect itself while it runs.
@@ -216,7 +214,7 @@ SignalHandler bus_proxy_hear(GDBusProxy* proxy, const BusSignal& signal,
 SignalHandler bus_proxy_follow_owner(GDBusProxy* proxy, std::function<void()> changed) {
   void (*const called)(GDBusProxy*, GParamSpec*, gpointer) = callback<on_owner>;
   return connect(proxy, "notify::g-name-owner", G_CALLBACK(called),
-                 new Following{.changed = std::move(changed)});
+                 new Following(std::move(changed)));
 }
 
 void BusOwnerWatch::start(GDBusProxy* proxy, std::function<void()> changed) {

@@ -22,10 +22,6 @@ constexpr mode_t default_mode = 0644;
 constexpr mode_t private_mode = 0600;
 constexpr mode_t kept_mode_bits = 0777;
 
-struct CloseDir {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-
 // One file to write, and where it lies.
 struct Target {
   explicit Target(const char* whole_path);
@@ -47,13 +43,6 @@ Target::Target(const char* whole_path) : path(whole_path) {
   folder.reset(open(folder_path, O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
-bool fail(GError** error, const char* what, const char* path) {
-  const int saved_errno = errno;
-  g_set_error(error, G_FILE_ERROR, g_file_error_from_errno(saved_errno), "Failed to %s '%s': %s",
-              what, path, g_strerror(saved_errno));
-  return false;
-}
-
 enum class Replaced {
   Yes,
   /// The disk is not to blame: the file itself may still take the text.
@@ -64,7 +53,7 @@ enum class Replaced {
 Replaced refused(GError** error, const char* what, const Target& target) {
   static constexpr std::array of_the_folder{EACCES, EPERM, EROFS, EBUSY};
   const bool by_folder = std::ranges::find(of_the_folder, errno) != of_the_folder.end();
-  fail(error, what, target.path);
+  file_failed(error, what, target.path);
   return by_folder ? Replaced::FolderRefused : Replaced::No;
 }
 
@@ -133,7 +122,7 @@ Replaced replace(const Target& target, std::string_view text, GError** error) {
     return refused(error, "make a file beside", target);
   }
   if (!fill(fd.get(), text, target)) {
-    fail(error, "write", target.path);
+    file_failed(error, "write", target.path);
     remove_temporary(target);
     return Replaced::No;
   }
@@ -145,7 +134,7 @@ Replaced replace(const Target& target, std::string_view text, GError** error) {
     return result;
   }
   if (!sync_folder(target)) {
-    fail(error, "sync the folder of", target.path);
+    file_failed(error, "sync the folder of", target.path);
     return Replaced::No;
   }
   return Replaced::Yes;
@@ -171,7 +160,7 @@ void restore(int fd, std::string_view old) {
 
 bool is_one_file(int fd, struct stat* status, const char* path, GError** error) {
   if (fstat(fd, status) != 0) {
-    return fail(error, "inspect", path);
+    return file_failed(error, "inspect", path);
   }
   if (!S_ISREG(status->st_mode) || status->st_nlink != 1) {
     g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_INVAL,
@@ -190,15 +179,15 @@ bool rewrite_in_place(int fd, std::string_view text, const char* path, GError** 
   }
   std::string old(static_cast<gsize>(status.st_size), '\0');
   if (pread(fd, old.data(), old.size(), 0) != status.st_size) {
-    return fail(error, "read", path);
+    return file_failed(error, "read", path);
   }
   if (text.size() > old.size()
       && fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(text.size())) != 0
       && errno != EOPNOTSUPP) {
-    return fail(error, "reserve space for", path);
+    return file_failed(error, "reserve space for", path);
   }
   if (!overwrite(fd, text, old.size())) {
-    fail(error, "write", path);
+    file_failed(error, "write", path);
     restore(fd, old);
     return false;
   }
@@ -207,12 +196,12 @@ bool rewrite_in_place(int fd, std::string_view text, const char* path, GError** 
 
 bool may_be_replaced(Target& target, GError** error) {
   if (!target.folder) {
-    return fail(error, "open the folder of", target.path);
+    return file_failed(error, "open the folder of", target.path);
   }
   target.existed =
       fstatat(target.folder.get(), target.name.c_str(), &target.before, AT_SYMLINK_NOFOLLOW) == 0;
   if (!target.existed && errno != ENOENT) {
-    return fail(error, "inspect", target.path);
+    return file_failed(error, "inspect", target.path);
   }
   if (target.existed && !S_ISREG(target.before.st_mode)) {
     g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_INVAL, "'%s' is not a regular file", target.path);
@@ -261,10 +250,10 @@ bool file_create_synced(const char* path, std::string_view text,
                         const std::optional<FileOwner>& owner, GError** error) {
   const UniqueFd fd = create_anew(AT_FDCWD, path, default_mode);
   if (!fd) {
-    return fail(error, "create", path);
+    return file_failed(error, "create", path);
   }
   if (!write_all(fd.get(), text)) {
-    fail(error, "write", path);
+    file_failed(error, "write", path);
     unlink(path);
     return false;
   }
@@ -280,7 +269,7 @@ bool file_create_synced(const char* path, std::string_view text,
 void file_remove_leftovers(const char* path) {
   const Target target(path);
   const int fd = openat(target.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const std::unique_ptr<DIR, CloseDir> entries(fd >= 0 ? fdopendir(fd) : nullptr);
+  const std::unique_ptr<DIR, FreeWith<closedir>> entries(fd >= 0 ? fdopendir(fd) : nullptr);
   if (entries == nullptr) {
     return;
   }

@@ -10,7 +10,6 @@
 #include <openssl/crypto.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -50,10 +49,6 @@ struct Message {
   std::string topic;
   std::string text;
   bool retained;
-};
-
-struct MosquittoDestroy {
-  void operator()(mosquitto* handle) const { mosquitto_destroy(handle); }
 };
 
 std::string place_of(const MqttSettings& settings) {
@@ -305,7 +300,7 @@ private:
   }
 
   Outbox& outbox_;
-  std::unique_ptr<mosquitto, MosquittoDestroy> handle_;
+  std::unique_ptr<mosquitto, FreeWith<mosquitto_destroy>> handle_;
   milliseconds rest_ = first_rest;
   /// What the library was given and still repeats, to the next broker if need be.
   int unacknowledged_ = 0;

@@ -11,13 +11,6 @@
 
 namespace {
 
-bool fail(GError** error, const char* what, const char* name) {
-  const int saved_errno = errno;
-  g_set_error(error, G_FILE_ERROR, g_file_error_from_errno(saved_errno), "Failed to %s '%s': %s",
-              what, name, g_strerror(saved_errno));
-  return false;
-}
-
 bool is_regular(const struct stat& status, const char* name, GError** error) {
   if (S_ISREG(status.st_mode)) {
     return true;
@@ -35,11 +28,18 @@ bool same_time(const timespec& one, const timespec& other) {
 
 } // namespace
 
+bool file_failed(GError** error, const char* what, const char* name) {
+  const int saved_errno = errno;
+  g_set_error(error, G_FILE_ERROR, g_file_error_from_errno(saved_errno), "Failed to %s '%s': %s",
+              what, name, g_strerror(saved_errno));
+  return false;
+}
+
 UniqueFd regular_file_open(int folder, const char* name, Links links, struct stat* status,
                            GError** error) {
   const bool followed = links == Links::Followed;
   if (fstatat(folder, name, status, followed ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
-    fail(error, "open", name);
+    file_failed(error, "open", name);
     return {};
   }
   if (!is_regular(*status, name, error)) {
@@ -48,7 +48,7 @@ UniqueFd regular_file_open(int folder, const char* name, Links links, struct sta
   UniqueFd fd(openat(folder, name,
                      O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (followed ? 0 : O_NOFOLLOW)));
   if (!fd || fstat(fd.get(), status) != 0) {
-    fail(error, "open", name);
+    file_failed(error, "open", name);
     return {};
   }
   return is_regular(*status, name, error) ? std::move(fd) : UniqueFd();
@@ -64,7 +64,7 @@ bool regular_file_read(int fd, const char* name, std::string* text, GError** err
       continue;
     }
     if (count < 0) {
-      return fail(error, "read", name);
+      return file_failed(error, "read", name);
     }
     if (count == 0) {
       return true;

@@ -10,6 +10,9 @@
 
 enum class Links { Refused, Followed };
 
+/// Says in `error` that errno kept the caller from doing `what` with the file; false.
+bool file_failed(GError** error, const char* what, const char* name);
+
 /// Opens a regular file for reading. Anything else in its place is refused without being opened,
 /// so that neither a pipe holds the caller nor a device is woken. `name` is looked up in `folder`
 /// (AT_FDCWD: as open does); `status` tells of the file that is open then.
