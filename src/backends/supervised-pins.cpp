@@ -6,7 +6,6 @@
 #include "platform/ugpio-extras.h"
 
 #include <array>
-#include <cstdlib>
 #include <tuple>
 
 namespace {

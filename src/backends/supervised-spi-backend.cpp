@@ -16,7 +16,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <tuple>
 #include <utility>
 

@@ -9,7 +9,6 @@
 #include <initializer_list>
 #include <span>
 #include <string_view>
-#include <utility>
 
 namespace {
 

@@ -17,7 +17,6 @@
 #include "port/ioport.h"
 
 #include <memory>
-#include <string_view>
 #include <tuple>
 #include <utility>
 

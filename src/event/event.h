@@ -6,7 +6,6 @@
 #include "port/states.h"
 
 #include <list>
-#include <mutex>
 #include <optional>
 #include <string>
 
