@@ -10,8 +10,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <utility>
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 namespace {
 
@@ -51,6 +54,36 @@ TEST_F(AThresholdChannelOnPlainFiles, replaces_a_longer_number) {
   EXPECT_THAT(files(), ElementsAre("104", "-5", "1"));
   iio_threshold_disarm(channel);
   EXPECT_THAT(files(), ElementsAre("104", "-5", "0"));
+}
+
+TEST_F(AThresholdChannelOnPlainFiles, tells_the_first_event_that_cannot_be_switched) {
+  channel.either_enable.reset();
+  channel.rising_enable.reset(open(scratch.write("refused", "").c_str(), O_RDONLY | O_CLOEXEC));
+  channel.falling_enable = file("enable");
+  EXPECT_EQ(iio_threshold_arm(channel, middle), EBADF);
+  EXPECT_THAT(files(), ElementsAre("204", "95", "0"));
+}
+
+TEST_F(AThresholdChannelOnPlainFiles, switches_the_event_of_its_one_threshold) {
+  channel.one_threshold = true;
+  channel.rising_enable = std::move(channel.either_enable);
+  EXPECT_EQ(iio_threshold_arm(channel, low), 0);
+  EXPECT_THAT(files(), ElementsAre("104", "", "1"));
+}
+
+TEST_F(AThresholdChannelOnPlainFiles, has_no_counts_whose_low_32_bits_do_not_count) {
+  channel.bitshift = 32;
+  channel.rising_end = 50;
+  EXPECT_EQ(iio_threshold_arm(channel, high), 0);
+  EXPECT_THAT(files(), ElementsAre("0", "0", "1"));
+}
+
+TEST_F(AThresholdChannel, is_told_an_integration_time_where_one_is_described) {
+  iio_threshold_prepare(channel);
+  EXPECT_THAT(claim_log(), IsEmpty());
+  channel.integration_time_us = 1;
+  iio_threshold_prepare(channel);
+  EXPECT_TRUE(logged_part(G_LOG_LEVEL_WARNING, "/in_proximity_integration_time'"));
 }
 
 TEST_F(AThresholdChannel, writes_to_a_pipe_as_well) {
