@@ -59,7 +59,6 @@ int request_event_fd(const std::string& path) {
   int event_fd = -1;
   if (ioctl(fd, IIO_GET_EVENT_FD_IOCTL, &event_fd) < 0 || event_fd < 0) {
     g_warning("%sFailed to open device %s: %s", log_prefix, path.c_str(), g_strerror(errno));
-    event_fd = -1;
   }
   if (close(fd) != 0) {
     g_warning("%sCouldn't close char device", log_prefix);

@@ -204,6 +204,22 @@ TEST_F(AnEventDevice, is_left_alone_when_it_keeps_telling_of_nothing_new) {
   EXPECT_TRUE(logged_part(G_LOG_LEVEL_WARNING, " keeps reporting changes that are none"));
 }
 
+TEST_F(AnEventDevice, counts_what_is_nothing_new_from_the_last_change) {
+  join(first);
+  watch(first);
+  for (int change = 0; change < 2; change++) {
+    news = false;
+    for (int i = 0; i < 31; i++) {
+      send(5);
+    }
+    run_pending();
+    news = true;
+    send(5);
+    run_pending();
+  }
+  EXPECT_EQ(take_served().size(), 64U);
+}
+
 TEST_F(AnEventDevice, is_not_calm_because_nobody_came_to_read_it) {
   join(first);
   watch(first);
