@@ -21,7 +21,6 @@
 /// What is published.
 struct LegacyCtrl {
   ObjectRef<GDBusConnection> connection;
-  bool name_requested = false;
   /// Latest first.
   std::list<guint> registrations;
   GDBusNodeInfo* node_info = nullptr;
@@ -196,7 +195,7 @@ GVariant* call_bus(GDBusConnection* connection, const char* method, GVariant* ar
 
 // Whoever holds the name already keeps it; we are queued and do not mind. The end of the bus is
 // about to end the daemon, in order.
-void request_name(LegacyCtrl& ctrl) {
+void request_name(const LegacyCtrl& ctrl) {
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariant) reply = call_bus(ctrl.connection.get(), "RequestName",
                                        g_variant_new("(su)", legacy_ioport_interface, 0U), &error);
@@ -206,11 +205,10 @@ void request_name(LegacyCtrl& ctrl) {
   if (reply == nullptr) {
     g_error("Could not request name: %s", error->message);
   }
-  ctrl.name_requested = true;
 }
 
 // The name went with the connection, if that is gone.
-void release_name(LegacyCtrl& ctrl) {
+void release_name(const LegacyCtrl& ctrl) {
   if (g_dbus_connection_is_closed(ctrl.connection.get())) {
     return;
   }
@@ -220,7 +218,6 @@ void release_name(LegacyCtrl& ctrl) {
   if (reply == nullptr) {
     g_warning("Could not release DBus name: %s", error->message);
   }
-  ctrl.name_requested = false;
 }
 
 ObjectRef<GDBusConnection> connect_to_bus() {
@@ -303,9 +300,7 @@ LegacyCtrlOwner iocontrol_conf_legacy_dbus_create() {
 }
 
 void iocontrol_conf_legacy_dbus_destroy(LegacyCtrl* ctrl) {
-  if (ctrl->name_requested) {
-    release_name(*ctrl);
-  }
+  release_name(*ctrl);
   port_observer.setting_changed = nullptr;
   for (const guint id : ctrl->registrations) {
     unreg_port_objects(*ctrl, id);
