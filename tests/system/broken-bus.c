@@ -84,6 +84,10 @@ GDBusProxy* g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxyFlags f
 
   if (failing_proxy(name, error))
     return NULL;
+  if ((flags & G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START_AT_CONSTRUCTION) && breaks("renew", name)) {
+    set_error(error);
+    return NULL;
+  }
   return real(connection, flags, info, name, path, interface, cancellable, error);
 }
 

@@ -8,7 +8,7 @@ import pytest
 from describe import element, port
 
 from sim.bus import SUPERVISED_NAME, BusError
-from sim.peers import Coordinator, Streamer
+from sim.peers import Coordinator, IoBox, Streamer
 
 pytestmark = pytest.mark.uninstrumented
 
@@ -117,6 +117,24 @@ def test_a_proxy_that_cannot_be_made_leaves_the_daemon_without_that_peer(start, 
     device.sync()
     assert device.log_count(warning) == 1
     assert device.state.GetNbrPorts() == (0, 1)
+
+
+def test_the_boxs_proxy_that_cannot_be_made_fails_its_ports(start):
+    ports = port("a", 0) + port("box", 1, "input", "iobox", optional="true")
+    device = start("proxy", IoBox.NAME, ports=ports, peers=IoBox)
+    assert device.log_count(rf"iobox_port_setup@192: Proxy for {IoBox.NAME} not available$") == 1
+    assert [entry.name for entry in device.port_list()] == ["a"]
+
+
+def test_a_proxy_that_cannot_be_made_anew_leaves_its_ports_without_their_service(start):
+    """The start's proxies are made anew for the connection that counts from then on."""
+    ports = port("box", 1, "input", "iobox")
+    warning = rf"^WARNING: Error creating proxy to {IoBox.NAME}: broken on purpose"
+    device = start("renew", IoBox.NAME, ports=ports,
+                   peers=lambda device: IoBox(device, states={"1": "closed"}))  # fmt: skip
+    device.expect(warning)
+    assert device.log_count(warning) == 1
+    assert device.state.GetState(1) is False
 
 
 def test_the_boot_blocks_proxy_that_cannot_be_made_keeps_the_port(start):

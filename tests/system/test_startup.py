@@ -240,6 +240,21 @@ def test_without_a_bus_and_a_legacy_interface_the_daemon_runs(device):
     device.stop(0)
 
 
+def sockets(device):
+    folder = f"/proc/{device.pid}/fd"
+    return sum(os.readlink(f"{folder}/{fd}").startswith("socket:") for fd in os.listdir(folder))
+
+
+def test_what_was_asked_at_the_start_leaves_no_connection_behind(device):
+    device.describe(port("a", 0))
+    device.start()
+    alone = sockets(device)
+    IoBox(device, states={"1": "closed"})
+    device.describe(port("a", 0) + port("box", 1, "input", "iobox"))
+    device.restart()
+    assert sockets(device) == alone
+
+
 LOST = r"^WARNING: Lost the connection to the bus: ."
 
 

@@ -4,7 +4,7 @@ import pytest
 from describe import port
 
 from sim.bus import ActionSequenceDone, PortChanged, wait_until
-from sim.peers import ZWave
+from sim.peers import IoBox, Witness, ZWave
 
 
 def zwave(name, number, kind="input", **more):
@@ -74,6 +74,21 @@ def test_an_input_reads_0_while_the_service_is_away_and_is_asked_on_its_return(d
     signals = device.signals()
     peer.start(states={"0": True})
     signals.wait_for(PortChanged, port=0, state=True)
+
+
+def test_the_service_may_come_amid_the_start(device):
+    """While a box is asked, which is before the daemon takes up its last connection."""
+    service = ZWave(device, start=False, states={"0": True, "2": True})
+
+    def attached():
+        service.start()
+        return (False,)
+
+    Witness(device, IoBox, {"GetIOBoxConnected": ("", "b", attached)})
+    box = port("box", 1, "input", "iobox", optional="true")
+    device.describe(zwave("a", 0) + box + zwave("b", 2))
+    device.start()
+    wait_until(lambda: device.state.GetState(0) and device.state.GetState(2), "both states")
 
 
 def test_the_service_may_come_after_the_daemon(device):
