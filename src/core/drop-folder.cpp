@@ -61,30 +61,26 @@ std::string resolve(int folder, const char* name, Entry& entry) {
   return length > 0 ? std::string(target.data(), static_cast<gsize>(length)) : name;
 }
 
-void open_entry(int folder, const char* name, Entry& entry, GError** error) {
+void open_entry(int folder, const char* name, Entry& entry) {
   const std::string target = resolve(folder, name, entry);
   if (entry.skipped != nullptr) {
     return;
   }
   struct stat status {};
-  g_autoptr(GError) open_error = nullptr;
+  g_autoptr(GError) error = nullptr;
   const auto links = target == name ? Links::Refused : Links::Followed;
-  entry.fd = regular_file_open(folder, target.c_str(), links, &status, &open_error);
+  entry.fd = regular_file_open(folder, target.c_str(), links, &status, &error);
   if (entry.fd) {
     entry.skipped = reason_to_skip(status);
-  } else if (g_error_matches(open_error, G_FILE_ERROR, G_FILE_ERROR_INVAL)) {
+  } else if (g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_INVAL)) {
     entry.skipped = "it is not a regular file";
-  } else if (links == Links::Refused
-             && g_error_matches(open_error, G_FILE_ERROR, G_FILE_ERROR_NOENT)) {
+  } else if (links == Links::Refused && g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT)) {
     entry.gone = true;
-  } else {
-    g_propagate_error(error, g_steal_pointer(&open_error));
   }
 }
 
 bool read_entry(int folder, const char* name, Entry& entry, const DropInReader& read) {
-  g_autoptr(GError) error = nullptr;
-  open_entry(folder, name, entry, &error);
+  open_entry(folder, name, entry);
   if (entry.skipped != nullptr) {
     g_warning("%sSkipping %s: %s", log_prefix, entry.path.c_str(), entry.skipped);
     return true;
@@ -94,7 +90,7 @@ bool read_entry(int folder, const char* name, Entry& entry, const DropInReader& 
     return true;
   }
   std::string text;
-  if (!entry.fd || !regular_file_read(entry.fd.get(), name, &text, &error)) {
+  if (!entry.fd || !regular_file_read(entry.fd.get(), name, &text, nullptr)) {
     g_critical("%sCouldn't load XML (%s)\n", log_prefix, entry.path.c_str());
     return false;
   }
