@@ -157,10 +157,12 @@ TEST_F(ASpiAdcPort, reads_a_failed_transfer_as_level_0) {
 }
 
 TEST_F(ASpiAdcPort, fails_without_its_device) {
-  const auto port = describe();
+  auto port = describe();
   io_port_parse_backend_data(port.get(), "device", "device", "/nowhere");
   EXPECT_FALSE(io_port_setup(port.get()));
   EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "Failed to open /nowhere: No such file or directory"));
+  port.reset();
+  EXPECT_NE(fcntl(STDOUT_FILENO, F_GETFD), -1) << "never opened, and yet closed";
 }
 
 TEST_F(ASpiAdcPort, opens_a_band_for_each_attribute_of_a_range) {
