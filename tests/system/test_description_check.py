@@ -117,6 +117,10 @@ def test_the_check_foretells_what_the_daemon_does(binary, tmp_path, case):
 SAID = {
     port("p", 0, "input", "gpoi"): (
         "warning", "there is no backend 'gpoi': did you mean \"gpio\"?"),
+    port("p", 0, "input", "gpiu"): (
+        "warning", "there is no backend 'gpiu': did you mean \"gpio\"?"),
+    port("p", 0, "input", "pgio"): (
+        "warning", "there is no backend 'pgio': did you mean \"gpio\"?"),
     port("p", 0, "input", "abacus"): ("warning", "there is no backend 'abacus', but virtual, gpio"),
     port("p", 0, "Input"): ("warning", "type of 'port_type': 'Input' is no value for it, input, "
                             "output or io_ctrl would be: did you mean \"input\"?"),
@@ -124,6 +128,10 @@ SAID = {
         "warning", "unknown attribute 'prot_mode' of 'param_defaults' is ignored: did you mean "
         "\"port_mode\"?"),
     port("p", 0, inside="<evnet declaration='IOPort'/>"): (
+        "warning", "unknown element 'evnet' is ignored: did you mean \"event\"?"),
+    wired("gpio", "input", more=element("iput", pin=1)): (
+        "warning", "unknown element 'iput' is ignored: did you mean \"input\"?"),
+    port("p", 0, backend="abacus", backend_inside=element("evnet", declaration="IOPort")): (
         "warning", "unknown element 'evnet' is ignored: did you mean \"event\"?"),
     wired("gpio", "input", "output"): ("warning", "port 'p' has no 'input' pin and cannot be set up"),
     wired("spi", "input", "input", "output", "io_ctrl", "sio_ctrl"): (
@@ -138,6 +146,8 @@ SAID = {
         "warning", "hidden of 'properties': 'yes' is no true or false and counts as false"),
     port("p", 0, "input", "sysfs", backend_inside=element("device", path="/x", timeout=0)): (
         "warning", "port 'p' has the 'timeout' 0 and would be polled without pause"),
+    port("p", 0, "input", "sysfs", backend_inside=element("device", path="/x", timeout="08")): (
+        "warning", "timeout of 'device': '08' is no"),
     port("p", 0, "input", "spiadc", backend_inside=element("device", device="/x", timeout=5)
          + element("input", active_min=1)): ("warning", "'input' before any 'range' is ignored"),
     port("p", 0, inside=element("event", KEY, declaration="IOPort")): (

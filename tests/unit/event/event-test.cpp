@@ -228,6 +228,26 @@ TEST_F(AnEvent, is_declared_again_with_the_new_name) {
   io_event_redeclare_port(port.get(), nullptr);
 }
 
+TEST_F(AnEvent, tells_its_state_once_when_its_port_has_come_back) {
+  const auto port = make({.number = 3});
+  IoEvent* const event = give_event(port.get(), "IOPort", false);
+  event->supervised_input = true;
+  io_event_mark_stale(event); // not declared, so nobody holds a state of it
+  declare(port.get(), event);
+  declare(port.get(), event);
+  EXPECT_THAT(fake_events::take_log(), ElementsAre("declare IOPort"));
+
+  io_event_mark_stale(event);
+  declare(port.get(), event);
+  declare(port.get(), event);
+  EXPECT_THAT(fake_events::take_log(), ElementsAre("send IOPort port=3 state=0"));
+
+  io_event_mark_stale(event);
+  declare(port.get(), event);
+  EXPECT_TRUE(io_event_send_event(port.get(), event, ReportedState(false))) << "not filtered";
+  EXPECT_FALSE(io_event_send_event(port.get(), event, ReportedState(false)));
+}
+
 TEST_F(AnEvent, shares_the_any_port_declaration_which_stays) {
   const auto first = make({.number = 1});
   auto second = make({.number = 2});

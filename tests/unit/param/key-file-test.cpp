@@ -45,3 +45,10 @@ TEST(ATextInAKeyFile, is_read_as_it_was_written) {
     EXPECT_EQ(read_back(key_file_raw_text(text)), text);
   }
 }
+
+TEST(AKeyFile, of_line_ends_alone_loses_all_but_one) {
+  const auto kept = [](const char* text) {
+    return key_file_to_text(key_file_parse(text, nullptr).get());
+  };
+  EXPECT_EQ(kept("\n\n"), kept("\n"));
+}
