@@ -2,11 +2,12 @@
 
 import argparse
 import collections
+import concurrent.futures
 import dataclasses
 import fnmatch
-import functools
 import os
 import pathlib
+import queue
 import random
 import re
 import shutil
@@ -15,11 +16,24 @@ import sys
 import time
 
 TOP = pathlib.Path(__file__).resolve().parents[1]
-COPY = TOP / "build/mutate"
-BUILD = COPY / "build/release"
+COPIES = TOP / "build/mutate"
 # A test that waits in vain for what the mutant no longer does is a kill like any other.
 TEST_LIMIT_S = 60
 RUN_LIMIT_S = 1200
+# What ships, but linked quickly, and no test looked up before it is needed.
+CONFIGURED = [
+    "-DCMAKE_EXE_LINKER_FLAGS=-fno-lto",
+    "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST",
+]
+# By room of src/: the programs that test it most closely, which are tried first.
+CLOSE_TESTS = {
+    "backends": ["backends-test", "backends-on-fakes-test"],
+    "description": ["core-test"],
+    "platform": ["platform-test", "platform-log-test", "line-pins-test"],
+    **{room: [f"{room}-test"] for room in ("core", "dbus", "event", "param", "port")},
+}
+# Programs whose tests are no single run: one that needs a bus for each test, one whose output counts.
+RUN_BY_CTEST = {"dbus-test": r"^dbus\.", "wexd-schema": "^schema$"}
 
 # (name, what to look for, what to put in its place)
 OPERATORS = [
@@ -46,7 +60,7 @@ OPERATORS = [
 ]
 # Where a change means nothing, does not compile, or only changes what is said.
 SKIPPED = re.compile(
-    r"^\s*(//|#|using |static_assert|namespace |template|extern |g_assert|WEXD_)"
+    r"^\s*(//|/\*|#|using |static_assert|namespace |template|extern |g_assert|WEXD_)"
     r"|g_(warning|message|info|critical|debug|log)\(|constexpr gint line|= default|= delete"
 )
 
@@ -57,13 +71,10 @@ class Mutant:
     line: int  # 1-based
     before: str
     after: str
-    kind: str
 
     def __str__(self):
-        return (
-            f"{self.file}:{self.line}: {self.kind}: {self.before.strip()} -> "
-            f"{self.after.strip() or '(nothing)'}"
-        )
+        """As --edits reads it."""
+        return "\t".join((f"{self.file}:{self.line}", self.before.strip(), self.after.strip()))
 
 
 def without_text(line):
@@ -77,11 +88,11 @@ def mutants_of(file):
         if SKIPPED.search(line):
             continue
         code = without_text(line)
-        for kind, pattern, replacement in OPERATORS:
+        for _, pattern, replacement in OPERATORS:
             for found in re.finditer(pattern, code):
                 put = replacement(found) if callable(replacement) else replacement
                 after = line[: found.start()] + put + line[found.end() :]
-                yield Mutant(file, number, line, after, kind)
+                yield Mutant(file, number, line, after)
 
 
 def draw(arguments):
@@ -108,81 +119,117 @@ def edit(place, old, new):
     if len(places) != 1:
         sys.exit(f"mutate: {place}: '{old}' stands in {len(places)} lines")
     before = lines[places[0] - 1]
-    return Mutant(file, places[0], before, before.replace(old, new, 1), "edit")
+    return Mutant(file, places[0], before, before.replace(old, new, 1))
 
 
-def prepare_copy():
+class Copy:
     """The tree as it stands, in a folder of its own that keeps its build."""
-    COPY.mkdir(parents=True, exist_ok=True)
-    listed = subprocess.run(
-        ["git", "ls-files", "--cached", "--others", "--exclude-standard"],
-        cwd=TOP, check=True, capture_output=True, text=True,
-    ).stdout.splitlines()  # fmt: skip
-    for name in listed:
-        source, target = TOP / name, COPY / name
-        if not source.is_file():
-            continue
-        if not target.exists() or target.read_bytes() != source.read_bytes():
-            target.parent.mkdir(parents=True, exist_ok=True)
-            shutil.copy2(source, target)
-            os.utime(target)
-    known = set(listed)
-    for folder in ("src", "tests", "sim"):
-        for path in (COPY / folder).rglob("*"):
-            if path.is_file() and "__pycache__" not in path.parts:
-                if str(path.relative_to(COPY)) not in known:
-                    path.unlink()
 
+    def __init__(self, number):
+        self.folder = COPIES / str(number)
+        self.build_folder = self.folder / "build/release"
+        self.processors = str(os.cpu_count())
 
-def run(command, limit_s=RUN_LIMIT_S):
-    """True when the command ends with 0 in time; its output is thrown away."""
-    try:
-        return subprocess.run(
-            command, cwd=COPY, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            stdin=subprocess.DEVNULL, timeout=limit_s,
-        ).returncode == 0  # fmt: skip
-    except subprocess.TimeoutExpired:
-        return False
+    def prepare(self):
+        listed = subprocess.run(
+            ["git", "ls-files", "--cached", "--others", "--exclude-standard"],
+            cwd=TOP, check=True, capture_output=True, text=True,
+        ).stdout.splitlines()  # fmt: skip
+        for name in listed:
+            source, target = TOP / name, self.folder / name
+            if not source.is_file():
+                continue
+            if not target.exists() or target.read_bytes() != source.read_bytes():
+                target.parent.mkdir(parents=True, exist_ok=True)
+                shutil.copy2(source, target)
+                os.utime(target)
+        known = set(listed)
+        for folder in ("src", "tests", "sim"):
+            for path in (self.folder / folder).rglob("*"):
+                if path.is_file() and "__pycache__" not in path.parts:
+                    if str(path.relative_to(self.folder)) not in known:
+                        path.unlink()
 
+    def run(self, command, failure=r"^", limit_s=RUN_LIMIT_S):
+        """None when the command ends with 0 in time, else what it says after `failure`."""
+        try:
+            done = subprocess.run(
+                command, cwd=self.folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                stdin=subprocess.DEVNULL, timeout=limit_s, text=True, errors="replace",
+            )  # fmt: skip
+        except subprocess.TimeoutExpired:
+            return "time"
+        if done.returncode == 0:
+            return None
+        found = re.search(failure + r"(\S+)", done.stdout, re.MULTILINE)
+        return found[1] if found else "?"
 
-def build():
-    if not (BUILD / "build.ninja").exists() and not run(["cmake", "--preset", "release"]):
-        return False
-    return run(["cmake", "--build", "--preset", "release"])
+    def build(self, *targets):
+        if not (self.build_folder / "build.ninja").exists():
+            if self.run(["cmake", "--preset", "release", *CONFIGURED]):
+                return "configure"
+        return self.run(
+            ["cmake", "--build", "--preset", "release", "-j", self.processors]
+            + (["--target", *targets] if targets else [])
+        )
 
+    def unit_tests(self, since, names=("*-test",)):
+        """Those of the tests that were made anew, for all others are as they were. Tests that look at
+        the text of the sources would notice any change whatever it does, so are none of them."""
+        programs = [p for name in names for p in (self.build_folder / "tests").glob(name)]
+        for path in (*programs, self.build_folder / "wexd-schema"):
+            if path.stat().st_mtime < since:
+                continue
+            if path.name in RUN_BY_CTEST:
+                command = ["ctest", "--test-dir", str(self.build_folder), "-R",
+                           RUN_BY_CTEST[path.name]]  # fmt: skip
+            else:
+                command = [path, "--gtest_brief=1", "--gtest_fail_fast"]
+            if test := self.run(command, r"^(?:\[  FAILED  \] |\s*\d+ - )", TEST_LIMIT_S):
+                return test
+        return None
 
-def unit_tests():
-    return run(
-        ["ctest", "--test-dir", str(BUILD), "--stop-on-failure", "--parallel", str(os.cpu_count()),
-         "--timeout", str(TEST_LIMIT_S)]
-    )  # fmt: skip
+    def system_tests(self, names):
+        where = [f"tests/system/test_{name}.py" for name in names] or ["tests/system"]
+        return self.run(
+            [sys.executable, "-m", "pytest", *where, "-q", "-x", "-n", self.processors,
+             "-m", "not hang and not terminal", "--binary", "build/release/wexd",
+             "-p", "no:cacheprovider"],
+            r"^(?:FAILED|ERROR) tests/system/",
+        )  # fmt: skip
 
+    def passes(self, arguments):
+        """Whether the tree builds and passes as it is."""
+        return not (
+            self.build("unit-tests")
+            or self.unit_tests(0)
+            or (not arguments.unit and (self.build() or self.system_tests(arguments.tests)))
+        )
 
-def system_tests(names):
-    where = [f"tests/system/test_{name}.py" for name in names] or ["tests/system"]
-    return run(
-        [sys.executable, "-m", "pytest", *where, "-q", "-x", "-n", str(os.cpu_count()),
-         "-m", "not hang and not terminal", "--binary", "build/release/wexd",
-         "-p", "no:cacheprovider"]
-    )  # fmt: skip
-
-
-def fate(mutant, suites):
-    """What came of a mutant: the name of the suite that noticed it, "invalid" or "SURVIVED"."""
-    path = COPY / mutant.file
-    kept = path.read_text()
-    lines = kept.splitlines()
-    lines[mutant.line - 1] = mutant.after
-    path.write_text("\n".join(lines) + "\n")
-    try:
-        if not build():
-            return "invalid"
-        for name, suite in suites:
-            if not suite():
-                return name
-        return "SURVIVED"
-    finally:
-        path.write_text(kept)
+    def fate(self, mutant, arguments):
+        """What came of a mutant: "invalid", "SURVIVED" or the suite that noticed it; and which test."""
+        path = self.folder / mutant.file
+        kept = path.read_text()
+        lines = kept.splitlines()
+        lines[mutant.line - 1] = mutant.after
+        since = time.time() - 1
+        path.write_text("\n".join(lines) + "\n")
+        try:
+            for targets in filter(None, (CLOSE_TESTS.get(mutant.file.split("/")[1]), ["unit-tests"])):
+                if self.build(*targets):
+                    return "invalid", ""
+                names = ["*-test"] if targets == ["unit-tests"] else targets
+                if test := self.unit_tests(since, names):
+                    return "unit", test
+                since = time.time()
+            if not arguments.unit:
+                if self.build():
+                    return "invalid", ""
+                if test := self.system_tests(arguments.tests):
+                    return "system", test
+            return "SURVIVED", ""
+        finally:
+            path.write_text(kept)
 
 
 def parse_arguments():
@@ -193,6 +240,7 @@ def parse_arguments():
     parser.add_argument("--unit", action="store_true", help="run the unit tests only")
     parser.add_argument("--tests", action="append", default=[], metavar="NAME",
                         help="system tests to run (gpio_files, ...); all, unless named")  # fmt: skip
+    parser.add_argument("--after", metavar="FILE", help="leave out what this output tells of")
     parser.add_argument("--list", action="store_true", help="show what would be tried")
     parser.add_argument("--edit", nargs=3, metavar=("FILE[:LINE]", "OLD", "NEW"))
     parser.add_argument("--edits", metavar="FILE", help="changes of one's own, one per line")
@@ -204,28 +252,43 @@ def chosen(arguments):
         return [edit(*arguments.edit)]
     if arguments.edits:
         rows = pathlib.Path(arguments.edits).read_text().splitlines()
-        return [edit(*row.split("\t")) for row in rows if row and not row.startswith("#")]
+        return [edit(*row.split("\t")[:3]) for row in rows if row and not row.startswith("#")]
     return draw(arguments)
 
 
 def main():
     arguments = parse_arguments()
-    mutants = chosen(arguments)
+    told = pathlib.Path(arguments.after).read_text() if arguments.after else ""
+    mutants = [mutant for mutant in chosen(arguments) if f"\t{mutant}\t" not in told]
     if arguments.list:
         print("\n".join(map(str, mutants)))
         return 0
-    suites = [("unit", unit_tests)]
-    if not arguments.unit:
-        suites.append(("system", functools.partial(system_tests, arguments.tests)))
-    prepare_copy()
-    if not build() or not all(suite() for _, suite in suites):
+    processors = os.cpu_count() or 1
+    workers = max(1, min(processors, len(mutants)))
+    copies = [Copy(number + 1) for number in range(workers)]
+    for copy in copies:
+        copy.prepare()
+    # The others are the same.
+    if not copies[0].passes(arguments) or any(copy.build("unit-tests") for copy in copies[1:]):
         sys.exit("mutate: the tree does not build or pass as it is")
+    idle = queue.SimpleQueue()
+    for copy in copies:
+        copy.processors = str(processors // workers)
+        idle.put(copy)
     fates = collections.Counter()
-    for mutant in mutants:
-        started = time.monotonic()
-        came = fate(mutant, suites)
+
+    def attempt(mutant):
+        copy = idle.get()
+        try:
+            started = time.monotonic()
+            came, test = copy.fate(mutant, arguments)
+        finally:
+            idle.put(copy)
         fates[came] += 1
-        print(f"{came:9} {time.monotonic() - started:5.0f} s  {mutant}", flush=True)
+        print(f"{came}\t{mutant}\t{time.monotonic() - started:.0f} s {test}", flush=True)
+
+    with concurrent.futures.ThreadPoolExecutor(workers) as pool:
+        list(pool.map(attempt, mutants))
     survived, valid = fates["SURVIVED"], sum(fates.values()) - fates["invalid"]
     print(f"{valid - survived} of {valid} noticed, {survived} survived, {fates['invalid']} invalid")
     return 1 if survived else 0
