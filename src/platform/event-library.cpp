@@ -124,15 +124,6 @@ void schedule_fill_locked(NvEventProducer* producer, guint id) {
                       delete_data<PendingFill>);
 }
 
-// Withdrawing from inside a fill must not remove the running source, whose entry is gone by then.
-void cancel_fill_locked(NvEventProducer* producer, guint id) {
-  if (const auto pending = producer->pending_fills.find(id);
-      pending != producer->pending_fills.end()) {
-    g_source_remove(pending->second);
-    producer->pending_fills.erase(pending);
-  }
-}
-
 } // namespace
 
 GQuark nv_event_error_quark() {
@@ -284,7 +275,6 @@ bool nv_event_producer_undeclare(NvEventProducer* producer, guint id, GError** e
     return unknown_id(error, id);
   }
   producer->outlet.withdrawn(id, found->second);
-  cancel_fill_locked(producer, id);
   producer->declarations.erase(found);
   return true;
 }
