@@ -9,8 +9,10 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <set>
@@ -48,12 +50,25 @@ std::set<std::string> names(const std::string& folder) {
   return found;
 }
 
+// Whether the disk takes no folder.
+bool folders_fail = false;
+
 struct ASyncedFile : testing::Test {
   ScratchFolder scratch;
   std::string path = scratch.path("file");
 };
 
 } // namespace
+
+// The C library's, for the whole executable.
+int fsync(int fd) {
+  struct stat status {};
+  if (folders_fail && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_fsync, fd));
+}
 
 TEST_F(ASyncedFile, is_created_with_the_whole_text) {
   EXPECT_EQ(store(path, "text\n"), "ok");
@@ -106,6 +121,12 @@ TEST_F(ASyncedFile, tells_why_it_was_not_written) {
   EXPECT_THAT(store(scratch.path("none/file"), "text"), HasSubstr("No such file or directory"));
   EXPECT_THAT(store(scratch.path("none/file"), "text"), HasSubstr("none/file"));
   EXPECT_NE(store(scratch.path(), "text"), "ok") << "a folder is no file";
+}
+
+TEST_F(ASyncedFile, tells_that_its_name_may_not_have_reached_the_disk) {
+  folders_fail = true;
+  EXPECT_EQ(store(path, "text"), "Failed to sync the folder of '" + path + "': Input/output error");
+  folders_fail = false;
 }
 
 TEST_F(ASyncedFile, is_rewritten_in_place_where_its_folder_is_closed) {
