@@ -196,6 +196,14 @@ def test_a_missing_name_is_told_with_port_and_number(device, key, group, missing
     assert device.state.GetActive(0)[0] == ("open" if missing == "output" else "closed")
 
 
+def test_a_missing_name_is_told_at_once(device):
+    """Also where nothing is logged after it."""
+    device.describe(port("in", 0, "input"))
+    device.write(KEY_FILE, "[in]\n")
+    device.start("--disable_legacy_interface")
+    assert device.log == ["No input name for port in:0"]
+
+
 @pytest.mark.parametrize(
     "key, value",
     [

@@ -147,3 +147,8 @@ TEST_F(TheLegacyInterface, may_come_and_go_while_other_threads_announce) {
   ASSERT_TRUE(run_until([&] { return told("last"); }));
   EXPECT_FALSE(told("late"));
 }
+
+TEST_F(TheLegacyInterface, tells_of_changes_as_the_daemon) {
+  const auto legacy = iocontrol_conf_legacy_dbus_create();
+  EXPECT_THAT(fake_events::producers(), testing::ElementsAre("wexd"));
+}
