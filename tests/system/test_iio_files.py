@@ -258,6 +258,18 @@ def test_a_sample_cut_short_is_undefined(device):
     changes.wait_for(PortChanged, port=0, state=False)
 
 
+@pytest.mark.parametrize("reason", ["sample cut short", "Is a directory"])
+def test_a_node_that_cannot_be_read_is_told_with_the_reason(device, reason):
+    converter(device)
+    node = device.path(NODE)
+    if reason == "Is a directory":
+        node.mkdir(parents=True)
+    else:
+        device.write(NODE, "").chmod(0o666)
+    start(device)
+    device.wait_for_log(f"^WARNING: read Error: {reason}$")
+
+
 def descriptors(device):
     device.sync()  # a call is answered before its settings are saved
     return len(os.listdir(f"/proc/{device.pid}/fd"))

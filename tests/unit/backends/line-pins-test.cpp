@@ -251,6 +251,14 @@ TEST_F(APortOnALine, leaves_a_line_alone_that_cannot_be_read_for_a_moment) {
                                           "100 ms: Input/output error"));
 }
 
+TEST_F(APortOnALine, tells_that_it_cannot_be_driven) {
+  const auto port = describe(PORT_OUTPUT);
+  EXPECT_TRUE(io_port_setup(port.get()));
+  chip.fault = ENODEV;
+  io_port_set_state(port.get(), true);
+  EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "Failed to set state on port!\n"));
+}
+
 TEST_F(APortOnALine, stops_watching_a_line_whose_chip_is_gone) {
   const auto port = watched();
   chip.fault = ENODEV;
