@@ -122,6 +122,17 @@ TEST_F(APortsLife, comes_back_after_a_close_as_it_was_described) {
   }
 }
 
+TEST_F(APortsLife, forgets_what_was_said_of_a_backend_that_is_replaced) {
+  const auto port = make({.backend = BACKEND_GPIO, .set_up = false});
+  io_port_parse_backend_data(port.get(), "device", "path", "/sys/x");
+  io_port_set_backend(port.get(), BACKEND_IIO);
+  io_port_parse_backend_data(port.get(), "device", "path", "/sys/y");
+  ASSERT_TRUE(io_port_setup(port.get()));
+  io_port_close(port.get());
+  ASSERT_TRUE(io_port_setup(port.get()));
+  EXPECT_THAT(fake_backend::record(port.get())->attributes, ElementsAre("device/path=/sys/y"));
+}
+
 TEST_F(APortsLife, keeps_the_ranges_of_the_user_when_it_comes_back) {
   const auto port = make({.type = PORT_INPUT, .backend = BACKEND_IIO, .set_up = false});
   io_port_parse_backend_data(port.get(), "range", "range", "closed 0 100");
