@@ -1,5 +1,6 @@
 """Fixtures of the system tests: each test drives the real binary on a device of its own."""
 
+import collections
 import contextlib
 import os
 import pathlib
@@ -15,6 +16,9 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 
 # Who runs the daemon where a test wants an ordinary user: any id that is not root's.
 ORDINARY_UID = 65534
+
+# How many tests were left out for which reason.
+NOT_APPLICABLE = collections.Counter()
 
 
 def pytest_addoption(parser):
@@ -32,6 +36,18 @@ def pytest_configure(config):
     binary = pathlib.Path(config.getoption("--binary"))
     if not binary.exists():
         pytest.exit(f"no daemon to test: {binary}", returncode=2)
+
+
+def pytest_deselected(items):
+    """What cannot hold with the thread sanitizer is told with the reason, and not just left out."""
+    if "not without_tsan" in items[0].config.option.markexpr:
+        marks = filter(None, (item.get_closest_marker("without_tsan") for item in items))
+        NOT_APPLICABLE.update(mark.args[0] for mark in marks)
+
+
+def pytest_terminal_summary(terminalreporter):
+    for why, count in NOT_APPLICABLE.most_common():
+        terminalreporter.write_line(f"{count} not applicable: {why}")
 
 
 @pytest.fixture(scope="session")

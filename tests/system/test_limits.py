@@ -104,7 +104,8 @@ def test_a_long_sequence_on_a_busy_port_hears_that_it_is_busy(lamps):
     )  # fmt: skip
 
 
-@pytest.mark.uninstrumented  # sanitizers keep freed memory
+@pytest.mark.uninstrumented
+@pytest.mark.without_tsan("a sanitizer keeps what is freed")
 @pytest.mark.parametrize("virtual", [False, True])
 def test_steps_of_no_length_hold_up_nobody_and_cost_no_memory(lamps, virtual):
     state = lamps.state
@@ -127,7 +128,8 @@ def test_steps_of_no_length_hold_up_nobody_and_cost_no_memory(lamps, virtual):
     )
 
 
-@pytest.mark.uninstrumented  # sanitizers keep freed memory
+@pytest.mark.uninstrumented
+@pytest.mark.without_tsan("a sanitizer keeps what is freed")
 def test_durations_that_wrap_around_are_paced_like_those_of_no_length(lamps):
     before = resident_kib(lamps)
     state = lamps.state
@@ -148,7 +150,8 @@ def private_kib(device):
     return sum(int(kib) for kib in re.findall(r"Private_Dirty: +(\d+)", shares))
 
 
-@pytest.mark.uninstrumented  # sanitizers keep freed memory
+@pytest.mark.uninstrumented
+@pytest.mark.without_tsan("a sanitizer keeps what is freed")
 def test_many_sequences_at_once_leave_little_behind(device):
     numbers = range(100)
     device.describe("".join(port(f"p{number}", number) for number in numbers))
@@ -170,6 +173,7 @@ def test_many_sequences_at_once_leave_little_behind(device):
 
 
 @pytest.mark.uninstrumented
+@pytest.mark.without_tsan("a sanitizer needs more address space than there is")
 def test_a_sequence_without_a_thread_could_not_be_started(make_device):
     # Room for the stacks of some threads, not of all.
     device = make_device(wrapper=["prlimit", f"--as={400 << 20}"])

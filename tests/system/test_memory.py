@@ -14,6 +14,7 @@ EVENT = element(
 
 
 @pytest.mark.uninstrumented
+@pytest.mark.without_tsan("memcheck runs no binary with a sanitizer")
 def test_a_whole_life_loses_and_misuses_no_memory(make_device):
     device = make_device(wrapper=VALGRIND, patience=6)
     BootBlock(device, "ABC")

@@ -77,6 +77,7 @@ def test_the_first_start_writes_each_file_once(device):
     assert len(device.saved) == 16
 
 
+@pytest.mark.without_tsan("a sanitizer makes system calls of its own")
 def test_a_later_start_writes_nothing(old_device):
     old_device.start()
     assert counted(old_device, r"(?:f(?:data)?sync|rename\w*|unlink\w*|f?ch(?:own|mod)\w*)\(") == 0
