@@ -31,6 +31,7 @@ DROP_FOLDER = "/etc/wexd.d"
 KEY_FILE = "/etc/wexd/wexd.conf"
 OLD_KEY_FILE = "/etc/dynamic/wexd/params.conf"
 IMPORT_FILE = "/tmp/wexd_ioport.conf"
+PRELOADED = "/run/preloaded.so"
 UNSEEN = "/run/unseen-by-tsan"
 
 # What no run may leave behind, on either stream: critical messages of any domain (the daemon's own
@@ -60,10 +61,11 @@ class Device:
 
     wrapper: a command that runs the daemon, such as VALGRIND. patience: factor on the deadlines for
     a daemon that is slowed down. quiet: do not print the log at the end unless something failed.
+    preload: a library that the daemon is to have loaded before all others.
     All else (user, ...) is for the sandbox, see there.
     """
 
-    def __init__(self, binary, wrapper=(), patience=1, quiet=False, **box):
+    def __init__(self, binary, wrapper=(), patience=1, quiet=False, preload=None, **box):
         self.binary = pathlib.Path(binary).resolve()
         # Short, because the name of a socket may have no more than 107 characters.
         self.scratch = pathlib.Path(tempfile.mkdtemp(prefix="wexd-"))
@@ -71,6 +73,7 @@ class Device:
         self.wrapper = wrapper
         self.patience = patience
         self.quiet = quiet
+        self.preload = preload
         if self.sandbox.user is not None:
             self.scratch.chmod(0o711)
         self.abandoned = False  # set it to leave the device without any check
@@ -188,7 +191,7 @@ class Device:
         self.lives += 1
         info_read, info_write = os.pipe()
         command = self.sandbox.command(
-            [*self.wrapper, sandbox.BINARY, *argv], self.binary, info_write
+            [*self.wrapper, *self._preloading(), sandbox.BINARY, *argv], self.binary, info_write
         )
         with (
             open(self._stream("out"), "wb") as out,
@@ -212,6 +215,13 @@ class Device:
         if ready:
             self.wait_ready()
         return self
+
+    def _preloading(self):
+        """The command before the daemon's own that has it load the library, the wrapper's as well."""
+        if self.preload is None:
+            return ()
+        shutil.copy2(self.preload, self.path(PRELOADED))
+        return ("sh", "-c", f'LD_PRELOAD={PRELOADED}:$LD_PRELOAD exec "$@"', "sh")
 
     def wait_ready(self):
         def ready():

@@ -27,6 +27,7 @@ def pytest_addoption(parser):
         default=os.environ.get("WEXD_BINARY", str(TOP / "build/release/wexd")),
         help="the daemon under test",
     )
+    parser.addoption("--preload", help="a library that the daemon is to have loaded before all others")
 
 
 def pytest_configure(config):
@@ -63,13 +64,14 @@ def pytest_runtest_makereport(item):
 
 
 @pytest.fixture
-def make_device(binary, request):
+def make_device(binary, request, pytestconfig):
     """Makes devices with options of their own; each is checked and removed after the test."""
+    usual = {"binary": binary, "preload": pytestconfig.getoption("--preload")}
     with contextlib.ExitStack() as stack:
         devices = []
 
         def make(**options):
-            devices.append(stack.enter_context(Device(**{"binary": binary, **options})))
+            devices.append(stack.enter_context(Device(**{**usual, **options})))
             return devices[-1]
 
         yield make

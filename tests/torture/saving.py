@@ -1,6 +1,5 @@
 """A save, and what becomes of it when a system call fails, comes short, or is the last that is made."""
 
-import pathlib
 import re
 import subprocess
 
@@ -10,7 +9,7 @@ from keyfile import (
     start_once,
 )  # fmt: skip
 from traced import Disk, killed_at, steps, steps_of_a_start, traced
-from victim import Victim
+from victim import Victim, library
 
 from describe import port
 from sim.bus import wait_until
@@ -151,24 +150,13 @@ def deaths_at_every_call_of_a_start(binary, _budget):
 
 def short_writes(binary, _budget):
     """Seven bytes at a time, as a signal or a quota may have it."""
-    with Victim(binary, wrapper=("env", f"LD_PRELOAD={SHORT_WRITES}")) as device:
-        build_library(device)
+    with Victim(binary) as device:
+        device.preload = library("short-writes.c", device.scratch)
         settings = Settings(device)
         for n in range(50):
             settings.change("x" * n * 11)
             assert_one_of(device, [settings.whole("x" * n * 11)])
     return "50 saves of seven bytes at a time"
-
-
-SHORT_WRITES = "/run/short-writes.so"
-
-
-def build_library(device):
-    source = pathlib.Path(__file__).with_name("short-writes.c")
-    subprocess.run(
-        ["cc", "-shared", "-fPIC", "-Wall", "-Werror", source, "-o", device.path(SHORT_WRITES), "-ldl"],
-        check=True,
-    )
 
 
 def full_disk(binary, _budget):

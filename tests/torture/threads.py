@@ -1,11 +1,15 @@
-"""Threads that meet: the system tests, with the daemon under the thread sanitizer."""
+"""Threads that meet: the system tests, with the daemon under the thread sanitizer, and with a look at
+the order in which it takes its locks."""
 
+import contextlib
 import os
 import re
 import subprocess
 import sys
+import tempfile
 
 from campaign import Broken, Campaign, Fault, Trial
+from lock_order import Watch
 from seeded import TOP
 
 SYSTEM = TOP / "tests/system"
@@ -15,12 +19,15 @@ LEFT_OUT = "not uninstrumented and not hang and not terminal"
 APPLICABLE = "not without_tsan"
 # Everything runs at once here; nothing of it depends on when.
 ENVIRONMENT = {"WEXD_DEADLINE": "60", "PYTHONDONTWRITEBYTECODE": "1", "G_SLICE": "always-malloc"}
+# One test would take the system calls of the shell that preloads something for the daemon's.
+PRELOADABLE = ("--ignore", SYSTEM / "test_order.py")
+LOOK_S = 5  # between two looks at what the locks were seen to do
 
 
-def suite(binary, only, where=(SYSTEM,), at_once=os.cpu_count()):
+def suite(binary, only, *more, where=(SYSTEM,), at_once=os.cpu_count()):
     """The command that runs system tests until one fails."""
     return [sys.executable, "-m", "pytest", *where, "-q", "-x", "--tb=short", "-p", "no:cacheprovider",
-            "-n", str(at_once), "-m", only, "--binary", binary]  # fmt: skip
+            "-n", str(at_once), "-m", only, "--binary", binary, *more]  # fmt: skip
 
 
 def tests(*command, **options):
@@ -52,14 +59,14 @@ def those_of_sequences(binary, _budget):
 
 def whole_suite(binary, _budget):
     """Those that wait for the bus's time-outs use no processor, so all of them wait at once."""
-    put_beside(binary)
+    put_beside(binary, "tsan")
     done = tests(binary, f"{APPLICABLE} and not hang") + tests(binary, f"{APPLICABLE} and hang", at_once=8)
     return f"{done:,} tests; {not_applicable(binary)}"
 
 
-def put_beside(binary):
+def put_beside(binary, preset):
     """A daemon with a fault has all beside it that the tests expect of its build."""
-    for path in (TOP / "build/tsan").iterdir():
+    for path in (TOP / "build" / preset).iterdir():
         if not (binary.parent / path.name).exists():
             (binary.parent / path.name).symlink_to(path)
 
@@ -71,6 +78,37 @@ def not_applicable(binary):
          "-m", APPLICABLE, "--binary", binary], capture_output=True, text=True, check=True,
     ).stdout  # fmt: skip
     return ", ".join(re.findall(r"^\d+ not applicable: .*", listed, re.MULTILINE))
+
+
+def locks_in_order(binary, _budget):
+    """What is seen to be taken under what is what the tables of docs/architecture.md have."""
+    put_beside(binary, "release")
+    with tempfile.TemporaryDirectory(prefix="wexd-") as folder, open(f"{folder}/said", "w+") as out:
+        watch = Watch([binary, *binary.parent.glob("tests/wexd-*")], folder)
+        run = subprocess.Popen(
+            suite(binary, "not hang and not terminal", *PRELOADABLE, "--preload", watch.library),
+            env={**os.environ, **ENVIRONMENT}, stdout=out,
+        )  # fmt: skip
+        try:
+            watched_to_the_end(run, watch)
+        finally:
+            run.terminate()
+            run.wait()
+        out.seek(0)
+        done = passed(run.returncode, out.read())
+    if unseen := watch.unseen():
+        raise Broken(f"not seen: {', '.join(unseen)}")
+    return f"{done:,} tests, {len(watch.tables.pairs)} pairs of a lock and one that is held, as in the tables"
+
+
+def watched_to_the_end(run, watch):
+    ended = False
+    while not ended:
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            run.wait(LOOK_S)
+            ended = True
+        if unknown := watch.unknown():
+            raise Broken(", ".join(unknown))
 
 
 RACE = Fault(
@@ -90,5 +128,6 @@ CAMPAIGN = Campaign(
     (
         Trial("sequences and stress", those_of_sequences, (RACE,), "tsan"),
         Trial("the whole system suite", whole_suite, (RACE, TURNED), "tsan"),
+        Trial("locks in the order of their table", locks_in_order, (TURNED,)),
     ),
 )  # fmt: skip

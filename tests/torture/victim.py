@@ -2,8 +2,10 @@
 
 import contextlib
 import os
+import pathlib
 import re
 import signal
+import subprocess
 import threading
 
 from describe import port
@@ -37,6 +39,16 @@ class Victim(Device):
         for line in (self.stdout + self.stderr).splitlines():
             if UNWANTED.search(line) and not any(re.search(known, line) for known in allowed):
                 raise Broken(f"the daemon said: {line}")
+
+
+def library(source, folder, *options):
+    """Builds a library of those beside this file, for a daemon to preload; returns its path."""
+    built = pathlib.Path(folder) / pathlib.PurePath(source).with_suffix(".so")
+    subprocess.run(
+        ["cc", "-shared", "-fPIC", "-Wall", "-Wextra", "-Werror", *options,
+         pathlib.Path(__file__).with_name(source), "-o", built, "-ldl"], check=True,
+    )  # fmt: skip
+    return built
 
 
 @contextlib.contextmanager

@@ -4,11 +4,15 @@ import pathlib
 import re
 import shlex
 import subprocess
+import sys
 import unittest
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
+sys.path[:0] = [str(TOP / folder) for folder in ("tests/torture", "tests/system", ".")]
+
+from lock_order import Tables  # noqa: E402
+
 MUTEX = re.compile(r"^\s*(?:mutable )?(?:std::mutex|Mutex) (\w+)\b.*;", re.MULTILINE)
-ROW = re.compile(r"^\| `(\w+)` \(`([\w/-]+)`\)", re.MULTILINE)
 
 DRIVE = """
 #include "port/ioport.h"
@@ -41,8 +45,11 @@ def complaints(body):
 
 class Locks(unittest.TestCase):
     def test_all_stand_in_the_tables_of_their_order(self):
-        rows = ROW.findall((TOP / "docs/architecture.md").read_text())
-        self.assertEqual(sorted(rows), sorted(mutexes()))
+        self.assertEqual(sorted(Tables().locks), sorted(mutexes()))
+
+    def test_are_taken_under_those_above_and_under_no_leaf(self):
+        self.assertTrue(Tables().pairs)
+        self.assertEqual(Tables().out_of_order(), [])
 
     def test_a_port_is_driven_with_its_gate_only(self):
         self.assertIn("requires holding port gate 'port->gate'", complaints(""))
