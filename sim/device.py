@@ -79,6 +79,7 @@ class Device:
         self.abandoned = False  # set it to leave the device without any check
         self.process = None
         self.lives = 0
+        self._ready = False
         self._init_pid = None
         self._owner = None
         self._expected = []
@@ -101,7 +102,10 @@ class Device:
         orderly = kind in (None, KeyboardInterrupt, SystemExit) and not self.abandoned
         try:
             if orderly and self.running:
-                self.stop()
+                if kind is None or self._ready:
+                    self.stop()
+                else:  # one that is interrupted in its start may not listen yet
+                    self.kill()
             if orderly:
                 self.assert_clean_log()
         finally:
@@ -189,6 +193,7 @@ class Device:
         self.write(UNSEEN, UNSEEN_LIBRARIES).chmod(0o644)
         self.sandbox.hand_over()
         self.lives += 1
+        self._ready = False
         info_read, info_write = os.pipe()
         command = self.sandbox.command(
             [*self.wrapper, *self._preloading(), sandbox.BINARY, *argv], self.binary, info_write
@@ -235,6 +240,7 @@ class Device:
             return len(owners) == 1 and owners != {self._owner} and owners.pop()
 
         self._owner = wait_until(ready, "the daemon's services on the bus", self._deadline())
+        self._ready = True
 
     def signal(self, number):
         os.kill(self.pid, number)
