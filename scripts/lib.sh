@@ -49,7 +49,7 @@ cross_libraries=(libglib2.0-dev libfmt-dev libncurses-dev libgtest-dev libgmock-
 test_packages=(
   "${build_packages[@]}" "${count_packages[@]}" "${fuzz_packages[@]}" "${picture_packages[@]}"
   "${kernel_packages[@]}" "${pack_packages[@]}"
-  git ccache clang-format clang-tidy shellcheck libxml2-utils
+  git ccache clang-format clang-tidy cppcheck shellcheck libxml2-utils
   python3-pytest-xdist python3-pytest-timeout python3-jsonschema
   libbenchmark-dev umockdev strace libfaketime debootstrap binutils zsh fish man-db lintian
   libsdbus-c++-dev libsystemd-dev nodejs make pandoc jq libmosquitto-dev libssl-dev mosquitto mosquitto-clients openssl

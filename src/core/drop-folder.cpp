@@ -100,8 +100,7 @@ bool read_entry(int folder, const char* name, Entry& entry, const DropInReader& 
 } // namespace
 
 bool drop_folder_read(const char* directory, const DropInReader& read) {
-  const int folder = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const std::unique_ptr<DIR, FreeWith<closedir>> entries(folder >= 0 ? fdopendir(folder) : nullptr);
+  const std::unique_ptr<DIR, FreeWith<closedir>> entries(opendir(directory));
   if (entries == nullptr) {
     return false;
   }
@@ -110,7 +109,7 @@ bool drop_folder_read(const char* directory, const DropInReader& read) {
       continue;
     }
     Entry entry{.path = std::string(directory) + '/' + found->d_name, .fd = UniqueFd()};
-    if (!read_entry(folder, found->d_name, entry, read)) {
+    if (!read_entry(dirfd(entries.get()), found->d_name, entry, read)) {
       return false;
     }
   }

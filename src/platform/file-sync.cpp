@@ -268,11 +268,12 @@ bool file_create_synced(const char* path, std::string_view text,
 
 void file_remove_leftovers(const char* path) {
   const Target target(path);
-  const int fd = openat(target.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const std::unique_ptr<DIR, FreeWith<closedir>> entries(fd >= 0 ? fdopendir(fd) : nullptr);
+  UniqueFd fd(openat(target.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::unique_ptr<DIR, FreeWith<closedir>> entries(fd ? fdopendir(fd.get()) : nullptr);
   if (entries == nullptr) {
     return;
   }
+  fd.leave(); // it goes with the entries
   remove_temporary(target);
   while (const dirent* entry = readdir(entries.get())) {
     std::string_view left = entry->d_name;

@@ -23,6 +23,9 @@ public:
   [[nodiscard]] int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
 
+  /// Forgets what is held, which is another's to close.
+  void leave() { fd_ = -1; }
+
   /// Closes what is held and takes `fd` instead (-1: nothing).
   void reset(int fd = -1) {
     if (fd_ >= 0) {
