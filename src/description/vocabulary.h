@@ -129,7 +129,8 @@ template <typename Table>
 
 [[nodiscard]] constexpr bool has_attribute(std::span<const AttributeWord> attributes,
                                            std::string_view name) {
-  return find_attribute(attributes, name) != nullptr;
+  return std::ranges::any_of(attributes,
+                             [name](const auto& attribute) { return name == attribute.name; });
 }
 
 /// Whether every row of a table of attributes, which have a `key`, is one of an element's.
