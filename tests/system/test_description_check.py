@@ -144,6 +144,8 @@ SAID = {
         "warning", "inverted of 'input': 'TRUE' is no true or false and counts as false"),
     port("p", 0, properties={"ioport": "true", "hidden": "yes"}): (
         "warning", "hidden of 'properties': 'yes' is no true or false and counts as false"),
+    port("p", 0).replace('name="p"', 'hwid="B" name="p"') + port("q", 0): (
+        "note", "number 0 is also that of "),
     port("p", 0, properties={"ioport": "false"}): (
         "note", "port 'p' is neither \"ioport\" nor \"virtual\": no client can address it"),
     port("p", 0, "input", "sysfs", backend_inside=element("device", path="/x", timeout=0)): (
