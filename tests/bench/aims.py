@@ -76,10 +76,10 @@ MEMORY_REASON = (
 )
 SEQUENCES_REASON = "what was allocated after the threads' own keeps pages from being given back"
 EDGE_REASON = (
-    "one signal from connection to connection takes nearly two milliseconds on the emulated machine, almost "
-    "twenty times the aim, and the daemon's share is half of that, as is the share of libgpiod's manager "
-    "beside it. It is the same for both ways to a pin. The row before has the same on the machine itself, "
-    "with pins that are plain files"
+    "one signal from connection to connection takes two milliseconds and more on the emulated machine, twenty "
+    "times the aim, the daemon's share is half of that, and libgpiod's manager, which stands beside it and "
+    "lets nothing settle, takes no less. It is the same for both ways to a pin. The row before has the same "
+    "on the machine itself, with pins that are plain files"
 )
 GROWTH_REASON = (
     "the walk that gives default names looks at every port for every number below the count, which is "
