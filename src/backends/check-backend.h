@@ -1,7 +1,8 @@
 // Hardware: none; the state lives in memory. Kernel interface: none.
 // Limits: none. Made for trying out descriptions and for tests.
 //
-// Small, but with a state and a vocabulary: the one to copy for a new kind of hardware.
+// It takes any element and attribute, which hides mistakes: for a new kind of hardware, copy
+// sysfs-backend instead.
 #pragma once
 
 #include "description/vocabulary.h"
