@@ -33,6 +33,7 @@ bool is_true(const std::optional<std::string>& text) {
 
 std::vector<std::string_view> names_of(const auto& words) {
   std::vector<std::string_view> names;
+  names.reserve(words.size());
   for (const auto& word : words) {
     names.emplace_back(word.name);
   }

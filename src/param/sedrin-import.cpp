@@ -84,8 +84,8 @@ Taken take_name(IoPort* port, const char* value) {
 // Text that does not start with a digit is ignored.
 template <auto member>
 Taken take_number(IoPort* port, const char* value) {
-  auto& number = port->*member;
   if (g_ascii_isdigit(*value)) {
+    auto& number = port->*member;
     number = unsigned_of<std::remove_reference_t<decltype(number)>>(value);
   }
   return Taken::Yes;
