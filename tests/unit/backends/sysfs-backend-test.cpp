@@ -169,6 +169,15 @@ TEST_F(ASysfsPort, clears_a_latched_flag_and_reports_it_back) {
   EXPECT_EQ(read_file(path), "0\n");
 }
 
+TEST_F(ASysfsPort, sees_a_flag_that_is_set_again_right_after_it_was_cleared) {
+  const auto port = watch("1\n", {.clear_flag = "true"});
+  ASSERT_TRUE(run_until([] { return states() == 1; }));
+  overwrite_file(path, "1\n");
+  ASSERT_TRUE(run_until([&] { return read_file(path) == "0\n"; }));
+  EXPECT_TRUE(io_port_get_state(port.get()));
+  EXPECT_THAT(take_states(), ElementsAre(true));
+}
+
 TEST_F(ASysfsPort, clears_nothing_unless_told_to) {
   for (const char* word : {"false", "TRUE", "1"}) {
     SCOPED_TRACE(word);
