@@ -194,6 +194,22 @@ TEST_F(ASupervisedPort, is_told_the_word_size_and_only_a_described_speed) {
   EXPECT_THAT(told, ElementsAre(Pair(SPI_IOC_WR_BITS_PER_WORD, 16U)));
 }
 
+TEST_F(ASupervisedPort, fails_where_its_spi_device_cannot_be_opened) {
+  const auto port = describe("spi");
+  io_port_parse_backend_data(port.get(), "device", "path", "/dev/none");
+  EXPECT_FALSE(io_port_setup(port.get()));
+  EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "Failed to open SPI device."));
+  EXPECT_TRUE(logged(G_LOG_LEVEL_WARNING, "Failed to open spi device."));
+  EXPECT_TRUE(nothing_held());
+}
+
+TEST_F(ASupervisedPort, takes_the_path_alone_for_its_spi_device) {
+  const auto port = describe("spi");
+  io_port_parse_backend_data(port.get(), "device", "colour", "/dev/none");
+  io_port_parse_backend_data(port.get(), "lamp", "path", "/dev/none");
+  EXPECT_TRUE(io_port_setup(port.get()));
+}
+
 using ASupervisedPortDeathTest = ASupervisedPort;
 
 TEST_F(ASupervisedPortDeathTest, ends_the_process_when_an_output_is_to_be_routed) {

@@ -19,9 +19,11 @@ using testing::ElementsAre;
 std::optional<guint8> converter_level;
 std::vector<guint8> commands;
 std::vector<int> descriptors;
+std::vector<unsigned long> settings;
 
 int answer(int fd, unsigned long request, void* argument) {
   if (request != SPI_IOC_MESSAGE(2)) {
+    settings.push_back(request);
     return 0;
   }
   const auto* transfer = static_cast<spi_ioc_transfer*>(argument);
@@ -49,6 +51,7 @@ struct ASupervisedSpiPort : BackendTest {
     converter_level = closed_level;
     commands.clear();
     descriptors.clear();
+    settings.clear();
   }
   void TearDown() override {
     BackendTest::TearDown();
@@ -115,6 +118,11 @@ TEST_F(ASupervisedSpiPort, asks_its_converter_at_a_hexadecimal_address) {
   const auto port = watch();
   EXPECT_EQ(read(port), SUPERVISED_CLOSED);
   EXPECT_THAT(commands, ElementsAre(0x18));
+}
+
+TEST_F(ASupervisedSpiPort, leaves_the_clock_alone_unless_it_is_described) {
+  const auto port = watch();
+  EXPECT_THAT(settings, ElementsAre(SPI_IOC_WR_BITS_PER_WORD));
 }
 
 TEST_F(ASupervisedSpiPort, has_one_of_the_first_six_numbers) {
