@@ -194,7 +194,7 @@ class Samples:
         self._pipe = None
 
 
-def sampling(device, kind, optional=None, pins="", events="", type="input", **changed):
+def sampling(device, kind, optional=None, pins="", events="", type="input", others="", **changed):
     """A device whose port 0 is the converter alone, and the signals that it sends."""
     converter(device, kind=kind)
     samples = Samples(device)
@@ -203,6 +203,7 @@ def sampling(device, kind, optional=None, pins="", events="", type="input", **ch
     )
     device.describe(
         port("s", 0, type, "iio", backend_inside=inside + pins, optional=optional, inside=events)
+        + others
     )
     device.start()
     return samples, device.signals()
@@ -293,14 +294,27 @@ def test_drops_and_refreshes_leave_one_reader_and_no_descriptors(device):
     assert descriptors(device) < before
 
 
+def test_a_port_that_comes_and_goes_leaves_the_others_as_they_are(device):
+    """All ports are watched anew then; one that is watched already reports nothing twice."""
+    samples, changes = sampling(device, "le:u8/8>>0", others=port("other", 1, optional="true"))
+    samples.send(120)
+    changes.wait_for(PortChanged, port=0, state=True)
+    assert device.state.DropIOPorts(["other"]) == ["other"]
+    device.state.RefreshIOPorts()
+    samples.send(120)
+    samples.send(50)
+    changes.wait_for(PortChanged, port=0, state=False)
+    changes.assert_none(PortChanged, port=0)
+
+
 SUPERVISED_PINS = "".join(
     element(tag, pin=pin) for tag, pin in (("input", 17), ("io_ctrl", 18), ("sio_ctrl", 19))
 )
 
 
-def supervisable(device, **more):
+def supervisable(device, more_pins="", **more):
     """As sampling(), with pins; the supervision interface is there."""
-    sent = sampling(device, "le:u8/8>>0", pins=SUPERVISED_PINS, mode=None, **more)
+    sent = sampling(device, "le:u8/8>>0", pins=SUPERVISED_PINS + more_pins, mode=None, **more)
     wait_for_supervision(device)
     return sent
 
@@ -372,15 +386,18 @@ def test_a_line_has_no_state_before_its_first_sample(device):
     assert states_told(device) == ["undefined", "open"]
 
 
+def configurable(device):
+    """As supervisable(), with a line that can be turned; it is an input."""
+    export(device, 20)
+    sent = supervisable(device, type="io_ctrl", more_pins=element("output", pin=20))
+    device.state.SetDirection(0, "input")
+    return sent
+
+
 def test_a_line_that_is_turned_to_where_it_is_keeps_its_state(device):
     """Only one that comes back to the converter has to be measured first."""
-    for number in (17, 18, 19, 20):
-        export(device, number)
-    output = element("output", pin=20)
-    converter_port = {"pins": SUPERVISED_PINS + output, "mode": None, "type": "io_ctrl"}
-    samples, changes = sampling(device, "le:u8/8>>0", **converter_port)
-    wait_for_supervision(device)
-    device.state.SetDirection(0, "input")
+    _, *controls = (export(device, number) for number in (17, 18, 19))
+    samples, changes = configurable(device)
     device.supervision.SetSupervised(0, True)
     samples.send(120)
     wait_until(
@@ -391,8 +408,37 @@ def test_a_line_that_is_turned_to_where_it_is_keeps_its_state(device):
     assert device.supervision.GetSupervisedReadout(0) == ("closed", 120)
     changes.wait_for(PortChanged, port=0, state=True)
     device.state.SetDirection(0, "output")
+    assert [device.read(f"{folder}/value") for folder in controls] == ["0\n", "0\n"]
     device.state.SetDirection(0, "input")
+    assert [device.read(f"{folder}/value") for folder in controls] == ["0\n", "1\n"]
     assert device.supervision.GetSupervisedReadout(0)[0] == "undefined"
+
+
+def test_an_output_that_ends_its_supervision_keeps_what_was_measured_last(device):
+    for number in (17, 18, 19):
+        export(device, number)
+    samples, _ = configurable(device)
+    device.supervision.SetSupervised(0, True)
+    samples.send(120)
+    wait_until(
+        lambda: device.supervision.GetSupervisedReadout(0) == ("closed", 120), "the first sample"
+    )
+    device.state.SetDirection(0, "output")
+    device.supervision.SetSupervised(0, False)
+    assert device.state.GetDirection(0) == "input"
+    assert device.supervision.GetSupervisedReadout(0) == ("closed", 120)
+
+
+def test_what_cannot_be_read_is_told_anew_with_each_supervision(device):
+    for number in (17, 18, 19):
+        export(device, number)
+    samples, _ = sampling(device, "le:u8/16>>0", pins=SUPERVISED_PINS, mode=None)
+    wait_for_supervision(device)
+    for times in (1, 2):
+        device.supervision.SetSupervised(0, True)
+        samples.send(120)
+        device.wait_for_log("^WARNING: read Error: sample cut short$", count=times)
+        device.supervision.SetSupervised(0, False)
 
 
 def test_a_converter_that_hangs_up_is_told_once_and_read_again_when_it_is_back(device):
