@@ -2,6 +2,7 @@
 
 import json
 import os
+import socket
 
 import pytest
 from describe import element, port
@@ -159,6 +160,21 @@ def test_a_broker_that_hangs_holds_no_call(device, broker):
     messages.wait_for(LAMP, told(False), count=2)
     assert broker.listen().wait_for(LAMP, told(False)).retained
     assert device.log_count("falls behind") == 1
+
+
+def test_a_broker_hears_of_the_daemon_once_a_minute_at_least(device):
+    """A broker takes one that is silent for half as long again for lost."""
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(device.path(SOCKET)))
+        device.path(SOCKET).chmod(0o777)
+        listener.listen()
+        device.start()
+        connection, _ = listener.accept()
+        with connection:
+            greeting = connection.recv(4096)
+        protocol = greeting.index(b"MQTT")
+        assert int.from_bytes(greeting[protocol + 6 : protocol + 8]) == 60
+        device.stop()
 
 
 @pytest.mark.parametrize("ending", ["kill", "stop"])
