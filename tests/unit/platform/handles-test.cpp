@@ -1,5 +1,6 @@
 #include "platform/handles.h"
 
+#include "platform/object-handles.h"
 #include "support/main-loop.h"
 
 #include <fcntl.h>
@@ -90,4 +91,27 @@ TEST(ASourceId, lets_go_of_a_source_that_removes_itself) {
   held.forget();
   EXPECT_FALSE(held);
   EXPECT_TRUE(run_until([id] { return !exists(id); }));
+}
+
+TEST(ASignalHandler, hears_no_more_of_an_object_that_outlives_it) {
+  const ObjectRef<GDBusProxy> proxy(G_DBUS_PROXY(g_object_new(G_TYPE_DBUS_PROXY, nullptr)));
+  int calls = 0;
+  SignalHandler handler(proxy.get(), g_signal_connect_swapped(proxy.get(), "notify::g-name-owner",
+                                                              G_CALLBACK(count), &calls));
+  g_object_notify(G_OBJECT(proxy.get()), "g-name-owner");
+  EXPECT_EQ(calls, 1);
+  handler.reset();
+  EXPECT_FALSE(handler);
+  g_object_notify(G_OBJECT(proxy.get()), "g-name-owner");
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(SomethingUnderWay, leaves_nothing_to_cancel_once_it_is_given_up) {
+  UnderWay question;
+  EXPECT_EQ(question.cancellable(), nullptr);
+  const ObjectRef<GCancellable> begun(G_CANCELLABLE(g_object_ref(question.begin())));
+  EXPECT_EQ(question.cancellable(), begun.get());
+  question.give_up();
+  EXPECT_TRUE(g_cancellable_is_cancelled(begun.get()));
+  EXPECT_EQ(question.cancellable(), nullptr);
 }
