@@ -556,6 +556,13 @@ def test_a_level_above_all_thresholds_that_are_taken_is_polled(device, kind):
     signals.wait_for(PortChanged, port=0, input=True)
 
 
+def test_the_level_is_polled_once_a_second_unless_told_otherwise(device):
+    IIO_INTERRUPT.chip.limit_thresholds(220)
+    IIO_INTERRUPT.show("cut")
+    start(device, IIO_INTERRUPT.port())
+    device.wait_for_log("beyond its converter's thresholds, polling it every 1000 ms$")
+
+
 def test_a_converter_that_cannot_be_armed_is_polled_until_it_can(device):
     IIO_INTERRUPT.show("closed")
     start(device, IIO_INTERRUPT.port(limit_timeout=50))
