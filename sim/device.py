@@ -82,6 +82,7 @@ class Device:
         self._ready = False
         self._init_pid = None
         self._owner = None
+        self._life_of_owner = 0
         self._expected = []
         self._closers = contextlib.ExitStack()
         self._bus = None
@@ -237,10 +238,21 @@ class Device:
             # Right after a restart the bus may still hold a name for the life before; names come
             # in any order.
             owners = self._client.services()
-            return len(owners) == 1 and owners != {self._owner} and owners.pop()
+            return len(owners) == 1 and owners != {self._owner} and self._alive(owners.pop())
 
         self._owner = wait_until(ready, "the daemon's services on the bus", self._deadline())
+        self._life_of_owner = self.lives
         self._ready = True
+
+    def _alive(self, owner):
+        """The owner, unless it is a life before, which nobody waited for and of whose death the bus does
+        not know yet."""
+        if self._life_of_owner < self.lives - 1:
+            try:
+                self._client.call(owner, "/", "org.freedesktop.DBus.Peer", "Ping")
+            except bus.BusError:
+                return None
+        return owner
 
     def signal(self, number):
         os.kill(self.pid, number)
