@@ -23,11 +23,14 @@ static struct {
   int count;
 } awaited;
 
+static _Noreturn void give_up(const char* what, int error) {
+  fprintf(stderr, "%s: %s\n", what, strerror(error));
+  _exit(1);
+}
+
 static void check(int done, const char* what) {
-  if (done < 0) {
-    fprintf(stderr, "%s: %s\n", what, strerror(-done));
-    _exit(1);
-  }
+  if (done < 0)
+    give_up(what, -done);
 }
 
 static void check_call(int done, const char* what) {
@@ -55,7 +58,7 @@ static void leave(const char* result, double us) {
   snprintf(unfinished, sizeof unfinished, "%s.new", result);
   FILE* file = fopen(unfinished, "w");
   if (file == NULL)
-    check(-errno, unfinished);
+    give_up(unfinished, errno);
   fprintf(file, "%.1f\n", us);
   fclose(file);
   check_call(rename(unfinished, result), result);
