@@ -21,11 +21,14 @@ LINES = range(4, 8)
 CALLS, CHANGES, SEQUENCES = 250, 25, 5
 SAVES = 2
 # In its first rounds the daemon takes what it needs from then on.
-WARM_UP, LOOK_EVERY = 100, 25  # rounds
+WARM_UP = 100  # rounds
+LOOK_EVERY, LOOK_LESS_EVERY, MANY = 25, 250, 1000  # the latter once there are so many
 # What a series of samples may rise by before that is called growth: kilobytes for memory.
 ALLOWED = {"memory": 128, "descriptors": 0.5, "threads": 0.5}
-# The heap takes a step now and then and stays there; what leaks goes on after every one of them.
-STEPS = 2
+# The heap takes a step now and then, and a table doubles when it is full; what leaks goes on at the same
+# pace. So a rise counts as one step more when it came in less than so many times the rounds of the one before.
+SLOWER = 2
+STEPS = 2  # at one pace; a rise more is growth
 
 
 class Household:
@@ -150,6 +153,7 @@ class Series:
 
     samples: list = dataclasses.field(default_factory=list)
     steps: int = 0
+    at_one_pace: int = 0  # of these steps, the last ones
     least: int = LOOK_EVERY  # rounds to go before the step before is known to have been one
 
     def settled(self):
@@ -158,7 +162,7 @@ class Series:
     def add(self, sample):
         """Fails when the daemon has grown once more than by steps."""
         self.samples.append(sample)
-        if len(self.samples) % LOOK_EVERY == 0:
+        if len(self.samples) % (LOOK_EVERY if len(self.samples) < MANY else LOOK_LESS_EVERY) == 0:
             grown = [what for what, allowed in ALLOWED.items() if self._grows(what, allowed)]
             if grown:
                 self._step(grown)
@@ -168,7 +172,9 @@ class Series:
         return sure and risen > allowed
 
     def _step(self, grown):
-        if self.steps == STEPS:
+        slower = len(self.samples) >= SLOWER * self.least
+        self.at_one_pace = 1 if slower else self.at_one_pace + 1
+        if self.at_one_pace > STEPS:
             raise Broken(f"after {STEPS} steps: {self.said(grown)}")
         self.steps += 1
         self.least = len(self.samples)
@@ -196,6 +202,7 @@ def soak(binary, budget):
 
         for _ in range(WARM_UP):
             household.round()
+        first = look(pid)["memory"]
         for _ in budget.rounds():
             round_and_look()
         while not series.settled():
@@ -204,7 +211,8 @@ def soak(binary, budget):
         rounds = household.rounds
     return (
         f"{CALLS * rounds} calls, {CHANGES * rounds} input changes, {SEQUENCES * rounds} sequences, "
-        f"{rounds} times drop and refresh, {rounds} peers gone and back, {series.steps} steps: "
+        f"{rounds} times drop and refresh, {rounds} peers gone and back, {first:,} KiB at first, "
+        f"{series.steps} steps: "
         f"{series.said(ALLOWED)}"
     )
 
