@@ -37,6 +37,7 @@ kernel_packages=(
   libglib2.0-dev pkg-config
   qemu-system-x86
   kmod udev dbus-daemon python3 python3-gi gir1.2-glib-2.0 python3-pytest python3-pytest-timeout
+  dmsetup e2fsprogs f2fs-tools
 )
 # What scripts/cross runs on this machine, and what the Debian trees hold in which it builds: tools,
 # and libraries of the target's architecture.

@@ -17,6 +17,12 @@ MARKERS = {
 }
 
 
+def pytest_addoption(parser):
+    parser.addoption(
+        "--saves", type=int, default=8, help="how many changes of settings the power is cut in"
+    )
+
+
 def pytest_configure(config):
     for name, (meaning, _) in MARKERS.items():
         config.addinivalue_line("markers", f"{name}: {meaning}")

@@ -39,6 +39,7 @@ def run(arguments):
     import pytest  # pylint: disable=import-outside-toplevel
 
     options = ["-v", "--tb=short", f"--timeout={TEST_LIMIT_S}", "-p", "no:cacheprovider"]
+    options += ["-o", "junit_family=xunit1"]  # the one that has properties of a test
     return pytest.main([*options, f"--junitxml={OUT}/kernel.xml", *arguments])
 
 
