@@ -19,7 +19,7 @@ MARKERS = {
 
 def pytest_addoption(parser):
     parser.addoption(
-        "--saves", type=int, default=8, help="how many changes of settings the power is cut in"
+        "--saves", type=int, default=6, help="how many changes of settings the power is cut in"
     )
 
 
