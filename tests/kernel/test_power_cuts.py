@@ -56,7 +56,8 @@ class Settings:
         except (FileNotFoundError, UnicodeDecodeError) as error:
             raise Lost(f"the file cannot be read: {error}") from error
         if text not in self.texts:
-            raise Lost(f"the file is as after no number of changes: {len(text)} bytes, {text[:40]!r}")
+            zeros = text.count("\0")
+            raise Lost(f"the file is as after no number of changes: {len(text)} bytes, {zeros} of them zero")
         found = self.texts.index(text)
         if found < least:
             raise Lost(f"{least} changes were saved, {found} are in the file")

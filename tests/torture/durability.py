@@ -5,6 +5,7 @@ from keyfile import (
     EDITED, PORTS, assert_nothing_beside, assert_one_of, assert_starts_with, beside, put_settings,
     start_once,
 )  # fmt: skip
+from kernel_cuts import cuts_of_disks
 from saving import (
     calls_that_fail, deaths_at_every_call, deaths_at_every_call_of_a_start, full_disk, power_cuts,
     short_writes,
@@ -145,6 +146,8 @@ CAMPAIGN = Campaign(
               (IN_PLACE, LEFT_BEHIND)),
         Trial("each system call of a save failing", calls_that_fail, (FULL_UNNOTICED, NOT_REMEMBERED)),
         Trial("a power cut after each system call of a save", power_cuts,
+              (NOT_SYNCED, FOLDER_NOT_SYNCED)),
+        Trial("a power cut after each write to a disk with ext4 and to one with f2fs", cuts_of_disks,
               (NOT_SYNCED, FOLDER_NOT_SYNCED)),
         Trial("short writes", short_writes, (ONE_WRITE,)),
         Trial("a full disk", full_disk, (FULL_UNNOTICED,)),

@@ -3,10 +3,14 @@
 import pathlib
 import sys
 import unittest
+import xml.etree.ElementTree
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
-sys.path[:0] = [str(TOP / folder) for folder in ("tests/torture", "tests/system", ".")]
+sys.path[:0] = [str(TOP / folder) for folder in ("tests/torture", "tests/system", "tests/kernel", ".")]
 
+import kernel_cuts  # noqa: E402
+import power_cuts  # noqa: E402
+from campaign import Broken  # noqa: E402
 from campaigns import CAMPAIGNS  # noqa: E402
 
 
@@ -28,6 +32,40 @@ class TheFaults(unittest.TestCase):
 
     def faults(self):
         return {fault for found in CAMPAIGNS for trial in found.trials for fault in trial.faults}
+
+
+class APowerCutOnTheBench(unittest.TestCase):
+    FIGURES = "".join(
+        f'<property name="{name}" value="7"/>' for name in ("saves", "writes", "cuts", "half_files")
+    )
+    LOST = '<failure message="test_power_cuts.Lost: 2 changes were saved, 1 is there"/>'
+
+    def told_by(self, ext4, f2fs):
+        cases = "".join(
+            f'<testcase name="test[{kind}]">{inside}</testcase>'
+            for kind, inside in (("ext4", ext4), ("f2fs", f2fs))
+            if inside is not None
+        )
+        return kernel_cuts.told_by([*xml.etree.ElementTree.fromstring(f"<suite>{cases}</suite>")])
+
+    def test_is_of_each_file_system_that_the_bench_has(self):
+        self.assertEqual(set(kernel_cuts.FILE_SYSTEMS), set(power_cuts.SIZES))
+
+    def test_is_told_in_figures(self):
+        told = self.told_by(self.FIGURES, self.FIGURES)
+        self.assertEqual(told.count("7 changes, 7 writes, 7 cuts, 7 half files"), 2)
+
+    def test_breaks_the_claim_where_settings_were_lost(self):
+        for failing in ("<failure message='AssertionError: no log'/>", self.FIGURES):
+            with self.assertRaisesRegex(Broken, "f2fs: 2 changes were saved, 1 is there"):
+                self.told_by(failing, self.LOST)
+
+    def test_says_nothing_of_the_daemon_when_it_did_not_work(self):
+        for other in (
+            None, "<failure message='OSError: mount'/>", "<error message='x.Lost: y'/>", "<skipped message=''/>",
+        ):  # fmt: skip
+            with self.subTest(other), self.assertRaises(RuntimeError):
+                self.told_by(self.FIGURES, other)
 
 
 if __name__ == "__main__":
