@@ -53,7 +53,7 @@ class Settings:
         file = pathlib.Path(folder, NAME)
         try:
             text = file.read_text()
-        except (FileNotFoundError, UnicodeDecodeError) as error:
+        except (OSError, UnicodeDecodeError) as error:
             raise Lost(f"the file cannot be read: {error}") from error
         if text not in self.texts:
             zeros = text.count("\0")
