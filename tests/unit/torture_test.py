@@ -12,6 +12,7 @@ import kernel_cuts  # noqa: E402
 import power_cuts  # noqa: E402
 from campaign import Broken  # noqa: E402
 from campaigns import CAMPAIGNS  # noqa: E402
+from soak import Series  # noqa: E402
 
 
 class TheFaults(unittest.TestCase):
@@ -32,6 +33,30 @@ class TheFaults(unittest.TestCase):
 
     def faults(self):
         return {fault for found in CAMPAIGNS for trial in found.trials for fault in trial.faults}
+
+
+class GrowthInTheLongRun(unittest.TestCase):
+    @staticmethod
+    def steps(rounds, memory):
+        series = Series()
+        for n in range(rounds):
+            noise = 4 * (n % 3)
+            series.add({"memory": 1700 + noise + memory(n), "descriptors": 8, "threads": 3})
+        return series.steps
+
+    def test_is_what_goes_on_at_one_pace(self):
+        for kib in (2, 0.2):
+            with self.subTest(kib), self.assertRaisesRegex(Broken, "after 2 steps: memory"):
+                self.steps(3000, lambda n, kib=kib: int(kib * n))
+
+    def test_is_not_hidden_by_a_step(self):
+        with self.assertRaises(Broken):
+            self.steps(4000, lambda n: (300 if n > 500 else 0) + n // 4)
+
+    def test_is_no_step_and_no_table_that_doubles(self):
+        self.assertEqual(self.steps(2000, lambda n: 300 if n > 500 else 0), 1)
+        self.assertGreater(self.steps(3000, lambda n: 140 * (n // 100).bit_length()), 3)
+        self.assertEqual(self.steps(500, lambda n: 0), 0)
 
 
 class APowerCutOnTheBench(unittest.TestCase):
