@@ -25,7 +25,7 @@ if(WEXD_STATIC_LIBSTDCXX)
 endif()
 
 # Only this compiler makes objects that hold both.
-if(WEXD_SANITIZE OR NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+if(WEXD_SANITIZE OR WEXD_COVERAGE OR NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   return()
 endif()
 check_ipo_supported(LANGUAGES C CXX)

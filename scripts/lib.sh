@@ -57,6 +57,7 @@ test_packages=(
 )
 # Debian's Node.js comes without npm; a Node.js from elsewhere brings its own, and refuses Debian's.
 command -v npm >/dev/null || test_packages+=(npm)
+coverage_packages=("${test_packages[@]}" gcovr)
 
 python=/usr/bin/python3
 

@@ -47,7 +47,7 @@ class TheScripts(unittest.TestCase):
     def test_are_all_here(self):
         self.assertLessEqual(
             {"run", "test", "build", "bench", "cross", "fuzz", "kernel-bench", "pictures", "package",
-             "mutate", "schema", "bootstrap", "torture", "reproduce"}, set(SCRIPTS),
+             "mutate", "schema", "bootstrap", "torture", "reproduce", "coverage"}, set(SCRIPTS),
         )  # fmt: skip
 
     def test_tell_what_they_do(self):
@@ -76,6 +76,7 @@ class TheScripts(unittest.TestCase):
             ["cross", "arm64", "nothing"], ["fuzz", "nothing"],
             ["fuzz", "-t", "soon"], ["torture", "nothing"],
             ["torture", "-t", "soon"], ["torture", "durability", "--seed"], ["kernel-bench", "-k"], ["kernel-bench", "--junitxml"],
+            ["kernel-bench", "--counts"], ["coverage", "nothing"], ["coverage", "--no-kernel", "kernel"],
             ["kernel-bench", "--results"], ["kernel-bench", "--binary", "nothing"], ["kernel-bench", "--binary"],
             ["kernel-bench", "--pins"], ["kernel-bench", "--pins", "both"],
             ["reproduce", "now"], ["reproduce", "--short", "--long"],
