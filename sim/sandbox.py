@@ -158,6 +158,8 @@ class Sandbox:
     def _counts(self):
         """Where programs that count which of their lines run leave the counts: where they were built."""
         if folder := os.environ.get("WEXD_COUNTS"):
+            for parent in reversed(pathlib.Path(folder).parents):
+                yield from ("--perms", "0755", "--dir", str(parent))
             yield from ("--bind", folder, folder)
 
     def _nodes(self):
