@@ -12,20 +12,17 @@ _Noreturn void __real__exit(int status);
 _Noreturn void __wrap__exit(int status);
 
 /* The linker has the program's own calls of _exit() come here. */
-_Noreturn void __wrap__exit(int status)
-{
+_Noreturn void __wrap__exit(int status) {
   __gcov_dump();
   __real__exit(status);
 }
 
-static void end(int number)
-{
+static void end(int number) {
   __gcov_dump();
   raise(number);
 }
 
-__attribute__((constructor)) static void listen(void)
-{
+__attribute__((constructor)) static void listen(void) {
   static const int numbers[] = {SIGABRT, SIGTRAP, SIGTERM, SIGINT, SIGHUP, SIGPIPE};
   const struct sigaction once = {.sa_handler = end, .sa_flags = (int)SA_RESETHAND | SA_NODEFER};
 
