@@ -40,12 +40,10 @@ def pytest_configure(config):
 
 
 def pytest_deselected(items):
-    """What cannot hold with a binary that is built otherwise is told with the reason, and not just left
-    out."""
-    for name in ("without_tsan", "without_counts"):
-        if f"not {name}" in items[0].config.option.markexpr:
-            marks = filter(None, (item.get_closest_marker(name) for item in items))
-            NOT_APPLICABLE.update(mark.args[0] for mark in marks)
+    """What cannot hold with the thread sanitizer is told with the reason, and not just left out."""
+    if "not without_tsan" in items[0].config.option.markexpr:
+        marks = filter(None, (item.get_closest_marker("without_tsan") for item in items))
+        NOT_APPLICABLE.update(mark.args[0] for mark in marks)
 
 
 def pytest_terminal_summary(terminalreporter):
