@@ -94,6 +94,8 @@ def test_name(daemon, wexctl):
     assert done(wexctl("name", "relay")).out == "input \noutput Garage\n"
     done(wexctl("name", "both", "In", "--side", "input"))
     assert daemon.state.GetNames(2)[0] == "In"
+    done(wexctl("name", "both", "Out", "--side", "output"))
+    assert daemon.state.GetNames(2) == ("In", "Out")
     done(wexctl("name", "relay", ""))
     assert daemon.state.GetNames(1) == ("", "")
 
@@ -154,6 +156,8 @@ def test_supervised(daemon, wexctl):
     assert done(wexctl("supervised", "ranges", "line", "--json")).json == [
         {"state": "cut", "lower": 200, "upper": 255}
     ]
+    shown = done(wexctl("supervised", "ranges", "line")).out.splitlines()
+    assert [line.split() for line in shown] == [["State", "Lower", "Upper"], ["cut", "200", "255"]]
     shown = done(wexctl("supervised", "show")).out.splitlines()
     assert shown[1].split() == ["5", "line", "on", "closed", "0", "cut", "200-255"]
     assert done(wexctl("supervised", "show", "line", "--json")).json[0]["supervised"] is True
@@ -201,6 +205,7 @@ def test_legacy(daemon, wexctl):
         (("legacy", "set", "relay", "Button", "none"),
          "Unsupported write of property 'Button' (org.freedesktop.DBus.Error.InvalidArgs)"),
         (("legacy", "get", "relay", "Colour"), "the port has no property 'Colour'"),
+        (("legacy", "get", "relay", "Output.Colour"), "the port has no property 'Output.Colour'"),
     ],
     ids=lambda value: " ".join(value) if isinstance(value, tuple) else "",
 )  # fmt: skip
@@ -495,9 +500,15 @@ def complete(device, binary, *words):
         (("wait", "relay", "--timeout", "5"), ["500ms", "5s"]),
         (("wait", "line", "c"), ["closed", "cut"]),
         (("list", "--columns", "p"), ["properties"]),
+        (("monitor", "--idle-timeout", "5"), ["500ms", "5s"]),
+        (("monitor", "--count", "1"), ["1", "10"]),
+        (("monitor", "--format", ""), ["{time} {name} is {state}"]),
+        (("live", "--keys", f"{TOP}/READ"), [f"{TOP}/README.md"]),
+        (("live", "--notes", f"{TOP}/READ"), [f"{TOP}/README.md"]),
         (("run", "relay", "1:5"), ["1:500ms,0:500msx10"]),
         (("supervised", "ranges", "line", "s"), ["short"]),
         (("supervised", "ranges", "line", "short", ""), ["0", "3200"]),
+        (("supervised", "ranges", "line", "short", "0", ""), ["800", "4095"]),
         (("get", "relay", ""), [""]),
         (("bogus", ""), [""]),
         (("check", f"{TOP}/READ"), [f"{TOP}/README.md"]),

@@ -127,10 +127,13 @@ def test_a_failed_save_is_told_until_it_is_made_good_and_after(ordinary_device, 
     wait_until(lambda: status(wexctl)["last_failed_save"], "the failed save")
     failed = status(wexctl)["last_failed_save"]
     assert failed["made_good"] is False and "regular file" in failed["reason"], folder
+    told = f"  failed save   {failed['time']}: {failed['reason']}; "
+    assert f"{told}not saved yet\n" in done(wexctl("status")).out
     file.rmdir()
     device.state.SetUsage(1, "saved")
     wait_until(lambda: status(wexctl)["last_failed_save"]["made_good"], "the save")
     assert status(wexctl)["last_failed_save"]["reason"] == failed["reason"]
+    assert f"{told}saved since\n" in done(wexctl("status")).out
 
 
 def test_names_version_and_age(daemon, wexctl):
