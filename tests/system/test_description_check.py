@@ -146,6 +146,12 @@ SAID = {
         "warning", "hidden of 'properties': 'yes' is no true or false and counts as false"),
     port("p", 0).replace('name="p"', 'hwid="B" name="p"') + port("q", 0): (
         "note", "number 0 is also that of "),
+    wired("spi", "output", "output", more=element("range", state="open", lower=4)): (
+        "warning", "a range without 'upper' is not added"),
+    wired("spi", "output", "output", more=element("range", state="ajar", lower=4, upper=5)): (
+        "warning", "a range of state 'ajar' is refused"),
+    port("p", 0) + port("p", 1).replace('name="p"', 'number="1" name="p"'): (
+        "warning", "a second port 'p' beside the one of "),
     port("p", 0, properties={"ioport": "false"}): (
         "note", "port 'p' is neither \"ioport\" nor \"virtual\": no client can address it"),
     port("p", 0, "input", "sysfs", backend_inside=element("device", path="/x", timeout=0)): (

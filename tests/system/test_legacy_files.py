@@ -294,6 +294,19 @@ def test_a_folder_on_a_mount_of_its_own_that_refuses_keeps_its_file(make_device,
     assert device.read(file) == before
 
 
+@pytest.mark.uninstrumented
+@pytest.mark.parametrize("file", [REGISTRY, MAPPING])
+def test_what_is_no_file_on_a_mount_of_its_own_stays(make_device, file):
+    device = make_device(wrapper=on_mounts_of_their_own(), patience=3)
+    device.describe(port("a", 0))
+    device.path(file).mkdir(parents=True)
+    device.start()
+    assert device.log_count("^WARNING: ") == 1
+    assert device.log_count("^WARNING: Couldn't move service registry file correctly$") == 1
+    device.sync()
+    assert device.path(file).is_dir() and not device.exists(beside(file))
+
+
 @pytest.mark.parametrize("file", [REGISTRY, MAPPING])
 def test_what_a_save_left_beside_a_file_goes(device, file):
     device.describe(port("a", 0))

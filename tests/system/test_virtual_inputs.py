@@ -80,6 +80,14 @@ def test_each_channel_has_a_trigger_port_enabled_as_it_is(device):
     assert [enabled(device, channel) for channel in (1, 2, 3)] == [True, False, True]
 
 
+def test_no_more_channels_are_met_than_any_device_has(device):
+    Streamer(device, channels=[True] * 1026)
+    describe(device)
+    device.start()
+    device.wait_for_log("WARNING: More than 1024 video channels, not asking on$")
+    wait_for_triggers(device, range(1, 1025))
+
+
 def test_a_trigger_port_announces_and_sends_its_event(device):
     Streamer(device, channels=[True])
     describe(device)
