@@ -112,6 +112,8 @@ def test_the_check_foretells_what_the_daemon_does(binary, tmp_path, case):
         device.write("/tmp/bit", "0\n")
         device.describe(description)
         assert outcome(device) == becomes
+        if device.running:
+            device.stop()
 
 
 SAID = {
