@@ -147,6 +147,19 @@ def test_a_description_of_what_is_here_passes_the_check_with_its_ports(inside, m
     assert (checked.returncode, checked.stdout) == (0, "")
 
 
+def test_what_cannot_be_asked_is_described_as_such(inside, device):
+    """A chip that this user may not open, or that is none, and one whose kernel tells no label."""
+    device.write("/dev/gpiochip0", "")
+    device.write("/sys/class/gpio/gpiochip32/base", "32\n")
+    device.write("/sys/class/gpio/gpiochip32/ngpio", "8\n")
+    said = inside("describe")
+    assert (said.returncode, said.stderr) == (0, "")
+    assert "  <!-- gpiochip0 cannot be opened by this user -->\n" in said.stdout
+    assert "  <!-- pins by number:  has 8 from 32 on -->\n" in said.stdout
+    device.write(CONFIG, said.stdout)
+    assert "error" not in inside("check").stdout
+
+
 def test_a_machine_without_anything_has_an_empty_description(inside, device):
     said = inside("describe")
     assert "Nothing was found that could be a port." in said.stdout

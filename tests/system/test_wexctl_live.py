@@ -167,6 +167,17 @@ def test_with_control_a_sequence_is_stopped(daemon, screen):
     assert daemon.state.GetState(2) is True
 
 
+def test_with_control_no_key_drives_a_daemon_that_is_gone(daemon, screen):
+    terminal = screen("--control")
+    choose(terminal, "relay")
+    daemon.stop()
+    terminal.wait_for("wexd is gone")
+    terminal.keys("o")
+    terminal.wait_for(r"^ \d\d:\d\d:\d\d wexd is not running  ")
+    daemon.start()
+    terminal.wait_for("wexd is back", r"^▶ 1 +relay .*○ off")
+
+
 def test_an_input_is_not_driven_and_a_refusal_is_told(daemon, screen):
     terminal = screen("--control")
     assert not any("toggle" in line for line in terminal.screen())
@@ -184,6 +195,7 @@ def test_keys_of_the_users_run_commands(daemon, screen, tmp_path):
         "# KEY FOR HINT COMMAND\n\n"
         f'w input wave printf "%s %s" "$WEXCTL_PORT" "$WEXCTL_NAME" >>{seen}\n'
         f"space input flip echo no such wire >&2; exit 3\n"
+        f"u output lift true\n"
         f"f5 always everywhere echo {FORGED!r} >/dev/null\n"
     )
     terminal = screen("--control", "--keys", str(keys))
@@ -192,7 +204,9 @@ def test_keys_of_the_users_run_commands(daemon, screen, tmp_path):
     wait_until(lambda: seen.exists() and seen.read_text() == "0 door", "the command", DEADLINE)
     terminal.keys("Space")
     terminal.wait_for("no such wire")
+    assert not any("u lift" in line for line in terminal.screen())
     choose(terminal, "relay")
+    terminal.wait_for("u lift")
     terminal.keys("w")
     terminal.keys("?")
     terminal.wait_for("f5 +everywhere", "w +wave", "space +turn the output over")
@@ -226,6 +240,11 @@ def test_the_size_of_the_terminal_is_followed(screen):
     terminal.wait_for("Services", r"^▶ 5 +line")
     terminal.keys("q")
     terminal.wait_for("ended with status 0")
+
+
+@pytest.mark.parametrize("language", ["C", "nowhere"])
+def test_signs_are_drawn_in_every_language(screen, language):
+    screen(LC_ALL=language).wait_for("^▶ 0 +door .*○ off", "● IOBoxMonitor")
 
 
 def test_help_is_shown_and_hidden(screen):

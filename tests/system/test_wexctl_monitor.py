@@ -69,6 +69,7 @@ def test_only_the_chosen_ports_are_shown(daemon, watch):
     daemon.state.SetUsage(0, "unheard")
     daemon.state.SetState(1, True)
     daemon.state.SetUsage(1, "Gate")
+    daemon.state.StartActionSequence(0, True, [(True, 0)])
     daemon.state.StartActionSequence(2, False, [(True, 0)])
     seen.wait_for("lamp: sequence done")
     assert [line.split("  ", 1)[1] for line in seen.lines[1:]] == [

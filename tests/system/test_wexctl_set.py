@@ -115,6 +115,14 @@ def test_what_is_no_time_is_refused(daemon, wexctl, length):
     assert states(daemon) == [False] * 3
 
 
+@pytest.mark.parametrize("times", ["ten", "", "1.5", "-1", "100001"])
+def test_what_is_no_count_of_repetitions_is_refused(daemon, wexctl, times):
+    result = wexctl("run", "relay", f"1:5ms,0:5msx{times}")
+    assert (result.status, result.out) == (2, "")
+    assert result.err.startswith(f"wexctl: '{times}' is no sequence: write ")
+    assert states(daemon) == [False] * 3
+
+
 def test_a_step_longer_than_the_daemon_counts_is_held(daemon, wexctl):
     """Half an hour and more told in one step would be over at once."""
     signals = daemon.signals()

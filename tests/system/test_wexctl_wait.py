@@ -189,6 +189,26 @@ def connections_before(daemon):
     daemon.before = connections(daemon)
 
 
+@pytest.mark.parametrize("told", ["as changed", "as missing"])
+def test_a_line_that_is_not_supervised_any_more_is_not_waited_for(daemon, wexctl, told):
+    """Whatever makes the client look again: it will never be in that state."""
+    process = begin(wexctl, "line", "cut")
+    wait_until(lambda: connections(daemon) > 0, "the client on the bus")
+    daemon.supervision.SetSupervised(5, False)
+
+    def look_again():
+        if told == "as changed":
+            daemon.state.SetVirtual(5, True)
+            daemon.box.line(5, "open")
+            daemon.box.line(5, "closed")
+        else:
+            daemon.state.DropIOPorts(["relay"])
+            daemon.state.RefreshIOPorts()
+
+    error = "wexctl: port 5 is not supervised, so it is never cut\n"
+    assert ended_by(process, look_again) == (2, "", error)
+
+
 @pytest.mark.parametrize(
     "arguments, status, error",
     [
