@@ -201,3 +201,30 @@ def test_a_supervised_ports_second_control_pin_is_used_as_it_stands(device, befo
     assert text(device, f"{PINS}/gpio{CTRL}", "value")[0] == "1"
     assert device.log_count("^WARNING: Failed to open SPI device.$") == 1
     assert device.log_count("^WARNING: Failed to open spi device.$") == 1
+
+
+def test_a_pin_that_is_exported_and_does_not_appear_is_given_back(device):
+    """It may be shown by a name that nothing tells."""
+    for name in ("export", "unexport"):
+        device.write(f"{PINS}/{name}", "").chmod(0o666)
+    start(device, gpio("output", inside=element("output", pin=OUT), optional="true") + port("other", 1))
+    assert device.log_count(f"^WARNING: Failed to allocate pin {OUT}/\\(null\\)$") == 1
+    assert device.read(f"{PINS}/export") == device.read(f"{PINS}/unexport") == str(OUT)
+
+
+@pytest.mark.parametrize("refused", ["direction", "edge"])
+def test_a_pin_that_refuses_its_setting_is_not_had(device, refused):
+    folder = export(device, IN, without=(refused,))
+    device.path(f"{folder}/{refused}").mkdir()
+    device.write(f"{PINS}/unexport", "").chmod(0o666)
+    start(device, gpio(inside=element("input", pin=IN), optional="true") + port("other", 1))
+    assert device.log_count(f"^WARNING: Failed to allocate pin {IN}/\\(null\\)$") == 1
+    assert device.read(f"{PINS}/unexport") == ""
+
+
+def test_a_pin_that_may_only_be_read_is_read(device):
+    folder = export(device, IN, level="1\n")
+    device.path(f"{folder}/value").chmod(0o444)
+    start(device, gpio(inside=element("input", pin=IN)))
+    assert device.state.GetState(0) is True
+    assert device.log_count("^WARNING") == 0

@@ -82,6 +82,14 @@ def test_changes_are_told_with_their_time(daemon, screen):
     terminal.wait_for(r"0 +door +Back door", "Input.Name is now 'Back door'")
 
 
+def test_the_last_five_hundred_changes_are_kept(daemon, screen):
+    terminal = screen(rows=600)
+    daemon.state.StartActionSequence(1, False, [(True, 0), (False, 0)] * 300)
+    lines = terminal.wait_for("port 1 relay: sequence done")
+    told = [line for line in lines if re.match(r" \d\d:\d\d:\d\d port 1 relay: ", line)]
+    assert len(told) == 500 and "off (output)" in told[-2] and "sequence done" in told[-1]
+
+
 def test_a_sequence_is_seen_running(daemon, screen):
     terminal = screen()
     daemon.state.StartActionSequence(2, False, [(True, 600_000), (False, 0)])

@@ -194,6 +194,8 @@ def test_a_line_that_is_not_supervised_any_more_is_not_waited_for(daemon, wexctl
     """Whatever makes the client look again: it will never be in that state."""
     process = begin(wexctl, "line", "cut")
     wait_until(lambda: connections(daemon) > 0, "the client on the bus")
+    for _ in range(50):  # while it looks
+        daemon.sync()
     daemon.supervision.SetSupervised(5, False)
 
     def look_again():
