@@ -1,5 +1,8 @@
 """The client on real chips, converters and nodes: what it finds here, and what it says is missing."""
 
+import errno
+import json
+import os
 import re
 import subprocess
 
@@ -10,6 +13,7 @@ from chips import CHIPS, LABELLED, NAMED, PLAIN
 from describe import element, port
 from gpio_ports import gpio_input
 from sim.bus import MANAGER_PATH, OtherSignal
+from supervised_ports import SPI, Supervision
 
 pytestmark = pytest.mark.pins
 
@@ -124,10 +128,14 @@ def test_a_chip_and_a_converter_that_went_are_told(tmp_path):
     assert re.search(r"note: port 'spare': ", told), told
 
 
-def status(device):
-    run = wexctl("status", DBUS_SYSTEM_BUS_ADDRESS=device.bus_address)
+def asked(device, *arguments):
+    run = wexctl(*arguments, DBUS_SYSTEM_BUS_ADDRESS=device.bus_address)
     assert run.returncode == 0
     return run.stdout
+
+
+def status(device):
+    return asked(device, "status")
 
 
 def test_a_port_whose_pin_went_with_its_chip_is_missing(root_device):
@@ -151,3 +159,17 @@ def test_a_port_whose_pin_went_with_its_chip_is_missing(root_device):
     told = announced.wait_for(OtherSignal, member="PropertiesChanged").values[1]
     assert told["PortsInService"] == 2 and told["MissingPorts"] == []
     assert "2 of 2 in service" in status(root_device)
+
+
+def test_a_line_that_cannot_be_read_is_told_as_such(root_device):
+    SPI.show("closed")
+    root_device.describe(SPI.port(number=1))
+    root_device.start()
+    Supervision(root_device).SetSupervised(1, True)
+    SPI.chip.fail(errno.EIO)
+    root_device.wait_for_log(f"^WARNING: Readout failed: {os.strerror(errno.EBADF)}")
+    told = f"{os.strerror(errno.EBADF)} (com.norv.IOSupervised.Error.Generic)"
+    (zone,) = json.loads(asked(root_device, "supervised", "show", "--json", "zone"))
+    assert zone["supervised"] is True and zone["error"] == told and "state" not in zone
+    assert re.search(rf"^1 +zone +on +{re.escape(told)} ", asked(root_device, "supervised", "show"), re.M)
+    assert json.loads(asked(root_device, "get", "zone", "--json"))["supervised"] == "undefined"

@@ -222,9 +222,19 @@ def test_a_pin_that_refuses_its_setting_is_not_had(device, refused):
     assert device.read(f"{PINS}/unexport") == ""
 
 
-def test_a_pin_that_may_only_be_read_is_read(device):
+def test_a_pin_that_may_only_be_read_is_read(ordinary_device):
+    device = ordinary_device
     folder = export(device, IN, level="1\n")
     device.path(f"{folder}/value").chmod(0o444)
     start(device, gpio(inside=element("input", pin=IN)))
     assert device.state.GetState(0) is True
     assert device.log_count("^WARNING") == 0
+
+
+@pytest.mark.parametrize("told", ["", "x\n"], ids=["nothing", "nonsense"])
+def test_a_file_that_holds_no_level_is_no_low_one(device, told):
+    folder = export(device, IN)
+    start(device, gpio(inside=element("input", pin=IN)))
+    assert device.state.GetState(0) is False
+    device.write(f"{folder}/value", told)
+    assert device.state.GetState(0) is True

@@ -2,9 +2,12 @@
 and for a while there is no second one."""
 
 import contextlib
+import signal
+import subprocess
 import time
 
 import pytest
+from client import Client
 from describe import element, port
 
 from sim.bus import ActionSequenceDone, BusError, PortChanged, wait_until
@@ -362,3 +365,16 @@ def test_a_coordinator_that_comes_and_is_silent_holds_nobody(device):
     assert duration_of(lambda: device.state.SetState(0, True)) < TIME_OUT - 5
     assert device.log_count(begins(Coordinator)) == 0
     device.wait_for_log(begins(Coordinator), deadline=PATIENCE)
+
+
+def test_the_client_tells_of_a_daemon_that_gives_no_answer(device, binary):
+    device.describe(port("p", 2))
+    device.start()
+    device.signal(signal.SIGSTOP)
+    try:
+        client = Client(device, binary).start("list", stderr=subprocess.PIPE)
+        _, errors = client.communicate(timeout=PATIENCE)
+    finally:
+        device.signal(signal.SIGCONT)
+    assert client.returncode == 3
+    assert errors == "wexctl: wexd does not answer: it gave no answer in time\n"

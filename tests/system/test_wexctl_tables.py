@@ -114,11 +114,3 @@ def test_supervised_ports_have_names_order_and_a_state_only_when_supervised(daem
     assert (loop["name"], loop["supervised"], loop["state"]) == ("loop", True, "cut")
     assert (line["name"], line["supervised"]) == ("line", False)
     assert "state" not in line and "level" not in line
-
-
-def test_an_input_that_is_not_published_is_listed_without_a_word(device, wexctl):
-    """Whether it is supervised nobody tells."""
-    device.describe(port("line", 0, "input", properties="virtual") + port("relay", 1))
-    device.start()
-    line, _ = done(wexctl("list", "--json")).json
-    assert line["name"] == "line" and "supervised" not in line

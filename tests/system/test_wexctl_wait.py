@@ -27,6 +27,7 @@ def device_with_box(device):
         + port("trigger", 4, properties="virtual", backend="virtual")
         + port("line", 5, "input", "iobox")
         + port("plain", 6, "input", "iobox")
+        + port("hidden", 7, "input", properties="virtual")
         + element("first_virtual_input", nbr=9)
     )
     return device
@@ -187,6 +188,11 @@ def connections(daemon):
 def connections_before(daemon):
     daemon.before = 0
     daemon.before = connections(daemon)
+
+
+def test_an_input_that_is_not_published_has_its_sense_only(daemon, wexctl):
+    """Whether it is supervised nobody tells."""
+    done(wexctl("wait", "7", "open", "--timeout", "0"))
 
 
 @pytest.mark.parametrize("told", ["as changed", "as missing"])

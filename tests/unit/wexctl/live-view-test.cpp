@@ -107,21 +107,27 @@ TEST(TheList, HasTheChosenPortInSight) {
   expect_chosen(0);
 }
 
-std::string bar_at(guint level) {
+// What is drawn of a supervised line called "line".
+std::string drawn_of(const Json& line) {
   auto shown = scene(1);
-  shown.look.lines = {
+  shown.look.lines = {line};
+  for (const auto& one : draw(shown, {88, 24})) {
+    if (const auto drawn = text(one); drawn.starts_with("   0  line")) {
+      return drawn;
+    }
+  }
+  return "";
+}
+
+std::string bar_at(guint level) {
+  const auto drawn = drawn_of(
       {{"number", 0},
        {"name", "line"},
        {"supervised", true},
        {"state", "closed"},
        {"level", level},
-       {"ranges", {range("short", 0, 9), range("closed", 20, 49), range("open", 50, 99)}}}};
-  for (const auto& line : draw(shown, {88, 24})) {
-    if (const auto drawn = text(line); drawn.starts_with("   0  line")) {
-      return drawn.substr(drawn.find(fmt::format("{:>5} ", level)) + 6);
-    }
-  }
-  return "";
+       {"ranges", {range("short", 0, 9), range("closed", 20, 49), range("open", 50, 99)}}});
+  return drawn.substr(drawn.find(fmt::format("{:>5} ", level)) + 6);
 }
 
 TEST(TheBar, HasItsMarkAtTheLevel) {
@@ -130,6 +136,15 @@ TEST(TheBar, HasItsMarkAtTheLevel) {
   EXPECT_EQ(bar_at(30), "short    ├clos◆d────────├open────────────────────┤ ");
   EXPECT_EQ(bar_at(99), "short    ├closed────────├open────────────────────◆ ");
   EXPECT_EQ(bar_at(500), "short    ├closed────────├open────────────────────◆ ");
+}
+
+TEST(ALineThatCannotBeRead, IsShownWithTheReason) {
+  const auto drawn = drawn_of({{"number", 0},
+                               {"name", "line"},
+                               {"supervised", true},
+                               {"error", "Input/output\nerror"},
+                               {"ranges", {range("closed", 20, 49)}}});
+  EXPECT_NE(drawn.find("Input/output\\x0aerror"), std::string::npos) << drawn;
 }
 
 } // namespace
