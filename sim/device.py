@@ -179,6 +179,11 @@ class Device:
         return self.process is not None and self.process.poll() is None
 
     @property
+    def alive(self):
+        """Whether there is a daemon in the sandbox that runs."""
+        return self.running and sandbox.child_of(self._init_pid) is not None
+
+    @property
     def pid(self):
         """The process id of the daemon as the host sees it."""
 

@@ -97,8 +97,10 @@ class Controls:
 
     def _restart(self):
         """Ends the daemon, if it still runs, and starts it."""
-        if self._device.running:
+        if self._device.alive:
             self._device.stop()
+        else:
+            self._device.kill()  # a sandbox outlives its daemon by a moment
         self._device.start()
 
 
