@@ -466,6 +466,20 @@ def test_a_reading_that_fails_amid_an_event_leaves_nothing_unarmed(device):
     signals.assert_none()
 
 
+def test_a_reading_that_fails_beyond_a_limit_is_told_and_tried_again(device):
+    IIO_INTERRUPT.show("cut")
+    start(device, IIO_INTERRUPT.port(upper_limit=200, limit_timeout=10))
+    device.wait_for_log("event send .*SupervisedPort .*state=cut ")
+    signals = device.signals()
+    ADC_LE12.fail_readings(errno.EIO)
+    device.wait_for_log("^WARNING: Unable to read from port zone$")
+    IIO_INTERRUPT.show("closed")
+    signals.assert_none()
+    ADC_LE12.fail_readings(0)
+    signals.wait_for(PortChanged, port=0, input=True)
+    wait_until(lambda: armed() == (100, 50, ["rising", "falling"]), "armed thresholds")
+
+
 def test_readings_that_fail_from_the_start_cost_nothing_and_are_told_once(device):
     IIO_INTERRUPT.show("closed")
     ADC_LE12.fail_readings(errno.EIO)
