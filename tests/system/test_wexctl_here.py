@@ -131,16 +131,22 @@ def test_without_here_no_hardware_is_looked_for(inside, machine):
     assert inside("check").stdout == ""
 
 
+def described(inside):
+    """What the client says of the machine, as the text of a description."""
+    said = inside("describe")
+    assert (said.returncode, said.stderr) == (0, "")
+    return said.stdout
+
+
 def test_a_description_of_what_is_here_passes_the_check_with_its_ports(inside, machine):
     machine.write("/sys/bus/iio/devices/iio:device1/name", 'odd "--> <name>\n')
     machine.write("/dev/iio:device1", "")
     machine.write("/sys/bus/iio/devices/iio:device1/in_voltage0_raw", "1\n")
-    said = inside("describe")
-    assert (said.returncode, said.stderr) == (0, "")
-    assert "pins by number: soc has 32 from 32 on" in said.stdout
-    machine.write(CONFIG, said.stdout)
+    said = described(inside)
+    assert "pins by number: soc has 32 from 32 on" in said
+    machine.write(CONFIG, said)
     assert inside("check").stdout == ""
-    uncommented = re.sub(r"<!--\n  (<port .*?</port>)\n  -->", r"\1", said.stdout, flags=re.DOTALL)
+    uncommented = re.sub(r"<!--\n  (<port .*?</port>)\n  -->", r"\1", said, flags=re.DOTALL)
     assert uncommented.count("\n  <port ") == 3
     machine.write(CONFIG, uncommented)
     checked = inside("check", "--here")
@@ -152,11 +158,10 @@ def test_what_cannot_be_asked_is_described_as_such(inside, device):
     device.write("/dev/gpiochip0", "")
     device.write("/sys/class/gpio/gpiochip32/base", "32\n")
     device.write("/sys/class/gpio/gpiochip32/ngpio", "8\n")
-    said = inside("describe")
-    assert (said.returncode, said.stderr) == (0, "")
-    assert "  <!-- gpiochip0 cannot be opened by this user -->\n" in said.stdout
-    assert "  <!-- pins by number:  has 8 from 32 on -->\n" in said.stdout
-    device.write(CONFIG, said.stdout)
+    said = described(inside)
+    assert "  <!-- gpiochip0 cannot be opened by this user -->\n" in said
+    assert "  <!-- pins by number:  has 8 from 32 on -->\n" in said
+    device.write(CONFIG, said)
     assert "error" not in inside("check").stdout
 
 
