@@ -56,7 +56,7 @@ def findings(source, command):
     """What is found in one source, as {(kind, source)}, with the text of it."""
     done = subprocess.run(
         [*command, "-fanalyzer", "-Wno-error", "-o", os.devnull],
-        cwd=TOP, capture_output=True, text=True, check=False,
+        cwd=TOP, capture_output=True, text=True, check=False, env={**os.environ, "LC_ALL": "C"},
     )  # fmt: skip
     if done.returncode:
         sys.exit(f"{source} does not compile:\n{done.stderr}")
