@@ -9,6 +9,7 @@ import time
 import pytest
 from client import done
 from describe import port
+from gi.repository import GLib
 
 from sim.bus import wait_until
 from sim.peers import IoBox
@@ -61,6 +62,22 @@ class Watch:
 @pytest.fixture
 def watch(daemon, wexctl, tmp_path):
     return lambda *arguments, **options: Watch(wexctl, tmp_path, *arguments, **options)
+
+
+def test_settings_are_heard_from_the_daemon_alone(daemon, watch):
+    seen = watch()
+    interface = "com.norv.Configuration.Legacy.IOControl1.IOPort"
+    bus = "org.freedesktop.DBus"
+    everybody = daemon.first_client.call(bus, "/org/freedesktop/DBus", bus, "ListNames")
+    for receiver in (None, *(name for name in everybody if name.startswith(":"))):
+        daemon.first_client.connection.emit_signal(
+            receiver, "/com/norv/Configuration/Legacy/IOControl/IOPort/1", "org.freedesktop.DBus.Properties",
+            "PropertiesChanged",
+            GLib.Variant("(sa{sv}as)", (interface, {"Usage": GLib.Variant.new_bytestring(b"Forged")}, [])),
+        )  # fmt: skip
+    daemon.state.SetUsage(1, "Gate")
+    seen.wait_for("port 1 relay: IOPort.Usage is now 'Gate'")
+    assert not any("Forged" in line for line in seen.lines)
 
 
 def test_only_the_chosen_ports_are_shown(daemon, watch):

@@ -35,7 +35,7 @@ Changes::Changes(const Daemon& daemon, ChangeListener& listener)
       supervision_(daemon.supervised(), "notify::g-name-owner", G_CALLBACK(on_supervision_served),
                    this),
       settings_(g_dbus_connection_signal_subscribe(
-          daemon.connection(), nullptr, "org.freedesktop.DBus.Properties", "PropertiesChanged",
+          daemon.connection(), state_name, "org.freedesktop.DBus.Properties", "PropertiesChanged",
           nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, on_setting, this, nullptr)),
       watch_(g_bus_watch_name_on_connection(daemon.connection(), state_name,
                                             G_BUS_NAME_WATCHER_FLAGS_NONE, on_appeared, on_vanished,
