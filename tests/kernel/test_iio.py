@@ -263,6 +263,17 @@ def test_a_scan_that_keeps_another_channel_drops_only_its_port(device):
     assert device.log_count("^WARNING: Failed to setup iio device.") == 1
 
 
+def test_a_scan_that_does_not_take_the_channel_drops_only_its_port(device):
+    own = ADC_LE12.folder / f"scan_elements/in_voltage{IIO.channel}_en"
+    with stuck(own):
+        start(device, IIO.port(), gpio_input("door", 1, PLAIN[8]))
+        assert list(device.ports()) == [1]
+    told = "^WARNING: The scan of bench-adc-le12 does not take the port's channel$"
+    assert device.log_count(told) == 1
+    assert device.log_count("^WARNING: Failed to setup iio device.") == 1
+    assert ADC_LE12.attribute("buffer/enable") == "0"
+
+
 def change_scan(adc, element, switch):
     """As another program does it."""
     (adc.folder / "buffer/enable").write_text("0")

@@ -570,6 +570,58 @@ def test_a_level_above_all_thresholds_that_are_taken_is_polled(device, kind):
     signals.wait_for(PortChanged, port=0, input=True)
 
 
+@pytest.mark.parametrize("kind", [IIO_INTERRUPT, IIO_EITHER], ids=repr)
+def test_a_level_above_the_known_end_of_the_scale_is_polled(device, kind):
+    """The threshold at the end is no use to a level that has passed it."""
+    kind.chip.limit_thresholds(240)
+    kind.show("closed")
+    start(device, kind.port(limit_timeout=50))
+    thresholds = lambda: armed(kind.chip, f"voltage{kind.channel}")  # noqa: E731
+    kind.show("cut")
+    wait_until(lambda: thresholds()[:2] == (240, 200) and thresholds()[2], "the end of the scale")
+    kind.chip.set_value(250, kind.channel)
+    device.wait_for_log("^WARNING: The level of port 0 is beyond its converter's thresholds, polling it every 50 ms$")
+    wait_until(lambda: thresholds()[2] == [], "no threshold")
+    signals = device.signals()
+    kind.show("open")
+    signals.wait_for(PortChanged, port=0, input=True)
+    wait_until(lambda: thresholds()[:2] == (180, 110), "thresholds")
+    device.wait_for_log("Converter of port 0 takes its thresholds again$")
+    assert len(warnings(device)) == 2
+
+
+def test_a_scale_that_has_become_smaller_is_measured_anew(device):
+    ADC_LE12.limit_thresholds(245)
+    IIO_INTERRUPT.show("closed")
+    start(device, IIO_INTERRUPT.port(limit_timeout=50))
+    IIO_INTERRUPT.show("cut")
+    wait_until(lambda: armed() == (245, 200, ["rising", "falling"]), "the end of the scale")
+    IIO_INTERRUPT.show("open")
+    wait_until(lambda: armed() == (180, 110, ["rising", "falling"]), "thresholds around open")
+    ADC_LE12.limit_thresholds(235)
+    IIO_INTERRUPT.show("cut")
+    wait_until(lambda: armed() == (235, 200, ["rising", "falling"]), "the new end of the scale")
+    beyond = "^WARNING: Threshold 255 of bench-adc-le12 in_voltage2 is beyond its scale, using {}$"
+    assert device.log_count(beyond.format(245)) == 1
+    assert device.log_count(beyond.format(235)) == 1
+    device.wait_for_log("Converter of port 0 takes its thresholds again$")
+
+
+def test_an_event_of_a_port_without_ranges_is_told_and_no_more(device):
+    """Nothing was armed, so it was somebody else who asked for the event."""
+    IIO_INTERRUPT.show("short")
+    start(device, IIO_INTERRUPT.port(levels=()))
+    assert armed() == (1, 0, [])
+    signals = device.signals()
+    (ADC_LE12.folder / f"events/in_voltage{CHANNEL}_thresh_rising_value").write_text("100")
+    (ADC_LE12.folder / f"events/in_voltage{CHANNEL}_thresh_rising_en").write_text("1")
+    IIO_INTERRUPT.show("cut")
+    device.wait_for_log("^WARNING: Readout failed: Failed to get ranges from port zone$")
+    assert armed()[2] == []
+    device.sync()
+    signals.assert_none(PortChanged)
+
+
 def test_the_level_is_polled_once_a_second_unless_told_otherwise(device):
     IIO_INTERRUPT.chip.limit_thresholds(220)
     IIO_INTERRUPT.show("cut")

@@ -5,6 +5,7 @@ import contextlib
 import os
 import pathlib
 import shutil
+import subprocess
 
 import pytest
 from client import Client
@@ -54,6 +55,23 @@ def pytest_terminal_summary(terminalreporter):
 @pytest.fixture(scope="session")
 def binary(pytestconfig):
     return pathlib.Path(pytestconfig.getoption("--binary")).resolve()
+
+
+@pytest.fixture(scope="session")
+def preloadable(tmp_path_factory):
+    """Builds a library of those beside the tests, for a daemon to load before all others."""
+
+    def build(source, *packages):
+        built = tmp_path_factory.mktemp("preloadable") / pathlib.PurePath(source).with_suffix(".so")
+        needed = ["pkg-config", "--cflags", "--libs", *packages]
+        flags = subprocess.run(needed, check=True, capture_output=True, text=True).stdout.split() if packages else []
+        subprocess.run(
+            ["cc", "-shared", "-fPIC", "-Wall", "-Wextra", "-Werror",
+             pathlib.Path(__file__).with_name(source), "-o", built, *flags, "-ldl"], check=True,
+        )  # fmt: skip
+        return built
+
+    return build
 
 
 @pytest.hookimpl(hookwrapper=True)

@@ -1,8 +1,6 @@
 """What the daemon says, and what it still does, when the bus library refuses one thing."""
 
-import pathlib
 import signal
-import subprocess
 
 import pytest
 from describe import element, port
@@ -12,21 +10,12 @@ from sim.peers import Coordinator, IoBox, Streamer
 
 pytestmark = pytest.mark.uninstrumented
 
-SOURCE = pathlib.Path(__file__).with_name("broken-bus.c")
 LIBRARY = "/run/broken-bus.so"
 
 
 @pytest.fixture(scope="session")
-def library(tmp_path_factory):
-    built = tmp_path_factory.mktemp("broken-bus") / "broken-bus.so"
-    flags = subprocess.run(
-        ["pkg-config", "--cflags", "--libs", "gio-2.0"], check=True, capture_output=True, text=True
-    ).stdout.split()
-    subprocess.run(
-        ["cc", "-shared", "-fPIC", "-Wall", "-Werror", SOURCE, "-o", built, *flags, "-ldl"],
-        check=True,
-    )
-    return built
+def library(preloadable):
+    return preloadable("broken-bus.c", "gio-2.0")
 
 
 @pytest.fixture

@@ -1,6 +1,7 @@
 """Converters on plain sysfs files: what set-up says and writes, step by step, and what
 samples from a pipe in the place of the device node read as."""
 
+import errno
 import os
 import re
 import signal
@@ -551,3 +552,37 @@ def test_the_ranges_of_a_description_follow_the_order_of_their_attributes(device
     assert saved["supervised_input_ranges"] == (
         "[('open', uint32 0, uint32 10), ('closed', 20, 40), ('cut', 4294967291, 65535)]"
     )
+
+
+@pytest.fixture
+def closing_badly(make_device, preloadable):
+    """Its converters' and triggers' files for the rate fail when they are closed."""
+    library = "/run/broken-close.so"
+    preload = (f"LD_PRELOAD={library}", "BROKEN_CLOSE=/sampling_frequency")
+    device = make_device(wrapper=("env", *preload))
+    device.write(library, preloadable("broken-close.c").read_bytes())
+    return device
+
+
+@pytest.mark.uninstrumented
+def test_a_file_that_cannot_be_closed_is_told_only(closing_badly):
+    converter(closing_badly)
+    start(closing_badly)
+    told = f"^WARNING: Failed to close sysfs path '{TIMER}/sampling_frequency': {os.strerror(errno.EIO)}$"
+    assert closing_badly.log_count(told) == 1
+    assert closing_badly.read(f"{TIMER}/sampling_frequency") == "50"
+    assert closing_badly.read(f"{ADC}/buffer/enable") == "1"
+
+
+@pytest.mark.uninstrumented
+def test_a_devices_setting_that_cannot_be_closed_is_told_only(closing_badly):
+    converter(closing_badly)
+    closing_badly.write(NODE, "")
+    files = [f"{ADC}/sampling_frequency"]
+    files += (f"{ADC}/events/in_voltage2_thresh_{name}" for name in ("rising_value", "falling_value", "either_en"))
+    for path in files:
+        closing_badly.write(path, "").chmod(0o666)
+    interrupts(closing_badly, driver="adc", channel="2", shared_samplefreq="12")
+    assert warnings(closing_badly) == ["WARNING: Couldn't close sampling_frequency"]
+    assert closing_badly.read(f"{ADC}/sampling_frequency") == "12"
+    assert 0 in closing_badly.ports()
