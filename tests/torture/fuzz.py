@@ -41,7 +41,7 @@ def dictionary(target):
 def seen(text):
     """What a sanitizer saw, or where a check of the target's own ended it."""
     found = re.search(r"(\S+: runtime error: .*|ERROR: \w+Sanitizer: .*|GLib: .*)", text)
-    place = re.search(r"in (?!fuzz_require|__|fuzzer::)(\S*fuzz\S*\(.*tests/fuzz/\S+)", text)
+    place = re.search(r"in (?!fuzz_require|__|fuzzer::)(\S*[Ff]uzz[^\n]* \S*tests/fuzz/\S+)", text)
     return found[1] if found else place[1] if place else text[-200:]
 
 
@@ -62,6 +62,32 @@ ANY_SHIFT = Fault(
     "a sample is shifted by as many bits as the kernel says", "src/backends/iio-utils.h",
     "  return shift < 32 ? value >> shift : 0;", "  return value >> shift;",
 )  # fmt: skip
+NO_EVENT = Fault(
+    "an event's argument is taken without an event", "src/core/conf-reader.cpp",
+    """    if (event == nullptr) {
+      refuse(place, "belongs to no event; it is ignored");
+      return;
+    }
+""",
+    "",
+)  # fmt: skip
+ANY_RANGES = Fault(
+    "ranges are read whatever their type is", "src/param/param-port-group.cpp",
+    "  if (!g_variant_is_of_type(value, G_VARIANT_TYPE(\"a(suu)\"))) {", "  if (false) {",
+)  # fmt: skip
+NO_NAME = Fault(
+    "bytes that are no text are taken for a name of the older service", "src/param/sedrin-import.cpp",
+    " || !g_utf8_validate_len(name.data(), name.size(), nullptr)) {", ") {",
+)  # fmt: skip
+ONE_BEYOND = Fault(
+    "a sample is read from one byte too far on", "src/backends/iio-utils.cpp",
+    "sample[big_endian ? i : sample.size() - 1 - i]", "sample[big_endian ? i : sample.size() - i]",
+)  # fmt: skip
+NO_STATE = Fault(
+    "a word that names no state becomes a state without a name", "src/port/supervised-utils.cpp",
+    "  return SUPERVISED_UNDEFINED;\n}\n\nconst char*",
+    "  return static_cast<SupervisedState>(SUPERVISED_UNDEFINED + 1);\n}\n\nconst char*",
+)  # fmt: skip
 
 CAMPAIGN = Campaign(
     "fuzz",
@@ -70,5 +96,10 @@ CAMPAIGN = Campaign(
         trial("dispatch", "calls, properties and messages of clients", NO_TEXT),
         trial("peers", "answers and signals of the services around, which come and go", ANY_TYPE),
         trial("kernel", "files of /sys, samples, names and labels of GPIO chips", ANY_SHIFT),
+        trial("description", "descriptions of the hardware", NO_EVENT),
+        trial("settings", "settings, which are the same after they were saved", ANY_RANGES),
+        trial("import", "settings of the older service", NO_NAME),
+        trial("samples", "kinds of samples, and samples", ONE_BEYOND),
+        trial("ranges", "supervised ranges, and levels in them", NO_STATE),
     ),
 )
