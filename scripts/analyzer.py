@@ -76,13 +76,14 @@ def main():
     build = parser.parse_args().daemon
     sources = daemon_sources(build) if build else c_programs()
     everywhere, places = known(sources) if build else (set(), set())
+    found, bad = set(), set()
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        results = list(pool.map(lambda item: findings(*item), sources.items()))
-    found = set().union(*(found for found, _ in results))
-    bad = {(kind, source) for kind, source in found if kind not in everywhere} - places
-    for told, text in results:
-        if told & bad:
-            print(text)
+        for told, text in pool.map(lambda item: findings(*item), sources.items()):
+            wrong = {(kind, source) for kind, source in told if kind not in everywhere} - places
+            if wrong:
+                print(text, flush=True)
+            found |= told
+            bad |= wrong
     gone = places - found
     for kind, source in sorted(gone):
         print(f"{source}: {kind} is no longer found; take it off {KNOWN.name}")
