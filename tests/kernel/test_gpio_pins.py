@@ -38,6 +38,19 @@ def test_inputs_are_found_by_number_and_by_name(device):
         assert_serves(device, signals, line, i)
 
 
+@pytest.mark.sysfs
+@pytest.mark.parametrize("line", [PLAIN[5], NAMED[5]], ids=repr)
+def test_a_pin_that_is_exported_already_is_found_by_number_and_stays(device, line):
+    """The files of a named one are in a folder of that name."""
+    folder = line.export()
+    device.describe(gpio_input("in", 0, line))
+    device.start()
+    assert_serves(device, device.signals(), line, 0)
+    assert device.log_count("^WARNING") == 0
+    device.stop()
+    assert folder.exists()
+
+
 def test_outputs_are_found_by_number_and_by_name(device):
     device.describe(
         "".join(gpio_output(f"out{i}", i, line, by=by) for i, (line, by) in enumerate(WAYS))
