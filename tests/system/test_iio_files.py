@@ -382,6 +382,8 @@ def test_a_line_has_no_state_before_its_first_sample(device):
     device.restart()
     wait_for_supervision(device)
     assert device.supervision.GetSupervisedReadout(0) == ("undefined", 0)
+    # It serves before it tells the first state.
+    wait_until(lambda: states_told(device), "the first state")
     samples.send(50)
     device.wait_for_log("event send .*SupervisedPort .*state=open ")
     assert states_told(device) == ["undefined", "open"]
