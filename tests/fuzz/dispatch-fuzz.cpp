@@ -1,6 +1,7 @@
 // What clients send over the bus: calls of every method, properties of every object, with arguments
 // of any type and any bytes, and whole messages as bytes. Whoever waits for an answer gets one.
 #include "fuzz-bus.h"
+#include "fuzz-ports.h"
 
 #include "dbus/iocontrol-conf-legacy-dbus.h"
 #include "dbus/iocontrol.h"

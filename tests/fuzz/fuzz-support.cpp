@@ -18,21 +18,6 @@ bool is_text(const OptionalText& text) {
   return !text || is_text(std::string_view(*text));
 }
 
-void add_port(gint number, PortType type, const char* name, BackendKind backend,
-              const char* property) {
-  const IoPortRef port = io_port_new();
-  port->type = type;
-  port->number = number;
-  port->name = name;
-  io_port_add_property(port.get(), "ioport", "true");
-  if (property != nullptr) {
-    io_port_add_property(port.get(), property, "true");
-  }
-  std::ignore = io_port_set_backend(port.get(), backend);
-  fuzz_require(io_port_setup(port.get()));
-  io_port_list_add(port.get());
-}
-
 std::atomic<bool> judging{true};
 
 std::string_view field_of(std::span<const GLogField> fields, std::string_view key) {
@@ -68,14 +53,6 @@ FuzzFile::~FuzzFile() {
 
 void fuzz_judge_glib(bool judge) {
   judging = judge;
-}
-
-void fuzz_add_ports() {
-  add_port(0, PORT_INPUT, "in", BACKEND_GPIO, nullptr);
-  add_port(1, PORT_OUTPUT, "out", BACKEND_GPIO, nullptr);
-  add_port(2, PORT_IO_CTRL, "both", BACKEND_GPIO, nullptr);
-  add_port(3, PORT_IO_CTRL, "locked", BACKEND_GPIO, "readonly");
-  add_port(4, PORT_INPUT, "line", BACKEND_IIO, nullptr);
 }
 
 void fuzz_check_ports() {

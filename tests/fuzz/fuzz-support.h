@@ -1,4 +1,5 @@
-// What the fuzz targets share: input as a file or as numbers, a bench of ports, and silence.
+// What the fuzz targets share: input as a file or as numbers, what must hold of ports, and
+// silence.
 #pragma once
 
 #include "port/ioport-list.h"
@@ -43,10 +44,6 @@ Number fuzz_take(FuzzInput& input) {
   input = input.subspan(size);
   return number;
 }
-
-/// Fills the port list with one port of each type on fake hardware: an input (0), an output (1), a
-/// configurable one (2), a read-only one (3) and a supervised input (4).
-void fuzz_add_ports();
 
 /// Whether a complaint of GLib's ends the process, as it does unless told otherwise.
 void fuzz_judge_glib(bool judge);

@@ -1,5 +1,5 @@
 // The one-time import of an older service's settings.
-#include "fuzz-support.h"
+#include "fuzz-ports.h"
 
 #include "param/sedrin-import.h"
 

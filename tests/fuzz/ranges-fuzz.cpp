@@ -1,5 +1,5 @@
 // Supervised ranges as a client sends them, and levels looked up in them.
-#include "fuzz-support.h"
+#include "fuzz-ports.h"
 
 #include "port/supervised-utils.h"
 

@@ -1,5 +1,5 @@
 // The user's settings: what was read is written, and reads the same again.
-#include "fuzz-support.h"
+#include "fuzz-ports.h"
 
 #include "param/param-port-group.h"
 
