@@ -252,24 +252,20 @@ def stuck(file):
             subprocess.run(["/usr/bin/umount", file], check=True)
 
 
-def test_a_scan_that_keeps_another_channel_drops_only_its_port(device):
-    other = ADC_LE12.folder / "scan_elements/in_voltage0_en"
-    other.write_text("1")
-    with stuck(other):
+@pytest.mark.parametrize(
+    "channel, kept, told",
+    [
+        (0, "1", "holds in_voltage0_en besides the port's channel"),
+        (IIO.channel, "0", "does not take the port's channel"),
+    ],
+)
+def test_a_scan_that_cannot_be_changed_drops_only_its_port(device, channel, kept, told):
+    switch = ADC_LE12.folder / f"scan_elements/in_voltage{channel}_en"
+    switch.write_text(kept)
+    with stuck(switch):
         start(device, IIO.port(), gpio_input("door", 1, PLAIN[8]))
         assert list(device.ports()) == [1]
-    told = "^WARNING: The scan of bench-adc-le12 holds in_voltage0_en besides the port's channel$"
-    assert device.log_count(told) == 1
-    assert device.log_count("^WARNING: Failed to setup iio device.") == 1
-
-
-def test_a_scan_that_does_not_take_the_channel_drops_only_its_port(device):
-    own = ADC_LE12.folder / f"scan_elements/in_voltage{IIO.channel}_en"
-    with stuck(own):
-        start(device, IIO.port(), gpio_input("door", 1, PLAIN[8]))
-        assert list(device.ports()) == [1]
-    told = "^WARNING: The scan of bench-adc-le12 does not take the port's channel$"
-    assert device.log_count(told) == 1
+    assert device.log_count(f"^WARNING: The scan of bench-adc-le12 {told}$") == 1
     assert device.log_count("^WARNING: Failed to setup iio device.") == 1
     assert ADC_LE12.attribute("buffer/enable") == "0"
 
