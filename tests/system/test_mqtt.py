@@ -75,6 +75,26 @@ def test_every_change_is_told_in_order(device, broker):
     assert changes == [told(turn % 2 == 0) for turn in range(101)]
 
 
+@pytest.mark.uninstrumented
+def test_a_broker_that_takes_a_message_in_pieces_has_them_all(make_device, binary, preloadable):
+    library = "/run/slow-socket.so"
+    device = make_device(
+        binary=binary.parent / "tests" / "wexd-mqtt", wrapper=("env", f"LD_PRELOAD={library}")
+    )
+    device.write(library, preloadable("slow-socket.c").read_bytes())
+    device.describe(port("lamp", 0, inside=IO_PORT))
+    configure(device)
+    with Broker(device) as broker:
+        messages = broker.listen()
+        device.start()
+        messages.wait_for(LAMP, told(False))
+        for turn in range(20):
+            device.state.SetState(0, turn % 2 == 0)
+        messages.wait_for(LAMP, told(False), count=11)
+        changes = messages.texts(LAMP)
+        assert changes[changes.index(told(True)) :] == [told(turn % 2 == 0) for turn in range(20)]
+
+
 def test_an_occurrence_is_not_retained(device, broker):
     alarm = element("keyvalue", key="what", value='a "knock"', type="string") + element(
         "keyvalue", key="loud", value="0.5", type="double"
