@@ -469,7 +469,9 @@ def test_a_reading_that_fails_amid_an_event_leaves_nothing_unarmed(device):
 def test_a_reading_that_fails_beyond_a_limit_is_told_and_tried_again(device):
     IIO_INTERRUPT.show("cut")
     start(device, IIO_INTERRUPT.port(upper_limit=200, limit_timeout=10))
-    device.wait_for_log("event send .*SupervisedPort .*state=cut ")
+    # Told once as the port is supervised, and once more as its watch has found the same.
+    device.wait_for_log("event send .*SupervisedPort .*state=cut ", count=2)
+    device.sync()
     signals = device.signals()
     ADC_LE12.fail_readings(errno.EIO)
     device.wait_for_log("^WARNING: Unable to read from port zone$")
