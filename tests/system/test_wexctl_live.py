@@ -173,6 +173,8 @@ def test_with_control_a_sequence_is_stopped(daemon, screen):
     terminal.keys("x")
     says(daemon.manager.GetRunningSequences, [])
     assert daemon.state.GetState(2) is True
+    terminal.keys("q")
+    terminal.wait_for("^ended with status 0$")
 
 
 def test_with_control_no_key_drives_a_daemon_that_is_gone(daemon, screen):
